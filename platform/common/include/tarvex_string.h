@@ -1,0 +1,22 @@
+#ifndef TARVEX_STRING_H
+#define TARVEX_STRING_H
+
+#include <stdarg.h>
+
+#include "tarvex_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* printf into a newly allocated string (free with free()); NULL when memory
+ * runs out or the format fails. */
+char *tarvex_common_create_string(const char *format, ...)
+    __attribute__((format(printf, 1, 2)));
+char *tarvex_common_v_create_string(const char *format, va_list ap);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

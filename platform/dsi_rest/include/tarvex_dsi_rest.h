@@ -1,0 +1,244 @@
+/*
+ * tarvex_dsi_rest: a synchronous HTTP(S) client for storage plug-ins, on
+ * libcurl.
+ *
+ * One call of tarvex_dsi_rest_request() is one HTTP exchange made on the
+ * calling thread.  Connections are kept alive and reused between requests
+ * of the same thread, TLS sessions are reused, redirects are never
+ * followed (a 302 and its "Location" reach the caller), and bodies are
+ * streamed through callbacks.  TLS peer and host verification are always
+ * on; a CA file for test servers can be set with
+ * tarvex_dsi_rest_set_ca_file() or the environment variable
+ * TARVEX_DSI_REST_CA_FILE.
+ *
+ * Result: TARVEX_SUCCESS means an HTTP exchange happened and its status is
+ * known (through the response callback); anything else means none did
+ * (resolve, connect, TLS, time-out, a callback that failed, ...).
+ *
+ * Debug output: TARVEX_DSI_REST_DEBUG (grammar of tarvex_debug.h; levels
+ * "ERROR WARN INFO DEBUG TRACE").
+ */
+#ifndef TARVEX_DSI_REST_H
+#define TARVEX_DSI_REST_H
+
+#include <jansson.h>
+
+#include "tarvex_common.h"
+#include "tarvex_gridftp_server.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+extern tarvex_module_descriptor_t tarvex_i_dsi_rest_module;
+
+/* ---- key arrays: query parameters, request headers, wanted headers ---- */
+
+typedef struct tarvex_dsi_rest_key_value_s {
+    const char *key;
+    const char *value;
+} tarvex_dsi_rest_key_value_t;
+
+typedef struct tarvex_dsi_rest_key_array_s {
+    size_t count;
+    tarvex_dsi_rest_key_value_t *key_value;
+} tarvex_dsi_rest_key_array_t;
+
+/* ---- callbacks ---- */
+
+/* Called once the response status line and headers have arrived, before
+ * any body byte.  `response_headers` holds every header received (keys as
+ * sent by the server).  A failure aborts the request. */
+typedef tarvex_result_t (*tarvex_dsi_rest_response_t)(
+    void *response_callback_arg, int response_code, const char *response_status,
+    const tarvex_dsi_rest_key_array_t *response_headers);
+
+/* Called once at the end of every request with its result. */
+typedef void (*tarvex_dsi_rest_complete_t)(void *complete_callback_arg,
+                                           tarvex_result_t result);
+
+/* Produces the request body: fills up to `buffer_length` bytes of `buffer`
+ * and stores the count in `bytes_written`; 0 bytes means the body is
+ * complete.  A failure aborts the request.  A callback may be called for
+ * several requests with the same argument (retries); the stock callbacks
+ * start from the beginning of their data at each request. */
+typedef tarvex_result_t (*tarvex_dsi_rest_data_write_t)(
+    void *write_callback_arg, char *buffer, size_t buffer_length,
+    size_t *bytes_written);
+
+/* Consumes the response body, one piece at a time.  A failure aborts the
+ * request. */
+typedef tarvex_result_t (*tarvex_dsi_rest_data_read_t)(
+    void *read_callback_arg, void *buffer, size_t buffer_length);
+
+/* Called as the transfer progresses (and at least once a second while it
+ * waits).  A failure aborts the request. */
+typedef tarvex_result_t (*tarvex_dsi_rest_progress_t)(
+    void *progress_callback_arg, uint64_t total_read_expected,
+    uint64_t read_so_far, uint64_t total_write_expected, uint64_t written_so_far);
+
+typedef struct tarvex_dsi_rest_callbacks_s {
+    tarvex_dsi_rest_response_t response_callback;
+    void *response_callback_arg;
+    tarvex_dsi_rest_complete_t complete_callback;
+    void *complete_callback_arg;
+    tarvex_dsi_rest_data_write_t data_write_callback;
+    void *data_write_callback_arg;
+    tarvex_dsi_rest_data_read_t data_read_callback;
+    void *data_read_callback_arg;
+    tarvex_dsi_rest_progress_t progress_callback;
+    void *progress_callback_arg;
+} tarvex_dsi_rest_callbacks_t;
+
+/* ---- the request ---- */
+
+/*
+ * method: "GET", "PUT", "POST", "DELETE", ...
+ * url:    absolute URL.
+ * query:  pairs URL-encoded and appended ("?k=v&k2=v2"); a pair whose value
+ *         is NULL is left out.  May be NULL.
+ * headers: request headers, sent in order.  A header with an empty value
+ *         ("") removes that header from what the client would send by
+ *         itself (for example "Transfer-Encoding" = "" makes a body with a
+ *         known length go out with "Content-Length" instead of chunked).
+ *         A "Content-Length" header fixes the body length.  May be NULL.
+ * callbacks: may be NULL (no body either way; the status is then lost).
+ *
+ * Body length: with the stock block and JSON writers the length is known
+ * and sent as "Content-Length"; other writers send chunked unless the
+ * caller gives "Content-Length".
+ *
+ * The body of an answer with status 300 or above is never handed to
+ * tarvex_dsi_rest_read_gridftp_op: error pages do not land in a transfer.
+ */
+tarvex_result_t tarvex_dsi_rest_request(
+    const char *method, const char *url,
+    const tarvex_dsi_rest_key_array_t *query,
+    const tarvex_dsi_rest_key_array_t *headers,
+    const tarvex_dsi_rest_callbacks_t *callbacks);
+
+/* True for transport failures where a new attempt may help: connection
+ * refused or reset, time-out (including the idle time-out), a partial
+ * transfer, a send or receive error.  False for everything else
+ * (TARVEX_SUCCESS, resolve and TLS failures, callback failures, ...). */
+bool tarvex_dsi_rest_error_is_retryable(tarvex_result_t result);
+
+/* CA bundle used to verify servers (NULL: the system's). */
+void tarvex_dsi_rest_set_ca_file(const char *path);
+
+/* Closes this thread's cached connections. */
+void tarvex_dsi_rest_close_connections(void);
+
+/* Number of new connections this process has opened (for benchmarks and
+ * tests of connection reuse). */
+uint64_t tarvex_dsi_rest_connections_opened(void);
+
+/* Error types of the REST client's own errors (source module
+ * tarvex_i_dsi_rest_module). */
+enum {
+    TARVEX_DSI_REST_ERROR_TRANSPORT = 1, /* retryable transport failure */
+    TARVEX_DSI_REST_ERROR_FATAL = 2,     /* transport failure not worth retrying */
+    TARVEX_DSI_REST_ERROR_TIMEOUT = 3,   /* idle time-out (retryable) */
+    TARVEX_DSI_REST_ERROR_CALLBACK = 4,  /* a callback failed (not retryable) */
+    TARVEX_DSI_REST_ERROR_ARGUMENT = 5   /* bad arguments */
+};
+
+/* ---- stock callbacks ---- */
+
+/* The response record.  The caller names the headers it wants in
+ * desired_headers (keys; values NULL before the call); the stock response
+ * callback fills response_code and the value of each wanted header
+ * (matched case-insensitively; NULL when absent).  Filled values are
+ * allocated: release them with tarvex_dsi_rest_response_arg_clear() or
+ * free(). The byte counts are filled when the request ends. */
+typedef struct tarvex_dsi_rest_response_arg_s {
+    int response_code;
+    tarvex_dsi_rest_key_array_t desired_headers;
+    uint64_t request_bytes_uploaded;
+    uint64_t response_bytes_downloaded;
+} tarvex_dsi_rest_response_arg_t;
+
+/* Response callback; argument: a tarvex_dsi_rest_response_arg_t. */
+tarvex_result_t tarvex_dsi_rest_response(
+    void *response_callback_arg, int response_code, const char *response_status,
+    const tarvex_dsi_rest_key_array_t *response_headers);
+
+/* Frees the filled header values and zeroes the code and counts (the keys
+ * stay). */
+void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg);
+
+/* Read callback: parses the whole body as JSON into *(json_t **)arg (NULL
+ * for an empty body; an unparsable body fails the request with a
+ * callback error). */
+tarvex_result_t tarvex_dsi_rest_read_json(void *read_callback_arg, void *buffer,
+                                          size_t buffer_length);
+
+/* Write callback: sends the json_t * given as argument, compactly. */
+tarvex_result_t tarvex_dsi_rest_write_json(void *write_callback_arg, char *buffer,
+                                           size_t buffer_length,
+                                           size_t *bytes_written);
+
+/* Write callback: sends a block of memory. */
+typedef struct tarvex_dsi_rest_write_block_arg_s {
+    void *block_data;
+    size_t block_len;
+} tarvex_dsi_rest_write_block_arg_t;
+tarvex_result_t tarvex_dsi_rest_write_block(void *write_callback_arg, char *buffer,
+                                            size_t buffer_length,
+                                            size_t *bytes_written);
+
+/* Write callback: a multipart/form-data body.  The boundary is the one in
+ * the request's "Content-Type" header ("...; boundary=XYZ").  Each part
+ * carries its own headers and its own write callback. */
+typedef struct tarvex_dsi_rest_write_part_s {
+    tarvex_dsi_rest_key_array_t part_header;
+    tarvex_dsi_rest_data_write_t data_write_callback;
+    void *data_write_callback_arg;
+} tarvex_dsi_rest_write_part_t;
+
+typedef struct tarvex_dsi_rest_multipart_arg_s {
+    size_t num_parts;
+    tarvex_dsi_rest_write_part_t *parts;
+} tarvex_dsi_rest_multipart_arg_t;
+
+tarvex_result_t tarvex_dsi_rest_write_multipart(void *write_callback_arg,
+                                                char *buffer, size_t buffer_length,
+                                                size_t *bytes_written);
+
+/* Streaming to and from a server operation.
+ * write: reads the client's upload from the operation with
+ *        tarvex_gridftp_server_register_read (several buffers in flight)
+ *        and sends it as the request body, until the operation reports end
+ *        of data or `length` bytes (when not -1) have been sent.
+ * read:  writes the response body into the operation with
+ *        tarvex_gridftp_server_register_write at `offset` onward (several
+ *        buffers in flight; the request returns only when every write has
+ *        completed).
+ * `eof` is set when the stream has ended.  `offset` advances as data is
+ * moved, so the record tells how far the transfer got. */
+typedef struct tarvex_dsi_rest_gridftp_op_arg_s {
+    tarvex_gfs_operation_t op;
+    tarvex_off_t offset;
+    tarvex_off_t length;
+    bool eof;
+} tarvex_dsi_rest_gridftp_op_arg_t;
+
+tarvex_result_t tarvex_dsi_rest_write_gridftp_op(void *write_callback_arg,
+                                                 char *buffer, size_t buffer_length,
+                                                 size_t *bytes_written);
+tarvex_result_t tarvex_dsi_rest_read_gridftp_op(void *read_callback_arg,
+                                                void *buffer, size_t buffer_length);
+
+/* Progress callback: the argument is a number of milliseconds itself
+ * (not a pointer), cast to void *.  The request is abandoned with a
+ * TARVEX_DSI_REST_ERROR_TIMEOUT error after that long without a byte moving
+ * either way. */
+tarvex_result_t tarvex_dsi_rest_progress_idle_timeout(
+    void *progress_callback_arg, uint64_t total_read_expected,
+    uint64_t read_so_far, uint64_t total_write_expected, uint64_t written_so_far);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

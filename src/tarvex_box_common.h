@@ -1,0 +1,324 @@
+/*
+ * The Box storage plug-in: records, settings and functions shared between
+ * its source files.
+ */
+#ifndef TARVEX_BOX_COMMON_H
+#define TARVEX_BOX_COMMON_H
+
+#include <jansson.h>
+#include <openssl/md5.h>
+#include <openssl/sha.h>
+#include <stdarg.h>
+#include <time.h>
+
+#include "tarvex_common.h"
+#include "tarvex_dsi_rest.h"
+#include "tarvex_gridftp_server.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- modules and the storage interface ---- */
+
+extern tarvex_module_descriptor_t tarvex_gridftp_server_box_module;
+extern tarvex_module_descriptor_t tarvex_i_box_common_module;
+
+/* ---- debug log ---- */
+
+enum {
+    TARVEX_BOX_TRACE = 1,
+    TARVEX_BOX_DEBUG = 2,
+    TARVEX_BOX_INFO = 4,
+    TARVEX_BOX_WARN = 8,
+    TARVEX_BOX_ERROR = 16,
+    TARVEX_BOX_ALL = 31
+};
+
+extern tarvex_debug_handle_t tarvex_i_TARVEX_BOX_debug_handle;
+extern const char *tarvex_i_box_debug_level_names[17];
+
+void tarvex_i_TARVEX_BOX_debug_printf(const char *format, ...)
+    __attribute__((format(printf, 1, 2)));
+void tarvex_i_TARVEX_BOX_debug_time_printf(const char *format, ...)
+    __attribute__((format(printf, 1, 2)));
+void tarvex_i_TARVEX_BOX_debug_fwrite(const void *buffer, size_t size, size_t count);
+
+/* One traced line at `level` by `function`: the prefix
+ * "box: %5s: %li: %s: " then the text.  Costs one bit test when off. */
+void tarvex_box_debug_line(unsigned level, const char *function,
+                           const char *format, ...)
+    __attribute__((format(printf, 3, 4)));
+#define TARVEX_BOX_LOG(level, ...)                                              \
+    do {                                                                        \
+        if (tarvex_i_TARVEX_BOX_debug_handle.levels & (level))                  \
+            tarvex_box_debug_line((level), __func__, __VA_ARGS__);              \
+    } while (0)
+#define TARVEX_BOX_TRACE_ENTER() TARVEX_BOX_LOG(TARVEX_BOX_TRACE, "enter\n")
+#define TARVEX_BOX_TRACE_EXIT() TARVEX_BOX_LOG(TARVEX_BOX_TRACE, "exit\n")
+/* "exit: result=TARVEX_SUCCESS\n" at TRACE, or
+ * "exit: result=%#x message=%s\n" at ERROR with the printed chain. */
+void tarvex_box_trace_exit_result(const char *function, tarvex_result_t result);
+#define TARVEX_BOX_TRACE_RESULT(result) tarvex_box_trace_exit_result(__func__, (result))
+
+/* ---- settings (process-wide) ---- */
+
+extern int tarvex_i_box_api_per_second;       /* 16; the policy may change it */
+extern int tarvex_i_box_upload_per_second;    /* 4 */
+extern int tarvex_i_box_max_delay;            /* 25 seconds */
+extern int tarvex_i_box_max_retries;          /* 3, kept but not consulted */
+extern int tarvex_i_box_progress_timeout_ms;  /* 30000 */
+extern int tarvex_i_box_chunked_minimum;      /* 52428800 */
+extern const char *tarvex_i_box_retry_path;   /* "$HOME/.tarvex/box-r" */
+extern const char *tarvex_i_box_upload_path;  /* "$HOME/.tarvex/box-u" */
+
+/* The two origins of Box's APIs (scheme and host, no trailing slash).
+ * Defaults "https://api.box.com" and "https://upload.box.com"; the
+ * environment variables TARVEX_BOX_API_BASE and TARVEX_BOX_UPLOAD_BASE, or
+ * the policy keys "box_api_base" and "box_upload_base", replace them. */
+const char *tarvex_box_api_base(void);
+const char *tarvex_box_upload_base(void);
+void tarvex_box_set_bases(const char *api_base, const char *upload_base);
+
+/* ---- error object ---- */
+
+extern const tarvex_object_type_t TARVEX_BOX_ERROR_TYPE_DEFINITION;
+#define TARVEX_BOX_ERROR_TYPE (&TARVEX_BOX_ERROR_TYPE_DEFINITION)
+
+tarvex_object_t *tarvex_box_error_construct(tarvex_module_descriptor_t *module,
+                                            tarvex_object_t *cause,
+                                            const tarvex_dsi_rest_key_array_t *info);
+tarvex_object_t *tarvex_box_error_initialize(tarvex_object_t *object,
+                                             tarvex_module_descriptor_t *module,
+                                             tarvex_object_t *cause,
+                                             const tarvex_dsi_rest_key_array_t *info);
+const char *tarvex_box_error_get_info(tarvex_object_t *error, const char *key);
+void tarvex_box_error_add_info(tarvex_object_t *error,
+                               const tarvex_dsi_rest_key_array_t *info);
+
+/* Generic error of the plug-in with the caller's file, function, line. */
+#define TARVEX_BOX_GENERIC_ERROR(...)                                            \
+    tarvex_error_put(tarvex_error_construct_error(                               \
+        NULL, NULL, TARVEX_GFS_ERROR_GENERIC, __FILE__, __func__, __LINE__,      \
+        __VA_ARGS__))
+/* The out-of-memory system error. */
+#define TARVEX_BOX_MALLOC_ERROR()                                               \
+    tarvex_i_gfs_error_system(NULL, errno, "System error%s%s", " in ", "malloc")
+
+/* ---- item record ---- */
+
+typedef enum {
+    TARVEX_BOX_FOLDER = 1,
+    TARVEX_BOX_FILE = 2,
+    TARVEX_BOX_UNKNOWN = 3
+} tarvex_box_item_type_t;
+
+typedef struct tarvex_box_path_info_s {
+    char *name;
+    char *id;
+    char *parent_id;
+    int type;
+    uint64_t size;
+    time_t modtime;
+    char *md5;
+    char *sha1;
+    bool listed;
+    bool has_metadata;
+    bool freeme;
+} tarvex_box_path_info_t;
+
+/* ---- pacing ---- */
+
+struct tarvex_box_retry_shared_s {
+    int64_t not_until;
+    struct {
+        int64_t tv_sec;
+        int64_t tv_nsec;
+    } last;
+};
+
+typedef struct tarvex_box_retry_s {
+    bool is;
+    int fd;
+    unsigned delay; /* microseconds */
+    struct tarvex_box_retry_shared_s *shared;
+} tarvex_box_retry_t;
+
+void tarvex_i_box_retry_state_create(const char *name, int per_second,
+                                     tarvex_box_retry_t *retry);
+void tarvex_i_box_retry_state_destroy(tarvex_box_retry_t *retry);
+tarvex_result_t tarvex_i_box_retry_state_lock(tarvex_box_retry_t *retry, bool wait);
+tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *retry);
+void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_t *retry);
+
+/* ---- session ---- */
+
+typedef struct tarvex_box_session_s {
+    char *username;
+    char *user_id;
+    uint64_t max_upload;
+    char *access_token;
+    time_t access_token_exp;
+    tarvex_hashtable_t cache;
+    tarvex_hashtable_t upload_state;
+    tarvex_box_retry_t user_retry;
+    tarvex_box_retry_t user_upload_retry;
+} tarvex_box_session_t;
+
+/* ---- upload session ---- */
+
+typedef struct tarvex_box_upload_session_s {
+    char *id;
+    char *name;
+    int num_parts;
+    uint64_t part_size;
+    uint64_t total_size;
+    json_t *part_array;
+    MD5_CTX md5_ctx;
+    SHA_CTX sha1_ctx;
+} tarvex_box_upload_session_t;
+
+/* ---- storage-interface entry points ---- */
+
+void tarvex_i_box_start(tarvex_gfs_operation_t op,
+                        tarvex_gfs_session_info_t *session_info);
+void tarvex_i_box_destroy(void *user_arg);
+void tarvex_i_box_stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *stat_info,
+                       void *user_arg);
+void tarvex_i_box_command(tarvex_gfs_operation_t op,
+                          tarvex_gfs_command_info_t *cmd_info, void *user_arg);
+void tarvex_i_box_send(tarvex_gfs_operation_t op,
+                       tarvex_gfs_transfer_info_t *transfer_info, void *user_arg);
+void tarvex_i_box_recv(tarvex_gfs_operation_t op,
+                       tarvex_gfs_transfer_info_t *transfer_info, void *user_arg);
+
+/* ---- policy, credential, path variables ---- */
+
+tarvex_result_t tarvex_box_config_parse_json(const char *text, int *rate);
+tarvex_result_t tarvex_box_token_refresh(tarvex_box_session_t *box,
+                                         tarvex_gfs_operation_t op);
+tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
+                                          tarvex_gfs_operation_t op);
+tarvex_result_t tarvex_i_box_parse_date(const char *text, time_t *time);
+tarvex_result_t tarvex_box_evaluate_path(const char *template_path, char **result);
+
+/* ---- Box answers ---- */
+
+tarvex_result_t tarvex_box_translate_response(
+    const tarvex_dsi_rest_response_arg_t *response, json_t *json, bool *retry,
+    unsigned long *retry_after);
+
+/*
+ * One Box call made by the request conventions: bearer authorisation from
+ * the session's token, "Retry-After" always the first wanted header, JSON
+ * in and out through the REST client's stock callbacks, the idle
+ * time-out, pacing before each attempt, a bounded number of attempts, and
+ * translation of error answers.  Fill the inputs (zero the rest), call
+ * tarvex_box_request(), read the outputs, then tarvex_box_request_release().
+ */
+typedef struct tarvex_box_request_s {
+    /* inputs */
+    const char *method;
+    const char *url;
+    const tarvex_dsi_rest_key_array_t *query;   /* may be NULL */
+    const tarvex_dsi_rest_key_value_t *headers; /* sent after "Authorization" */
+    size_t header_count;
+    json_t *json_body;          /* sent with "Content-Type" "application/json;" */
+    tarvex_dsi_rest_data_write_t write_callback; /* any other body */
+    void *write_callback_arg;
+    tarvex_dsi_rest_data_read_t read_callback;   /* NULL: the body as JSON into `json` */
+    void *read_callback_arg;
+    const char *const *wanted_headers;          /* wanted after "Retry-After" */
+    size_t wanted_header_count;
+    int attempts;                /* attempt budget, at least 1 */
+    tarvex_box_retry_t *retry;   /* pacing state; NULL: Retry-After sleep only */
+    bool no_delay;               /* take no pacing delay at all */
+    tarvex_gfs_operation_t op;   /* with refresh_token: renew before each attempt */
+    bool refresh_token;
+    int progress_timeout_ms;     /* 0: tarvex_i_box_progress_timeout_ms */
+    bool translate_without_body; /* translate from the status alone */
+    bool refusal_is_final;       /* a status of 400 or more is never retried */
+    int expected_status;         /* non-zero: only this status is a plain success */
+    /* outputs */
+    tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
+    json_t *json;                            /* response document, or NULL */
+    int attempts_made;
+} tarvex_box_request_t;
+
+tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
+                                   tarvex_box_request_t *request);
+/* Releases the outputs (header values, document). */
+void tarvex_box_request_release(tarvex_box_request_t *request);
+
+/* ---- item record, caches, listing, resolution, stat ---- */
+
+tarvex_result_t tarvex_box_object_info_parse(json_t *json, tarvex_box_path_info_t *info);
+tarvex_box_path_info_t *tarvex_box_path_info_copy(const tarvex_box_path_info_t *info);
+void tarvex_box_path_info_free(tarvex_box_path_info_t *info);
+tarvex_result_t tarvex_box_info_to_stat(tarvex_box_session_t *box,
+                                        const tarvex_box_path_info_t *info,
+                                        tarvex_gridftp_server_control_stat_t *stat_out);
+uint32_t tarvex_box_hash(const char *text);
+
+tarvex_result_t tarvex_box_path_cache_init(tarvex_hashtable_t *cache);
+tarvex_result_t tarvex_box_path_cache_update(tarvex_hashtable_t *cache,
+                                             const tarvex_box_path_info_t *info,
+                                             const char *base_path);
+tarvex_box_path_info_t *tarvex_box_path_cache_query(tarvex_hashtable_t *cache,
+                                                    const char *path);
+tarvex_result_t tarvex_box_path_cache_remove(tarvex_hashtable_t *cache,
+                                             const char *path);
+
+tarvex_result_t tarvex_box_upload_state_init(tarvex_hashtable_t *table);
+tarvex_result_t tarvex_box_upload_state_update(tarvex_hashtable_t *table,
+                                               tarvex_box_upload_session_t *upload,
+                                               const char *path);
+tarvex_box_upload_session_t *tarvex_box_upload_state_query(tarvex_hashtable_t *table,
+                                                           const char *path);
+tarvex_result_t tarvex_box_upload_state_remove(tarvex_hashtable_t *table,
+                                               const char *path);
+void tarvex_box_upload_session_free(void *info);
+
+typedef tarvex_result_t (*tarvex_box_list_entry_cb_t)(tarvex_box_session_t *box,
+                                                      const char *base_path,
+                                                      tarvex_box_path_info_t *path_info,
+                                                      void *callback_arg);
+
+tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box,
+                                            const char *folder_id, const char *path,
+                                            tarvex_box_list_entry_cb_t callback,
+                                            void *callback_arg);
+tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
+                                         const char *file_id, const char *parent_path,
+                                         tarvex_box_list_entry_cb_t callback,
+                                         void *callback_arg);
+
+tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box, const char *path,
+                                        tarvex_box_path_info_t **entry_out,
+                                        tarvex_box_path_info_t **parent_out);
+
+typedef struct tarvex_box_stat_state_s {
+    tarvex_gfs_operation_t op;
+    tarvex_gfs_stat_info_t *stat_info;
+    tarvex_gridftp_server_control_stat_t *stat_array; /* 100 entries */
+    int stat_count;
+} tarvex_box_stat_state_t;
+
+void tarvex_i_box_stat_single(tarvex_gfs_operation_t op,
+                              tarvex_gfs_stat_info_t *stat_info,
+                              tarvex_box_session_t *box);
+void tarvex_i_box_stat_multi(tarvex_gfs_operation_t op,
+                             tarvex_gfs_stat_info_t *stat_info,
+                             tarvex_box_session_t *box);
+tarvex_result_t tarvex_box_stat_entry(tarvex_box_session_t *box, const char *base_path,
+                                      tarvex_box_path_info_t *path_info,
+                                      void *callback_arg);
+
+/* An FTP error for operations that arrive with a later release. */
+tarvex_result_t tarvex_box_not_implemented_yet(const char *what);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
