@@ -1,0 +1,207 @@
+/*
+ * The two read requests of the namespace: one folder's listing, page by
+ * page, and one file's information.  Every item fetched is entered into
+ * the session's path cache and, when the caller asks, handed to its
+ * per-item function as it arrives, so that a listing of any size is
+ * processed one page at a time.
+ */
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "tarvex_box_common.h"
+
+namespace {
+
+constexpr const char *tarvex_l_box_list_fields =
+    "type,id,name,parent,size,content_modified_at,sha1";
+constexpr const char *tarvex_l_box_file_fields =
+    "type,id,name,parent,size,content_modified_at,sha1,metadata.global.properties";
+/* Box's largest page for marker paging keeps the number of requests (and
+ * of pacing delays) low. */
+constexpr const char *tarvex_l_box_page_limit = "300";
+
+struct tarvex_l_box_free_deleter {
+    void operator()(char *text) const { free(text); }
+};
+using tarvex_l_box_string_ptr = std::unique_ptr<char, tarvex_l_box_free_deleter>;
+
+/* Releases the outputs of a Box request on every way out. */
+struct tarvex_l_box_request_guard {
+    tarvex_box_request_t *request;
+    ~tarvex_l_box_request_guard() { tarvex_box_request_release(request); }
+};
+
+/* Releases the strings of a stack record on every way out. */
+struct tarvex_l_box_info_guard {
+    tarvex_box_path_info_t *info;
+    ~tarvex_l_box_info_guard() { tarvex_box_path_info_free(info); }
+};
+
+/* Drops an error we replace by one of our own. */
+void tarvex_l_box_discard(tarvex_result_t result)
+{
+    tarvex_object_free(tarvex_error_get(result));
+}
+
+/* One GET with the request conventions: two attempts, paced by the API
+ * pacing state, the answer as JSON in request->json. */
+tarvex_result_t tarvex_l_box_get(tarvex_box_session_t *box, const char *url,
+                                 const tarvex_dsi_rest_key_array_t *query,
+                                 tarvex_box_request_t *request)
+{
+    request->method = "GET";
+    request->url = url;
+    request->query = query;
+    request->attempts = 2;
+    request->retry = &box->user_retry;
+    return tarvex_box_request(box, request);
+}
+
+/*
+ * Parses one item into a stack record, enters it into the cache under
+ * `path`, and hands it to `callback`.  Whether the parser or the cache
+ * failed, the caller learns only that the item could not be taken in.
+ */
+tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
+                                       const char *path,
+                                       tarvex_box_list_entry_cb_t callback,
+                                       void *callback_arg)
+{
+    tarvex_box_path_info_t info = {};
+    tarvex_l_box_info_guard guard{&info};
+
+    tarvex_result_t result = tarvex_box_object_info_parse(item, &info);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_l_box_discard(result);
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
+    }
+    /* Box never names an item "" or with a "/" in it; such a name would
+     * make a cache key that stands for another path (the root, or an item
+     * deeper down), so the item is refused like one that does not parse. */
+    if (info.name != nullptr && (info.name[0] == '\0' || strchr(info.name, '/') != nullptr))
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
+    result = tarvex_box_path_cache_update(&box->cache, &info, path);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_l_box_discard(result);
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
+    }
+    if (callback == nullptr)
+        return TARVEX_SUCCESS;
+    return callback(box, path, &info, callback_arg);
+}
+
+/*
+ * Takes in one page of a listing.  `marker` receives the marker of the
+ * next page, or stays empty on the last one.  A "next_marker" of "" is a
+ * string too and asks for one more page.
+ */
+tarvex_result_t tarvex_l_box_take_page(tarvex_box_session_t *box, json_t *page,
+                                       const char *path,
+                                       tarvex_box_list_entry_cb_t callback,
+                                       void *callback_arg, tarvex_l_box_string_ptr *marker)
+{
+    if (page == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    json_t *next_marker = json_object_get(page, "next_marker");
+    if (json_is_string(next_marker)) {
+        marker->reset(strdup(json_string_value(next_marker)));
+        if (*marker == nullptr)
+            return TARVEX_BOX_MALLOC_ERROR();
+    }
+
+    json_t *entries = json_object_get(page, "entries");
+    if (!json_is_array(entries))
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Json object not array when it was expected");
+
+    for (size_t index = 0; index < json_array_size(entries); index++) {
+        json_t *item = json_array_get(entries, index);
+        if (item == nullptr)
+            break;
+        tarvex_result_t result =
+            tarvex_l_box_take_item(box, item, path, callback, callback_arg);
+        if (result != TARVEX_SUCCESS)
+            return result;
+    }
+    return TARVEX_SUCCESS;
+}
+
+} // namespace
+
+extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box,
+                                                      const char *folder_id,
+                                                      const char *path,
+                                                      tarvex_box_list_entry_cb_t callback,
+                                                      void *callback_arg)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_l_box_string_ptr url(tarvex_common_create_string(
+        "%s/2.0/folders/%s/items", tarvex_box_api_base(), folder_id));
+    if (url == nullptr) {
+        tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+
+    tarvex_result_t result = TARVEX_SUCCESS;
+    tarvex_l_box_string_ptr marker;
+    do {
+        /* The first page goes without a marker: the REST client leaves a
+         * key without a value out of the query. */
+        tarvex_dsi_rest_key_value_t query_pairs[] = {
+            {"fields", tarvex_l_box_list_fields},
+            {"usemarker", "true"},
+            {"marker", marker.get()},
+            {"limit", tarvex_l_box_page_limit},
+        };
+        tarvex_dsi_rest_key_array_t query = {4, query_pairs};
+
+        tarvex_box_request_t request = {};
+        tarvex_l_box_request_guard guard{&request};
+        result = tarvex_l_box_get(box, url.get(), &query, &request);
+        marker.reset();
+        if (result != TARVEX_SUCCESS)
+            break;
+        result = tarvex_l_box_take_page(box, request.json, path, callback, callback_arg,
+                                        &marker);
+    } while (result == TARVEX_SUCCESS && marker != nullptr);
+
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
+                                                   const char *file_id,
+                                                   const char *parent_path,
+                                                   tarvex_box_list_entry_cb_t callback,
+                                                   void *callback_arg)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    /* The trailing "/" is what Box's file endpoint has always been called
+     * with here; keep it. */
+    tarvex_l_box_string_ptr url(
+        tarvex_common_create_string("%s/2.0/files/%s/", tarvex_box_api_base(), file_id));
+    if (url == nullptr) {
+        tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+
+    tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_file_fields}};
+    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
+    tarvex_box_request_t request = {};
+    tarvex_l_box_request_guard guard{&request};
+
+    tarvex_result_t result = tarvex_l_box_get(box, url.get(), &query, &request);
+    if (result == TARVEX_SUCCESS) {
+        if (request.json == nullptr)
+            result = TARVEX_BOX_MALLOC_ERROR();
+        else
+            result = tarvex_l_box_take_item(box, request.json, parent_path, callback,
+                                            callback_arg);
+    }
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}

@@ -1,0 +1,154 @@
+/*
+ * Path resolution: an absolute GridFTP path to the cached record of the
+ * Box item there (and of the folder holding it), walking the path one
+ * component at a time through the path cache.
+ *
+ * A folder's listing, once made, is trusted: a name missing from a listed
+ * folder is reported missing without asking Box again.  A cached entry
+ * whose parent is not the folder it was reached through is stale; it is
+ * dropped and the folder listed again.
+ */
+#include <cstring>
+#include <string>
+
+#include "tarvex_box_common.h"
+
+namespace {
+
+/* The entry belongs to `folder` as far as the cache knows. */
+bool tarvex_l_box_is_child(const tarvex_box_path_info_t *entry,
+                           const tarvex_box_path_info_t *folder)
+{
+    return entry->parent_id != nullptr && folder->id != nullptr &&
+           strcmp(entry->parent_id, folder->id) == 0;
+}
+
+/* Lists `folder` into the cache under its full path (its cached name). */
+tarvex_result_t tarvex_l_box_list(tarvex_box_session_t *box, tarvex_box_path_info_t *folder)
+{
+    tarvex_result_t result =
+        tarvex_box_get_folder_items(box, folder->id, folder->name, nullptr, nullptr);
+    if (result == TARVEX_SUCCESS)
+        folder->listed = true;
+    return result;
+}
+
+tarvex_result_t tarvex_l_box_not_found(const char *path)
+{
+    return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 550, "PATH_NOT_FOUND", "%s%s%s", "GridFTP-Path: \"", path, "\""));
+}
+
+/*
+ * Looks `key` up below `folder`, listing the folder when the cache cannot
+ * answer.  `*entry` is the record found, or none.  Only a failed listing
+ * is an error.
+ */
+tarvex_result_t tarvex_l_box_lookup(tarvex_box_session_t *box,
+                                    tarvex_box_path_info_t *folder, const std::string &key,
+                                    tarvex_box_path_info_t **entry)
+{
+    tarvex_box_path_info_t *found = tarvex_box_path_cache_query(&box->cache, key.c_str());
+    if (found != nullptr && tarvex_l_box_is_child(found, folder)) {
+        *entry = found;
+        return TARVEX_SUCCESS;
+    }
+    if (found != nullptr) {
+        /* Moved or replaced on Box since we cached it. */
+        tarvex_box_path_cache_remove(&box->cache, key.c_str());
+        folder->listed = false;
+    } else if (folder->listed) {
+        *entry = nullptr;
+        return TARVEX_SUCCESS;
+    }
+
+    tarvex_result_t result = tarvex_l_box_list(box, folder);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    *entry = tarvex_box_path_cache_query(&box->cache, key.c_str());
+    return TARVEX_SUCCESS;
+}
+
+} // namespace
+
+extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
+                                                  const char *path,
+                                                  tarvex_box_path_info_t **entry_out,
+                                                  tarvex_box_path_info_t **parent_out)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = TARVEX_SUCCESS;
+
+    /* The server hands only absolute paths; anything else is refused
+     * rather than walked. */
+    if (path == nullptr || path[0] != '/') {
+        result = tarvex_l_box_not_found(path != nullptr ? path : "");
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+
+    /* Session start listed the root, so it counts as listed for good. */
+    tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&box->cache, "/");
+    if (folder == nullptr) {
+        result = TARVEX_BOX_GENERIC_ERROR("%s", "The root folder is missing from the cache");
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+    folder->listed = true;
+
+    const std::string whole(path);
+    tarvex_box_path_info_t *entry = nullptr;
+    tarvex_box_path_info_t *parent = nullptr;
+    size_t start = 1;
+    bool walked = true;
+
+    for (size_t slash; (slash = whole.find('/', start)) != std::string::npos;
+         start = slash + 1) {
+        /* An empty component ("//") names no cache key; in particular the
+         * prefix of "//x" must not be taken for the root. */
+        tarvex_box_path_info_t *next = nullptr;
+        const std::string prefix = whole.substr(0, slash);
+        if (slash == start && folder->listed) {
+            walked = false;
+            break;
+        }
+        if (slash == start) {
+            result = tarvex_l_box_list(box, folder);
+        } else {
+            result = tarvex_l_box_lookup(box, folder, prefix, &next);
+        }
+        if (result != TARVEX_SUCCESS) {
+            TARVEX_BOX_TRACE_RESULT(result);
+            return result;
+        }
+        if (next == nullptr) {
+            walked = false;
+            break;
+        }
+        folder = next;
+    }
+
+    if (walked) {
+        parent = folder;
+        if (start == whole.size()) {
+            /* "/" or a path ending in "/": the folder named last, whatever
+             * its type. */
+            entry = folder;
+            parent = nullptr;
+        } else {
+            result = tarvex_l_box_lookup(box, folder, whole, &entry);
+            if (result != TARVEX_SUCCESS) {
+                TARVEX_BOX_TRACE_RESULT(result);
+                return result;
+            }
+        }
+    }
+
+    if (entry_out != nullptr)
+        *entry_out = entry;
+    if (parent_out != nullptr)
+        *parent_out = parent;
+    result = entry != nullptr ? TARVEX_SUCCESS : tarvex_l_box_not_found(path);
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}

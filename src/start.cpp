@@ -1,0 +1,128 @@
+/*
+ * Session start: one client login.  Builds the session record, reads the
+ * policy and the user's Box credential, opens the two pacing states,
+ * creates the session's tables and proves the token by listing the Box
+ * root, which also fills the path cache with the root's children.
+ */
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "tarvex_box_common.h"
+
+namespace {
+
+tarvex_result_t tarvex_l_box_internal_error(const char *message)
+{
+    return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 500, "INTERNAL_ERROR", "%s%s", "GridFTP-Error: ", message));
+}
+
+/* "$HOME/.tarvex" of the password entry, created private when missing.
+ * Its own failures are not fatal: pacing then falls back to private
+ * records. */
+void tarvex_l_box_make_home_dir()
+{
+    char *path = nullptr;
+    (void)tarvex_box_evaluate_path("$HOME/.tarvex", &path);
+    if (path == nullptr)
+        return;
+    DIR *dir = opendir(path);
+    if (dir != nullptr)
+        closedir(dir);
+    else if (errno == ENOENT)
+        (void)mkdir(path, 0700);
+    free(path);
+}
+
+tarvex_result_t tarvex_l_box_read_policy(tarvex_gfs_operation_t op)
+{
+    char *text = nullptr;
+    tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, "config", &text);
+    if (result != TARVEX_SUCCESS || text == nullptr) {
+        free(text);
+        return tarvex_l_box_internal_error("Missing storage gateway policy.");
+    }
+    result = tarvex_box_config_parse_json(text, &tarvex_i_box_api_per_second);
+    free(text);
+    return result;
+}
+
+/* Everything a started (or half-started) session holds. */
+void tarvex_l_box_release(tarvex_box_session_t *box)
+{
+    tarvex_i_box_destroy(box);
+}
+
+tarvex_result_t tarvex_l_box_start(tarvex_gfs_operation_t op, tarvex_box_session_t *box)
+{
+    tarvex_result_t result = tarvex_l_box_read_policy(op);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    result = tarvex_box_token_refresh(box, op);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    if (box->access_token == nullptr)
+        return tarvex_l_box_internal_error("User's Box credentials are not available.");
+
+    tarvex_l_box_make_home_dir();
+
+    /* One pacing file per Box user for API calls and one for uploads, so
+     * that all of the user's sessions on this host share them. */
+    tarvex_i_box_retry_state_create(box->user_id, tarvex_i_box_api_per_second,
+                                    &box->user_retry);
+    const std::string upload_name = std::string(box->user_id) + "u";
+    tarvex_i_box_retry_state_create(upload_name.c_str(), tarvex_i_box_upload_per_second,
+                                    &box->user_upload_retry);
+
+    /* Both tables start like the path cache, the upload table with a root
+     * record of its own that session end releases. */
+    result = tarvex_box_path_cache_init(&box->cache);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    result = tarvex_box_path_cache_init(&box->upload_state);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    return tarvex_box_get_folder_items(box, "0", "/", nullptr, nullptr);
+}
+
+} // namespace
+
+extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
+                                   tarvex_gfs_session_info_t *session_info)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = TARVEX_SUCCESS;
+    auto *box = static_cast<tarvex_box_session_t *>(calloc(1, sizeof(tarvex_box_session_t)));
+    if (box == nullptr) {
+        result = TARVEX_BOX_MALLOC_ERROR();
+    } else if (session_info != nullptr && session_info->username != nullptr &&
+               (box->username = strdup(session_info->username)) == nullptr) {
+        result = TARVEX_BOX_MALLOC_ERROR();
+    } else {
+        box->user_retry.fd = -1;
+        box->user_upload_retry.fd = -1;
+        result = tarvex_l_box_start(op, box);
+    }
+
+    if (result == TARVEX_SUCCESS) {
+        tarvex_gridftp_server_set_checksum_support(op, "SHA1:1;MD5:8;");
+        static char home_dir[] = "/";
+        tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, box, nullptr,
+                                                     home_dir);
+        return;
+    }
+
+    /* A refused login leaves nothing behind: no record, no open pacing
+     * file, no cached item. */
+    if (box != nullptr)
+        tarvex_l_box_release(box);
+    tarvex_gridftp_server_finished_session_start(op, result, nullptr, nullptr, nullptr);
+    TARVEX_BOX_TRACE_RESULT(result);
+}
