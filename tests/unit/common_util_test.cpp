@@ -1,0 +1,119 @@
+// Hashtable, UUIDs, time and string helpers.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tarvex_common.h"
+
+namespace {
+
+int released = 0;
+void count_release(void *datum)
+{
+    released++;
+    delete static_cast<int *>(datum);
+}
+
+} // namespace
+
+TEST(CommonHashtable, InsertLookupRemoveAndDestroy)
+{
+    tarvex_hashtable_t table;
+    ASSERT_EQ(tarvex_hashtable_init(&table, 4, tarvex_hashtable_string_hash,
+                                    tarvex_hashtable_string_keyeq), 0);
+    char a[] = "/a", a_again[] = "/a", b[] = "/A";
+    int one = 1, two = 2;
+    EXPECT_EQ(tarvex_hashtable_insert(&table, a, &one), 0);
+    EXPECT_NE(tarvex_hashtable_insert(&table, a_again, &two), 0);
+    EXPECT_EQ(tarvex_hashtable_insert(&table, b, &two), 0) << "keys are case sensitive";
+    EXPECT_EQ(tarvex_hashtable_lookup(&table, a_again), &one);
+    EXPECT_EQ(tarvex_hashtable_size(&table), 2);
+    EXPECT_EQ(tarvex_hashtable_remove(&table, a_again), &one);
+    EXPECT_EQ(tarvex_hashtable_remove(&table, a_again), nullptr);
+    EXPECT_EQ(tarvex_hashtable_lookup(&table, a), nullptr);
+    EXPECT_EQ(tarvex_hashtable_size(&table), 1);
+    EXPECT_EQ(tarvex_hashtable_destroy(&table), 0);
+    EXPECT_EQ(table, nullptr);
+    EXPECT_EQ(tarvex_hashtable_destroy(&table), 0);
+    EXPECT_EQ(tarvex_hashtable_lookup(&table, a), nullptr);
+}
+
+TEST(CommonHashtable, GrowsAndReleasesEveryDatum)
+{
+    tarvex_hashtable_t table;
+    ASSERT_EQ(tarvex_hashtable_init(&table, 7, tarvex_hashtable_string_hash,
+                                    tarvex_hashtable_string_keyeq), 0);
+    const int n = 10000;
+    std::vector<std::string> keys;
+    keys.reserve(n); // keys are not copied: their storage must stay put
+    for (int i = 0; i < n; i++) {
+        keys.push_back("/folder/" + std::to_string(i));
+        ASSERT_EQ(tarvex_hashtable_insert(&table, keys.back().data(), new int(i)), 0);
+    }
+    EXPECT_EQ(tarvex_hashtable_size(&table), n);
+    for (int i = 0; i < n; i += 97) {
+        std::string probe = "/folder/" + std::to_string(i);
+        auto *datum = static_cast<int *>(tarvex_hashtable_lookup(&table, probe.data()));
+        ASSERT_NE(datum, nullptr);
+        EXPECT_EQ(*datum, i);
+    }
+    int visited = 0;
+    tarvex_hashtable_foreach(&table, [](void *, void *, void *arg) {
+        return ++*static_cast<int *>(arg) == 100 ? 1 : 0;
+    }, &visited);
+    EXPECT_EQ(visited, 100);
+    delete static_cast<int *>(tarvex_hashtable_remove(&table, keys[5].data()));
+    released = 0;
+    tarvex_hashtable_destroy_all(&table, count_release);
+    EXPECT_EQ(released, n - 1);
+    EXPECT_EQ(table, nullptr);
+}
+
+TEST(CommonHashtable, StringHashStaysInRange)
+{
+    const char *keys[] = {"", "/", "a much longer key with \xff bytes", "/a/b/c"};
+    for (int limit : {1, 2, 1023, 1 << 30})
+        for (const char *key : keys) {
+            int h = tarvex_hashtable_string_hash(const_cast<char *>(key), limit);
+            EXPECT_GE(h, 0);
+            EXPECT_LT(h, limit);
+        }
+}
+
+TEST(CommonUuid, FormatAndUniqueness)
+{
+    std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+    std::set<std::string> seen;
+    for (int i = 0; i < 1000; i++) {
+        tarvex_uuid_t uuid;
+        ASSERT_EQ(tarvex_uuid_create(&uuid), 0);
+        ASSERT_TRUE(std::regex_match(uuid.text, form)) << uuid.text;
+        EXPECT_EQ(uuid.binary[6] >> 4, 4);
+        seen.insert(uuid.text);
+    }
+    EXPECT_EQ(seen.size(), 1000u);
+}
+
+TEST(CommonTimeAndString, Formats)
+{
+    char buffer[32];
+    EXPECT_STREQ(tarvex_time_format_utc(1700000000, buffer, sizeof buffer),
+                 "2023-11-14T22:13:20Z");
+    EXPECT_STREQ(tarvex_time_format_ftp(951782400, buffer, sizeof buffer), "20000229000000");
+    EXPECT_STREQ(tarvex_time_format_utc(0, buffer, 5), "") << "too small a buffer";
+
+    int64_t start = tarvex_time_monotonic_usec();
+    tarvex_time_sleep_usec(2000);
+    EXPECT_GE(tarvex_time_monotonic_usec() - start, 2000);
+
+    std::string big(10000, 'x');
+    char *text = tarvex_common_create_string("%s-%d-%s", "a", 42, big.c_str());
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string(text), "a-42-" + big);
+    free(text);
+}
