@@ -1,0 +1,264 @@
+"""The control interface under /_emulator/: JSON in, JSON out, no auth.
+Control requests are never logged."""
+
+import base64
+import json
+import re
+import time
+from urllib.parse import parse_qs
+
+from boxemu_content import BytesContent, SyntheticContent
+from boxemu_store import BoxError, Clock
+
+CONTROL_LIMIT = 64 << 20
+
+
+class ControlError(Exception):
+    pass
+
+
+def _int(doc, key, default, minimum=0):
+    value = doc.get(key, default)
+    if value is None:
+        value = default
+    if not isinstance(value, int) or isinstance(value, bool) or value < minimum:
+        raise ControlError("'%s' must be an integer >= %d" % (key, minimum))
+    return value
+
+
+class Control:
+    def __init__(self, state):
+        self.state = state
+        self.store = state.store
+
+    def handle(self, method, path, raw_query, body):
+        """-> (status, JSON document, stream Content or None)."""
+        query = parse_qs(raw_query, keep_blank_values=True)
+        name = path[len("/_emulator/"):].rstrip("/")
+        handlers = {
+            ("POST", "reset"): self.reset,
+            ("POST", "seed"): self.seed,
+            ("GET", "item"): self.item,
+            ("GET", "content"): self.content,
+            ("POST", "faults"): self.faults,
+            ("GET", "faults"): self.list_faults,
+            ("DELETE", "faults"): self.clear_faults,
+            ("POST", "rate_limit"): self.rate_limit,
+            ("POST", "tokens"): self.tokens,
+            ("POST", "commit_pending"): self.commit_pending,
+            ("POST", "config"): self.config,
+            ("GET", "log"): self.log,
+            ("DELETE", "log"): self.clear_log,
+        }
+        func = handlers.get((method, name))
+        if func is None:
+            body.drain()
+            return 404, {"error": "no control request %s %s" % (method, path)}, None
+        try:
+            if method == "POST":
+                data = body.read_all(CONTROL_LIMIT)
+                if data is None:
+                    raise ControlError("control body too large")
+                try:
+                    doc = json.loads(data) if data.strip() else {}
+                except (ValueError, UnicodeDecodeError) as e:
+                    raise ControlError("body is not JSON: %s" % e) from None
+                return func(doc)
+            body.drain()
+            return func(query)
+        except ControlError as e:
+            return 400, {"error": str(e)}, None
+        except BoxError as e:
+            return 400, {"error": "%s: %s" % (e.code, e.message)}, None
+
+    # -- state ------------------------------------------------------------
+
+    def reset(self, doc):
+        self.state.reset()
+        return 200, {}, None
+
+    def seed(self, doc):
+        entries = doc.get("entries") if isinstance(doc, dict) else None
+        if not isinstance(entries, list):
+            raise ControlError("seed needs an 'entries' array")
+        ids = {}
+        for entry in entries:
+            if not isinstance(entry, dict) or not isinstance(entry.get("path"), str):
+                raise ControlError("every entry needs a 'path'")
+            path = entry["path"]
+            ids[path] = self._seed_one(entry, path)
+        return 200, {"ids": ids}, None
+
+    def _seed_one(self, entry, path):
+        parts = [p for p in path.split("/") if p]
+        if not path.startswith("/") or not parts:
+            raise ControlError("bad seed path %r" % path)
+        kind = entry.get("type", "file")
+        if kind not in ("file", "folder"):
+            raise ControlError("bad type %r for %s" % (kind, path))
+        content = None
+        if kind == "file":
+            content = self._seed_content(entry, path)
+        modified = None
+        if entry.get("modified_at") is not None:
+            try:
+                modified = Clock.parse(entry["modified_at"])
+            except ValueError as e:
+                raise ControlError(str(e)) from None
+        with self.store.lock:
+            folder = self.store.root
+            for name in parts[:-1]:
+                child = self.store.child_named(folder, name)
+                if child is None:
+                    child = self.store.create_folder(folder, name)
+                elif child.type != "folder":
+                    raise ControlError("%s: %s is a file" % (path, name))
+                folder = child
+            item = self.store.child_named(folder, parts[-1])
+            if item is not None and item.type != kind:
+                raise ControlError("%s exists as a %s" % (path, item.type))
+            if item is None and kind == "folder":
+                item = self.store.create_folder(folder, parts[-1])
+            elif item is None:
+                item = self.store.create_file(folder, parts[-1], content, modified)
+            elif kind == "file":
+                self.store.set_content(item, content, modified)
+            if modified is not None:
+                item.content_modified_at = modified
+                item.content_created_at = min(item.content_created_at, modified)
+            properties = dict(entry.get("properties") or {})
+            if entry.get("md5_property") is not None:
+                properties["tarvex-md5"] = entry["md5_property"]
+            if properties:
+                instance = item.metadata.get("global", {}).get("properties")
+                if instance is None:
+                    self.store.metadata_create(item, "global", "properties", properties)
+                else:
+                    instance.update(properties)
+            return item.id
+
+    @staticmethod
+    def _seed_content(entry, path):
+        if "content" in entry:
+            if not isinstance(entry["content"], str):
+                raise ControlError("%s: 'content' must be a string" % path)
+            return BytesContent(entry["content"].encode("utf-8"))
+        if "content_base64" in entry:
+            try:
+                return BytesContent(base64.b64decode(entry["content_base64"], validate=True))
+            except (ValueError, TypeError):
+                raise ControlError("%s: bad content_base64" % path) from None
+        size = entry.get("size", 0)
+        if not isinstance(size, int) or isinstance(size, bool) or size < 0:
+            raise ControlError("%s: 'size' must be a non-negative integer" % path)
+        return SyntheticContent(size)
+
+    def _path_item(self, query):
+        path = (query.get("path") or [""])[0]
+        with self.store.lock:
+            return self.store.by_path(path)
+
+    def item(self, query):
+        with self.store.lock:
+            item = self._path_item(query)
+            if item is None:
+                return 404, {"error": "no such item"}, None
+            return 200, self.store.control_json(item), None
+
+    def content(self, query):
+        with self.store.lock:
+            item = self._path_item(query)
+            if item is None or item.type != "file":
+                return 404, {"error": "no such file"}, None
+            return 200, None, item.content
+
+    # -- behaviour ----------------------------------------------------------
+
+    def faults(self, doc):
+        faults = doc if isinstance(doc, list) else doc.get("faults", [doc])
+        checked = []
+        for fault in faults:
+            if not isinstance(fault, dict):
+                raise ControlError("a fault is a JSON object")
+            fault = dict(fault)
+            fault["count"] = _int(fault, "count", 1, minimum=-1)
+            if fault["count"] == 0:
+                raise ControlError("'count' must be positive (or -1: forever)")
+            for key in ("path_regex", "query_regex"):
+                if fault.get(key) is not None:
+                    try:
+                        re.compile(fault[key])
+                    except (re.error, TypeError) as e:
+                        raise ControlError("bad %s: %s" % (key, e)) from None
+            if fault.get("status") is not None:
+                _int(fault, "status", 0, minimum=100)
+            _int(fault, "delay_ms", 0)
+            if fault.get("truncate_after") is not None:
+                _int(fault, "truncate_after", 0)
+            headers = fault.get("headers") or {}
+            if not isinstance(headers, dict) or not all(
+                    isinstance(v, str) for v in headers.values()):
+                raise ControlError("'headers' must map names to strings")
+            body = fault.get("body")
+            if body is not None and not isinstance(body, (dict, list, str)):
+                raise ControlError("'body' must be an object, a string or null")
+            checked.append(fault)
+        with self.state.lock:
+            self.state.faults.extend(checked)
+        return 200, {"pending": len(self.state.faults)}, None
+
+    def list_faults(self, query):
+        with self.state.lock:
+            return 200, list(self.state.faults), None
+
+    def clear_faults(self, query):
+        with self.state.lock:
+            self.state.faults.clear()
+        return 200, {}, None
+
+    def rate_limit(self, doc):
+        per_second = _int(doc, "per_second", 0)
+        retry_after = _int(doc, "retry_after", 1)
+        with self.state.lock:
+            self.state.rate.update(per_second=per_second, retry_after=retry_after)
+            self.state.rate["recent"].clear()
+        return 200, {}, None
+
+    def tokens(self, doc):
+        with self.state.lock:
+            if "revoke" in doc:
+                self.state.tokens.pop(doc["revoke"], None)
+            if "token" in doc:
+                if not isinstance(doc["token"], str) or not doc["token"]:
+                    raise ControlError("'token' must be a non-empty string")
+                expires_in = doc.get("expires_in")
+                if expires_in is not None and not isinstance(expires_in, (int, float)):
+                    raise ControlError("'expires_in' must be a number or null")
+                self.state.tokens[doc["token"]] = (
+                    None if expires_in is None else time.time() + expires_in)
+            return 200, {"tokens": sorted(self.state.tokens)}, None
+
+    def commit_pending(self, doc):
+        count = _int(doc, "count", 0)
+        retry_after = _int(doc, "retry_after", 1)
+        with self.state.lock:
+            self.state.commit_pending.update(count=count, retry_after=retry_after)
+        return 200, {}, None
+
+    def config(self, doc):
+        with self.state.lock:
+            config = self.state.config
+            if "part_size" in doc:
+                config["part_size"] = _int(doc, "part_size", 0, minimum=1)
+            if "min_session_size" in doc:
+                config["min_session_size"] = _int(doc, "min_session_size", 0)
+            return 200, dict(config), None
+
+    def log(self, query):
+        with self.state.lock:
+            return 200, list(self.state.log), None
+
+    def clear_log(self, query):
+        with self.state.lock:
+            self.state.log.clear()
+        return 200, {}, None

@@ -1,0 +1,354 @@
+"""Box's upload API (everything under "/api/2.0/"): the multipart upload
+and upload sessions with parts and commit."""
+
+import base64
+import binascii
+import hashlib
+import json
+import os
+import re
+import secrets
+import shutil
+import tempfile
+import time
+
+from boxemu_api import JSON_LIMIT, Response, first, parse_time_attr, read_json
+from boxemu_body import Multipart, MultipartError, header_params
+from boxemu_content import CHUNK, FileContent
+from boxemu_store import BoxError, bad_request, check_name
+
+SESSION_LIFETIME = 7 * 24 * 3600
+
+
+def parse_digest(value):
+    """'sha=<base64>' (RFC 3230, possibly among other algorithms) -> hex."""
+    for item in (value or "").split(","):
+        algo, _, encoded = item.strip().partition("=")
+        if algo.strip().lower() in ("sha", "sha-1", "sha1"):
+            try:
+                raw = base64.b64decode(encoded.strip(), validate=True)
+            except (binascii.Error, ValueError):
+                raw = b""
+            if len(raw) != 20:
+                raise bad_request("The digest header is not a base64 SHA-1", "bad_digest")
+            return raw.hex()
+    raise bad_request("Missing or unsupported digest header; use sha=<base64>")
+
+
+def spool(chunks, directory):
+    """Write chunks to a new file in directory -> (path, size, sha1 hex)."""
+    fd, path = tempfile.mkstemp(prefix="spool-", dir=directory)
+    h = hashlib.sha1()
+    size = 0
+    try:
+        with os.fdopen(fd, "wb") as f:
+            for chunk in chunks:
+                f.write(chunk)
+                h.update(chunk)
+                size += len(chunk)
+    except BaseException:
+        os.unlink(path)
+        raise
+    return path, size, h.hexdigest()
+
+
+def body_chunks(body):
+    while True:
+        data = body.read()
+        if not data:
+            return
+        yield data
+
+
+class Session:
+    def __init__(self, sid, folder_id, name, size, part_size, directory):
+        self.id = sid
+        self.folder_id = folder_id
+        self.name = name
+        self.size = size
+        self.part_size = part_size
+        self.total_parts = max(1, -(-size // part_size))
+        self.directory = directory
+        self.parts = {}          # offset -> part dict (+ "path")
+        self.expires_at = time.time() + SESSION_LIFETIME
+
+    def discard(self):
+        shutil.rmtree(self.directory, ignore_errors=True)
+
+
+class Uploads:
+    def __init__(self, state):
+        self.state = state
+        self.store = state.store
+
+    # -- single request upload -------------------------------------------
+
+    def upload(self, req):
+        ctype, params = header_params(req.headers.get("Content-Type") or "")
+        if ctype != "multipart/form-data":
+            req.body.drain()
+            raise bad_request("Uploads must be multipart/form-data")
+        attributes = None
+        spooled = None
+        try:
+            for headers, data in Multipart(req.body, params.get("boundary")).parts():
+                _, disposition = header_params(headers.get("content-disposition", ""))
+                field = disposition.get("name")
+                if field == "attributes":
+                    raw = b"".join(data)
+                    if len(raw) > JSON_LIMIT:
+                        raise bad_request("attributes too large")
+                    try:
+                        attributes = json.loads(raw)
+                    except (ValueError, UnicodeDecodeError):
+                        raise bad_request("attributes are not valid JSON") from None
+                elif field == "file" and spooled is None:
+                    if attributes is None:
+                        raise bad_request("The attributes part must come before the file part",
+                                          "metadata_after_file_contents")
+                    spooled = spool(data, self.state.data_dir)
+            req.body.drain()
+        except MultipartError as e:
+            req.body.drain()
+            self._drop(spooled)
+            raise bad_request("Malformed multipart body: %s" % e) from None
+        except BaseException:
+            req.body.drain()
+            self._drop(spooled)
+            raise
+        try:
+            return self._store_upload(req, attributes, spooled)
+        except BaseException:
+            self._drop(spooled)
+            raise
+
+    @staticmethod
+    def _drop(spooled):
+        if spooled is not None:
+            try:
+                os.unlink(spooled[0])
+            except OSError:
+                pass
+
+    def _store_upload(self, req, attributes, spooled):
+        if not isinstance(attributes, dict) or "name" not in attributes:
+            raise bad_request("attributes with 'name' and 'parent' are required")
+        parent_id = (attributes.get("parent") or {}).get("id") \
+            if isinstance(attributes.get("parent"), dict) else None
+        if not isinstance(parent_id, str):
+            raise bad_request("attributes need 'parent' with an 'id'")
+        if spooled is None:
+            raise bad_request("The file part is missing")
+        path, _, sha1 = spooled
+        wanted = req.headers.get("Content-MD5")
+        if wanted and wanted.strip().lower() != sha1:
+            raise bad_request("The Content-MD5 header does not match the file's SHA-1",
+                              "bad_digest")
+        modified = parse_time_attr(attributes, "content_modified_at")
+        with self.store.lock:
+            parent = self.store.get(parent_id, "folder", name="parent", location="body")
+            item = self.store.create_file(parent, attributes["name"], FileContent([path], sha1),
+                                          modified)
+            entry = self.store.item_json(item, first(req.query, "fields"))
+        return Response(201, {"total_count": 1, "entries": [entry]})
+
+    # -- upload sessions -------------------------------------------------
+
+    def create_session(self, req):
+        doc = read_json(req)
+        if not isinstance(doc, dict):
+            raise bad_request("The body must be a JSON object")
+        if "folder_id" not in doc:
+            raise bad_request("folder_id is required", "missing_destination")
+        if not isinstance(doc["folder_id"], str):
+            raise bad_request("folder_id must be a string", "invalid_folder_id")
+        if "file_size" not in doc:
+            raise bad_request("file_size is required", "missing_file_size")
+        size = doc["file_size"]
+        if not isinstance(size, int) or isinstance(size, bool) or size < 0:
+            raise bad_request("file_size must be a number", "invalid_file_size")
+        if "file_name" not in doc:
+            raise bad_request("file_name is required", "missing_file_name")
+        check_name(doc["file_name"])
+        config = self.state.config
+        if size < config["min_session_size"]:
+            raise bad_request("file_size is below the minimum for upload sessions (%d)"
+                              % config["min_session_size"], "file_size_too_small")
+        with self.store.lock:
+            parent = self.store.get(doc["folder_id"], "folder", name="folder_id", location="body")
+            self.store.conflict(parent, doc["file_name"])
+            sid = secrets.token_hex(16).upper()
+            directory = os.path.join(self.state.data_dir, "session-" + sid)
+            os.mkdir(directory)
+            session = Session(sid, parent.id, doc["file_name"], size, config["part_size"],
+                              directory)
+            self.store.sessions[sid] = session
+            return Response(201, self._session_json(req, session))
+
+    def _session_json(self, req, s):
+        url = "%s/api/2.0/files/upload_sessions/%s" % (req.base_url, s.id)
+        return {"id": s.id, "type": "upload_session",
+                "session_expires_at": self.store.clock.format(s.expires_at),
+                "part_size": s.part_size, "total_parts": s.total_parts,
+                "num_parts_processed": len(s.parts),
+                "session_endpoints": {"upload_part": url, "commit": url + "/commit",
+                                      "abort": url, "list_parts": url + "/parts",
+                                      "status": url, "log_event": url + "/log"}}
+
+    def _session(self, sid):
+        session = self.store.sessions.get(sid)
+        if session is None or session.expires_at < time.time():
+            raise BoxError(404, "not_found", "Upload session not found",
+                           {"errors": [{"reason": "invalid_parameter", "name": "upload_session_id",
+                                        "message": "Invalid value '%s'." % sid,
+                                        "location": "path"}]})
+        return session
+
+    def session_status(self, req, sid):
+        req.body.drain()
+        with self.store.lock:
+            return Response(200, self._session_json(req, self._session(sid)))
+
+    def abort(self, req, sid):
+        req.body.drain()
+        with self.store.lock:
+            session = self._session(sid)
+            del self.store.sessions[sid]
+        session.discard()
+        return Response(204)
+
+    def list_parts(self, req, sid):
+        req.body.drain()
+        with self.store.lock:
+            session = self._session(sid)
+            parts = [self._part_json(session.parts[o]) for o in sorted(session.parts)]
+        return Response(200, {"entries": parts, "limit": 1000, "offset": 0,
+                              "total_count": len(parts)})
+
+    @staticmethod
+    def _part_json(part):
+        return {k: part[k] for k in ("part_id", "offset", "size", "sha1")}
+
+    def upload_part(self, req, sid):
+        try:
+            with self.store.lock:
+                session = self._session(sid)
+            digest = parse_digest(req.headers.get("digest"))
+            start, end = self._check_range(session, req.headers.get("Content-Range"))
+            path, size, sha1 = spool(body_chunks(req.body), session.directory)
+        finally:
+            req.body.drain()
+        try:
+            if size != end - start + 1:
+                raise BoxError(416, "range_mismatch",
+                               "The body has %d bytes but Content-Range names %d"
+                               % (size, end - start + 1))
+            if sha1 != digest:
+                raise bad_request("The digest header does not match the part's SHA-1",
+                                  "bad_digest")
+            with self.store.lock:
+                old = session.parts.get(start)
+                if old is not None and old["sha1"] != sha1:
+                    raise BoxError(409, "range_overlap",
+                                   "A different part was already uploaded for this range")
+                if old is not None:
+                    os.unlink(path)
+                    return Response(200, {"part": self._part_json(old)})
+                part = {"part_id": secrets.token_hex(4).upper(), "offset": start,
+                        "size": size, "sha1": sha1, "path": path}
+                session.parts[start] = part
+                return Response(200, {"part": self._part_json(part)})
+        except BaseException:
+            if os.path.exists(path) and all(p.get("path") != path for p in session.parts.values()):
+                os.unlink(path)
+            raise
+
+    @staticmethod
+    def _check_range(session, value):
+        m = re.fullmatch(r"\s*bytes\s+(\d+)-(\d+)/(\d+)\s*", value or "")
+        if not m:
+            raise BoxError(416, "range_mismatch", "Missing or malformed Content-Range header")
+        start, end, total = (int(g) for g in m.groups())
+        if total != session.size:
+            raise BoxError(416, "range_mismatch",
+                           "Content-Range total %d differs from the session's file size %d"
+                           % (total, session.size))
+        if end < start or end >= total or start % session.part_size != 0:
+            raise BoxError(416, "range_mismatch", "Content-Range is not on a part boundary")
+        if end - start + 1 != session.part_size and end != total - 1:
+            raise BoxError(416, "range_mismatch",
+                           "Only the last part may be smaller than part_size")
+        if end - start + 1 > session.part_size:
+            raise BoxError(416, "range_mismatch", "The part is larger than part_size")
+        return start, end
+
+    def commit(self, req, sid):
+        digest_header = req.headers.get("digest")
+        doc = read_json(req)
+        with self.store.lock:
+            session = self._session(sid)
+            pending = self.state.commit_pending
+            if pending["count"] > 0:
+                pending["count"] -= 1
+                return Response(202, headers={"Retry-After": str(pending["retry_after"])})
+        digest = parse_digest(digest_header)
+        if not isinstance(doc, dict) or not isinstance(doc.get("parts"), list):
+            raise bad_request("'parts' is required")
+        ordered = self._check_parts(session, doc["parts"])
+        h = hashlib.sha1()
+        for part in ordered:
+            with open(part["path"], "rb") as f:
+                while True:
+                    data = f.read(CHUNK)
+                    if not data:
+                        break
+                    h.update(data)
+        if h.hexdigest() != digest:
+            raise bad_request("The digest header does not match the file's SHA-1", "bad_digest")
+        attributes = doc.get("attributes") if isinstance(doc.get("attributes"), dict) else {}
+        modified = parse_time_attr(attributes, "content_modified_at")
+        with self.store.lock:
+            if self.store.sessions.get(sid) is not session:
+                raise BoxError(404, "not_found", "Upload session not found")
+            parent = self.store.get(session.folder_id, "folder", name="folder_id",
+                                    location="body")
+            paths = []
+            for part in ordered:
+                final = os.path.join(self.state.data_dir, "part-%s-%d" % (sid, part["offset"]))
+                os.rename(part["path"], final)
+                part["path"] = final
+                paths.append(final)
+            try:
+                item = self.store.create_file(parent, session.name,
+                                              FileContent(paths, h.hexdigest()), modified)
+            except BaseException:
+                for part, final in zip(ordered, paths):
+                    os.rename(final, os.path.join(session.directory, os.path.basename(final)))
+                    part["path"] = os.path.join(session.directory, os.path.basename(final))
+                raise
+            del self.store.sessions[sid]
+            entry = self.store.item_json(item, first(req.query, "fields"))
+        session.discard()
+        return Response(201, {"total_count": 1, "entries": [entry]})
+
+    @staticmethod
+    def _check_parts(session, listed):
+        ordered = []
+        for p in listed:
+            if not isinstance(p, dict) or not isinstance(p.get("offset"), int):
+                raise bad_request("Every part needs part_id, offset, size and sha1")
+            known = session.parts.get(p["offset"])
+            if known is None or p.get("part_id") != known["part_id"] \
+                    or p.get("size", known["size"]) != known["size"] \
+                    or p.get("sha1", known["sha1"]) != known["sha1"]:
+                raise bad_request("Part %r was not uploaded in this session" % (p,))
+            ordered.append(known)
+        ordered.sort(key=lambda p: p["offset"])
+        position = 0
+        for part in ordered:
+            if part["offset"] != position:
+                raise bad_request("The parts do not cover the file without gaps or overlaps")
+            position += part["size"]
+        if position != session.size:
+            raise bad_request("The parts cover %d of %d bytes" % (position, session.size))
+        return ordered
