@@ -249,6 +249,10 @@ tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
                                    tarvex_box_request_t *request);
 /* Releases the outputs (header values, document). */
 void tarvex_box_request_release(tarvex_box_request_t *request);
+/* The value of a wanted response header ("Retry-After" or one named in
+ * wanted_headers, compared without case) after the call, or NULL. */
+const char *tarvex_box_request_header(const tarvex_box_request_t *request,
+                                      const char *name);
 
 /* ---- item record, caches, listing, resolution, stat ---- */
 

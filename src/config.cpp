@@ -1,0 +1,144 @@
+/*
+ * The storage gateway policy and the plug-in's process-wide settings.
+ */
+#include <errno.h>
+#include <stdlib.h>
+
+#include <mutex>
+#include <string>
+
+#include "tarvex_box_common.h"
+
+extern "C" {
+
+int tarvex_i_box_api_per_second = 16;
+int tarvex_i_box_upload_per_second = 4;
+int tarvex_i_box_max_delay = 25;
+int tarvex_i_box_max_retries = 3;
+int tarvex_i_box_progress_timeout_ms = 30000;
+int tarvex_i_box_chunked_minimum = 52428800;
+const char *tarvex_i_box_retry_path = "$HOME/.tarvex/box-r";
+const char *tarvex_i_box_upload_path = "$HOME/.tarvex/box-u";
+
+} // extern "C"
+
+namespace {
+
+/* The two origins.  They are set at session start, before any request,
+ * and one server process serves one session; the lock only keeps a
+ * concurrent set from tearing a string. */
+struct bases {
+    std::mutex lock;
+    std::string api;
+    std::string upload;
+    bool loaded = false;
+};
+
+bases &the_bases()
+{
+    static bases instance;
+    return instance;
+}
+
+std::string origin(const char *text)
+{
+    std::string value = text;
+    while (!value.empty() && value.back() == '/')
+        value.pop_back();
+    return value;
+}
+
+std::string from_environment(const char *variable, const char *fallback)
+{
+    const char *value = getenv(variable);
+    return origin(value != nullptr && value[0] != '\0' ? value : fallback);
+}
+
+/* Defaults first, then the environment; callers hold the lock. */
+void load_defaults(bases &b)
+{
+    if (b.loaded)
+        return;
+    b.api = from_environment("TARVEX_BOX_API_BASE", "https://api.box.com");
+    b.upload = from_environment("TARVEX_BOX_UPLOAD_BASE", "https://upload.box.com");
+    b.loaded = true;
+}
+
+} // namespace
+
+extern "C" const char *tarvex_box_api_base(void)
+{
+    bases &b = the_bases();
+    std::lock_guard<std::mutex> guard(b.lock);
+    load_defaults(b);
+    return b.api.c_str();
+}
+
+extern "C" const char *tarvex_box_upload_base(void)
+{
+    bases &b = the_bases();
+    std::lock_guard<std::mutex> guard(b.lock);
+    load_defaults(b);
+    return b.upload.c_str();
+}
+
+/* A null or empty value leaves that base as it is.  Pointers returned
+ * earlier by the getters are invalid afterwards. */
+extern "C" void tarvex_box_set_bases(const char *api_base, const char *upload_base)
+{
+    bases &b = the_bases();
+    std::lock_guard<std::mutex> guard(b.lock);
+    load_defaults(b);
+    if (api_base != nullptr && api_base[0] != '\0')
+        b.api = origin(api_base);
+    if (upload_base != nullptr && upload_base[0] != '\0')
+        b.upload = origin(upload_base);
+}
+
+namespace {
+
+struct json_guard {
+    json_t *doc;
+    ~json_guard() { json_decref(doc); }
+};
+
+} // namespace
+
+/*
+ * A policy that is not JSON is a generic error while a key of the wrong
+ * type is an FTP 500: the two are told apart on purpose.  A rate of 0 (or
+ * none) keeps the current one.
+ */
+extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *rate)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    json_error_t error;
+    json_guard policy{json_loads(text, 0, &error)};
+    if (policy.doc == nullptr) {
+        tarvex_result_t result = TARVEX_BOX_GENERIC_ERROR(
+            "Error loading collection storage policy: %s\n", error.text);
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+
+    int per_second = 0;
+    const char *api_base = nullptr;
+    const char *upload_base = nullptr;
+    if (json_unpack_ex(policy.doc, &error, 0, "{s?i,s?s,s?s}", "user_api_rate_limit",
+                       &per_second, "box_api_base", &api_base, "box_upload_base",
+                       &upload_base) != 0) {
+        tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 500, "INTERNAL_ERROR",
+            "GridFTP-Error: Error unpacking collection storage policy: %s\n",
+            error.text);
+        tarvex_result_t result =
+            object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+    if (per_second != 0)
+        *rate = per_second;
+    tarvex_box_set_bases(api_base, upload_base);
+    TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
+    return TARVEX_SUCCESS;
+}

@@ -1,0 +1,200 @@
+/*
+ * The shape every Box call shares: bearer authorisation, "Retry-After"
+ * always the first wanted header, JSON in and out through the REST
+ * client's stock callbacks, the idle time-out, pacing before each attempt,
+ * a bounded number of attempts, and translation of Box's error answers.
+ */
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+#include <string>
+#include <vector>
+
+#include "tarvex_box_common.h"
+
+namespace {
+
+unsigned debug_level()
+{
+    return tarvex_i_box_debug_level_names[TARVEX_BOX_DEBUG] ? TARVEX_BOX_DEBUG
+                                                            : TARVEX_BOX_TRACE;
+}
+
+/* "Retry-After" first, then the caller's names.  The keys are borrowed;
+ * the client fills allocated values. */
+bool set_wanted_headers(tarvex_box_request_t *request)
+{
+    size_t count = 1 + request->wanted_header_count;
+    auto *wanted = static_cast<tarvex_dsi_rest_key_value_t *>(
+        calloc(count, sizeof(tarvex_dsi_rest_key_value_t)));
+    if (wanted == nullptr)
+        return false;
+    wanted[0].key = "Retry-After";
+    for (size_t i = 0; i < request->wanted_header_count; i++)
+        wanted[i + 1].key = request->wanted_headers[i];
+    request->response.desired_headers.count = count;
+    request->response.desired_headers.key_value = wanted;
+    return true;
+}
+
+/* The request headers of one attempt: "Authorization" first (the token
+ * may have been renewed since the last attempt), "Content-Type" for a
+ * JSON body, then the caller's. */
+struct attempt_headers {
+    std::string authorization;
+    std::vector<tarvex_dsi_rest_key_value_t> pairs;
+    tarvex_dsi_rest_key_array_t array = {0, nullptr};
+
+    attempt_headers(const tarvex_box_session_t *box, const tarvex_box_request_t *request)
+    {
+        if (box != nullptr) {
+            authorization = "Bearer ";
+            authorization += box->access_token ? box->access_token : "";
+            pairs.push_back({"Authorization", authorization.c_str()});
+        }
+        /* The trailing semicolon is what Box has always been sent. */
+        if (request->json_body != nullptr)
+            pairs.push_back({"Content-Type", "application/json;"});
+        for (size_t i = 0; i < request->header_count; i++)
+            pairs.push_back(request->headers[i]);
+        array = {pairs.size(), pairs.data()};
+    }
+};
+
+void drop_result(tarvex_result_t result)
+{
+    if (result != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(result));
+}
+
+void clear_attempt(tarvex_box_request_t *request)
+{
+    tarvex_dsi_rest_response_arg_clear(&request->response);
+    json_decref(request->json);
+    request->json = nullptr;
+}
+
+/* One exchange.  Success: the answer is one to take (status below 400,
+ * the expected status, or one the translation lets pass).  Failure: the
+ * error, with *retry saying whether another attempt may help. */
+tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request,
+                        bool *retry, unsigned long *retry_after)
+{
+    attempt_headers headers(box, request);
+
+    tarvex_dsi_rest_callbacks_t callbacks = {};
+    callbacks.response_callback = tarvex_dsi_rest_response;
+    callbacks.response_callback_arg = &request->response;
+    if (request->json_body != nullptr) {
+        callbacks.data_write_callback = tarvex_dsi_rest_write_json;
+        callbacks.data_write_callback_arg = request->json_body;
+    } else {
+        callbacks.data_write_callback = request->write_callback;
+        callbacks.data_write_callback_arg = request->write_callback_arg;
+    }
+    if (request->read_callback != nullptr) {
+        callbacks.data_read_callback = request->read_callback;
+        callbacks.data_read_callback_arg = request->read_callback_arg;
+    } else {
+        callbacks.data_read_callback = tarvex_dsi_rest_read_json;
+        callbacks.data_read_callback_arg = &request->json;
+    }
+    int timeout_ms = request->progress_timeout_ms ? request->progress_timeout_ms
+                                                  : tarvex_i_box_progress_timeout_ms;
+    callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
+    /* The number itself travels as the argument, not a pointer to it. */
+    callbacks.progress_callback_arg = (void *)(intptr_t)timeout_ms;
+
+    tarvex_result_t result = tarvex_dsi_rest_request(request->method, request->url,
+                                                     request->query, &headers.array,
+                                                     &callbacks);
+    if (result != TARVEX_SUCCESS) {
+        *retry = tarvex_dsi_rest_error_is_retryable(result);
+        return result;
+    }
+
+    int status = request->response.response_code;
+    bool taken = request->expected_status != 0 ? status == request->expected_status
+                                               : status < 400;
+    if (taken)
+        return TARVEX_SUCCESS;
+
+    result = tarvex_box_translate_response(
+        &request->response, request->translate_without_body ? nullptr : request->json,
+        retry, retry_after);
+    if (result != TARVEX_SUCCESS && request->refusal_is_final && status >= 400)
+        *retry = false;
+    return result;
+}
+
+} // namespace
+
+extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
+                                              tarvex_box_request_t *request)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_box_request_release(request);
+    request->attempts_made = 0;
+    if (!set_wanted_headers(request)) {
+        tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+
+    int budget = request->attempts > 0 ? request->attempts : 1;
+    unsigned long retry_after = 0;
+    tarvex_result_t result = TARVEX_SUCCESS;
+    for (;;) {
+        clear_attempt(request);
+        bool retry = false;
+
+        if (request->refresh_token) {
+            result = tarvex_box_token_refresh(box, request->op);
+            if (result != TARVEX_SUCCESS)
+                break;
+        }
+        if (tarvex_i_TARVEX_BOX_debug_handle.levels & debug_level())
+            tarvex_box_debug_line(debug_level(), __func__, "API CALL!\n");
+        if (!request->no_delay)
+            tarvex_i_box_retry_delay(retry_after, request->retry);
+
+        request->attempts_made++;
+        unsigned long wait = 0;
+        result = attempt(box, request, &retry, &wait);
+        if (result == TARVEX_SUCCESS)
+            break;
+
+        /* Box's "Retry-After" paces the next attempt. */
+        retry_after = wait;
+        json_decref(request->json);
+        request->json = nullptr;
+        if (!retry || request->attempts_made >= budget)
+            break;
+        drop_result(result);
+    }
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" void tarvex_box_request_release(tarvex_box_request_t *request)
+{
+    tarvex_dsi_rest_response_arg_clear(&request->response);
+    free(request->response.desired_headers.key_value);
+    request->response.desired_headers.key_value = nullptr;
+    request->response.desired_headers.count = 0;
+    json_decref(request->json);
+    request->json = nullptr;
+}
+
+extern "C" const char *tarvex_box_request_header(const tarvex_box_request_t *request,
+                                                 const char *name)
+{
+    const tarvex_dsi_rest_key_array_t &wanted = request->response.desired_headers;
+    for (size_t i = 0; i < wanted.count; i++)
+        if (wanted.key_value[i].key != nullptr &&
+            strcasecmp(wanted.key_value[i].key, name) == 0)
+            return wanted.key_value[i].value;
+    return nullptr;
+}

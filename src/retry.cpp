@@ -1,0 +1,318 @@
+/*
+ * Request pacing shared by every server process of one Box user.  Each
+ * kind of traffic has a 24-byte record in a file under the user's home,
+ * mapped into every process; before each request a process takes the
+ * file's write lock, waits until the spacing has passed since the last
+ * request of anyone, stamps the time and lets go.
+ */
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "tarvex_box_common.h"
+
+static_assert(sizeof(struct tarvex_box_retry_shared_s) == 24, "pacing record layout");
+
+/* Stays on in release builds: a template without a directory is a bug
+ * that must not pass silently. */
+#define TARVEX_L_BOX_CHECK(condition)                                           \
+    do {                                                                        \
+        if (!(condition)) {                                                     \
+            fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", __FILE__,    \
+                    __LINE__, __func__, #condition);                            \
+            abort();                                                            \
+        }                                                                       \
+    } while (0)
+
+namespace {
+
+constexpr off_t record_size = sizeof(struct tarvex_box_retry_shared_s);
+constexpr int open_attempts = 10;
+
+/* DEBUG lines fall back to TRACE should the level lose its name. */
+unsigned debug_level()
+{
+    return tarvex_i_box_debug_level_names[TARVEX_BOX_DEBUG] ? TARVEX_BOX_DEBUG
+                                                            : TARVEX_BOX_TRACE;
+}
+
+#define TARVEX_L_BOX_DEBUG(...) TARVEX_BOX_LOG(debug_level(), __VA_ARGS__)
+
+struct tarvex_box_retry_shared_s *private_record()
+{
+    return static_cast<struct tarvex_box_retry_shared_s *>(
+        calloc(1, sizeof(struct tarvex_box_retry_shared_s)));
+}
+
+/* A private record for a handle that keeps a descriptor number: destroy
+ * unmaps such a record, so it is a mapping too (anonymous, zero-filled). */
+struct tarvex_box_retry_shared_s *private_mapped_record(tarvex_box_retry_t *retry)
+{
+    void *record = mmap(nullptr, sizeof(struct tarvex_box_retry_shared_s),
+                        PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (record != MAP_FAILED)
+        return static_cast<struct tarvex_box_retry_shared_s *>(record);
+    /* Out of mappings: forget the descriptor so destroy frees instead. */
+    retry->fd = -1;
+    return private_record();
+}
+
+int lock_file(int fd, short type, int command)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0;
+    lock.l_len = 0;
+    int rc;
+    do
+        rc = fcntl(fd, command, &lock);
+    while (rc == -1 && errno == EINTR);
+    return rc;
+}
+
+/* Creates the last directory of `path` when it is missing. */
+void make_parent_dir(char *path)
+{
+    char *slash = strrchr(path, '/');
+    TARVEX_L_BOX_CHECK(slash != NULL);
+    *slash = '\0';
+    DIR *dir = opendir(path);
+    if (dir != nullptr)
+        closedir(dir);
+    else if (errno == ENOENT)
+        mkdir(path, 0700);
+    *slash = '/';
+}
+
+int open_file(const char *path)
+{
+    int fd = -1;
+    for (int i = 0; i < open_attempts && fd == -1; i++)
+        fd = open(path, O_RDWR | O_CREAT, 0600);
+    return fd;
+}
+
+void *map_record(int fd)
+{
+    return mmap(nullptr, record_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+}
+
+enum class setup { map, private_open, private_closed };
+
+/*
+ * Brings the file to its size under the lock and clears the stamp.  Whoever
+ * finds the lock taken waits for the holder to finish the size, then maps
+ * without locking.
+ */
+setup prepare_file(int fd)
+{
+    for (;;) {
+        struct stat st;
+        if (lock_file(fd, F_WRLCK, F_SETLK) != 0) {
+            if (fstat(fd, &st) != 0)
+                continue;
+            if (st.st_size == record_size)
+                return setup::map;
+            sleep(1);
+            continue;
+        }
+        if (fstat(fd, &st) == 0 && st.st_size == record_size) {
+            lock_file(fd, F_UNLCK, F_SETLK);
+            return setup::map;
+        }
+        while (ftruncate(fd, record_size) != 0) {
+            /* An interrupted size change gives up on the file; the
+             * number stays in the handle. */
+            if (errno == EINTR)
+                return setup::private_open;
+        }
+        void *record = map_record(fd);
+        if (record != MAP_FAILED) {
+            memset(static_cast<char *>(record) + 8, 0, 16);
+            munmap(record, record_size);
+        }
+        while (ftruncate(fd, record_size) != 0) {
+            if (errno != EINTR)
+                return setup::private_closed;
+        }
+        lock_file(fd, F_UNLCK, F_SETLK);
+        return setup::map;
+    }
+}
+
+} // namespace
+
+extern "C" void tarvex_i_box_retry_state_create(const char *name, int per_second,
+                                                tarvex_box_retry_t *retry)
+{
+    /* A rate of 0 is never guarded: it cannot come from the policy, which
+     * keeps the current rate for 0. */
+    retry->delay = (unsigned)(1000000 / per_second);
+    retry->fd = -1;
+    retry->shared = nullptr;
+
+    char *pattern = tarvex_common_create_string("%s/%s", tarvex_i_box_retry_path, name);
+    char *path = nullptr;
+    if (pattern != nullptr)
+        (void)tarvex_box_evaluate_path(pattern, &path);
+    free(pattern);
+
+    int fd = -1;
+    if (path != nullptr) {
+        make_parent_dir(path);
+        fd = open_file(path);
+        free(path);
+    }
+
+    struct stat st;
+    if (fd != -1 && (fstat(fd, &st) != 0 || st.st_uid != geteuid())) {
+        /* Someone else's file must not steer our pacing. */
+        close(fd);
+        fd = -1;
+    }
+
+    if (fd == -1) {
+        retry->shared = private_record();
+    } else {
+        switch (prepare_file(fd)) {
+        case setup::map: {
+            /* Only a failed mapping leaves the file open with a private
+             * record. */
+            void *record = map_record(fd);
+            retry->fd = fd;
+            if (record == nullptr || record == MAP_FAILED) {
+                retry->shared = private_mapped_record(retry);
+                if (retry->fd == -1)
+                    close(fd);
+            } else
+                retry->shared = static_cast<struct tarvex_box_retry_shared_s *>(record);
+            break;
+        }
+        case setup::private_open:
+            close(fd);
+            retry->fd = fd;
+            retry->shared = private_mapped_record(retry);
+            break;
+        case setup::private_closed:
+            close(fd);
+            retry->shared = private_record();
+            break;
+        }
+    }
+    retry->is = true;
+    TARVEX_BOX_TRACE_EXIT();
+}
+
+extern "C" void tarvex_i_box_retry_state_destroy(tarvex_box_retry_t *retry)
+{
+    if (retry->fd == -1) {
+        free(retry->shared);
+    } else {
+        munmap(retry->shared, record_size);
+        close(retry->fd);
+        retry->fd = -1;
+    }
+    retry->shared = nullptr;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_retry_state_lock(tarvex_box_retry_t *retry,
+                                                        bool wait)
+{
+    if (lock_file(retry->fd, F_WRLCK, wait ? F_SETLKW : F_SETLK) != 0)
+        return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ",
+                                         "fnctl");
+    return TARVEX_SUCCESS;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *retry)
+{
+    if (lock_file(retry->fd, F_UNLCK, F_SETLK) != 0)
+        return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ",
+                                         "fnctl");
+    return TARVEX_SUCCESS;
+}
+
+namespace {
+
+/* The wall clock at microsecond grain, as seconds and nanoseconds. */
+void wall_clock(int64_t *sec, int64_t *nsec)
+{
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    *sec = now.tv_sec;
+    *nsec = (int64_t)now.tv_usec * 1000;
+}
+
+/* A wait of a whole second or more is not a valid nanosleep request and
+ * is therefore not taken. */
+void sleep_usec(long long usec)
+{
+    struct timespec wait = {0, (long)(usec * 1000)};
+    nanosleep(&wait, nullptr);
+}
+
+} // namespace
+
+extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_t *retry)
+{
+    if (retry_after != 0) {
+        uint64_t seconds = retry_after;
+        if (seconds > (uint64_t)tarvex_i_box_max_delay)
+            seconds = (uint64_t)tarvex_i_box_max_delay;
+        TARVEX_L_BOX_DEBUG("retry_after=%lu sleep=%lu\n", (unsigned long)retry_after,
+                           (unsigned long)seconds);
+        sleep((unsigned)seconds);
+    }
+    if (retry == nullptr)
+        return;
+
+    tarvex_result_t locked = tarvex_i_box_retry_state_lock(retry, true);
+    if (locked != TARVEX_SUCCESS) {
+        tarvex_object_free(tarvex_error_get(locked));
+        TARVEX_L_BOX_DEBUG("sleep=%u lockfailed\n", retry->delay);
+        sleep_usec(retry->delay);
+        return;
+    }
+
+    int64_t now_sec, now_nsec;
+    wall_clock(&now_sec, &now_nsec);
+    int64_t last_sec = retry->shared->last.tv_sec;
+    int64_t last_nsec = retry->shared->last.tv_nsec;
+
+    /* A stamp in the future counts like one in the past. */
+    int64_t sec_diff = 0;
+    int64_t usec_diff = 0;
+    if (now_sec != last_sec || now_nsec != last_nsec) {
+        bool now_later = now_sec > last_sec || (now_sec == last_sec && now_nsec > last_nsec);
+        int64_t later_sec = now_later ? now_sec : last_sec;
+        int64_t later_nsec = now_later ? now_nsec : last_nsec;
+        int64_t earlier_sec = now_later ? last_sec : now_sec;
+        int64_t earlier_nsec = now_later ? last_nsec : now_nsec;
+        sec_diff = later_sec - earlier_sec;
+        usec_diff = (later_nsec - earlier_nsec) / 1000;
+        if (usec_diff < 0) {
+            sec_diff -= 1;
+            usec_diff += 1000000;
+        }
+    }
+    if (sec_diff == 0 && (int64_t)retry->delay > usec_diff) {
+        unsigned wait = (unsigned)((int64_t)retry->delay - usec_diff);
+        sleep_usec(wait);
+        TARVEX_L_BOX_DEBUG("sleep=%u\n", wait);
+    }
+
+    wall_clock(&retry->shared->last.tv_sec, &retry->shared->last.tv_nsec);
+    tarvex_result_t unlocked = tarvex_i_box_retry_state_unlock(retry);
+    if (unlocked != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(unlocked));
+    TARVEX_BOX_TRACE_EXIT();
+}

@@ -1,0 +1,155 @@
+/*
+ * The user's Box credential.  The plug-in never talks to an OAuth server:
+ * the framework hands over the credential as configuration data ("creds"
+ * first, "renew-creds" when the token is close to expiry).
+ */
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "tarvex_box_common.h"
+
+namespace {
+
+/* A token with this many seconds left or fewer is renewed. */
+constexpr time_t tarvex_l_box_token_margin = 99;
+
+struct json_guard {
+    json_t *doc;
+    ~json_guard() { json_decref(doc); }
+};
+
+tarvex_result_t internal_error(tarvex_object_t *cause, const char *format,
+                               const char *detail)
+{
+    tarvex_object_t *error = tarvex_gfs_ftp_response_error_construct(
+        nullptr, cause, 500, "INTERNAL_ERROR", format, detail);
+    return error ? tarvex_error_put(error) : TARVEX_BOX_MALLOC_ERROR();
+}
+
+bool token_is_fresh(const tarvex_box_session_t *box)
+{
+    return time(nullptr) + tarvex_l_box_token_margin < box->access_token_exp;
+}
+
+} // namespace
+
+/* "2030-01-01T00:00:00.000000-05:00": the fraction is skipped, the offset
+ * hour carries the sign of the whole offset (an hour of 0 counts as
+ * positive, so "-00:30" acts like "+00:30"). */
+extern "C" tarvex_result_t tarvex_i_box_parse_date(const char *text, time_t *when)
+{
+    int year, month, day, hour, minute, second, offset_hours, offset_minutes;
+    if (text == nullptr ||
+        sscanf(text, "%4d-%2d-%2dT%2d:%2d:%2d.%*6d%3d:%2d", &year, &month, &day,
+               &hour, &minute, &second, &offset_hours, &offset_minutes) != 8)
+        return TARVEX_BOX_GENERIC_ERROR("Error parsing time string: %s\n",
+                                        text ? text : "");
+    struct tm tm = {};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour - offset_hours;
+    tm.tm_min = minute - offset_minutes * (offset_hours < 0 ? -1 : 1);
+    tm.tm_sec = second;
+    *when = timegm(&tm);
+    return TARVEX_SUCCESS;
+}
+
+/* Nothing is stored unless the whole credential is good. */
+static tarvex_result_t tarvex_l_box_parse_token_json(const char *text, char **user_id,
+                                                     char **access_token,
+                                                     time_t *access_token_exp,
+                                                     uint64_t *max_upload)
+{
+    json_error_t error;
+    json_guard credential{json_loads(text, 0, &error)};
+    if (credential.doc == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("Error loading user credential: %s\n",
+                                        error.text);
+
+    const char *token = nullptr;
+    const char *expiry = nullptr;
+    const char *sub = nullptr;
+    json_int_t upload_limit = 0;
+    if (json_unpack_ex(credential.doc, &error, 0, "{s:s,s:s,s:s,s:I}", "access_token",
+                       &token, "token_expiry", &expiry, "sub", &sub, "max_upload",
+                       &upload_limit) != 0)
+        return internal_error(nullptr, "GridFTP-Error: Error unpacking user credential: %s\n",
+                              error.text);
+
+    time_t expires = 0;
+    tarvex_result_t result = tarvex_i_box_parse_date(expiry, &expires);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    char *token_copy = strdup(token);
+    char *sub_copy = strdup(sub);
+    if (token_copy == nullptr || sub_copy == nullptr) {
+        free(token_copy);
+        free(sub_copy);
+        return TARVEX_BOX_MALLOC_ERROR();
+    }
+    free(*access_token);
+    free(*user_id);
+    *access_token = token_copy;
+    *user_id = sub_copy;
+    *access_token_exp = expires;
+    *max_upload = (uint64_t)upload_limit;
+    return TARVEX_SUCCESS;
+}
+
+extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
+                                                     tarvex_gfs_operation_t op)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    if (box->access_token != nullptr && token_is_fresh(box)) {
+        TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
+        return TARVEX_SUCCESS;
+    }
+
+    const char *key = "creds";
+    if (box->access_token != nullptr) {
+        free(box->access_token);
+        free(box->user_id);
+        box->access_token = nullptr;
+        box->user_id = nullptr;
+        key = "renew-creds";
+    }
+
+    char *text = nullptr;
+    tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
+    /* No credential is not an error here: the caller decides what a
+     * session without a token may do. */
+    if (text == nullptr) {
+        TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
+        return TARVEX_SUCCESS;
+    }
+    (void)result;
+    result = tarvex_l_box_parse_token_json(text, &box->user_id, &box->access_token,
+                                           &box->access_token_exp, &box->max_upload);
+    free(text);
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_box_token_refresh(tarvex_box_session_t *box,
+                                                    tarvex_gfs_operation_t op)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = tarvex_box_get_kelm_token(box, op);
+    if (result == TARVEX_SUCCESS && !token_is_fresh(box)) {
+        tarvex_dsi_rest_key_value_t pairs[3] = {
+            {"Box-Details", "Token renewal failed. Newly requested token is expired."},
+            {"Box-Details", nullptr},
+            {"Box-Path", nullptr},
+        };
+        tarvex_dsi_rest_key_array_t info = {3, pairs};
+        result = internal_error(tarvex_box_error_construct(nullptr, nullptr, &info),
+                                "%s", "");
+    }
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
