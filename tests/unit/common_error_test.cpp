@@ -133,6 +133,8 @@ TEST(CommonError, ErrnoAndMatchThroughChain)
     tarvex_object_t *replacement = numbered(2);
     tarvex_error_set_cause(outer, replacement);
     EXPECT_EQ(tarvex_error_get_cause(outer), replacement);
+    tarvex_error_set_cause(replacement, outer); // would close a loop: refused
+    EXPECT_EQ(tarvex_error_get_cause(replacement), nullptr);
     EXPECT_EQ(tarvex_error_errno_get_errno(outer), 0);
     tarvex_object_free(outer);
 }

@@ -2,6 +2,7 @@
 // tarvex_debug.h.
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -73,7 +74,8 @@ bool parse_number(const std::string &text, unsigned *value)
     unsigned long number = strtoul(text.c_str(), &end, hex ? 16 : 10);
     if (errno != 0 || end == nullptr || *end != '\0')
         return false;
-    *value = static_cast<unsigned>(number);
+    // More bits than a handle holds: every level.
+    *value = number > UINT_MAX ? UINT_MAX : static_cast<unsigned>(number);
     return true;
 }
 

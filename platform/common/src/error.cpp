@@ -218,16 +218,31 @@ tarvex_object_t *tarvex_error_get_cause(const tarvex_object_t *error)
 
 void tarvex_error_set_cause(tarvex_object_t *error, tarvex_object_t *cause)
 {
-    base_data *data = base_of(error);
-    if (data == nullptr) {
+    if (!tarvex_error_is_error(error)) {
         // Ownership of `cause` passes to this call either way.
         if (cause != error)
             tarvex_object_free(cause);
         return;
     }
-    // Keep the chain acyclic: an error cannot be its own cause.
-    if (data->cause == cause || cause == error)
+    base_data *data = base_of(error);
+    if (data == nullptr) {
+        // A derived error whose constructor never filled the base level
+        // can still carry a cause.
+        data = new (std::nothrow) base_data;
+        if (data == nullptr) {
+            tarvex_object_free(cause);
+            return;
+        }
+        tarvex_object_set_instance_data(error, TARVEX_ERROR_TYPE_BASE, data);
+    }
+    if (data->cause == cause)
         return;
+    // Keep the chain acyclic: an error cannot become a cause of itself.
+    // Refused without freeing, since `cause` then owns `error`.
+    for (const tarvex_object_t *e = cause; e != nullptr; e = tarvex_error_get_cause(e)) {
+        if (e == error)
+            return;
+    }
     tarvex_object_free(data->cause);
     data->cause = cause;
 }
