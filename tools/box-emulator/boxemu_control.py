@@ -86,10 +86,10 @@ class Control:
             if not isinstance(entry, dict) or not isinstance(entry.get("path"), str):
                 raise ControlError("every entry needs a 'path'")
             path = entry["path"]
-            ids[path] = self._seed_one(entry, path)
+            ids[path] = self._seed_one(entry, path, ids)
         return 200, {"ids": ids}, None
 
-    def _seed_one(self, entry, path):
+    def _seed_one(self, entry, path, ids):
         parts = [p for p in path.split("/") if p]
         if not path.startswith("/") or not parts:
             raise ControlError("bad seed path %r" % path)
@@ -107,10 +107,11 @@ class Control:
                 raise ControlError(str(e)) from None
         with self.store.lock:
             folder = self.store.root
-            for name in parts[:-1]:
+            for depth, name in enumerate(parts[:-1], 1):
                 child = self.store.child_named(folder, name)
                 if child is None:
                     child = self.store.create_folder(folder, name)
+                    ids["/" + "/".join(parts[:depth])] = child.id
                 elif child.type != "folder":
                     raise ControlError("%s: %s is a file" % (path, name))
                 folder = child
