@@ -1,0 +1,74 @@
+// The block writer: a request body from one piece of memory.
+#include <cstring>
+
+#include "dsi_rest_internal.h"
+
+namespace tarvex_dsi_rest_internal {
+
+namespace {
+
+class BlockWriter : public Stream {
+public:
+    explicit BlockWriter(const tarvex_dsi_rest_write_block_arg_t *block)
+    {
+        if (block != nullptr && block->block_data != nullptr) {
+            data_ = static_cast<const char *>(block->block_data);
+            size_ = block->block_len;
+        }
+    }
+
+    size_t size() const { return size_; }
+
+    size_t read(char *buffer, size_t length)
+    {
+        size_t n = std::min(length, size_ - position_);
+        if (n > 0)
+            memcpy(buffer, data_ + position_, n);
+        position_ += n;
+        return n;
+    }
+
+    bool rewind() override
+    {
+        position_ = 0;
+        return true;
+    }
+
+private:
+    const char *data_ = nullptr;
+    size_t size_ = 0;
+    size_t position_ = 0;
+};
+
+BlockWriter *block_writer(RequestContext &ctx, void *arg)
+{
+    return ctx.stream<BlockWriter>(reinterpret_cast<const void *>(&tarvex_dsi_rest_write_block),
+                                   arg, [arg] {
+                                       return std::make_unique<BlockWriter>(
+                                           static_cast<tarvex_dsi_rest_write_block_arg_t *>(arg));
+                                   });
+}
+
+} // namespace
+
+std::optional<uint64_t> block_length(RequestContext &ctx, void *arg)
+{
+    return block_writer(ctx, arg)->size();
+}
+
+} // namespace tarvex_dsi_rest_internal
+
+using namespace tarvex_dsi_rest_internal;
+
+extern "C" tarvex_result_t tarvex_dsi_rest_write_block(void *write_callback_arg, char *buffer,
+                                                       size_t buffer_length,
+                                                       size_t *bytes_written)
+{
+    *bytes_written = 0;
+    RequestContext *ctx = RequestContext::current();
+    if (ctx == nullptr)
+        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                     "tarvex_dsi_rest_write_block called outside a request");
+    *bytes_written = block_writer(*ctx, write_callback_arg)->read(buffer, buffer_length);
+    return TARVEX_SUCCESS;
+}

@@ -1,0 +1,227 @@
+/*
+ * Private declarations shared by the REST client's source files.
+ *
+ * A request is synchronous on its thread, so everything that belongs to
+ * the request in flight (collected headers, the idle clock, the state of
+ * the stock body writers and readers) lives in one RequestContext that the
+ * request installs in a thread_local for its duration.  The stock
+ * callbacks have only their caller's argument; they find the rest there.
+ */
+#ifndef TARVEX_DSI_REST_INTERNAL_H
+#define TARVEX_DSI_REST_INTERNAL_H
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tarvex_dsi_rest.h"
+
+namespace tarvex_dsi_rest_internal {
+
+/* ---- debug output (module.cpp) ---- */
+
+enum : unsigned {
+    DEBUG_ERROR = 1,
+    DEBUG_WARN = 2,
+    DEBUG_INFO = 4,
+    DEBUG_DEBUG = 8,
+    DEBUG_TRACE = 16
+};
+extern tarvex_debug_handle_t debug_handle;
+#define TARVEX_DSI_REST_LOG(level, name, ...)                                     \
+    tarvex_debug_printf(&tarvex_dsi_rest_internal::debug_handle,                  \
+                        tarvex_dsi_rest_internal::DEBUG_##level, "dsi_rest", name, \
+                        __VA_ARGS__)
+
+/* curl_global_init exactly once, whoever comes first (module activation
+ * or a request made without it).  False when libcurl cannot start. */
+bool curl_ready();
+
+/* ---- errors (errors.cpp) ---- */
+
+tarvex_result_t make_error(int type, tarvex_object_t *cause, const char *file,
+                           const char *function, int line, const char *format, ...)
+    __attribute__((format(printf, 6, 7)));
+#define TARVEX_DSI_REST_ERROR(type, cause, ...)                                  \
+    tarvex_dsi_rest_internal::make_error((type), (cause), __FILE__, __func__,    \
+                                         __LINE__, __VA_ARGS__)
+
+/* The error type a failed transfer gets: TRANSPORT for failures a new
+ * attempt may cure, FATAL for the rest. */
+int curl_error_type(CURLcode code);
+
+/* An error for a failed curl transfer; `detail` is curl's error buffer. */
+tarvex_result_t transport_error(CURLcode code, const char *detail,
+                                const std::string &method, const std::string &url);
+
+/* A callback's failure as the request's result.  Errors of this module
+ * (idle time-out, a stock callback's own error) pass through unchanged;
+ * anything else becomes a CALLBACK error whose cause it is. */
+tarvex_result_t adopt_callback_error(tarvex_result_t result, const char *which,
+                                     const std::string &url);
+
+/* ---- key arrays (key_array.cpp) ---- */
+
+bool header_name_equals(std::string_view a, std::string_view b);
+std::string_view trim(std::string_view text);
+/* Percent-encodes everything but the unreserved characters of RFC 3986. */
+std::string url_encode(std::string_view text);
+/* `url` with the pairs of `query` appended ("?k=v&..."; NULL values left out). */
+std::string url_with_query(const char *url, const tarvex_dsi_rest_key_array_t *query);
+/* `url` without query and fragment: safe to print in errors and logs. */
+std::string url_for_messages(const char *url);
+/* The boundary parameter of a multipart Content-Type value, or "". */
+std::string boundary_of(std::string_view content_type);
+
+/* What the caller's header list asks of curl. */
+struct HeaderPlan {
+    std::vector<std::string> lines;      /* "Key: value", or "Key:" to remove */
+    std::optional<uint64_t> content_length;
+    std::string content_type;
+    bool has_expect = false;
+    bool has_content_type = false;
+};
+/* False when a "Content-Length" value is not a number or a name or value
+ * holds a line break. */
+bool plan_headers(const tarvex_dsi_rest_key_array_t *headers, HeaderPlan *plan);
+
+/* ---- per-request context (context.cpp) ---- */
+
+class RequestContext;
+
+/* State of a stock body writer or reader for one request.  Readers finish
+ * after the transfer (parse the JSON, wait for writes in flight); writers
+ * can be rewound when curl must send the body again on a new connection. */
+class Stream {
+public:
+    virtual ~Stream() = default;
+    /* `transferred`: the exchange completed.  Returns the stream's own
+     * failure, if any; called once, also after failed transfers. */
+    virtual tarvex_result_t finish(RequestContext &ctx, bool transferred)
+    {
+        (void)ctx;
+        (void)transferred;
+        return TARVEX_SUCCESS;
+    }
+    /* Back to the first byte; false when the data cannot be produced again. */
+    virtual bool rewind() { return false; }
+};
+
+class RequestContext {
+public:
+    RequestContext(std::string method, std::string url,
+                   const tarvex_dsi_rest_callbacks_t *callbacks);
+    ~RequestContext();
+    RequestContext(const RequestContext &) = delete;
+    RequestContext &operator=(const RequestContext &) = delete;
+
+    /* The context of the request running on this thread, or NULL. */
+    static RequestContext *current();
+
+    const std::string method;
+    const std::string url;         /* without query: for messages */
+    tarvex_dsi_rest_callbacks_t callbacks{};
+    std::string content_type;      /* the request's Content-Type */
+
+    /* the response as far as it has arrived */
+    int status = 0;
+    std::string status_line;
+    std::vector<std::pair<std::string, std::string>> headers;
+    bool headers_complete = false;
+    bool response_delivered = false;
+
+    uint64_t body_bytes_received = 0;
+    uint64_t body_bytes_sent = 0;
+
+    /* The first failure of a callback; the request returns it. */
+    tarvex_result_t failure = TARVEX_SUCCESS;
+    void fail(tarvex_result_t result);
+
+    /* The idle clock: moved whenever bytes move either way. */
+    void touch();
+    int64_t idle_usec() const;
+
+    /* Calls the caller's progress callback (if any) with the current
+     * counts; used by stock callbacks that wait on another thread, since
+     * curl cannot call it while they block.  A failure is recorded. */
+    tarvex_result_t report_progress();
+
+    /* The stream kept for (kind, arg), made by `make` the first time. */
+    template <class T, class Make>
+    T *stream(const void *kind, const void *arg, Make make)
+    {
+        for (auto &entry : streams_)
+            if (entry.kind == kind && entry.arg == arg)
+                return static_cast<T *>(entry.stream.get());
+        std::unique_ptr<T> made = make();
+        T *raw = made.get();
+        if (raw != nullptr)
+            streams_.push_back({kind, arg, std::move(made)});
+        return raw;
+    }
+    /* Finishes every stream in the order made; the first failure wins. */
+    tarvex_result_t finish_streams(bool transferred);
+    bool rewind_streams();
+
+private:
+    struct Entry {
+        const void *kind;
+        const void *arg;
+        std::unique_ptr<Stream> stream;
+    };
+    std::vector<Entry> streams_;
+    int64_t last_activity_usec_;
+    RequestContext *outer_;
+};
+
+/* ---- stock callbacks' request hooks ---- */
+
+/* The body length a stock writer will produce, when it is known in
+ * advance (block, JSON, multipart made of those). */
+std::optional<uint64_t> known_body_length(RequestContext &ctx,
+                                          tarvex_dsi_rest_data_write_t writer,
+                                          void *arg);
+std::optional<uint64_t> block_length(RequestContext &ctx, void *arg);
+std::optional<uint64_t> json_length(RequestContext &ctx, void *arg);
+std::optional<uint64_t> multipart_length(RequestContext &ctx, void *arg);
+
+/* Multipart framing, exposed for unit tests: the text before part
+ * `index` (the closing delimiter when index == num_parts). */
+std::string multipart_delimiter(const std::string &boundary,
+                                const tarvex_dsi_rest_multipart_arg_t *arg,
+                                size_t index);
+
+/* Readers that need to act before or after the body. */
+void prepare_json_reader(RequestContext &ctx, void *arg);
+void prepare_gridftp_reader(RequestContext &ctx, void *arg);
+
+/* ---- the response head (response.cpp) ---- */
+
+/* curl's CURLOPT_HEADERFUNCTION; userdata is the RequestContext. */
+size_t header_callback(char *data, size_t size, size_t count, void *userdata);
+/* Calls the response callback once; false when it failed. */
+bool deliver_response(RequestContext &ctx);
+
+/* ---- progress (progress.cpp) ---- */
+
+/* curl's CURLOPT_XFERINFOFUNCTION; userdata is the RequestContext. */
+int xferinfo_callback(void *userdata, curl_off_t download_total, curl_off_t downloaded,
+                      curl_off_t upload_total, curl_off_t uploaded);
+
+/* ---- connections (connection.cpp) ---- */
+
+/* This thread's easy handle, made on first use; NULL when curl fails. */
+CURL *thread_handle();
+void count_connections(CURL *handle);
+/* The CA file to verify servers with ("" for the system's). */
+std::string ca_file();
+
+} // namespace tarvex_dsi_rest_internal
+
+#endif
