@@ -39,6 +39,8 @@ class Emulator:
         return http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
 
     def close(self):
+        if getattr(self, "conn", None) is not None:
+            self.conn.close()
         if self.proc.poll() is None:
             self.proc.terminate()
             try:

@@ -221,11 +221,11 @@ def parse_range(value, size):
             return "unsatisfiable"
         return max(0, size - suffix), size - 1
     start = int(m.group(1))
+    if start >= size:
+        return "unsatisfiable"
     end = int(m.group(2)) if m.group(2) else size - 1
     if end < start:
         return None
-    if start >= size:
-        return "unsatisfiable"
     return start, min(end, size - 1)
 
 
