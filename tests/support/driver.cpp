@@ -160,6 +160,7 @@ struct driver::shared {
     uint64_t recv_length = 0;
     size_t read_chunk = 0;
     std::optional<std::pair<uint64_t, std::string>> recv_failure;
+    std::optional<std::pair<uint64_t, std::string>> send_failure;
     time_t modtime = -1;
     std::optional<std::string> modtime_error;
     int update_interval = 0;
@@ -204,11 +205,15 @@ struct driver::shared {
         max_in_flight = 0;
     }
 
-    // Takes one registered write into the sink (called on the worker).
-    void sink(const tarvex_byte_t *buffer, tarvex_size_t length, tarvex_off_t offset)
+    // Takes one registered write into the sink (called on the worker); the
+    // failure text when the script breaks the data channel here.
+    std::optional<std::string> sink(const tarvex_byte_t *buffer, tarvex_size_t length,
+                                    tarvex_off_t offset)
     {
         std::lock_guard lock(m);
         in_flight--;
+        if (send_failure && sent_count + length > send_failure->first)
+            return send_failure->second;
         writes.emplace_back(offset, length);
         sent_count += length;
         auto fault = [&](std::string text) {
@@ -217,7 +222,7 @@ struct driver::shared {
         };
         if (offset < 0) {
             fault("write at negative offset " + std::to_string(offset));
-            return;
+            return std::nullopt;
         }
         if (digest_sink) {
             if (sink_next && *sink_next != offset)
@@ -225,18 +230,19 @@ struct driver::shared {
                       std::to_string(*sink_next));
             sink_next = offset + static_cast<tarvex_off_t>(length);
             sent_hash = fnv_update(sent_hash, buffer, length);
-            return;
+            return std::nullopt;
         }
         uint64_t end = static_cast<uint64_t>(offset) + length;
         if (end > memory_sink_limit) {
             fault("write ending at " + std::to_string(end) +
                   " is beyond the in-memory sink; use the digest sink");
-            return;
+            return std::nullopt;
         }
         if (sent.size() < end)
             sent.resize(end, '\0');
         if (length > 0)
             memcpy(sent.data() + offset, buffer, length);
+        return std::nullopt;
     }
 };
 
@@ -448,8 +454,9 @@ tarvex_result_t p_register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_by
         o->s->max_in_flight = std::max(o->s->max_in_flight, o->s->in_flight);
     }
     o->post([o, op, buffer, length, offset, callback, user_arg] {
-        o->s->sink(buffer, length, offset);
-        callback(op, TARVEX_SUCCESS, buffer, length, user_arg);
+        std::optional<std::string> failure = o->s->sink(buffer, length, offset);
+        callback(op, failure ? driver_error(*failure) : TARVEX_SUCCESS, buffer, length,
+                 user_arg);
     });
     return TARVEX_SUCCESS;
 }
@@ -598,6 +605,11 @@ void driver::operation_state::complete_read(tarvex_byte_t *buffer, tarvex_size_t
             n = std::min<uint64_t>(n, s->read_chunk);
         if (n == 0 && s->recv_failure && pos >= s->recv_failure->first)
             failure = s->recv_failure->second;
+        else if (length == 0 && pos < total)
+            // Nothing can land in an empty buffer, and answering "no data,
+            // no end" would have the plug-in ask again forever.
+            failure = "the client sent more data than the plug-in read (" +
+                      std::to_string(total - pos) + " bytes left)";
         // The data ended before the buffer filled (or nothing was left).
         eof = !failure && pos + n == total && (n < length || n == 0);
         if (n > 0) {
@@ -669,6 +681,12 @@ void driver::fail_receive_after(uint64_t after_bytes, std::string message)
 {
     std::lock_guard lock(s_->m);
     s_->recv_failure.emplace(after_bytes, std::move(message));
+}
+
+void driver::fail_send_after(uint64_t after_bytes, std::string message)
+{
+    std::lock_guard lock(s_->m);
+    s_->send_failure.emplace(after_bytes, std::move(message));
 }
 
 void driver::set_recv_modification_time(time_t modtime)

@@ -33,7 +33,8 @@
  * A completion carries min(requested, chunk limit, bytes left) bytes; eof is
  * set when the data ended before the buffer filled (so a completion that
  * exactly drains the data has eof false and the next read gets 0 bytes with
- * eof true, as on a real data channel).
+ * eof true, as on a real data channel).  A read of 0 bytes while data is
+ * left fails: the client sent more than the plug-in takes.
  *
  * Sent data (what register_write hands the driver) goes to a sink: by
  * default in memory, assembled at the given offsets (holes read as zero
@@ -150,6 +151,10 @@ public:
     /* After `after_bytes` bytes of data, reads complete with an error whose
      * message is `message` (a broken data channel). */
     void fail_receive_after(uint64_t after_bytes, std::string message);
+    /* A registered write that would take the bytes sent beyond
+     * `after_bytes` completes with an error carrying `message` and is not
+     * taken into the sink. */
+    void fail_send_after(uint64_t after_bytes, std::string message);
     /* get_recv_modification_time answers `modtime`, or fails with a generic
      * error carrying `message`. */
     void set_recv_modification_time(time_t modtime);

@@ -397,6 +397,13 @@ TEST_F(DriverTest, ScriptedFailuresReachThePlugin)
     auto finished = d.events(event_kind::finished_transfer);
     ASSERT_EQ(finished.size(), 2u);
     EXPECT_EQ(finished[1].reply, "451 bad MFMT\r\n");
+
+    // The second half of the file would cross the limit: refused, not sunk.
+    d.fail_send_after(10, "client went away");
+    d.add_read_range(0, -1);
+    r = d.send(&fake_iface, session, "/f");
+    EXPECT_EQ(tarvex_test::ftp_reply(r), "451 client went away\r\n");
+    EXPECT_EQ(d.sent_data(), session->content.substr(0, 8));
 }
 
 } // namespace
