@@ -110,8 +110,8 @@ TEST(GfsReply, RendersEveryKindOfError)
          0, "451-wrapper\r\n451 m\r\n"},
         {"control characters dropped, blank lines dropped",
          [] { return tarvex_gfs_ftp_response_error_construct(
-                  nullptr, nullptr, 550, "K\x01", "a\tb\x1b[0mc\r\n\r\n   \n\x7f" "d\r"); },
-         0, "550-K\r\n550-ab[0mc\r\n550 d\r\n"},
+                  nullptr, nullptr, 550, "K\x01", "a\tb\x1b[0mc\r\n\r\n   \n\x7f" "d\xff\xc3\xa9\r"); },
+         0, "550-K\r\n550-ab[0mc\r\n550 d\xc3\xa9\r\n"},
         {"invalid default code falls back to 451", [] { return generic("y"); }, 1000,
          "451 y\r\n"},
     };

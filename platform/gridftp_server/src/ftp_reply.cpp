@@ -28,9 +28,11 @@ bool is_line_break(unsigned char c)
     return c == '\r' || c == '\n';
 }
 
+// 0xFF is dropped too: on the control connection it reads as the Telnet
+// IAC byte, and it never occurs in UTF-8 text.
 bool is_control(unsigned char c)
 {
-    return c < 0x20 || c == 0x7f;
+    return c < 0x20 || c == 0x7f || c == 0xff;
 }
 
 bool is_blank(std::string_view line)
