@@ -1,0 +1,29 @@
+# The server program tarvex-gridftp-server.
+find_library(TARVEX_LIBCRYPT crypt REQUIRED)
+add_executable(tarvex-gridftp-server
+  src/server/main.cpp
+  src/server/options.cpp
+  src/server/listener.cpp
+  src/server/session.cpp
+  src/server/commands_login.cpp
+  src/server/commands_info.cpp
+  src/server/commands_fs.cpp
+  src/server/commands_data.cpp
+  src/server/control.cpp
+  src/server/conn.cpp
+  src/server/data_channel.cpp
+  src/server/transfer.cpp
+  src/server/provider.cpp
+  src/server/plugin_thread.cpp
+  src/server/listing.cpp
+  src/server/path.cpp
+  src/server/auth.cpp
+  src/server/config_data.cpp
+  src/server/tls.cpp)
+target_link_libraries(tarvex-gridftp-server PRIVATE
+  tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
+  Threads::Threads)
+# Plug-ins are found in ../lib beside the program (see --dsi-path).
+set_target_properties(tarvex-gridftp-server PROPERTIES
+  BUILD_RPATH "${CMAKE_BINARY_DIR}/lib"
+  INSTALL_RPATH "$ORIGIN/../lib")

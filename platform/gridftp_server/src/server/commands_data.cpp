@@ -1,0 +1,335 @@
+// Data commands: TYPE, MODE, STRU, PASV, EPSV, PORT, EPRT, REST, ALLO, ABOR,
+// RETR, STOR, LIST, NLST and MLSD.
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <strings.h>
+
+#include "path.h"
+#include "session.h"
+
+namespace tarvex_server {
+
+namespace {
+
+enum ListKind { kind_list, kind_nlst, kind_mlsd };
+
+bool parse_offset(const std::string &s, tarvex_off_t &out)
+{
+    if (s.empty() || !isdigit(static_cast<unsigned char>(s[0])))
+        return false;
+    char *end = nullptr;
+    errno = 0;
+    long long v = strtoll(s.c_str(), &end, 10);
+    if (errno != 0 || (*end != '\0' && *end != ' '))
+        return false;
+    out = v;
+    return true;
+}
+
+void free_result(tarvex_result_t result)
+{
+    if (result != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(result));
+}
+
+} // namespace
+
+void Session::cmd_type(const std::string &arg)
+{
+    // Data move as bytes whatever the type: ASCII is accepted because
+    // clients ask for it for listings, and files pass through unchanged.
+    char t = static_cast<char>(toupper(static_cast<unsigned char>(arg[0])));
+    if (t == 'I' || t == 'A' || (t == 'L' && arg.find('8') != std::string::npos)) {
+        reply(200, t == 'A' ? "Type set to A." : "Type set to I.");
+        return;
+    }
+    reply(504, "Type not supported.");
+}
+
+void Session::cmd_mode(const std::string &arg)
+{
+    if (strcasecmp(arg.c_str(), "S") == 0)
+        reply(200, "Mode set to S.");
+    else
+        reply(504, "Only stream mode is supported.");
+}
+
+void Session::cmd_stru(const std::string &arg)
+{
+    if (strcasecmp(arg.c_str(), "F") == 0)
+        reply(200, "Structure set to F.");
+    else
+        reply(504, "Only file structure is supported.");
+}
+
+void Session::cmd_pasv(const std::string &)
+{
+    std::string text;
+    if (!data_.passive(ep_, false, opts_.pasv_low, opts_.pasv_high, text)) {
+        reply(425, "Cannot enter passive mode: " + text + ".");
+        return;
+    }
+    reply(227, text);
+}
+
+void Session::cmd_epsv(const std::string &arg)
+{
+    if (strcasecmp(arg.c_str(), "ALL") == 0) {
+        reply(200, "EPSV ALL ok.");
+        return;
+    }
+    if (!arg.empty() && arg != "1" && arg != "2") {
+        reply(522, "Network protocol not supported, use (1,2)");
+        return;
+    }
+    std::string text;
+    if (!data_.passive(ep_, true, opts_.pasv_low, opts_.pasv_high, text)) {
+        reply(425, "Cannot enter passive mode: " + text + ".");
+        return;
+    }
+    reply(229, text);
+}
+
+void Session::cmd_port(const std::string &arg)
+{
+    std::string why;
+    if (!data_.active(ep_, arg, false, why)) {
+        reply(501, why + ".");
+        return;
+    }
+    reply(200, "PORT command successful.");
+}
+
+void Session::cmd_eprt(const std::string &arg)
+{
+    std::string why;
+    if (!data_.active(ep_, arg, true, why)) {
+        reply(why.rfind("Network protocol", 0) == 0 ? 522 : 501, why + ".");
+        return;
+    }
+    reply(200, "EPRT command successful.");
+}
+
+void Session::cmd_rest(const std::string &arg)
+{
+    tarvex_off_t v = 0;
+    if (!parse_offset(arg, v)) {
+        reply(501, "REST needs a byte offset.");
+        return;
+    }
+    rest_ = v;
+    reply(350, "Restarting at " + std::to_string(v) + ". Send RETR or STOR.");
+}
+
+void Session::cmd_allo(const std::string &arg)
+{
+    tarvex_off_t v = 0;
+    if (!parse_offset(arg, v)) {
+        reply(501, "ALLO needs a size in bytes.");
+        return;
+    }
+    alloc_ = v;
+    reply(200, "ALLO " + std::to_string(v) + " bytes noted.");
+}
+
+void Session::cmd_abor(const std::string &)
+{
+    data_.reset();
+    reply(225, "No transfer to abort.");
+}
+
+bool Session::data_allowed()
+{
+    if (!data_.ready()) {
+        reply(425, "Use PORT, EPRT, PASV or EPSV first.");
+        return false;
+    }
+    if (opts_.require_tls && !prot_p_) {
+        data_.reset();
+        reply(521, "Data connections must be protected: use PROT P.");
+        return false;
+    }
+    return true;
+}
+
+TransferParams Session::transfer_params(const std::string &what)
+{
+    TransferParams p;
+    p.what = what;
+    p.tls = prot_p_ ? ctx_.tls : nullptr;
+    p.io_timeout_ms = opts_.idle_timeout * 1000;
+    p.send_reply = [this](const std::string &t) { return ctl_.send_raw(t); };
+    p.notify = [this] { wake(); };
+    return p;
+}
+
+// The replies at the end of a transfer or listing.
+void Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
+{
+    std::string failure = t.failure();
+    bool ok = c.result == TARVEX_SUCCESS && failure.empty() && !t.aborted();
+    if (ok && !t.began())
+        t.begin(false); // a plug-in that had nothing to send still owes the 150
+    failure = t.failure();
+    ok = ok && failure.empty();
+    t.close(ok);
+    data_.reset();
+    if (t.aborted()) {
+        free_result(c.result);
+        reply(426, "Connection closed; transfer aborted.");
+        reply(226, "Abort successful.");
+    } else if (!failure.empty()) {
+        free_result(c.result);
+        ctl_.send_raw(failure + "\r\n");
+    } else if (c.result != TARVEX_SUCCESS) {
+        reply_error(c.result, default_code);
+    } else {
+        reply(226, "Transfer complete.");
+    }
+}
+
+void Session::transfer(bool store, const std::string &arg)
+{
+    tarvex_off_t rest = rest_;
+    tarvex_off_t alloc = alloc_;
+    rest_ = 0;
+    alloc_ = 0;
+    if (!data_allowed())
+        return;
+    std::string path = path_arg(arg);
+    TransferParams p = transfer_params(path);
+    p.range_offset = rest;
+    Transfer t(data_, p);
+
+    tarvex_gfs_transfer_info_t info{};
+    info.pathname = path.data();
+    info.partial_offset = rest;
+    info.partial_length = -1;
+    info.truncate = store && rest == 0;
+    info.alloc_size = alloc;
+    info.nstreams = 1;
+    info.node_count = 1;
+    info.stripe_count = 1;
+
+    PluginCall c;
+    c.transfer = &t;
+    long long t0 = now_ms();
+    call_plugin(c, [&](tarvex_gfs_operation_t op) {
+        (store ? iface_->recv_func : iface_->send_func)(op, &info, session_arg_);
+    });
+    long long ms = now_ms() - t0;
+    fprintf(stderr, "tarvex-gridftp-server[%d]: %s %s: %lld bytes in %lld ms%s\n", getpid(),
+            store ? "STOR" : "RETR", path.c_str(), t.bytes(), ms,
+            c.result == TARVEX_SUCCESS && t.failure().empty() && !t.aborted() ? "" : " (failed)");
+    finish_transfer(c, t, 451);
+}
+
+void Session::cmd_retr(const std::string &arg)
+{
+    if (iface_->send_func == nullptr) {
+        reply(502, "This storage cannot send files.");
+        return;
+    }
+    transfer(false, arg);
+}
+
+void Session::cmd_stor(const std::string &arg)
+{
+    if (iface_->recv_func == nullptr) {
+        reply(502, "This storage cannot store files.");
+        return;
+    }
+    transfer(true, arg);
+}
+
+void Session::cmd_list(const std::string &arg)
+{
+    listing(arg, kind_list);
+}
+
+void Session::cmd_nlst(const std::string &arg)
+{
+    listing(arg, kind_nlst);
+}
+
+void Session::cmd_mlsd(const std::string &arg)
+{
+    listing(arg, kind_mlsd);
+}
+
+void Session::listing(const std::string &raw_arg, int kind)
+{
+    // "LIST -la dir": ls options are accepted and ignored.
+    std::string arg = raw_arg;
+    while (kind != kind_mlsd && !arg.empty() && arg[0] == '-') {
+        size_t sp = arg.find(' ');
+        size_t next = sp == std::string::npos ? sp : arg.find_first_not_of(' ', sp);
+        arg = next == std::string::npos ? "" : arg.substr(next);
+    }
+    if (!data_allowed())
+        return;
+    std::string path = path_arg(arg);
+    Transfer t(data_, transfer_params(path));
+    time_t now = time(nullptr);
+
+    // Each batch is written to the data connection as it arrives, so a
+    // folder of any size lists in constant memory.
+    auto write_entries = [&, kind](tarvex_gridftp_server_control_stat_t *a, int n) {
+        std::string text;
+        for (int i = 0; i < n; ++i) {
+            StatEntry e = copy_entry(a[i]);
+            bool self = e.name == ".";
+            if (e.name == ".." || (self && kind != kind_mlsd) || e.name.empty())
+                continue;
+            if (kind == kind_list)
+                text += list_line(e, e.name, now);
+            else if (kind == kind_nlst)
+                text += e.name;
+            else
+                text += mlst_facts(e, facts_, self, e.name);
+            text += "\r\n";
+        }
+        if (!text.empty())
+            t.write_text(text);
+    };
+
+    tarvex_gfs_stat_info_t info{};
+    info.file_only = false;
+    info.pathname = path.data();
+    PluginCall c;
+    c.transfer = &t;
+    c.on_stat = [&](tarvex_result_t r, tarvex_gridftp_server_control_stat_t *a, int n, bool) {
+        if (r != TARVEX_SUCCESS || a == nullptr || n <= 0)
+            return;
+        t.begin(false);
+        write_entries(a, n);
+    };
+    call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->stat_func(op, &info, session_arg_); });
+
+    if (c.result != TARVEX_SUCCESS && !t.began() && kind != kind_mlsd) {
+        // LIST and NLST of a file show that file.
+        StatEntry e;
+        tarvex_result_t r2;
+        if (stat_one(path, e, r2) && !is_dir(e)) {
+            free_result(c.result);
+            c.result = TARVEX_SUCCESS;
+            t.begin(false);
+            std::string name = arg.empty() ? base_name(path) : arg;
+            t.write_text((kind == kind_list ? list_line(e, name, now) : name) + "\r\n");
+        } else {
+            free_result(r2);
+        }
+    }
+    if (c.result != TARVEX_SUCCESS && !t.began()) {
+        data_.reset();
+        reply_error(c.result, 550);
+        return;
+    }
+    finish_transfer(c, t, 451);
+}
+
+} // namespace tarvex_server

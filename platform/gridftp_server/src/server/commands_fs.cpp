@@ -1,0 +1,218 @@
+// The name-space commands: PWD, CWD, CDUP, MKD, RMD, DELE, RNFR/RNTO, SIZE,
+// MDTM, MLST and CKSM.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <sstream>
+
+#include "path.h"
+#include "session.h"
+
+namespace tarvex_server {
+
+namespace {
+
+// RFC 959: a '"' inside a quoted path name is doubled.
+std::string quoted(const std::string &path)
+{
+    std::string out = "\"";
+    for (char c : path) {
+        out += c;
+        if (c == '"')
+            out += '"';
+    }
+    return out + "\"";
+}
+
+} // namespace
+
+void Session::cmd_pwd(const std::string &)
+{
+    reply(257, quoted(cwd_) + " is the current directory.");
+}
+
+void Session::cmd_cwd(const std::string &arg)
+{
+    std::string path = path_arg(arg.empty() ? home_ : arg);
+    StatEntry e;
+    tarvex_result_t r;
+    if (!stat_one(path, e, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    if (!is_dir(e)) {
+        reply(550, path + ": Not a directory.");
+        return;
+    }
+    cwd_ = path;
+    reply(250, "Directory changed to " + cwd_ + ".");
+}
+
+void Session::cmd_cdup(const std::string &)
+{
+    cmd_cwd("..");
+}
+
+void Session::simple_command(tarvex_gfs_command_type_t type, const std::string &path, int ok_code,
+                             const std::string &ok_text)
+{
+    tarvex_gfs_command_info_t info{};
+    info.command = type;
+    info.pathname = const_cast<char *>(path.c_str());
+    info.cksm_length = -1;
+    std::string response;
+    tarvex_result_t r;
+    if (!run_command(info, response, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    reply(ok_code, ok_text);
+}
+
+void Session::cmd_mkd(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    simple_command(TARVEX_GFS_CMD_MKD, path, 257, quoted(path) + " created.");
+}
+
+void Session::cmd_rmd(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    if (path == "/") {
+        reply(550, "The root folder cannot be removed.");
+        return;
+    }
+    simple_command(TARVEX_GFS_CMD_RMD, path, 250, path + " removed.");
+}
+
+void Session::cmd_dele(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    simple_command(TARVEX_GFS_CMD_DELE, path, 250, path + " deleted.");
+}
+
+void Session::cmd_rnfr(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    if (path == "/") {
+        reply(550, "The root folder cannot be renamed.");
+        return;
+    }
+    StatEntry e;
+    tarvex_result_t r;
+    if (!stat_one(path, e, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    rnfr_ = path;
+    rnfr_set_ = true;
+    reply(350, "Ready for RNTO.");
+}
+
+void Session::cmd_rnto(const std::string &arg)
+{
+    if (!rnfr_set_) {
+        reply(503, "RNFR required first.");
+        return;
+    }
+    std::string from = rnfr_;
+    rnfr_set_ = false;
+    std::string to = path_arg(arg);
+    if (to == "/") {
+        reply(553, "Cannot rename to the root folder.");
+        return;
+    }
+    tarvex_gfs_command_info_t info{};
+    info.command = TARVEX_GFS_CMD_RNTO;
+    info.pathname = const_cast<char *>(to.c_str());
+    info.from_pathname = const_cast<char *>(from.c_str());
+    info.cksm_length = -1;
+    std::string response;
+    tarvex_result_t r;
+    if (!run_command(info, response, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    reply(250, "Renamed " + from + " to " + to + ".");
+}
+
+void Session::cmd_size(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    StatEntry e;
+    tarvex_result_t r;
+    if (!stat_one(path, e, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    if (!S_ISREG(e.mode)) {
+        reply(550, path + ": not a regular file.");
+        return;
+    }
+    reply(213, std::to_string(e.size));
+}
+
+void Session::cmd_mdtm(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    StatEntry e;
+    tarvex_result_t r;
+    if (!stat_one(path, e, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    reply(213, mdtm_time(e.mtime));
+}
+
+void Session::cmd_mlst(const std::string &arg)
+{
+    std::string path = path_arg(arg);
+    StatEntry e;
+    tarvex_result_t r;
+    if (!stat_one(path, e, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    reply(250, "Listing " + path + "\n" + mlst_facts(e, facts_, false, path) + "\nEnd");
+}
+
+void Session::cmd_cksm(const std::string &arg)
+{
+    // CKSM <algorithm> <offset> <length> <path>; length -1 is to the end.
+    std::istringstream in(arg);
+    std::string alg;
+    long long offset = 0;
+    long long length = 0;
+    if (!(in >> alg >> offset >> length) || offset < 0 || length < -1) {
+        reply(501, "Syntax: CKSM <algorithm> <offset> <length> <path>");
+        return;
+    }
+    std::string rest;
+    std::getline(in, rest);
+    size_t start = rest.find_first_not_of(' ');
+    if (start == std::string::npos) {
+        reply(501, "Syntax: CKSM <algorithm> <offset> <length> <path>");
+        return;
+    }
+    std::string path = path_arg(rest.substr(start));
+    tarvex_gfs_command_info_t info{};
+    info.command = TARVEX_GFS_CMD_CKSM;
+    info.pathname = const_cast<char *>(path.c_str());
+    info.cksm_alg = alg.data();
+    info.cksm_offset = offset;
+    info.cksm_length = length;
+    std::string response;
+    tarvex_result_t r;
+    if (!run_command(info, response, r)) {
+        reply_error(r, 550);
+        return;
+    }
+    if (response.empty()) {
+        reply(504, "Checksum algorithm " + alg + " is not supported.");
+        return;
+    }
+    reply(213, response);
+}
+
+} // namespace tarvex_server

@@ -1,0 +1,193 @@
+// USER, PASS, AUTH, PBSZ, PROT: logging in, and securing the connections.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <strings.h>
+
+#include "auth.h"
+#include "session.h"
+
+namespace tarvex_server {
+
+namespace {
+
+constexpr int max_failed_logins = 3;
+
+} // namespace
+
+void Session::cmd_user(const std::string &arg)
+{
+    if (logged_in_) {
+        // The session process already runs as the first login's account.
+        reply(503, "Already logged in; open a new connection for another login.");
+        return;
+    }
+    if (opts_.require_tls && !tls_) {
+        reply(530, "This server requires TLS: use AUTH TLS first.");
+        return;
+    }
+    user_ = arg;
+    if (opts_.anonymous_map)
+        reply(331, "Any password will do for " + user_ + ".");
+    else
+        reply(331, "Password required for " + user_ + ".");
+}
+
+void Session::cmd_pass(const std::string &arg)
+{
+    if (logged_in_) {
+        reply(503, "Already logged in.");
+        return;
+    }
+    if (user_.empty()) {
+        reply(503, "Login with USER first.");
+        return;
+    }
+    if (opts_.require_tls && !tls_) {
+        reply(530, "This server requires TLS: use AUTH TLS first.");
+        return;
+    }
+    std::string login = user_;
+    user_.clear();
+
+    Account acct;
+    bool ok = false;
+    if (opts_.anonymous_map) {
+        ok = lookup_own_account(acct);
+    } else {
+        std::string account;
+        std::string err;
+        ok = check_password(opts_.passwd_file, login, arg, account, err);
+        if (!err.empty())
+            fprintf(stderr, "tarvex-gridftp-server[%d]: %s\n", getpid(), err.c_str());
+        if (ok && geteuid() == 0) {
+            ok = lookup_account(account, acct);
+            if (!ok)
+                fprintf(stderr, "tarvex-gridftp-server[%d]: login %s: no local account %s\n",
+                        getpid(), login.c_str(), account.c_str());
+        } else if (ok) {
+            ok = lookup_own_account(acct); // not root: serve as ourselves
+        }
+    }
+    if (!ok) {
+        fprintf(stderr, "tarvex-gridftp-server[%d]: failed login for %s\n", getpid(), login.c_str());
+        sleep(1); // slows down password guessing
+        if (++failed_logins_ >= max_failed_logins) {
+            reply(421, "Too many failed logins, closing control connection.");
+            quit_ = true;
+            return;
+        }
+        reply(530, "Login incorrect.");
+        return;
+    }
+
+    if (geteuid() == 0 && acct.uid != 0) {
+        std::string err;
+        if (!switch_to_account(acct, err)) {
+            fprintf(stderr, "tarvex-gridftp-server[%d]: %s\n", getpid(), err.c_str());
+            reply(421, "Cannot set up the session, closing control connection.");
+            quit_ = true;
+            return;
+        }
+    }
+    user_ = login;
+    if (!start_plugin_session(login))
+        quit_ = true; // the process may have changed account: no second try
+}
+
+bool Session::start_plugin_session(const std::string &login)
+{
+    tarvex_extension_set_search_path(ctx_.plugin_path.c_str());
+    iface_ = tarvex_gfs_dsi_load(opts_.dsi.c_str());
+    if (iface_ == nullptr || iface_->init_func == nullptr) {
+        fprintf(stderr, "tarvex-gridftp-server[%d]: cannot load storage plug-in %s: %s\n",
+                getpid(), opts_.dsi.c_str(), tarvex_extension_last_error());
+        reply(421, "Storage is not available, closing control connection.");
+        return false;
+    }
+    plugin_thread_ = std::make_unique<PluginThread>();
+
+    std::string host = host_of(ep_.peer);
+    tarvex_gfs_session_info_t info{};
+    info.username = const_cast<char *>(login.c_str());
+    info.host_id = const_cast<char *>(host.c_str());
+    PluginCall c;
+    call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->init_func(op, &info); });
+    if (c.result != TARVEX_SUCCESS) {
+        fprintf(stderr, "tarvex-gridftp-server[%d]: session start for %s failed\n", getpid(),
+                login.c_str());
+        reply_error(c.result, 530);
+        return false;
+    }
+    session_arg_ = c.session_arg;
+    logged_in_ = true;
+    home_ = c.home_dir.empty() || c.home_dir[0] != '/' ? "/" : c.home_dir;
+    cwd_ = home_;
+    fprintf(stderr, "tarvex-gridftp-server[%d]: %s logged in\n", getpid(), login.c_str());
+    reply(230, "User " + login + " logged in.");
+    return true;
+}
+
+void Session::cmd_auth(const std::string &arg)
+{
+    if (ctx_.tls == nullptr) {
+        reply(502, "AUTH is not available: the server has no certificate.");
+        return;
+    }
+    if (tls_) {
+        reply(503, "TLS is already on.");
+        return;
+    }
+    if (strcasecmp(arg.c_str(), "TLS") != 0 && strcasecmp(arg.c_str(), "TLS-C") != 0 &&
+        strcasecmp(arg.c_str(), "SSL") != 0) {
+        reply(504, "AUTH " + arg + " is not supported; use AUTH TLS.");
+        return;
+    }
+    reply(234, "AUTH TLS successful.");
+    std::string err;
+    if (!ctl_.start_tls(ctx_.tls, err)) {
+        fprintf(stderr, "tarvex-gridftp-server[%d]: TLS handshake failed: %s\n", getpid(),
+                err.c_str());
+        control_lost_ = true;
+        return;
+    }
+    tls_ = true;
+    user_.clear(); // a login begun in the clear does not carry over
+}
+
+void Session::cmd_pbsz(const std::string &arg)
+{
+    if (!tls_) {
+        reply(503, "PBSZ needs AUTH TLS first.");
+        return;
+    }
+    (void)arg; // stream mode over TLS needs no buffer: the size is always 0
+    pbsz_ = true;
+    reply(200, "PBSZ=0");
+}
+
+void Session::cmd_prot(const std::string &arg)
+{
+    if (!tls_ || !pbsz_) {
+        reply(503, "PROT needs AUTH TLS and PBSZ first.");
+        return;
+    }
+    if (strcasecmp(arg.c_str(), "P") == 0) {
+        prot_p_ = true;
+        reply(200, "Protection level set to Private.");
+    } else if (strcasecmp(arg.c_str(), "C") == 0) {
+        if (opts_.require_tls) {
+            reply(534, "Data connections must be protected here.");
+            return;
+        }
+        prot_p_ = false;
+        reply(200, "Protection level set to Clear.");
+    } else if (strcasecmp(arg.c_str(), "S") == 0 || strcasecmp(arg.c_str(), "E") == 0) {
+        reply(536, "Protection level not supported.");
+    } else {
+        reply(504, "Unknown protection level.");
+    }
+}
+
+} // namespace tarvex_server

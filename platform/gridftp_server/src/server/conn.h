@@ -1,0 +1,59 @@
+// A connected socket, plain or TLS, driven without blocking the process:
+// every wait is a poll() on the socket and on an optional cancel descriptor
+// (an eventfd another thread writes to), with a time limit.
+//
+// The control connection is read by the session thread while replies may be
+// written from the plug-in thread (150 openings, progress replies), so every
+// call into the TLS object is serialised by an internal mutex; the socket
+// is non-blocking so that a reader never holds the lock while it waits.
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <cstddef>
+#include <mutex>
+#include <string>
+
+namespace tarvex_server {
+
+enum class Io { ok, eof, timeout, cancelled, error };
+
+class Conn {
+public:
+    explicit Conn(int fd);
+    ~Conn();
+    Conn(const Conn &) = delete;
+    Conn &operator=(const Conn &) = delete;
+
+    int fd() const { return fd_; }
+    bool is_tls() const { return ssl_ != nullptr; }
+
+    // Server side of a TLS handshake on this connection.
+    Io start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err);
+
+    // Reads at most `len` bytes into `buf`; `got` is what arrived.  A
+    // timeout of 0 tries once without waiting.
+    Io read_some(void *buf, size_t len, size_t &got, int timeout_ms, int cancel_fd);
+    // Reads until `len` bytes or end of data; eof is reported only when
+    // nothing at all arrived before it.
+    Io read_full(void *buf, size_t len, size_t &got, int timeout_ms, int cancel_fd);
+    Io write_all(const void *buf, size_t len, int timeout_ms, int cancel_fd);
+
+    // Orderly end: TLS close_notify (waiting a little for the peer's), then
+    // the socket's write side.  Best effort.
+    void finish(int timeout_ms);
+    // Wakes any thread waiting on this socket and makes further I/O fail.
+    void abort();
+
+private:
+    Io wait(short events, int timeout_ms, int cancel_fd);
+
+    int fd_;
+    SSL *ssl_ = nullptr;
+    std::mutex ssl_mu_;
+};
+
+// Monotonic milliseconds, for deadlines.
+long long now_ms();
+
+} // namespace tarvex_server

@@ -1,0 +1,157 @@
+#include "control.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace tarvex_server {
+
+namespace {
+
+constexpr int write_timeout_ms = 60000;
+constexpr unsigned char IAC = 255;
+
+} // namespace
+
+ControlChannel::ControlChannel(int fd)
+{
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    // Urgent data (the Telnet Synch of an aborting client) stays in line, so
+    // the command after it is read like any other.
+    setsockopt(fd, SOL_SOCKET, SO_OOBINLINE, &one, sizeof one);
+    conn_ = std::make_unique<Conn>(fd);
+}
+
+void ControlChannel::feed(const char *p, size_t n)
+{
+    for (size_t i = 0; i < n; ++i) {
+        auto c = static_cast<unsigned char>(p[i]);
+        if (telnet_state_ == 1) {
+            telnet_state_ = (c >= 251 && c <= 254) ? 2 : 0;
+            if (c == IAC)
+                buf_ += static_cast<char>(c); // IAC IAC is a literal 255
+            continue;
+        }
+        if (telnet_state_ == 2) {
+            telnet_state_ = 0; // the option byte of WILL/WONT/DO/DONT
+            continue;
+        }
+        if (c == IAC) {
+            telnet_state_ = 1;
+            continue;
+        }
+        if (discarding_) {
+            if (c == '\n')
+                discarding_ = false;
+            continue;
+        }
+        buf_ += static_cast<char>(c);
+    }
+}
+
+bool ControlChannel::take_line(std::string &line, Event &ev)
+{
+    size_t nl = buf_.find('\n');
+    if (nl == std::string::npos) {
+        if (buf_.size() <= max_command_line)
+            return false;
+        // Too long: answer once and drop everything up to the next line end.
+        buf_.clear();
+        discarding_ = true;
+        ev = Event::too_long;
+        return true;
+    }
+    if (nl > max_command_line) {
+        buf_.erase(0, nl + 1);
+        ev = Event::too_long;
+        return true;
+    }
+    line.assign(buf_, 0, nl);
+    buf_.erase(0, nl + 1);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    ev = line.find('\0') != std::string::npos ? Event::nul : Event::line;
+    return true;
+}
+
+ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, int wake_fd)
+{
+    long long deadline = timeout_ms < 0 ? -1 : now_ms() + timeout_ms;
+    for (;;) {
+        Event ev;
+        if (take_line(line, ev))
+            return ev;
+        char tmp[4096];
+        size_t got = 0;
+        // Try at once (TLS may hold decrypted bytes the socket no longer shows).
+        Io r = conn_->read_some(tmp, sizeof tmp, got, 0, -1);
+        if (r == Io::ok) {
+            feed(tmp, got);
+            continue;
+        }
+        if (r == Io::eof)
+            return Event::eof;
+        if (r != Io::timeout)
+            return Event::error;
+        int left = -1;
+        if (deadline >= 0) {
+            long long rest = deadline - now_ms();
+            if (rest <= 0)
+                return Event::timeout;
+            left = static_cast<int>(rest);
+        }
+        pollfd p[2] = {{conn_->fd(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
+        int n = poll(p, wake_fd >= 0 ? 2 : 1, left);
+        if (n < 0 && errno != EINTR)
+            return Event::error;
+        if (n == 0)
+            return Event::timeout;
+        if (wake_fd >= 0 && (p[1].revents & POLLIN))
+            return Event::woken;
+    }
+}
+
+bool ControlChannel::start_tls(SSL_CTX *ctx, std::string &err)
+{
+    buf_.clear();
+    return conn_->start_tls(ctx, 30000, -1, err) == Io::ok;
+}
+
+bool ControlChannel::send_raw(std::string_view text)
+{
+    return conn_->write_all(text.data(), text.size(), write_timeout_ms, -1) == Io::ok;
+}
+
+bool ControlChannel::reply(int code, std::string_view text)
+{
+    std::vector<std::string_view> lines;
+    size_t i = 0;
+    while (i <= text.size()) {
+        size_t j = text.find('\n', i);
+        if (j == std::string_view::npos)
+            j = text.size();
+        std::string_view l = text.substr(i, j - i);
+        if (!l.empty() && l.back() == '\r')
+            l.remove_suffix(1);
+        lines.push_back(l);
+        i = j + 1;
+    }
+    std::string out;
+    std::string c = std::to_string(code);
+    for (size_t k = 0; k < lines.size(); ++k) {
+        bool last = k + 1 == lines.size();
+        // Middle lines that themselves start with a digit could be taken for
+        // the end of the reply: indent them.
+        if (k == 0 || last)
+            out += c + (last ? " " : "-");
+        else
+            out += ' ';
+        out += lines[k];
+        out += "\r\n";
+    }
+    return send_raw(out);
+}
+
+} // namespace tarvex_server

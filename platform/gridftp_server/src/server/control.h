@@ -1,0 +1,48 @@
+// The control connection: command lines in, replies out.
+//
+// Lines are read with a hard limit; Telnet commands (IAC sequences, as sent
+// with an urgent ABOR) are stripped; replies may be written from any thread.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "conn.h"
+
+namespace tarvex_server {
+
+constexpr size_t max_command_line = 4096;
+
+class ControlChannel {
+public:
+    explicit ControlChannel(int fd);
+
+    Conn &conn() { return *conn_; }
+
+    enum class Event { line, too_long, nul, eof, timeout, woken, error };
+    // Waits for the next command line (without its CR LF) or for `wake_fd`.
+    Event next(std::string &line, int timeout_ms, int wake_fd);
+
+    // Switch to TLS after "234"; any bytes the client sent early are
+    // dropped (RFC 4217 forbids pipelining past AUTH).
+    bool start_tls(SSL_CTX *ctx, std::string &err);
+
+    // One reply: `text` may hold several lines (split on '\n'), sent in the
+    // RFC 959 multi-line form.  Returns false when the client is gone.
+    bool reply(int code, std::string_view text);
+    // Pre-formatted reply text, CR LF terminated lines.
+    bool send_raw(std::string_view text);
+
+private:
+    bool take_line(std::string &line, Event &ev);
+    void feed(const char *p, size_t n);
+
+    std::unique_ptr<Conn> conn_;
+    std::string buf_;     // cleaned bytes not yet taken as lines
+    bool discarding_ = false;
+    int telnet_state_ = 0; // 0 plain, 1 after IAC, 2 after IAC WILL/WONT/DO/DONT
+};
+
+} // namespace tarvex_server

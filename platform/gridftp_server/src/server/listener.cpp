@@ -1,0 +1,191 @@
+#include "listener.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <set>
+
+namespace tarvex_server {
+
+namespace {
+
+int signal_pipe[2] = {-1, -1};
+volatile sig_atomic_t stopping = 0;
+
+void on_signal(int sig)
+{
+    int saved = errno;
+    if (sig == SIGTERM || sig == SIGINT)
+        stopping = 1;
+    char c = 0;
+    if (write(signal_pipe[1], &c, 1) < 0) {
+        // the pipe is full: a wake-up is pending anyway
+    }
+    errno = saved;
+}
+
+void install_handlers()
+{
+    if (pipe2(signal_pipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return;
+    struct sigaction sa{};
+    sa.sa_handler = on_signal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGCHLD, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+}
+
+void reset_handlers_in_child()
+{
+    struct sigaction sa{};
+    sa.sa_handler = SIG_DFL;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGCHLD, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    close(signal_pipe[0]);
+    close(signal_pipe[1]);
+}
+
+void reap(std::set<pid_t> &children)
+{
+    for (;;) {
+        int status = 0;
+        pid_t pid = waitpid(-1, &status, WNOHANG);
+        if (pid <= 0)
+            return;
+        children.erase(pid);
+        if (WIFSIGNALED(status))
+            fprintf(stderr, "tarvex-gridftp-server: session %d ended by signal %d\n", pid,
+                    WTERMSIG(status));
+    }
+}
+
+[[noreturn]] void run_session(int fd, const ServerContext &ctx)
+{
+    Endpoints ep;
+    socklen_t len = sizeof ep.local;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&ep.local), &len);
+    len = sizeof ep.peer;
+    getpeername(fd, reinterpret_cast<sockaddr *>(&ep.peer), &len);
+    tarvex_module_activate(&tarvex_i_gfs_module);
+    {
+        Session s(fd, ctx, ep);
+        s.run();
+    }
+    fflush(stderr);
+    _exit(0);
+}
+
+} // namespace
+
+int open_listener(const Options &opts, int &port, std::string &err)
+{
+    addrinfo hints{};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo *res = nullptr;
+    std::string service = std::to_string(opts.port);
+    int rc = getaddrinfo(opts.bind.c_str(), service.c_str(), &hints, &res);
+    if (rc != 0) {
+        err = opts.bind + ": " + gai_strerror(rc);
+        return -1;
+    }
+    int fd = socket(res->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        err = strerror(errno);
+        freeaddrinfo(res);
+        return -1;
+    }
+    int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (res->ai_family == AF_INET6) {
+        int zero = 0; // "::" serves IPv4 clients too
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof zero);
+    }
+    if (bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 128) != 0) {
+        err = opts.bind + " port " + service + ": " + strerror(errno);
+        close(fd);
+        freeaddrinfo(res);
+        return -1;
+    }
+    freeaddrinfo(res);
+    sockaddr_storage bound{};
+    socklen_t len = sizeof bound;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&bound), &len);
+    port = bound.ss_family == AF_INET
+               ? ntohs(reinterpret_cast<sockaddr_in *>(&bound)->sin_port)
+               : ntohs(reinterpret_cast<sockaddr_in6 *>(&bound)->sin6_port);
+    return fd;
+}
+
+int serve(int listen_fd, const ServerContext &ctx)
+{
+    signal(SIGPIPE, SIG_IGN);
+    install_handlers();
+    std::set<pid_t> children;
+    while (!stopping) {
+        pollfd p[2] = {{listen_fd, POLLIN, 0}, {signal_pipe[0], POLLIN, 0}};
+        int n = poll(p, 2, 1000);
+        if (p[1].revents & POLLIN) {
+            char buf[64];
+            while (read(signal_pipe[0], buf, sizeof buf) > 0) {
+            }
+        }
+        reap(children);
+        if (n <= 0 || !(p[0].revents & POLLIN))
+            continue;
+        int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+                usleep(100000); // out of resources: let sessions end first
+            continue;
+        }
+        if (static_cast<int>(children.size()) >= ctx.opts->max_sessions) {
+            static const char busy[] = "421 Too many sessions, try again later.\r\n";
+            if (send(fd, busy, sizeof busy - 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+                // the client left already
+            }
+            close(fd);
+            continue;
+        }
+        fflush(stderr);
+        pid_t pid = fork();
+        if (pid == 0) {
+            close(listen_fd);
+            reset_handlers_in_child();
+            run_session(fd, ctx);
+        }
+        close(fd);
+        if (pid > 0)
+            children.insert(pid);
+        else
+            fprintf(stderr, "tarvex-gridftp-server: fork: %s\n", strerror(errno));
+    }
+    fprintf(stderr, "tarvex-gridftp-server: stopping, %zu session(s) open\n", children.size());
+    for (pid_t pid : children)
+        kill(pid, SIGTERM);
+    for (int i = 0; i < 50 && !children.empty(); ++i) {
+        usleep(100000);
+        reap(children);
+    }
+    for (pid_t pid : children)
+        kill(pid, SIGKILL);
+    close(listen_fd);
+    return 0;
+}
+
+} // namespace tarvex_server

@@ -1,0 +1,135 @@
+// tarvex-gridftp-server: an FTP server in front of a storage plug-in.
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "auth.h"
+#include "listener.h"
+#include "options.h"
+#include "tls.h"
+
+using namespace tarvex_server;
+
+namespace {
+
+std::string default_plugin_path()
+{
+    char buf[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0)
+        return "";
+    std::string exe(buf, static_cast<size_t>(n));
+    std::string dir = exe.substr(0, exe.rfind('/'));
+    return dir + "/../lib";
+}
+
+// Loads the plug-in once in a throw-away process, so that a wrong name or a
+// broken library is reported at start-up rather than to the first client,
+// and whatever the plug-in does when loaded stays out of this process.
+bool plugin_loads(const ServerContext &ctx, std::string &err)
+{
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        tarvex_extension_set_search_path(ctx.plugin_path.c_str());
+        const tarvex_gfs_storage_iface_t *iface = tarvex_gfs_dsi_load(ctx.opts->dsi.c_str());
+        if (iface == nullptr) {
+            fprintf(stderr, "tarvex-gridftp-server: cannot load storage plug-in %s: %s\n",
+                    ctx.opts->dsi.c_str(), tarvex_extension_last_error());
+            fflush(stderr);
+            _exit(1);
+        }
+        _exit(iface->init_func != nullptr ? 0 : 2);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) {
+        err = "cannot check the plug-in";
+        return false;
+    }
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        return true;
+    err = "storage plug-in " + ctx.opts->dsi + " is not usable (search path: " +
+          ctx.plugin_path + ")";
+    return false;
+}
+
+void detach()
+{
+    if (fork() > 0)
+        _exit(0);
+    setsid();
+    if (fork() > 0)
+        _exit(0);
+    int null = open("/dev/null", O_RDWR);
+    if (null >= 0) {
+        dup2(null, STDIN_FILENO);
+        dup2(null, STDOUT_FILENO);
+        if (null > STDERR_FILENO)
+            close(null);
+    }
+    if (chdir("/") != 0) {
+        // staying where we are is harmless
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Options opts;
+    std::string err;
+    int rc = parse_options(argc, argv, opts, err);
+    if (rc > 0)
+        return 0;
+    if (rc < 0) {
+        fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
+        return 2;
+    }
+    if (!opts.passwd_file.empty() && !validate_password_file(opts.passwd_file, err)) {
+        fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
+        return 2;
+    }
+
+    ServerContext ctx;
+    ctx.opts = &opts;
+    ctx.plugin_path = opts.dsi_path.empty() ? default_plugin_path() : opts.dsi_path;
+    if (!opts.tls_cert.empty()) {
+        ctx.tls = make_tls_context(opts.tls_cert, opts.tls_key, err);
+        if (ctx.tls == nullptr) {
+            fprintf(stderr, "tarvex-gridftp-server: TLS: %s\n", err.c_str());
+            return 2;
+        }
+    }
+    if (!plugin_loads(ctx, err)) {
+        fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
+        return 2;
+    }
+
+    int port = 0;
+    int fd = open_listener(opts, port, err);
+    if (fd < 0) {
+        fprintf(stderr, "tarvex-gridftp-server: cannot listen on %s\n", err.c_str());
+        return 1;
+    }
+    if (!opts.foreground)
+        detach();
+    if (!opts.port_file.empty()) {
+        // Written whole under a temporary name, so a reader never sees half.
+        std::string tmp = opts.port_file + ".tmp";
+        std::ofstream(tmp) << port << "\n";
+        if (rename(tmp.c_str(), opts.port_file.c_str()) != 0) {
+            fprintf(stderr, "tarvex-gridftp-server: cannot write %s\n", opts.port_file.c_str());
+            return 1;
+        }
+    }
+    fprintf(stderr, "tarvex-gridftp-server: listening on %s port %d, storage %s\n",
+            opts.bind.c_str(), port, opts.dsi.c_str());
+    return serve(fd, ctx);
+}

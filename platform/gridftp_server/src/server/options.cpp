@@ -1,0 +1,167 @@
+#include "options.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace tarvex_server {
+
+namespace {
+
+const char usage[] =
+    "usage: tarvex-gridftp-server --port N --dsi NAME (--passwd FILE | --anonymous-map)\n"
+    "                             [options]\n"
+    "\n"
+    "An FTP server (RFC 959, 2428, 3659, 4217) with GridFTP checksum and\n"
+    "recursive-delete commands, serving a storage plug-in.  Each client session\n"
+    "runs in its own process.\n"
+    "\n"
+    "  --port N              port to listen on (0: any free port)\n"
+    "  --bind ADDR           address to listen on (default 127.0.0.1;\n"
+    "                        0.0.0.0 or :: to serve the network)\n"
+    "  --dsi NAME            storage plug-in: libtarvex_gridftp_server_NAME.so\n"
+    "  --dsi-path DIR[:DIR]  where plug-ins are searched first (default: the lib\n"
+    "                        directory beside the program's, ../lib)\n"
+    "  --passwd FILE         logins: lines \"login:crypt-hash[:account]\"; '#' starts\n"
+    "                        a comment.  Hashes are crypt(3) strings (yescrypt,\n"
+    "                        SHA-512, ...).  When the server runs as root a session\n"
+    "                        becomes the local account (default: the login name)\n"
+    "  --anonymous-map       accept any login and password and serve it as the\n"
+    "                        server's own account (demos and tests only)\n"
+    "  --tls-cert PEM        certificate (chain) for AUTH TLS\n"
+    "  --tls-key PEM         its private key\n"
+    "  --require-tls         refuse USER/PASS before AUTH TLS and data\n"
+    "                        connections without PROT P\n"
+    "  --config-file KEY=PATH      configuration data KEY for the plug-in is the\n"
+    "                              contents of PATH (repeatable)\n"
+    "  --config-command KEY=CMD    configuration data KEY is the standard output\n"
+    "                              of CMD, run with /bin/sh -c as the session's\n"
+    "                              account with TARVEX_USER=<login> (repeatable)\n"
+    "  --port-file FILE      write the listening port to FILE once listening\n"
+    "  --pasv-range LOW-HIGH ports for passive data connections\n"
+    "  --max-sessions N      concurrent sessions (default 64); more are refused\n"
+    "                        with 421\n"
+    "  --idle-timeout S      seconds a session may sit idle, and a data\n"
+    "                        connection may stall (default 900)\n"
+    "  --foreground          do not detach from the terminal\n"
+    "  --help                this text\n"
+    "\n"
+    "Environment: TARVEX_EXTENSION_PATH adds plug-in directories.\n";
+
+bool parse_int(const char *s, long lo, long hi, int &out)
+{
+    if (s == nullptr || *s == '\0')
+        return false;
+    errno = 0;
+    char *end = nullptr;
+    long v = strtol(s, &end, 10);
+    if (errno != 0 || *end != '\0' || v < lo || v > hi)
+        return false;
+    out = static_cast<int>(v);
+    return true;
+}
+
+bool parse_key_value(const char *s, std::map<std::string, std::string> &into)
+{
+    const char *eq = s != nullptr ? strchr(s, '=') : nullptr;
+    if (eq == nullptr || eq == s || eq[1] == '\0')
+        return false;
+    into[std::string(s, eq)] = eq + 1;
+    return true;
+}
+
+bool parse_range(const char *s, int &lo, int &hi)
+{
+    const char *dash = s != nullptr ? strchr(s, '-') : nullptr;
+    if (dash == nullptr)
+        return false;
+    std::string a(s, dash);
+    return parse_int(a.c_str(), 1024, 65535, lo) && parse_int(dash + 1, 1024, 65535, hi) &&
+           lo <= hi;
+}
+
+} // namespace
+
+const char *usage_text()
+{
+    return usage;
+}
+
+int parse_options(int argc, char **argv, Options &o, std::string &err)
+{
+    for (int i = 1; i < argc; ++i) {
+        std::string_view a = argv[i];
+        if (a == "--help" || a == "-h") {
+            fputs(usage, stdout);
+            return 1;
+        }
+        if (a == "--anonymous-map") {
+            o.anonymous_map = true;
+            continue;
+        }
+        if (a == "--require-tls") {
+            o.require_tls = true;
+            continue;
+        }
+        if (a == "--foreground") {
+            o.foreground = true;
+            continue;
+        }
+        const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (v == nullptr) {
+            err = std::string(a) + ": missing value (see --help)";
+            return -1;
+        }
+        ++i;
+        bool ok = true;
+        if (a == "--port")
+            ok = parse_int(v, 0, 65535, o.port);
+        else if (a == "--bind")
+            o.bind = v;
+        else if (a == "--dsi")
+            o.dsi = v;
+        else if (a == "--dsi-path")
+            o.dsi_path = v;
+        else if (a == "--passwd")
+            o.passwd_file = v;
+        else if (a == "--tls-cert")
+            o.tls_cert = v;
+        else if (a == "--tls-key")
+            o.tls_key = v;
+        else if (a == "--config-file")
+            ok = parse_key_value(v, o.config_files);
+        else if (a == "--config-command")
+            ok = parse_key_value(v, o.config_commands);
+        else if (a == "--port-file")
+            o.port_file = v;
+        else if (a == "--pasv-range")
+            ok = parse_range(v, o.pasv_low, o.pasv_high);
+        else if (a == "--max-sessions")
+            ok = parse_int(v, 1, 100000, o.max_sessions);
+        else if (a == "--idle-timeout")
+            ok = parse_int(v, 1, 86400 * 7, o.idle_timeout);
+        else {
+            err = "unknown option " + std::string(a) + " (see --help)";
+            return -1;
+        }
+        if (!ok) {
+            err = "bad value for " + std::string(a) + ": " + v;
+            return -1;
+        }
+    }
+    if (o.port < 0)
+        err = "--port is required";
+    else if (o.dsi.empty())
+        err = "--dsi is required";
+    else if (o.passwd_file.empty() == !o.anonymous_map)
+        err = "give exactly one of --passwd FILE and --anonymous-map";
+    else if (o.tls_cert.empty() != o.tls_key.empty())
+        err = "--tls-cert and --tls-key go together";
+    else if (o.require_tls && o.tls_cert.empty())
+        err = "--require-tls needs --tls-cert and --tls-key";
+    return err.empty() ? 0 : -1;
+}
+
+} // namespace tarvex_server

@@ -1,0 +1,34 @@
+// Command-line options of tarvex-gridftp-server.
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace tarvex_server {
+
+struct Options {
+    int port = -1;                 // required; 0 picks a free port
+    std::string bind = "127.0.0.1";
+    std::string dsi;               // plug-in name, required
+    std::string dsi_path;          // "" : <program dir>/../lib
+    std::string passwd_file;
+    bool anonymous_map = false;
+    std::string tls_cert;
+    std::string tls_key;
+    bool require_tls = false;
+    std::map<std::string, std::string> config_files;    // key -> path
+    std::map<std::string, std::string> config_commands; // key -> shell command
+    std::string port_file;
+    int pasv_low = 0;              // 0: any port the system gives
+    int pasv_high = 0;
+    int max_sessions = 64;
+    int idle_timeout = 900;        // seconds
+    bool foreground = false;
+};
+
+// Parses argv.  Returns 0 to go on, 1 after printing help (exit 0),
+// -1 on a usage error (message in `err`).
+int parse_options(int argc, char **argv, Options &opts, std::string &err);
+const char *usage_text();
+
+} // namespace tarvex_server

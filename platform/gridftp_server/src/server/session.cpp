@@ -1,0 +1,399 @@
+#include "session.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "path.h"
+#include "provider.h"
+
+namespace tarvex_server {
+
+namespace {
+
+// Commands a client may pipeline behind a running transfer; more than this
+// and the client is not speaking FTP.
+constexpr size_t max_pending_lines = 32;
+
+void free_result(tarvex_result_t result)
+{
+    if (result != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(result));
+}
+
+} // namespace
+
+Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep)
+    : ctx_(ctx), opts_(*ctx.opts), ctl_(fd), ep_(ep),
+      config_(ctx.opts->config_files, ctx.opts->config_commands)
+{
+    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
+Session::~Session()
+{
+    destroy_plugin_session();
+    plugin_thread_.reset();
+    if (wake_fd_ >= 0)
+        close(wake_fd_);
+}
+
+void Session::wake()
+{
+    uint64_t one = 1;
+    if (write(wake_fd_, &one, sizeof one) < 0) {
+        // a counter never fills up
+    }
+}
+
+void Session::call_finished(PluginCall &c, tarvex_result_t result)
+{
+    {
+        std::lock_guard lock(mu_);
+        if (c.finished) {
+            // A second answer to one call is a plug-in bug; keep the first.
+            free_result(result);
+            return;
+        }
+        c.finished = true;
+        c.result = result;
+    }
+    wake();
+}
+
+tarvex_result_t Session::config_data(const char *key, char **data)
+{
+    *data = nullptr;
+    if (key == nullptr)
+        return TARVEX_SUCCESS;
+    std::string text;
+    switch (config_.get(key, user_, text)) {
+    case ConfigData::Status::none:
+        return TARVEX_SUCCESS;
+    case ConfigData::Status::found:
+        *data = strdup(text.c_str());
+        if (*data == nullptr)
+            return tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
+        return TARVEX_SUCCESS;
+    case ConfigData::Status::failed:
+        fprintf(stderr, "tarvex-gridftp-server[%d]: configuration data %s: %s\n", getpid(), key,
+                text.c_str());
+        return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 451, "CONFIGURATION_ERROR",
+            "Configuration data \"%s\" is not available.", key));
+    }
+    return TARVEX_SUCCESS;
+}
+
+void Session::set_checksum_support(const char *s)
+{
+    std::lock_guard lock(mu_);
+    cksm_support_ = s != nullptr ? s : "";
+}
+
+// ---------------------------------------------------------------- the loop
+
+void Session::run()
+{
+    fprintf(stderr, "tarvex-gridftp-server[%d]: connection from %s\n", getpid(),
+            host_of(ep_.peer).c_str());
+    reply(220, "tarvex-gridftp-server ready.");
+    const int idle_ms = opts_.idle_timeout * 1000;
+    while (!quit_ && !control_lost_) {
+        std::string line;
+        if (!pending_.empty()) {
+            line = std::move(pending_.front());
+            pending_.pop_front();
+            dispatch(line);
+            continue;
+        }
+        switch (ctl_.next(line, idle_ms, -1)) {
+        case ControlChannel::Event::line:
+            dispatch(line);
+            break;
+        case ControlChannel::Event::too_long:
+            reply(500, "Command line too long.");
+            break;
+        case ControlChannel::Event::nul:
+            reply(500, "NUL bytes are not allowed in commands.");
+            break;
+        case ControlChannel::Event::timeout:
+            reply(421, "Idle timeout, closing control connection.");
+            return;
+        default:
+            return;
+        }
+    }
+}
+
+void Session::dispatch(const std::string &line)
+{
+    size_t sp = line.find(' ');
+    std::string verb = line.substr(0, sp);
+    std::string arg = sp == std::string::npos ? "" : line.substr(sp + 1);
+    for (char &ch : verb)
+        ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+
+    // RNTO must follow RNFR at once; anything else forgets the source.
+    bool keep_rnfr = verb == "RNTO";
+    auto it = commands().find(verb);
+    if (it == commands().end()) {
+        bool word = !verb.empty() && verb.size() <= 8;
+        for (char ch : verb)
+            word = word && isalpha(static_cast<unsigned char>(ch));
+        reply(word ? 502 : 500, word ? "Command not implemented." : "Syntax error, command unrecognized.");
+    } else if (it->second.needs_login && !logged_in_) {
+        reply(530, "Please log in with USER and PASS.");
+    } else if (it->second.needs_arg && arg.empty()) {
+        reply(501, "Syntax error in parameters or arguments.");
+    } else {
+        (this->*(it->second.fn))(arg);
+    }
+    if (!keep_rnfr && verb != "RNFR")
+        rnfr_set_ = false;
+}
+
+const std::map<std::string, Session::Command> &Session::commands()
+{
+    static const std::map<std::string, Command> table = {
+        {"USER", {&Session::cmd_user, false, true}},
+        {"PASS", {&Session::cmd_pass, false, false}},
+        {"AUTH", {&Session::cmd_auth, false, true}},
+        {"PBSZ", {&Session::cmd_pbsz, false, true}},
+        {"PROT", {&Session::cmd_prot, false, true}},
+        {"SYST", {&Session::cmd_syst, false, false}},
+        {"FEAT", {&Session::cmd_feat, false, false}},
+        {"OPTS", {&Session::cmd_opts, false, true}},
+        {"HELP", {&Session::cmd_help, false, false}},
+        {"NOOP", {&Session::cmd_noop, false, false}},
+        {"QUIT", {&Session::cmd_quit, false, false}},
+        {"STAT", {&Session::cmd_stat, false, false}},
+        {"SITE", {&Session::cmd_site, true, true}},
+        {"PWD", {&Session::cmd_pwd, true, false}},
+        {"XPWD", {&Session::cmd_pwd, true, false}},
+        {"CWD", {&Session::cmd_cwd, true, false}},
+        {"XCWD", {&Session::cmd_cwd, true, false}},
+        {"CDUP", {&Session::cmd_cdup, true, false}},
+        {"XCUP", {&Session::cmd_cdup, true, false}},
+        {"MKD", {&Session::cmd_mkd, true, true}},
+        {"XMKD", {&Session::cmd_mkd, true, true}},
+        {"RMD", {&Session::cmd_rmd, true, true}},
+        {"XRMD", {&Session::cmd_rmd, true, true}},
+        {"DELE", {&Session::cmd_dele, true, true}},
+        {"RNFR", {&Session::cmd_rnfr, true, true}},
+        {"RNTO", {&Session::cmd_rnto, true, true}},
+        {"SIZE", {&Session::cmd_size, true, true}},
+        {"MDTM", {&Session::cmd_mdtm, true, true}},
+        {"MLST", {&Session::cmd_mlst, true, false}},
+        {"CKSM", {&Session::cmd_cksm, true, true}},
+        {"TYPE", {&Session::cmd_type, true, true}},
+        {"MODE", {&Session::cmd_mode, true, true}},
+        {"STRU", {&Session::cmd_stru, true, true}},
+        {"PASV", {&Session::cmd_pasv, true, false}},
+        {"EPSV", {&Session::cmd_epsv, true, false}},
+        {"PORT", {&Session::cmd_port, true, true}},
+        {"EPRT", {&Session::cmd_eprt, true, true}},
+        {"REST", {&Session::cmd_rest, true, true}},
+        {"ALLO", {&Session::cmd_allo, true, true}},
+        {"ABOR", {&Session::cmd_abor, true, false}},
+        {"RETR", {&Session::cmd_retr, true, true}},
+        {"STOR", {&Session::cmd_stor, true, true}},
+        {"LIST", {&Session::cmd_list, true, false}},
+        {"NLST", {&Session::cmd_nlst, true, false}},
+        {"MLSD", {&Session::cmd_mlsd, true, false}},
+    };
+    return table;
+}
+
+void Session::reply_error(tarvex_result_t result, int default_code)
+{
+    char *text = tarvex_gfs_error_to_ftp_reply(result, default_code);
+    if (text != nullptr) {
+        ctl_.send_raw(text);
+        free(text);
+    } else {
+        reply(default_code, "Operation failed.");
+    }
+    free_result(result);
+}
+
+std::string Session::path_arg(const std::string &arg) const
+{
+    return resolve_path(cwd_, home_, arg);
+}
+
+// ------------------------------------------------------ calling the plug-in
+
+void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn)
+{
+    c.session = this;
+    c.op = tarvex_gfs_operation_create(&session_provider, &c);
+    if (c.op == nullptr) {
+        c.finished = c.returned = true;
+        c.result = tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
+        return;
+    }
+    plugin_thread_->post([this, &c, fn] {
+        fn(c.op);
+        {
+            std::lock_guard lock(mu_);
+            c.returned = true;
+        }
+        wake();
+    });
+    wait_for(c);
+    tarvex_gfs_operation_destroy(c.op);
+    c.op = nullptr;
+}
+
+void Session::reply_busy_line(const std::string &line, PluginCall &c)
+{
+    size_t sp = line.find(' ');
+    std::string verb = line.substr(0, sp);
+    for (char &ch : verb)
+        ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+    bool has_arg = sp != std::string::npos && line.find_first_not_of(' ', sp) != std::string::npos;
+    if (verb == "ABOR" && c.transfer != nullptr) {
+        c.transfer->abort(); // answered when the plug-in has stopped
+        return;
+    }
+    if (verb == "NOOP") {
+        reply(200, "NOOP ok.");
+        return;
+    }
+    if (verb == "STAT" && !has_arg) {
+        std::string text = "Status of tarvex-gridftp-server:\n";
+        if (c.transfer != nullptr)
+            text += "Transfer in progress: " + c.transfer->what() + ", " +
+                    std::to_string(c.transfer->bytes()) + " bytes so far\n";
+        else
+            text += "Command in progress\n";
+        reply(211, text + "End of status.");
+        return;
+    }
+    if (pending_.size() >= max_pending_lines) {
+        reply(503, "Busy: a transfer is in progress.");
+        return;
+    }
+    pending_.push_back(line); // the plug-in takes one call at a time
+}
+
+void Session::wait_for(PluginCall &c)
+{
+    current_ = &c;
+    for (;;) {
+        {
+            std::lock_guard lock(mu_);
+            if (c.finished && c.returned && (c.transfer == nullptr || c.transfer->done()))
+                break;
+        }
+        std::string line;
+        ControlChannel::Event ev;
+        if (control_lost_) {
+            pollfd p{wake_fd_, POLLIN, 0};
+            poll(&p, 1, 1000);
+            ev = ControlChannel::Event::woken;
+        } else {
+            ev = ctl_.next(line, -1, wake_fd_);
+        }
+        switch (ev) {
+        case ControlChannel::Event::woken: {
+            uint64_t n;
+            if (read(wake_fd_, &n, sizeof n) < 0) {
+                // nothing to drain
+            }
+            break;
+        }
+        case ControlChannel::Event::line:
+            reply_busy_line(line, c);
+            break;
+        case ControlChannel::Event::too_long:
+            reply(500, "Command line too long.");
+            break;
+        case ControlChannel::Event::nul:
+            reply(500, "NUL bytes are not allowed in commands.");
+            break;
+        default:
+            // The client is gone: stop the transfer, let the plug-in finish.
+            control_lost_ = true;
+            if (c.transfer != nullptr)
+                c.transfer->abort();
+            break;
+        }
+    }
+    current_ = nullptr;
+}
+
+bool Session::stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result)
+{
+    tarvex_gfs_stat_info_t info{};
+    info.file_only = true;
+    info.pathname = const_cast<char *>(path.c_str());
+    PluginCall c;
+    bool got = false;
+    c.on_stat = [&](tarvex_result_t r, tarvex_gridftp_server_control_stat_t *a, int n, bool) {
+        if (r == TARVEX_SUCCESS && a != nullptr && n > 0 && !got) {
+            out = copy_entry(a[0]);
+            got = true;
+        }
+    };
+    call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->stat_func(op, &info, session_arg_); });
+    result = c.result;
+    if (result == TARVEX_SUCCESS && !got)
+        result = tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 550, "PATH_NOT_FOUND", "No such file or directory."));
+    return result == TARVEX_SUCCESS;
+}
+
+bool Session::run_command(tarvex_gfs_command_info_t &info, std::string &response,
+                          tarvex_result_t &result)
+{
+    PluginCall c;
+    call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->command_func(op, &info, session_arg_); });
+    result = c.result;
+    response = c.response;
+    return result == TARVEX_SUCCESS;
+}
+
+void Session::destroy_plugin_session()
+{
+    if (!logged_in_ || iface_ == nullptr)
+        return;
+    logged_in_ = false;
+    if (iface_->destroy_func != nullptr) {
+        PluginCall c;
+        c.session = this;
+        void *arg = session_arg_;
+        plugin_thread_->post([this, &c, arg] {
+            iface_->destroy_func(arg);
+            {
+                std::lock_guard lock(mu_);
+                c.returned = true;
+            }
+            wake();
+        });
+        for (;;) {
+            {
+                std::lock_guard lock(mu_);
+                if (c.returned)
+                    break;
+            }
+            pollfd p{wake_fd_, POLLIN, 0};
+            poll(&p, 1, 1000);
+            uint64_t n;
+            if (read(wake_fd_, &n, sizeof n) < 0) {
+                // nothing to drain
+            }
+        }
+    }
+    plugin_thread_.reset();
+    tarvex_gfs_dsi_unload(opts_.dsi.c_str());
+    iface_ = nullptr;
+}
+
+} // namespace tarvex_server

@@ -1,0 +1,188 @@
+// One client session: the control connection, the login, the current
+// folder, the plug-in's session, and the commands.  It runs in a process of
+// its own (see listener.h).
+#pragma once
+
+#include <openssl/ssl.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "config_data.h"
+#include "control.h"
+#include "data_channel.h"
+#include "listing.h"
+#include "options.h"
+#include "plugin_thread.h"
+#include "tarvex_gridftp_server.h"
+#include "transfer.h"
+
+namespace tarvex_server {
+
+// What every session shares, set up once by the listening process.
+struct ServerContext {
+    const Options *opts = nullptr;
+    SSL_CTX *tls = nullptr;         // NULL: no AUTH TLS
+    std::string plugin_path;        // search path for plug-ins
+};
+
+class Session;
+
+// The context of one plug-in call: the provider's `ctx`.
+struct PluginCall {
+    Session *session = nullptr;
+    tarvex_gfs_operation_t op = nullptr;
+
+    // completion (guarded by the session's mutex)
+    bool finished = false;
+    bool returned = false;
+    tarvex_result_t result = TARVEX_SUCCESS;
+
+    // session start
+    void *session_arg = nullptr;
+    std::string home_dir;
+    // stat: every batch, partial or final, goes here (on the plug-in's thread)
+    std::function<void(tarvex_result_t, tarvex_gridftp_server_control_stat_t *, int, bool)> on_stat;
+    // command
+    std::string response;
+    bool has_response = false;
+    // transfer (and listings, for their data connection)
+    Transfer *transfer = nullptr;
+};
+
+class Session {
+public:
+    Session(int fd, const ServerContext &ctx, const Endpoints &ep);
+    ~Session();
+    void run();
+
+    // ---- used by the provider (any thread) ----
+    void call_finished(PluginCall &c, tarvex_result_t result);
+    void wake();
+    bool send_reply_text(const std::string &text) { return ctl_.send_raw(text); }
+    tarvex_result_t config_data(const char *key, char **data);
+    void set_checksum_support(const char *s);
+    int update_interval() const { return update_interval_; }
+
+private:
+    using Handler = void (Session::*)(const std::string &arg);
+    struct Command {
+        Handler fn;
+        bool needs_login;
+        bool needs_arg;
+    };
+    static const std::map<std::string, Command> &commands();
+
+    // the loop
+    void dispatch(const std::string &line);
+    void reply(int code, const std::string &text) { ctl_.reply(code, text); }
+    void reply_error(tarvex_result_t result, int default_code);
+    void reply_busy_line(const std::string &line, PluginCall &c);
+
+    // calling the plug-in
+    void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
+    void wait_for(PluginCall &c);
+    bool stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result);
+    bool run_command(tarvex_gfs_command_info_t &info, std::string &response,
+                     tarvex_result_t &result);
+    void destroy_plugin_session();
+    std::string path_arg(const std::string &arg) const;
+
+    // login and security
+    void cmd_user(const std::string &arg);
+    void cmd_pass(const std::string &arg);
+    bool start_plugin_session(const std::string &login);
+    void cmd_auth(const std::string &arg);
+    void cmd_pbsz(const std::string &arg);
+    void cmd_prot(const std::string &arg);
+    // information
+    void cmd_syst(const std::string &arg);
+    void cmd_feat(const std::string &arg);
+    void cmd_opts(const std::string &arg);
+    void cmd_help(const std::string &arg);
+    void cmd_noop(const std::string &arg);
+    void cmd_quit(const std::string &arg);
+    void cmd_stat(const std::string &arg);
+    void cmd_site(const std::string &arg);
+    // name space
+    void cmd_pwd(const std::string &arg);
+    void cmd_cwd(const std::string &arg);
+    void cmd_cdup(const std::string &arg);
+    void cmd_mkd(const std::string &arg);
+    void cmd_rmd(const std::string &arg);
+    void cmd_dele(const std::string &arg);
+    void cmd_rnfr(const std::string &arg);
+    void cmd_rnto(const std::string &arg);
+    void cmd_size(const std::string &arg);
+    void cmd_mdtm(const std::string &arg);
+    void cmd_mlst(const std::string &arg);
+    void cmd_cksm(const std::string &arg);
+    void simple_command(tarvex_gfs_command_type_t type, const std::string &path, int ok_code,
+                        const std::string &ok_text);
+    // data
+    void cmd_type(const std::string &arg);
+    void cmd_mode(const std::string &arg);
+    void cmd_stru(const std::string &arg);
+    void cmd_pasv(const std::string &arg);
+    void cmd_epsv(const std::string &arg);
+    void cmd_port(const std::string &arg);
+    void cmd_eprt(const std::string &arg);
+    void cmd_rest(const std::string &arg);
+    void cmd_allo(const std::string &arg);
+    void cmd_abor(const std::string &arg);
+    void cmd_retr(const std::string &arg);
+    void cmd_stor(const std::string &arg);
+    void cmd_list(const std::string &arg);
+    void cmd_nlst(const std::string &arg);
+    void cmd_mlsd(const std::string &arg);
+    void listing(const std::string &arg, int kind);
+    bool data_allowed();
+    TransferParams transfer_params(const std::string &what);
+    void finish_transfer(PluginCall &c, Transfer &t, int default_code);
+    void transfer(bool store, const std::string &arg);
+
+    const ServerContext &ctx_;
+    const Options &opts_;
+    ControlChannel ctl_;
+    Endpoints ep_;
+    ConfigData config_;
+    int wake_fd_ = -1;
+    std::mutex mu_;
+
+    // connection state
+    bool quit_ = false;
+    bool control_lost_ = false;
+    std::deque<std::string> pending_; // lines that came while the plug-in worked
+    PluginCall *current_ = nullptr;   // the call in progress, for ABOR and STAT
+
+    // login
+    std::string user_;
+    bool logged_in_ = false;
+    int failed_logins_ = 0;
+    bool tls_ = false;
+    bool pbsz_ = false;
+    bool prot_p_ = false;
+
+    // the plug-in
+    const tarvex_gfs_storage_iface_t *iface_ = nullptr;
+    std::unique_ptr<PluginThread> plugin_thread_;
+    void *session_arg_ = nullptr;
+    std::string cksm_support_;
+    int update_interval_ = 0;
+
+    // file system state
+    std::string cwd_ = "/";
+    std::string home_ = "/";
+    std::string rnfr_;
+    bool rnfr_set_ = false;
+    tarvex_off_t rest_ = 0;
+    tarvex_off_t alloc_ = 0;
+    DataSetup data_;
+    FactSet facts_;
+};
+
+} // namespace tarvex_server

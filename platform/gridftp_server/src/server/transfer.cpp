@@ -1,0 +1,246 @@
+#include "transfer.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace tarvex_server {
+
+namespace {
+
+constexpr int connect_timeout_ms = 30000;
+
+} // namespace
+
+tarvex_result_t data_error(const char *what)
+{
+    return tarvex_error_put(tarvex_error_construct_error(&tarvex_i_gfs_module, nullptr,
+                                                         TARVEX_GFS_ERROR_DATA, __FILE__,
+                                                         __func__, __LINE__, "%s", what));
+}
+
+Transfer::Transfer(DataSetup &setup, TransferParams params)
+    : setup_(setup), p_(std::move(params))
+{
+    cancel_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    stream_offset_ = p_.range_offset;
+}
+
+Transfer::~Transfer()
+{
+    close(false);
+    if (cancel_fd_ >= 0)
+        ::close(cancel_fd_);
+}
+
+void Transfer::fail(const std::string &reply)
+{
+    std::lock_guard lock(mu_);
+    if (failure_.empty())
+        failure_ = reply;
+}
+
+std::string Transfer::failure() const
+{
+    std::lock_guard lock(mu_);
+    return failure_;
+}
+
+void Transfer::begin(bool with_thread)
+{
+    if (began_.exchange(true))
+        return;
+    p_.send_reply("150 Opening BINARY mode data connection for " + p_.what + ".\r\n");
+    std::string why;
+    conn_ = setup_.open(connect_timeout_ms, cancel_fd_, why);
+    if (!conn_) {
+        fail(aborted_ ? "426 Connection closed; transfer aborted."
+                      : "425 Can't open data connection: " + why + ".");
+        return;
+    }
+    if (p_.tls != nullptr && conn_->start_tls(p_.tls, connect_timeout_ms, cancel_fd_, why) != Io::ok) {
+        fail("425 Can't secure the data connection: " + why + ".");
+        conn_.reset();
+        return;
+    }
+    if (!with_thread)
+        return;
+    std::lock_guard lock(mu_);
+    serving_ = true;
+    thread_ = std::thread([this] { serve(); });
+}
+
+void Transfer::read_range(tarvex_off_t *offset, tarvex_off_t *length)
+{
+    // One range: the restart offset to the end (or the asked length);
+    // asked again, nothing more is wanted.
+    *offset = p_.range_offset;
+    *length = read_range_given_ ? 0 : p_.range_length;
+    read_range_given_ = true;
+}
+
+void Transfer::write_range(tarvex_off_t *offset, tarvex_off_t *length)
+{
+    *offset = p_.range_offset;
+    *length = -1;
+}
+
+bool Transfer::usable()
+{
+    return serving_ && !finished_ && failure_.empty() && !aborted_;
+}
+
+tarvex_result_t Transfer::register_write(tarvex_gfs_operation_t op, tarvex_byte_t *buf,
+                                         tarvex_size_t len, tarvex_gridftp_server_write_cb_t cb,
+                                         void *arg)
+{
+    {
+        std::lock_guard lock(mu_);
+        if (usable()) {
+            queue_.push_back(Request{true, op, buf, len, cb, nullptr, arg});
+            cv_.notify_one();
+            return TARVEX_SUCCESS;
+        }
+    }
+    return data_error(aborted_ ? "The transfer was aborted." : "The data connection is not open.");
+}
+
+tarvex_result_t Transfer::register_read(tarvex_gfs_operation_t op, tarvex_byte_t *buf,
+                                        tarvex_size_t len, tarvex_gridftp_server_read_cb_t cb,
+                                        void *arg)
+{
+    {
+        std::lock_guard lock(mu_);
+        if (usable()) {
+            queue_.push_back(Request{false, op, buf, len, nullptr, cb, arg});
+            cv_.notify_one();
+            return TARVEX_SUCCESS;
+        }
+    }
+    return data_error(aborted_ ? "The transfer was aborted." : "The data connection is not open.");
+}
+
+bool Transfer::write_text(const std::string &text)
+{
+    if (!conn_ || aborted_ || !failure().empty())
+        return false;
+    if (conn_->write_all(text.data(), text.size(), p_.io_timeout_ms, cancel_fd_) != Io::ok) {
+        fail(aborted_ ? "426 Connection closed; transfer aborted."
+                      : "426 Data connection failed; listing incomplete.");
+        return false;
+    }
+    bytes_ += static_cast<long long>(text.size());
+    return true;
+}
+
+void Transfer::plugin_finished()
+{
+    {
+        std::lock_guard lock(mu_);
+        finished_ = true;
+    }
+    cv_.notify_one();
+}
+
+void Transfer::complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof)
+{
+    tarvex_result_t res = ok ? TARVEX_SUCCESS
+                             : data_error(aborted_ ? "The transfer was aborted."
+                                                   : "The data connection failed.");
+    if (r.is_write)
+        r.wcb(r.op, res, r.buf, n, r.arg);
+    else
+        r.rcb(r.op, res, r.buf, n, offset, eof, r.arg);
+}
+
+void Transfer::serve()
+{
+    for (;;) {
+        Request r;
+        bool failed;
+        {
+            std::unique_lock lock(mu_);
+            cv_.wait(lock, [this] { return finished_ || !queue_.empty(); });
+            if (queue_.empty())
+                break;
+            r = queue_.front();
+            queue_.pop_front();
+            failed = !failure_.empty() || aborted_;
+        }
+        if (failed) {
+            complete(r, false, 0, stream_offset_, false);
+            continue;
+        }
+        if (r.is_write) {
+            Io io = conn_->write_all(r.buf, r.len, p_.io_timeout_ms, cancel_fd_);
+            if (io != Io::ok) {
+                fail(aborted_ ? "426 Connection closed; transfer aborted."
+                              : "426 Data connection failed; transfer aborted.");
+                complete(r, false, 0, 0, false);
+                continue;
+            }
+            bytes_ += static_cast<long long>(r.len);
+            complete(r, true, r.len, 0, false);
+            continue;
+        }
+        // A read fills the whole buffer unless the client's data ends first:
+        // fewer, larger completions are what keeps a store fast.
+        tarvex_size_t got = 0;
+        Io io = Io::ok;
+        while (!eof_ && got < r.len) {
+            size_t n = 0;
+            io = conn_->read_some(r.buf + got, r.len - got, n, p_.io_timeout_ms, cancel_fd_);
+            if (io == Io::eof) {
+                eof_ = true;
+                io = Io::ok;
+                break;
+            }
+            if (io != Io::ok)
+                break;
+            got += n;
+        }
+        if (io != Io::ok) {
+            fail(aborted_ ? "426 Connection closed; transfer aborted."
+                          : "426 Data connection failed; transfer aborted.");
+            complete(r, false, got, stream_offset_, false);
+            continue;
+        }
+        tarvex_off_t at = stream_offset_;
+        stream_offset_ += static_cast<tarvex_off_t>(got);
+        bytes_ += static_cast<long long>(got);
+        complete(r, true, got, at, eof_);
+    }
+    {
+        std::lock_guard lock(mu_);
+        thread_done_ = true;
+    }
+    p_.notify();
+}
+
+void Transfer::abort()
+{
+    aborted_ = true;
+    uint64_t one = 1;
+    if (write(cancel_fd_, &one, sizeof one) < 0) {
+        // the descriptor is a counter: it cannot be full
+    }
+    cv_.notify_all();
+}
+
+bool Transfer::done() const
+{
+    std::lock_guard lock(mu_);
+    return !serving_ || thread_done_;
+}
+
+void Transfer::close(bool orderly)
+{
+    if (thread_.joinable())
+        thread_.join();
+    if (!conn_)
+        return;
+    if (orderly)
+        conn_->finish(2000);
+    conn_.reset();
+}
+
+} // namespace tarvex_server

@@ -1,0 +1,111 @@
+// One data transfer: the data connection and the thread that serves the
+// plug-in's registered reads and writes on it.
+//
+// The plug-in registers buffers from its own thread; a single data thread
+// takes them in the order they were registered (stream mode sends bytes in
+// file order, which is also the order a plug-in that asks for ordered data
+// registers them), performs the I/O and runs the completion callback.  A
+// callback never runs inside the register call.  Every registered buffer
+// gets exactly one completion: after an abort or a failure the rest complete
+// with an error and no I/O.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "conn.h"
+#include "data_channel.h"
+#include "tarvex_gridftp_server.h"
+
+namespace tarvex_server {
+
+struct TransferParams {
+    std::string what;            // for the 150 reply: "RETR /a/b", "LIST /"
+    SSL_CTX *tls = nullptr;      // PROT P: TLS on the data connection
+    int io_timeout_ms = 900000;
+    tarvex_off_t range_offset = 0; // REST offset
+    tarvex_off_t range_length = -1;
+    std::function<bool(const std::string &)> send_reply; // control replies
+    std::function<void()> notify;                         // wakes the session
+};
+
+class Transfer {
+public:
+    Transfer(DataSetup &setup, TransferParams params);
+    ~Transfer();
+
+    // ---- plug-in side (its thread) ----
+    // Sends the 150 reply and opens the data connection; with `serve` a data
+    // thread is started for registered reads and writes.  Idempotent.
+    void begin(bool with_thread);
+    void read_range(tarvex_off_t *offset, tarvex_off_t *length);
+    void write_range(tarvex_off_t *offset, tarvex_off_t *length);
+    tarvex_result_t register_write(tarvex_gfs_operation_t op, tarvex_byte_t *buf, tarvex_size_t len,
+                                   tarvex_gridftp_server_write_cb_t cb, void *arg);
+    tarvex_result_t register_read(tarvex_gfs_operation_t op, tarvex_byte_t *buf, tarvex_size_t len,
+                                  tarvex_gridftp_server_read_cb_t cb, void *arg);
+    // Listings write their text directly from the plug-in's thread.
+    bool write_text(const std::string &text);
+    // No more registrations will come: the data thread drains and ends.
+    void plugin_finished();
+
+    // ---- control side ----
+    void abort();                 // ABOR, or the client went away
+    bool done() const;            // the data thread has ended (or never ran)
+    // Joins the data thread and closes the connection (orderly on success).
+    void close(bool orderly);
+
+    bool began() const { return began_; }
+    bool aborted() const { return aborted_; }
+    // Non-empty when the data connection failed: the reply to give.
+    std::string failure() const;
+    long long bytes() const { return bytes_; }
+    const std::string &what() const { return p_.what; }
+
+private:
+    struct Request {
+        bool is_write;
+        tarvex_gfs_operation_t op;
+        tarvex_byte_t *buf;
+        tarvex_size_t len;
+        tarvex_gridftp_server_write_cb_t wcb;
+        tarvex_gridftp_server_read_cb_t rcb;
+        void *arg;
+    };
+    void serve();
+    void complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof);
+    void fail(const std::string &reply);
+    bool usable();
+
+    DataSetup &setup_;
+    TransferParams p_;
+    std::unique_ptr<Conn> conn_;
+    int cancel_fd_ = -1;
+
+    mutable std::mutex mu_;
+    std::condition_variable cv_;
+    std::deque<Request> queue_;
+    bool finished_ = false;
+    bool serving_ = false;
+    bool thread_done_ = false;
+    std::string failure_;
+    std::thread thread_;
+
+    std::atomic<bool> began_{false};
+    std::atomic<bool> aborted_{false};
+    std::atomic<long long> bytes_{0};
+    bool read_range_given_ = false;
+    bool eof_ = false;
+    tarvex_off_t stream_offset_ = 0;
+};
+
+// An error result for a data-connection failure.
+tarvex_result_t data_error(const char *what);
+
+} // namespace tarvex_server
