@@ -1,0 +1,20 @@
+# Unit tests of the plug-in's frame: module and table, debug log, box error
+# and answer translation, policy, credential, path variables, pacing.
+add_executable(box_frame_test
+  ${CMAKE_CURRENT_LIST_DIR}/box_frame_debug_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_frame_error_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_frame_session_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_frame_retry_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_frame_command_test.cpp)
+target_link_libraries(box_frame_test PRIVATE tarvex_box_internal tarvex_test_driver
+  GTest::gtest_main)
+gtest_discover_tests(box_frame_test PROPERTIES LABELS unit)
+
+# The plug-in loaded by name, as the server does: not linked in.
+add_executable(box_frame_load_test ${CMAKE_CURRENT_LIST_DIR}/box_frame_load_test.cpp)
+target_link_libraries(box_frame_load_test PRIVATE
+  tarvex_gridftp_server tarvex_dsi_rest tarvex_common GTest::gtest_main)
+target_compile_definitions(box_frame_load_test PRIVATE
+  TARVEX_BOX_LIB_DIR="$<TARGET_FILE_DIR:tarvex_gridftp_server_box>")
+add_dependencies(box_frame_load_test tarvex_gridftp_server_box)
+gtest_discover_tests(box_frame_load_test PROPERTIES LABELS unit)
