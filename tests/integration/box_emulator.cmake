@@ -1,0 +1,19 @@
+# The Box emulator: its behaviour, its answers and the plug-in's request
+# table checked against Box's API description, and its C++ fixture.
+set(box_emulator_test_env
+  TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py
+  TARVEX_BOX_OPENAPI=${TARVEX_SHARED}/box-openapi.json)
+foreach(suite box_emulator_test box_emulator_contract_test)
+  add_test(NAME ${suite}
+    COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}
+    WORKING_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
+  set_tests_properties(${suite} PROPERTIES
+    LABELS integration
+    ENVIRONMENT "${box_emulator_test_env};PYTHONDONTWRITEBYTECODE=1"
+    TIMEOUT 300)
+endforeach()
+
+add_executable(box_emulator_fixture_test ${CMAKE_CURRENT_LIST_DIR}/box_emulator_fixture_test.cpp)
+target_link_libraries(box_emulator_fixture_test PRIVATE
+  tarvex_test_box_emulator GTest::gtest_main CURL::libcurl)
+gtest_discover_tests(box_emulator_fixture_test PROPERTIES LABELS integration)

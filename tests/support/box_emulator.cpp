@@ -1,0 +1,418 @@
+#include "box_emulator.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <jansson.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <cctype>
+#include <stdexcept>
+#include <thread>
+
+#ifndef TARVEX_BOX_EMULATOR
+#error "TARVEX_BOX_EMULATOR must name tools/box-emulator/box_emulator.py"
+#endif
+#ifndef TARVEX_PYTHON3
+#define TARVEX_PYTHON3 "python3"
+#endif
+
+namespace tarvex_test {
+
+namespace {
+
+struct json_ref {
+    json_t *doc;
+    explicit json_ref(json_t *d) : doc(d) {}
+    ~json_ref() { json_decref(doc); }
+    json_ref(const json_ref &) = delete;
+    json_ref &operator=(const json_ref &) = delete;
+};
+
+[[noreturn]] void fail(const std::string &what)
+{
+    throw std::runtime_error("box emulator: " + what);
+}
+
+json_t *parse(const std::string &text, const std::string &what)
+{
+    json_error_t error;
+    json_t *doc = json_loadb(text.data(), text.size(), 0, &error);
+    if (doc == nullptr)
+        fail(what + ": answer is not JSON: " + error.text);
+    return doc;
+}
+
+std::string string_of(json_t *value)
+{
+    const char *s = json_string_value(value);
+    return s ? s : "";
+}
+
+uint64_t number_of(json_t *value)
+{
+    return json_is_integer(value) ? static_cast<uint64_t>(json_integer_value(value)) : 0;
+}
+
+/* Runs a program without a shell, its output discarded; true on exit 0. */
+bool run(const std::vector<std::string> &argv, const std::string &cwd)
+{
+    pid_t pid = fork();
+    if (pid < 0)
+        return false;
+    if (pid == 0) {
+        int null = open("/dev/null", O_RDWR);
+        if (null >= 0) {
+            dup2(null, 0);
+            dup2(null, 1);
+            dup2(null, 2);
+        }
+        if (chdir(cwd.c_str()) != 0)
+            _exit(126);
+        std::vector<char *> args;
+        for (const auto &a : argv)
+            args.push_back(const_cast<char *>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+size_t collect(char *data, size_t size, size_t count, void *user)
+{
+    static_cast<std::string *>(user)->append(data, size * count);
+    return size * count;
+}
+
+std::string url_escape(const std::string &text)
+{
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : text) {
+        if (isalnum(c) || strchr("/-_.~", c)) {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+std::string BoxEmulator::LogEntry::header(const std::string &name) const
+{
+    for (const auto &[key, value] : headers)
+        if (strcasecmp(key.c_str(), name.c_str()) == 0)
+            return value;
+    return "";
+}
+
+std::string BoxEmulator::LogEntry::query_value(const std::string &key) const
+{
+    auto it = query.find(key);
+    return it == query.end() || it->second.empty() ? "" : it->second.front();
+}
+
+bool BoxEmulator::LogEntry::has_query(const std::string &key) const
+{
+    return query.count(key) != 0;
+}
+
+BoxEmulator::BoxEmulator() : BoxEmulator(Options()) {}
+
+BoxEmulator::BoxEmulator(Options options)
+{
+    static std::once_flag curl_once;
+    std::call_once(curl_once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+
+    char tmpl[] = "/tmp/tarvex-box-emulator-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr)
+        fail(std::string("mkdtemp: ") + strerror(errno));
+    dir_ = tmpl;
+    try {
+        if (options.https)
+            make_certificates();
+        spawn(options);
+        wait_listening();
+        curl_ = curl_easy_init();
+        if (curl_ == nullptr)
+            fail("curl_easy_init failed");
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+BoxEmulator::~BoxEmulator()
+{
+    stop();
+}
+
+void BoxEmulator::stop()
+{
+    if (curl_ != nullptr) {
+        curl_easy_cleanup(static_cast<CURL *>(curl_));
+        curl_ = nullptr;
+    }
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        int status = 0;
+        bool gone = false;
+        for (int i = 0; i < 250 && !gone; i++) {
+            gone = waitpid(pid_, &status, WNOHANG) == pid_;
+            if (!gone)
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        if (!gone) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, &status, 0);
+        }
+        pid_ = -1;
+    }
+    if (!dir_.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(dir_, ignored);
+        dir_.clear();
+    }
+}
+
+/* A CA and a server certificate for 127.0.0.1 and localhost, with the
+ * openssl command line; EC keys keep this fast. */
+void BoxEmulator::make_certificates()
+{
+    const std::string curve = "ec_paramgen_curve:prime256v1";
+    {
+        std::ofstream ext(dir_ + "/server.ext");
+        ext << "subjectAltName=IP:127.0.0.1,DNS:localhost\n"
+               "basicConstraints=critical,CA:FALSE\n"
+               "keyUsage=critical,digitalSignature,keyEncipherment\n"
+               "extendedKeyUsage=serverAuth\n";
+    }
+    const std::vector<std::vector<std::string>> steps = {
+        {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", curve, "-nodes", "-keyout",
+         "ca.key", "-out", "ca.pem", "-days", "7", "-subj", "/CN=tarvex test CA", "-addext",
+         "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"},
+        {"openssl", "req", "-new", "-newkey", "ec", "-pkeyopt", curve, "-nodes", "-keyout",
+         "server.key", "-out", "server.csr", "-subj", "/CN=127.0.0.1"},
+        {"openssl", "x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
+         "-CAcreateserial", "-out", "server.pem", "-days", "7", "-extfile", "server.ext"},
+    };
+    for (const auto &step : steps)
+        if (!run(step, dir_))
+            fail("openssl " + step[1] + " failed while making the test CA");
+    ca_file_ = dir_ + "/ca.pem";
+    cert_file_ = dir_ + "/server.pem";
+    key_file_ = dir_ + "/server.key";
+}
+
+void BoxEmulator::spawn(const Options &options)
+{
+    std::vector<std::string> argv = {TARVEX_PYTHON3, TARVEX_BOX_EMULATOR, "--host", "127.0.0.1",
+                                     "--port", "0", "--port-file", dir_ + "/port",
+                                     "--data-dir", dir_ + "/data"};
+    for (const auto &token : options.tokens) {
+        argv.push_back("--token");
+        argv.push_back(token);
+    }
+    if (options.https) {
+        argv.insert(argv.end(), {"--tls-cert", cert_file_, "--tls-key", key_file_});
+    }
+    if (options.quiet)
+        argv.push_back("--quiet");
+    argv.insert(argv.end(), options.extra_args.begin(), options.extra_args.end());
+
+    std::vector<char *> args;
+    for (const auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+
+    pid_t parent = getpid();
+    pid_ = fork();
+    if (pid_ < 0)
+        fail(std::string("fork: ") + strerror(errno));
+    if (pid_ == 0) {
+        // An emulator must not outlive a test program that crashed.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            _exit(0);
+        int null = open("/dev/null", O_WRONLY);
+        if (null >= 0)
+            dup2(null, 1);  // the "listening" line; the port file says the same
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+}
+
+void BoxEmulator::wait_listening()
+{
+    const std::string port_file = dir_ + "/port";
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    for (;;) {
+        std::ifstream in(port_file);
+        if (in && (in >> port_) && port_ > 0)
+            break;
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+            pid_ = -1;
+            fail("the emulator exited before listening (status " + std::to_string(status) + ")");
+        }
+        if (std::chrono::steady_clock::now() > deadline)
+            fail("the emulator did not listen within 30 s");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    base_url_ = std::string(ca_file_.empty() ? "http" : "https") + "://127.0.0.1:" +
+                std::to_string(port_);
+}
+
+long BoxEmulator::request(const std::string &method, const std::string &path,
+                          const std::string &body, std::string &answer)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    CURL *curl = static_cast<CURL *>(curl_);
+    curl_easy_reset(curl);
+    std::string url = base_url_ + path;
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, method.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 120L);
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
+    if (!ca_file_.empty())
+        curl_easy_setopt(curl, CURLOPT_CAINFO, ca_file_.c_str());
+    struct curl_slist *headers = curl_slist_append(nullptr, "Content-Type: application/json");
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    if (method == "POST") {
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    }
+    CURLcode rc = curl_easy_perform(curl);
+    curl_slist_free_all(headers);
+    if (rc != CURLE_OK)
+        fail(method + " " + path + ": " + curl_easy_strerror(rc));
+    long status = 0;
+    curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+    return status;
+}
+
+std::string BoxEmulator::control(const std::string &method, const std::string &path,
+                                 const std::string &body)
+{
+    std::string answer;
+    long status = request(method, path, body, answer);
+    if (status != 200)
+        fail(method + " " + path + " answered " + std::to_string(status) + ": " + answer);
+    return answer;
+}
+
+void BoxEmulator::reset()
+{
+    control("POST", "/_emulator/reset");
+}
+
+std::map<std::string, std::string> BoxEmulator::seed(const std::string &json)
+{
+    json_ref doc(parse(control("POST", "/_emulator/seed", json), "seed"));
+    std::map<std::string, std::string> ids;
+    const char *path;
+    json_t *id;
+    json_object_foreach(json_object_get(doc.doc, "ids"), path, id) ids[path] = string_of(id);
+    return ids;
+}
+
+void BoxEmulator::fault(const std::string &json)
+{
+    control("POST", "/_emulator/faults", json);
+}
+
+void BoxEmulator::rate_limit(int per_second, int retry_after)
+{
+    control("POST", "/_emulator/rate_limit",
+            "{\"per_second\":" + std::to_string(per_second) +
+                ",\"retry_after\":" + std::to_string(retry_after) + "}");
+}
+
+std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
+{
+    json_ref doc(parse(control("GET", "/_emulator/log"), "log"));
+    std::vector<LogEntry> entries;
+    size_t index;
+    json_t *e;
+    json_array_foreach(doc.doc, index, e) {
+        LogEntry entry;
+        entry.method = string_of(json_object_get(e, "method"));
+        entry.path = string_of(json_object_get(e, "path"));
+        const char *key;
+        json_t *value;
+        json_object_foreach(json_object_get(e, "query"), key, value) {
+            auto &values = entry.query[key];
+            size_t i;
+            json_t *v;
+            json_array_foreach(value, i, v) values.push_back(string_of(v));
+        }
+        json_object_foreach(json_object_get(e, "headers"), key, value) entry.headers[key] =
+            string_of(value);
+        entry.body_length = number_of(json_object_get(e, "body_length"));
+        entry.body_sha1 = string_of(json_object_get(e, "body_sha1"));
+        entry.status = static_cast<int>(number_of(json_object_get(e, "status")));
+        entry.response_length = number_of(json_object_get(e, "response_length"));
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+void BoxEmulator::clear_log()
+{
+    control("DELETE", "/_emulator/log");
+}
+
+std::string BoxEmulator::item(const std::string &path)
+{
+    std::string answer;
+    long status = request("GET", "/_emulator/item?path=" + url_escape(path), "", answer);
+    if (status == 404)
+        return "";
+    if (status != 200)
+        fail("item " + path + " answered " + std::to_string(status) + ": " + answer);
+    return answer;
+}
+
+std::string BoxEmulator::content(const std::string &path)
+{
+    return control("GET", "/_emulator/content?path=" + url_escape(path));
+}
+
+void BoxEmulator::tokens(const std::string &json)
+{
+    control("POST", "/_emulator/tokens", json);
+}
+
+void BoxEmulator::commit_pending(int count, int retry_after)
+{
+    control("POST", "/_emulator/commit_pending",
+            "{\"count\":" + std::to_string(count) +
+                ",\"retry_after\":" + std::to_string(retry_after) + "}");
+}
+
+void BoxEmulator::config(const std::string &json)
+{
+    control("POST", "/_emulator/config", json);
+}
+
+} // namespace tarvex_test

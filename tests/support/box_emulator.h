@@ -1,0 +1,134 @@
+/*
+ * The Box emulator (tools/box-emulator/box_emulator.py) as a test fixture.
+ *
+ * Construction starts the emulator on a free loopback port, optionally over
+ * HTTPS with a certificate from a test CA made for this instance, and
+ * returns once it listens; destruction stops it (SIGTERM, then SIGKILL) and
+ * removes its temporary directory (certificates, uploaded contents).
+ *
+ *     tarvex_test::BoxEmulator emu;                 // http://127.0.0.1:<port>
+ *     auto ids = emu.seed(R"({"entries":[{"path":"/a/f.txt","content":"hi"}]})");
+ *     ... point the code under test at emu.api_base() / emu.upload_base(),
+ *         bearer token "test-token" ...
+ *     for (const auto &e : emu.log()) ...           // every request it got
+ *
+ * The helpers talk to the emulator's control interface (/_emulator/...) and
+ * throw std::runtime_error when it refuses or cannot be reached.  They may
+ * be called from any thread.
+ */
+#ifndef TARVEX_TEST_BOX_EMULATOR_H
+#define TARVEX_TEST_BOX_EMULATOR_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tarvex_test {
+
+struct BoxEmulatorOptions {
+    /* Serve HTTPS with a certificate for 127.0.0.1 and localhost, signed by
+     * a CA generated for this instance (see ca_file()). */
+    bool https = false;
+    /* Accepted bearer tokens, never expiring; empty means "test-token". */
+    std::vector<std::string> tokens;
+    /* More command line arguments, e.g. {"--part-size", "1048576"} or
+     * {"--min-session-size", "0"}. */
+    std::vector<std::string> extra_args;
+    /* false: the emulator traces every request on stderr. */
+    bool quiet = true;
+};
+
+class BoxEmulator {
+public:
+    using Options = BoxEmulatorOptions;
+
+    /* One request as the emulator received it (control requests excluded). */
+    struct LogEntry {
+        std::string method;
+        std::string path;                                        /* without the query */
+        std::map<std::string, std::vector<std::string>> query;   /* "marker=" gives {""} */
+        std::map<std::string, std::string> headers;              /* names in lower case */
+        uint64_t body_length = 0;
+        std::string body_sha1;                                   /* lower-case hex */
+        int status = 0;                                          /* 0: connection dropped */
+        uint64_t response_length = 0;                            /* body bytes sent */
+
+        /* Header value by case-insensitive name; "" when absent. */
+        std::string header(const std::string &name) const;
+        /* First value of a query key; "" when absent. */
+        std::string query_value(const std::string &key) const;
+        bool has_query(const std::string &key) const;
+    };
+
+    BoxEmulator();
+    explicit BoxEmulator(Options options);
+    ~BoxEmulator();
+    BoxEmulator(const BoxEmulator &) = delete;
+    BoxEmulator &operator=(const BoxEmulator &) = delete;
+
+    /* "<scheme>://127.0.0.1:<port>", no trailing slash; API paths start
+     * "/2.0/", upload paths "/api/2.0/", both on this one origin. */
+    const std::string &base_url() const { return base_url_; }
+    const std::string &api_base() const { return base_url_; }
+    const std::string &upload_base() const { return base_url_; }
+    /* PEM file of the test CA (HTTPS only; "" for HTTP). */
+    const std::string &ca_file() const { return ca_file_; }
+    int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+
+    /* Empty tree (root "0"), empty log; faults, rate limit, tokens, pending
+     * commits and configuration back to their start-up values. */
+    void reset();
+    /* POST /_emulator/seed with {"entries":[...]}; returns path -> Box id,
+     * including the parent folders it created. */
+    std::map<std::string, std::string> seed(const std::string &json);
+    /* Adds one fault (a JSON object) or several (a JSON array). */
+    void fault(const std::string &json);
+    /* Requests above per_second in any second get 429 with Retry-After;
+     * 0 turns the limit off. */
+    void rate_limit(int per_second, int retry_after = 1);
+    std::vector<LogEntry> log();
+    void clear_log();
+    /* The item at a path as JSON text (all fields, "metadata" null when it
+     * has none); "" when nothing is there. */
+    std::string item(const std::string &path);
+    /* The bytes of the file at a path. */
+    std::string content(const std::string &path);
+    /* {"token":"t","expires_in":N|null} adds or replaces; {"revoke":"t"}. */
+    void tokens(const std::string &json);
+    /* The next `count` commits answer 202 with Retry-After: retry_after. */
+    void commit_pending(int count, int retry_after = 1);
+    /* {"part_size":N,"min_session_size":N} for upload sessions. */
+    void config(const std::string &json);
+
+    /* Any control request; returns the answer's body, throws unless 200. */
+    std::string control(const std::string &method, const std::string &path,
+                        const std::string &body = "");
+
+private:
+    void make_certificates();
+    void spawn(const Options &options);
+    void wait_listening();
+    void stop();
+    long request(const std::string &method, const std::string &path,
+                 const std::string &body, std::string &answer);
+
+    std::string dir_;
+    std::string ca_file_;
+    std::string cert_file_;
+    std::string key_file_;
+    std::string base_url_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+    std::mutex mutex_;
+    void *curl_ = nullptr;
+};
+
+} // namespace tarvex_test
+
+#endif
