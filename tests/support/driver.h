@@ -123,7 +123,8 @@ std::string ftp_reply(tarvex_result_t result, int default_code = 0);
  * byte at offset i is (i % 251). */
 std::string pattern(uint64_t length, uint64_t start = 0);
 
-/* The digest the digest sink keeps (64-bit FNV-1a), of a byte string and of
+/* The digest the digest sink keeps (64 bits, independent of how the data
+ * was split into writes), of a byte string and of
  * `length` bytes of generated content from offset `start`. */
 uint64_t digest(std::string_view data);
 uint64_t pattern_digest(uint64_t length, uint64_t start = 0);
