@@ -18,6 +18,7 @@ import sys
 import tempfile
 import threading
 import time
+import traceback
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qs, urlsplit
 
@@ -293,6 +294,15 @@ class Handler(BaseHTTPRequestHandler):
         except FileNotFoundError:
             body.drain()
             resp = Response(404, BoxError(404, "not_found", "Content is gone").body())
+        except (BodyError, ConnectionError):
+            raise
+        except Exception:
+            # A fault of the emulator itself: say so loudly, answer like Box.
+            traceback.print_exc()
+            self.close_connection = True
+            resp = Response(500, BoxError(500, "internal_server_error",
+                                          "Internal Server Error").body(),
+                            {"Connection": "close"})
         self.answer(resp, truncate)
 
     def route(self, req, body):
@@ -350,6 +360,10 @@ class Handler(BaseHTTPRequestHandler):
         except BodyError:
             self.close_connection = True
             return
+        except Exception as e:
+            traceback.print_exc()
+            self.close_connection = True
+            status, doc, stream = 500, {"error": "emulator fault: %s" % e}, None
         body.drain()
         if stream is not None:
             self.answer(Response(status, None, {"Content-Type": "application/octet-stream"},
