@@ -28,10 +28,12 @@ int status_of(std::string_view line)
 void add_header_line(RequestContext &ctx, std::string_view line)
 {
     // A folded continuation line belongs to the previous header.
-    if ((line.front() == ' ' || line.front() == '\t') && !ctx.headers.empty()) {
-        std::string &value = ctx.headers.back().second;
-        value += ' ';
-        value += trim(line);
+    if (line.front() == ' ' || line.front() == '\t') {
+        if (!ctx.headers.empty()) {
+            std::string &value = ctx.headers.back().second;
+            value += ' ';
+            value += trim(line);
+        }
         return;
     }
     size_t colon = line.find(':');
@@ -68,7 +70,8 @@ size_t header_callback(char *data, size_t size, size_t count, void *userdata)
     auto &ctx = *static_cast<RequestContext *>(userdata);
     size_t length = size * count;
     ctx.touch();
-    std::string_view line = trim(std::string_view(data, length));
+    std::string_view raw(data, length);
+    std::string_view line = trim(raw);
     if (line.substr(0, 5) == "HTTP/") {
         // A new status line: an interim answer (100 Continue) came before,
         // or this is the first; either way collection starts over.
@@ -86,7 +89,7 @@ size_t header_callback(char *data, size_t size, size_t count, void *userdata)
         ctx.headers_complete = true;
         return deliver_response(ctx) ? length : 0;
     }
-    add_header_line(ctx, line);
+    add_header_line(ctx, raw.front() == ' ' || raw.front() == '\t' ? raw : line);
     return length;
 }
 
