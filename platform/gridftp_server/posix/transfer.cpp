@@ -1,0 +1,301 @@
+// Send (RETR) and receive (STOR).
+//
+// Several buffers are in flight at once: while the server moves one over
+// the network, the next is read from (or written to) the disk.  Completions
+// arrive on the server's data thread and are handed to this (the calling)
+// thread through a mutex and a condition variable.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <vector>
+
+#include "posix.h"
+
+namespace tarvex_posix {
+
+namespace {
+
+struct Slot;
+
+// What the plug-in's thread and the completions share.
+struct Pipeline {
+    std::mutex mu;
+    std::condition_variable cv;
+    std::vector<Slot> slots;
+    std::deque<Slot *> free;   // buffers ready for use
+    std::deque<Slot *> filled; // receive: completed reads, in order
+    int outstanding = 0;
+    tarvex_result_t error = TARVEX_SUCCESS; // the first failure
+
+    void note_error(tarvex_result_t r)
+    {
+        if (r == TARVEX_SUCCESS)
+            return;
+        if (error == TARVEX_SUCCESS)
+            error = r;
+        else
+            drop_result(r);
+    }
+    void wait_idle()
+    {
+        std::unique_lock lock(mu);
+        cv.wait(lock, [this] { return outstanding == 0; });
+    }
+};
+
+struct Slot {
+    Pipeline *pipe = nullptr;
+    std::vector<tarvex_byte_t> buf;
+    tarvex_size_t got = 0;
+    tarvex_off_t offset = 0;
+    bool eof = false;
+};
+
+void setup(Pipeline &p, tarvex_gfs_operation_t op)
+{
+    tarvex_size_t block = 0;
+    int count = 0;
+    tarvex_gridftp_server_get_block_size(op, &block);
+    tarvex_gridftp_server_get_optimal_concurrency(op, &count);
+    block = std::clamp<tarvex_size_t>(block, 64 * 1024, 16 * 1024 * 1024);
+    count = std::clamp(count, 2, 8);
+    p.slots.resize(static_cast<size_t>(count));
+    for (Slot &s : p.slots) {
+        s.pipe = &p;
+        s.buf.resize(block);
+        p.free.push_back(&s);
+    }
+}
+
+void write_done(tarvex_gfs_operation_t, tarvex_result_t result, tarvex_byte_t *, tarvex_size_t,
+                void *arg)
+{
+    auto *slot = static_cast<Slot *>(arg);
+    Pipeline &p = *slot->pipe;
+    {
+        std::lock_guard lock(p.mu);
+        p.note_error(result);
+        p.free.push_back(slot);
+        --p.outstanding;
+    }
+    p.cv.notify_all();
+}
+
+void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *,
+               tarvex_size_t nbytes, tarvex_off_t offset, bool eof, void *arg)
+{
+    auto *slot = static_cast<Slot *>(arg);
+    Pipeline &p = *slot->pipe;
+    {
+        std::lock_guard lock(p.mu);
+        p.note_error(result);
+        slot->got = nbytes;
+        slot->offset = offset;
+        slot->eof = eof;
+        p.filled.push_back(slot);
+        --p.outstanding;
+    }
+    p.cv.notify_all();
+    tarvex_gridftp_server_update_bytes_recvd(op, static_cast<tarvex_off_t>(nbytes));
+}
+
+// Reads the file from `offset` (length -1: to the end) into the pipeline.
+tarvex_result_t send_range(tarvex_gfs_operation_t op, Pipeline &p, int fd, const char *path,
+                           tarvex_off_t offset, tarvex_off_t length)
+{
+    while (length != 0) {
+        Slot *slot;
+        {
+            std::unique_lock lock(p.mu);
+            p.cv.wait(lock, [&] { return !p.free.empty() || p.error != TARVEX_SUCCESS; });
+            if (p.error != TARVEX_SUCCESS)
+                return TARVEX_SUCCESS; // reported by the caller
+            slot = p.free.front();
+            p.free.pop_front();
+        }
+        size_t want = slot->buf.size();
+        if (length > 0 && static_cast<tarvex_off_t>(want) > length)
+            want = static_cast<size_t>(length);
+        ssize_t n;
+        do
+            n = pread(fd, slot->buf.data(), want, offset);
+        while (n < 0 && errno == EINTR);
+        if (n <= 0) {
+            std::lock_guard lock(p.mu);
+            p.free.push_back(slot);
+            return n < 0 ? errno_result(errno, path) : TARVEX_SUCCESS; // 0: end of file
+        }
+        {
+            std::lock_guard lock(p.mu);
+            ++p.outstanding;
+        }
+        tarvex_result_t r = tarvex_gridftp_server_register_write(
+            op, slot->buf.data(), static_cast<tarvex_size_t>(n), offset, -1, write_done, slot);
+        if (r != TARVEX_SUCCESS) {
+            std::lock_guard lock(p.mu);
+            --p.outstanding;
+            p.free.push_back(slot);
+            return r;
+        }
+        tarvex_gridftp_server_update_bytes_written(op, offset, n);
+        offset += n;
+        if (length > 0)
+            length -= n;
+    }
+    return TARVEX_SUCCESS;
+}
+
+int open_for_read(Session &s, const char *path)
+{
+    int fd = open_beneath(s, relative(path), O_RDONLY);
+    struct stat st{};
+    if (fd >= 0 && fstat(fd, &st) == 0 && !S_ISREG(st.st_mode)) {
+        close(fd);
+        errno = S_ISDIR(st.st_mode) ? EISDIR : EPERM;
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
+void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+{
+    auto &s = *static_cast<Session *>(arg);
+    const char *path = info->pathname;
+    int fd = open_for_read(s, path);
+    if (fd < 0) {
+        tarvex_gridftp_server_finished_transfer(op, errno_result(errno, path));
+        return;
+    }
+    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    Pipeline p;
+    setup(p, op);
+    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+    tarvex_result_t r = TARVEX_SUCCESS;
+    for (;;) {
+        tarvex_off_t offset = 0;
+        tarvex_off_t length = 0;
+        tarvex_gridftp_server_get_read_range(op, &offset, &length);
+        if (length == 0)
+            break;
+        r = send_range(op, p, fd, path, offset, length);
+        if (r != TARVEX_SUCCESS || length < 0)
+            break; // -1 was the whole rest of the file
+    }
+    p.wait_idle();
+    close(fd);
+    if (r == TARVEX_SUCCESS)
+        r = p.error;
+    else
+        drop_result(p.error);
+    tarvex_gridftp_server_finished_transfer(op, r);
+}
+
+void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+{
+    auto &s = *static_cast<Session *>(arg);
+    const char *path = info->pathname;
+    int flags = O_WRONLY | O_CREAT | (info->truncate ? O_TRUNC : 0);
+    int fd = open_beneath(s, relative(path), flags, 0666);
+    if (fd < 0) {
+        tarvex_gridftp_server_finished_transfer(op, errno_result(errno, path));
+        return;
+    }
+    tarvex_off_t start = 0;
+    tarvex_off_t length = -1;
+    tarvex_gridftp_server_get_write_range(op, &start, &length);
+    tarvex_off_t end = length < 0 ? -1 : start + length;
+
+    Pipeline p;
+    setup(p, op);
+    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+
+    tarvex_result_t r = TARVEX_SUCCESS;
+    bool eof = false;
+    for (;;) {
+        // Keep every free buffer registered until the client's data end.
+        std::vector<Slot *> to_register;
+        Slot *done = nullptr;
+        {
+            std::unique_lock lock(p.mu);
+            if (!eof && r == TARVEX_SUCCESS && p.error == TARVEX_SUCCESS) {
+                while (!p.free.empty()) {
+                    to_register.push_back(p.free.front());
+                    p.free.pop_front();
+                    ++p.outstanding;
+                }
+            }
+            if (to_register.empty()) {
+                if (p.filled.empty() && p.outstanding == 0)
+                    break;
+                p.cv.wait(lock, [&] { return !p.filled.empty() || p.outstanding == 0; });
+                if (!p.filled.empty()) {
+                    done = p.filled.front();
+                    p.filled.pop_front();
+                }
+            }
+        }
+        for (Slot *slot : to_register) {
+            tarvex_result_t rr = tarvex_gridftp_server_register_read(
+                op, slot->buf.data(), slot->buf.size(), read_done, slot);
+            if (rr != TARVEX_SUCCESS) {
+                std::lock_guard lock(p.mu);
+                --p.outstanding;
+                p.free.push_back(slot);
+                p.note_error(rr);
+            }
+        }
+        if (done == nullptr)
+            continue;
+        // Write what came (inside the asked range), unless something failed.
+        bool failed;
+        {
+            std::lock_guard lock(p.mu);
+            failed = p.error != TARVEX_SUCCESS || r != TARVEX_SUCCESS;
+        }
+        size_t n = done->got;
+        if (end >= 0 && done->offset + static_cast<tarvex_off_t>(n) > end)
+            n = done->offset >= end ? 0 : static_cast<size_t>(end - done->offset);
+        size_t off = 0;
+        while (!failed && off < n) {
+            ssize_t w = pwrite(fd, done->buf.data() + off, n - off,
+                               done->offset + static_cast<tarvex_off_t>(off));
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w < 0) {
+                r = errno_result(errno, path);
+                break;
+            }
+            off += static_cast<size_t>(w);
+        }
+        if (done->eof)
+            eof = true;
+        std::lock_guard lock(p.mu);
+        p.free.push_back(done);
+    }
+
+    if (r == TARVEX_SUCCESS && p.error == TARVEX_SUCCESS) {
+        time_t mtime = -1;
+        tarvex_gridftp_server_get_recv_modification_time(op, &mtime);
+        if (mtime != -1) {
+            timespec times[2] = {{0, UTIME_OMIT}, {mtime, 0}};
+            futimens(fd, times);
+        }
+    }
+    if (close(fd) != 0 && r == TARVEX_SUCCESS)
+        r = errno_result(errno, path);
+    if (r == TARVEX_SUCCESS)
+        r = p.error;
+    else
+        drop_result(p.error);
+    tarvex_gridftp_server_finished_transfer(op, r);
+}
+
+} // namespace tarvex_posix
