@@ -5,12 +5,16 @@ import base64
 import hashlib
 import http.client
 import json
+import os
 import time
 import unittest
+from urllib.parse import urlencode
 
 from emulator_process import Emulator, pattern
 
 PART = 1000
+with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "box_requests.json")) as f:
+    REQUESTS = json.load(f)["requests"]
 
 
 def digest(data):
@@ -242,6 +246,62 @@ class EmulatorTest(unittest.TestCase):
         self.assertEqual((status, doc["tarvex-md5"], doc["$version"]), (200, "cc", 1))
         self.assertEqual(self.emu.json("GET", info)[1]["metadata"]["global"]["properties"]["tarvex-md5"], "cc")
         self.assertNotIn("metadata", self.emu.json("GET", info.replace(",metadata.global.properties", ""))[1])
+
+    def test_answers_every_plugin_request(self):
+        """Each request of the plug-in's table, made as the plug-in makes it,
+        gets the answer the table expects."""
+        ids = self.emu.seed(*({"path": p, "type": "folder"} for p in ("/empty", "/renf", "/metaf")),
+                            *({"path": p, "content": "abc"} for p in
+                              ("/full/x", "/del.txt", "/ren.txt", "/dl.txt", "/meta.txt")))
+        data = pattern(0, 1500)
+        state = {}
+        targets = {"list_folder": "0", "file_info": ids["/dl.txt"], "delete_file": ids["/del.txt"],
+                   "delete_folder": ids["/empty"], "delete_folder_recursive": ids["/full"],
+                   "rename_file": ids["/ren.txt"], "rename_folder": ids["/renf"],
+                   "download": ids["/dl.txt"], "file_properties_create": ids["/meta.txt"],
+                   "file_properties_update": ids["/meta.txt"], "folder_properties_create": ids["/metaf"],
+                   "folder_properties_update": ids["/metaf"]}
+        patch = [{"op": "add", "path": "/tarvex-md5", "value": "y"}]
+        bodies = {"make_folder": {"name": "n", "parent": {"id": "0"}},
+                  "rename_file": {"name": "r.txt", "parent": {"id": ids["/renf"]}},
+                  "rename_folder": {"name": "r2", "parent": {"id": ids["/metaf"]}},
+                  "file_properties_create": {"tarvex-md5": "x"}, "file_properties_update": patch,
+                  "folder_properties_create": {"tarvex-md5": "x"}, "folder_properties_update": patch,
+                  "create_upload_session": {"folder_id": "0", "file_size": len(data), "file_name": "s"}}
+        for entry in REQUESTS:
+            name = entry["name"]
+            url = entry["url"]
+            if url.startswith("/2.0/%s/%s"):
+                url = url.replace("%s", "files" if "file" in name else "folders", 1)
+            url = url.replace("%s", targets.get(name) or state.get("session", ""))
+            query = {k: "" if v.startswith("<") else v for k, v in entry["query"].items()}
+            headers = {"Content-Type": entry.get("content_type", "").replace("<uuid>", "0123")}
+            body = bodies.get(name)
+            if name == "upload":
+                body, headers = upload_body("u.bin", "0", data, boundary="tarvex_0123")
+            elif name == "upload_part":
+                body = data[:PART]
+                headers.update({"Content-Range": "bytes 0-999/1500", "digest": digest(body)})
+            elif name == "commit_upload_session":
+                rest = data[PART:]   # the session's second and last part
+                got, _, part = self.emu.request("PUT", url.rsplit("/commit", 1)[0], rest, {
+                    "Content-Range": "bytes 1000-1499/1500", "digest": digest(rest)})
+                self.assertEqual(got, 200, part)
+                body = {"parts": state["parts"] + [json.loads(part)["part"]]}
+                headers["digest"] = digest(data)
+            if "Range" in entry["headers"]:
+                headers["Range"] = "bytes=1-2"
+            if isinstance(body, (dict, list)):
+                body = json.dumps(body).encode()
+            status, hdrs, answer = self.emu.request(entry["method"], url + "?" + urlencode(query), body,
+                                                    {k: v for k, v in headers.items() if v})
+            with self.subTest(name):
+                self.assertEqual(status, entry["response"], answer[:300])
+            if name == "create_upload_session":
+                state["session"] = json.loads(answer)["id"]
+            if name == "upload_part":
+                state["parts"] = [json.loads(answer)["part"]]
+        self.assertEqual(self.emu.control("GET", "content?path=/s"), data)
 
     def test_log_and_keep_alive(self):
         conn = self.emu.connect()
