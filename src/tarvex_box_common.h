@@ -215,6 +215,23 @@ tarvex_result_t tarvex_box_translate_response(
  * time-out, pacing before each attempt, a bounded number of attempts, and
  * translation of error answers.  Fill the inputs (zero the rest), call
  * tarvex_box_request(), read the outputs, then tarvex_box_request_release().
+ *
+ * Each attempt: clear the outputs, renew the token (refresh_token only),
+ * trace "API CALL!" at DEBUG, pace (tarvex_i_box_retry_delay with the last
+ * "Retry-After" seconds and `retry`; skipped with no_delay), send.
+ *   - transport failure: retried when the REST client calls it retryable;
+ *   - status below 400 (or == expected_status when that is set): success;
+ *   - anything else: tarvex_box_translate_response() with the body document
+ *     (none with translate_without_body or a read_callback); a success from
+ *     it is a success (so unlisted 4xx pass, and a status below 400 other
+ *     than expected_status becomes 451 "TOO_BUSY" without a body), a
+ *     failure is retried when it says so, never when refusal_is_final and
+ *     the status was 400 or more.
+ * On failure the document is released; after `attempts` attempts the last
+ * failure is returned.  On success `json` holds the answer's document (when
+ * read as JSON) and `response` the status and wanted header values.
+ * tarvex_box_request() releases earlier outputs itself, so one record may
+ * be reused for several calls.
  */
 typedef struct tarvex_box_request_s {
     /* inputs */
