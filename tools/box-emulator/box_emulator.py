@@ -7,6 +7,7 @@ Python 3 standard library only."""
 
 import argparse
 import collections
+import ipaddress
 import json
 import os
 import re
@@ -45,6 +46,7 @@ class State:
         self.data_dir = args.data_dir
         self.quiet = args.quiet
         self.scheme = "https" if args.tls_cert else "http"
+        self.host = "[%s]" % args.host if ":" in args.host else args.host
         self.port = 0
         self.reset()
         self.api = Api(self)
@@ -279,7 +281,7 @@ class Handler(BaseHTTPRequestHandler):
                 self.answer_fault(fault)
                 return
             truncate = fault.get("truncate_after")
-        host = self.headers.get("Host") or "127.0.0.1:%d" % state.port
+        host = self.headers.get("Host") or "%s:%d" % (state.host, state.port)
         req = Request(self.command, path, query, self.headers, body,
                       "%s://%s" % (state.scheme, host))
         m = DOWNLOAD_PATH.fullmatch(path)
@@ -384,6 +386,10 @@ class Server(ThreadingHTTPServer):
         super().handle_error(request, client_address)
 
 
+class Server6(Server):
+    address_family = socket.AF_INET6
+
+
 def parse_args(argv):
     p = argparse.ArgumentParser(description="Box API emulator for tests")
     p.add_argument("--host", default="127.0.0.1")
@@ -405,6 +411,12 @@ def parse_args(argv):
     args = p.parse_args(argv)
     if bool(args.tls_cert) != bool(args.tls_key):
         p.error("--tls-cert and --tls-key go together")
+    try:
+        loopback = ipaddress.ip_address(args.host).is_loopback
+    except ValueError:
+        loopback = False
+    if not loopback:
+        p.error("--host must be a loopback address (127.0.0.1, ::1)")
     if args.part_size < 1:
         p.error("--part-size must be positive")
     return args
@@ -424,7 +436,8 @@ def main(argv=None):
             status, doc, _ = state.control.seed(json.load(f))
         if status != 200:
             sys.exit("box-emulator: bad seed file: %s" % doc.get("error"))
-    server = Server((args.host, args.port), Handler)
+    server_class = Server6 if ":" in args.host else Server
+    server = server_class((args.host, args.port), Handler)
     if args.tls_cert:
         ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         ctx.load_cert_chain(args.tls_cert, args.tls_key)
@@ -436,7 +449,7 @@ def main(argv=None):
         with open(tmp, "w") as f:
             f.write("%d\n" % state.port)
         os.replace(tmp, args.port_file)
-    print("box-emulator listening on %s://%s:%d" % (state.scheme, args.host, state.port),
+    print("box-emulator listening on %s://%s:%d" % (state.scheme, state.host, state.port),
           flush=True)
 
     def stop(signum, frame):
