@@ -192,7 +192,7 @@ void Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
     }
 }
 
-void Session::transfer(bool store, const std::string &arg)
+void Session::transfer(bool store, const std::string &arg, bool append)
 {
     tarvex_off_t rest = rest_;
     tarvex_off_t alloc = alloc_;
@@ -201,6 +201,22 @@ void Session::transfer(bool store, const std::string &arg)
     if (!data_allowed())
         return;
     std::string path = path_arg(arg);
+    if (append) {
+        // APPE is a store that starts at the end of the existing file.
+        StatEntry e;
+        tarvex_result_t r;
+        if (stat_one(path, e, r)) {
+            if (!S_ISREG(e.mode)) {
+                data_.reset();
+                reply(550, path + ": not a regular file.");
+                return;
+            }
+            rest = e.size;
+        } else {
+            free_result(r);
+            rest = 0;
+        }
+    }
     TransferParams p = transfer_params(path);
     p.range_offset = rest;
     Transfer t(data_, p);
@@ -222,9 +238,12 @@ void Session::transfer(bool store, const std::string &arg)
         (store ? iface_->recv_func : iface_->send_func)(op, &info, session_arg_);
     });
     long long ms = now_ms() - t0;
-    fprintf(stderr, "tarvex-gridftp-server[%d]: %s %s: %lld bytes in %lld ms%s\n", getpid(),
-            store ? "STOR" : "RETR", path.c_str(), t.bytes(), ms,
-            c.result == TARVEX_SUCCESS && t.failure().empty() && !t.aborted() ? "" : " (failed)");
+    std::string note = alloc > 0 ? " (ALLO " + std::to_string(alloc) + ")" : "";
+    if (c.result != TARVEX_SUCCESS || !t.failure().empty() || t.aborted())
+        note += " (failed)";
+    fprintf(stderr, "tarvex-gridftp-server[%d]: %s %s from %lld: %lld bytes in %lld ms%s\n",
+            getpid(), store ? "STOR" : "RETR", path.c_str(), static_cast<long long>(rest),
+            t.bytes(), ms, note.c_str());
     finish_transfer(c, t, 451);
 }
 
@@ -244,6 +263,15 @@ void Session::cmd_stor(const std::string &arg)
         return;
     }
     transfer(true, arg);
+}
+
+void Session::cmd_appe(const std::string &arg)
+{
+    if (iface_->recv_func == nullptr) {
+        reply(502, "This storage cannot store files.");
+        return;
+    }
+    transfer(true, arg, true);
 }
 
 void Session::cmd_list(const std::string &arg)

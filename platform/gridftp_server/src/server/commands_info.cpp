@@ -104,7 +104,7 @@ void Session::cmd_help(const std::string &)
 {
     reply(214,
           "The following commands are recognized:\n"
-          "ABOR ALLO AUTH CDUP CKSM CWD  DELE EPRT EPSV FEAT HELP LIST MDTM MKD\n"
+          "ABOR ALLO APPE AUTH CDUP CKSM CWD  DELE EPRT EPSV FEAT HELP LIST MDTM MKD\n"
           "MLSD MLST MODE NLST NOOP OPTS PASS PASV PBSZ PORT PROT PWD  QUIT REST\n"
           "RETR RMD  RNFR RNTO SITE SIZE STAT STOR STRU SYST TYPE USER\n"
           "SITE RDEL <path> removes a folder tree; OPTS CKSM INTERVAL=<s> asks for\n"

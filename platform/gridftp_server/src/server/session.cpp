@@ -203,6 +203,7 @@ const std::map<std::string, Session::Command> &Session::commands()
         {"ABOR", {&Session::cmd_abor, true, false}},
         {"RETR", {&Session::cmd_retr, true, true}},
         {"STOR", {&Session::cmd_stor, true, true}},
+        {"APPE", {&Session::cmd_appe, true, true}},
         {"LIST", {&Session::cmd_list, true, false}},
         {"NLST", {&Session::cmd_nlst, true, false}},
         {"MLSD", {&Session::cmd_mlsd, true, false}},

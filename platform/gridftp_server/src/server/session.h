@@ -136,6 +136,7 @@ private:
     void cmd_abor(const std::string &arg);
     void cmd_retr(const std::string &arg);
     void cmd_stor(const std::string &arg);
+    void cmd_appe(const std::string &arg);
     void cmd_list(const std::string &arg);
     void cmd_nlst(const std::string &arg);
     void cmd_mlsd(const std::string &arg);
@@ -143,7 +144,7 @@ private:
     bool data_allowed();
     TransferParams transfer_params(const std::string &what);
     void finish_transfer(PluginCall &c, Transfer &t, int default_code);
-    void transfer(bool store, const std::string &arg);
+    void transfer(bool store, const std::string &arg, bool append = false);
 
     const ServerContext &ctx_;
     const Options &opts_;

@@ -1,0 +1,148 @@
+"""curl, lftp and wget against the server, in the clear and over explicit
+TLS; every byte compared by SHA-256."""
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from server_harness import ServerTest, sha256_file, write_random
+
+
+def run(args, **kw):
+    return subprocess.run(args, capture_output=True, text=True, timeout=120, **kw)
+
+
+class ClientsBase(ServerTest):
+    tls = False
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server_args = {"tls": cls.tls}
+        super().setUpClass()
+        cls.work = tempfile.mkdtemp(prefix="tarvex-e2e-client-")
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.work, ignore_errors=True)
+        super().tearDownClass()
+
+    def curl(self, *args):
+        base = ["curl", "-sS", "--user", "anonymous:x", "--max-time", "60"]
+        if self.tls:
+            base += ["--ssl-reqd", "--cacert", self.server.ca]
+        r = run(base + list(args))
+        self.assertEqual(r.returncode, 0, r.stderr + self.server.read_log())
+        return r.stdout
+
+    def lftp(self, script):
+        pre = "set net:max-retries 1; set net:timeout 20; set ftp:use-allo yes; "
+        if self.tls:
+            pre += ("set ftp:ssl-force true; set ftp:ssl-protect-data true; "
+                    "set ssl:ca-file %s; set ssl:check-hostname no; " % self.server.ca)
+        else:
+            pre += "set ftp:ssl-allow false; "
+        r = run(["lftp", "-u", "anonymous,x", "-p", str(self.server.port), "-e",
+                 pre + script + "; quit", "127.0.0.1"])
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.server.read_log())
+        return r.stdout
+
+    def test_curl_put_get_list(self):
+        src = os.path.join(self.work, "curl-src.bin")
+        write_random(src, 3 * 1024 * 1024 + 17, seed=1)
+        self.curl("-T", src, self.server.url("/curl.bin"))
+        self.assertEqual(sha256_file(self.local("curl.bin")), sha256_file(src))
+        out = os.path.join(self.work, "curl-out.bin")
+        self.curl("-o", out, self.server.url("/curl.bin"))
+        self.assertEqual(sha256_file(out), sha256_file(src))
+        listing = self.curl(self.server.url("/"))
+        self.assertRegex(listing, r"(?m)^-rw\S+ +\d+ +\d+ +\d+ +%d .* curl\.bin\r?$"
+                         % os.path.getsize(src))
+        names = self.curl("--list-only", self.server.url("/")).split()
+        self.assertIn("curl.bin", names)
+
+    def test_curl_resume_download_and_upload(self):
+        src = os.path.join(self.work, "resume.bin")
+        write_random(src, 1000000, seed=2)
+        shutil.copy(src, self.local("resume.bin"))
+        # Download the second half only (REST + RETR).
+        part = os.path.join(self.work, "resume.part")
+        with open(src, "rb") as f:
+            head = f.read(400000)
+        with open(part, "wb") as f:
+            f.write(head)
+        self.curl("-C", "-", "-o", part, self.server.url("/resume.bin"))
+        self.assertEqual(sha256_file(part), sha256_file(src))
+        # Upload append-style: the server keeps the first 400000 bytes.
+        with open(self.local("up-resume.bin"), "wb") as f:
+            f.write(head)
+        self.curl("-C", "-", "-T", src, self.server.url("/up-resume.bin"))
+        self.assertEqual(sha256_file(self.local("up-resume.bin")), sha256_file(src))
+
+    def test_curl_quote_commands(self):
+        with open(self.local("q-old.txt"), "w") as f:
+            f.write("rename me")
+        with open(self.local("q-gone.txt"), "w") as f:
+            f.write("delete me")
+        self.curl("-Q", "MKD /q-dir", "-Q", "RNFR /q-old.txt", "-Q", "RNTO /q-dir/q-new.txt",
+                  "-Q", "DELE /q-gone.txt", self.server.url("/"))
+        self.assertTrue(os.path.isdir(self.local("q-dir")))
+        with open(self.local("q-dir", "q-new.txt")) as f:
+            self.assertEqual(f.read(), "rename me")
+        self.assertFalse(os.path.exists(self.local("q-old.txt")))
+        self.assertFalse(os.path.exists(self.local("q-gone.txt")))
+        # A failing quote command fails the whole run with the server's reply.
+        r = run(["curl", "-sS", "--user", "anonymous:x", "-Q", "DELE /no-such-file"]
+                + (["--ssl-reqd", "--cacert", self.server.ca] if self.tls else [])
+                + [self.server.url("/")])
+        self.assertNotEqual(r.returncode, 0)
+        self.assertIn("550", r.stderr)
+
+    def test_lftp_mirror_round_trip(self):
+        tree = os.path.join(self.work, "tree")
+        files = {"a.bin": 1, "d1/b.bin": 2 * 1024 * 1024 + 3, "d1/d2/c.bin": 70000,
+                 "d1/d2/empty.bin": 0, "d3/e.txt": 12}
+        for i, (rel, size) in enumerate(files.items()):
+            os.makedirs(os.path.dirname(os.path.join(tree, rel)) or tree, exist_ok=True)
+            write_random(os.path.join(tree, rel), size, seed=10 + i)
+        self.lftp("mirror -R %s /mirrored" % tree)
+        for rel in files:
+            self.assertEqual(sha256_file(self.local("mirrored", rel)),
+                             sha256_file(os.path.join(tree, rel)), rel)
+        back = os.path.join(self.work, "back")
+        self.lftp("mirror /mirrored %s" % back)
+        for rel in files:
+            self.assertEqual(sha256_file(os.path.join(back, rel)),
+                             sha256_file(os.path.join(tree, rel)), rel)
+        # lftp announced each upload's size with ALLO; the server notes it.
+        self.assertRegex(self.server.read_log(), r"STOR /mirrored/d1/b\.bin .*\(ALLO %d\)"
+                         % files["d1/b.bin"])
+        self.lftp("rm -r /mirrored")
+        self.assertFalse(os.path.exists(self.local("mirrored")))
+
+    def test_wget_get(self):
+        src = self.local("wget.bin")
+        write_random(src, 500000, seed=3)
+        out = os.path.join(self.work, "wget.bin")
+        if self.tls:
+            args = ["wget", "-q", "--ca-certificate=" + self.server.ca, "-O", out,
+                    "ftps://anonymous:x@127.0.0.1:%d/wget.bin" % self.server.port]
+        else:
+            args = ["wget", "-q", "-O", out, self.server.url("/wget.bin", "anonymous:x")]
+        r = run(args)
+        self.assertEqual(r.returncode, 0, r.stderr + self.server.read_log())
+        self.assertEqual(sha256_file(out), sha256_file(src))
+
+
+class ClientsPlain(ClientsBase):
+    tls = False
+
+
+class ClientsTls(ClientsBase):
+    tls = True
+
+
+del ClientsBase
+
+if __name__ == "__main__":
+    unittest.main()
