@@ -254,7 +254,6 @@ struct driver::shared {
                                     tarvex_off_t offset)
     {
         std::lock_guard lock(m);
-        in_flight--;
         if (send_failure && sent_count + length > send_failure->first)
             return send_failure->second;
         writes.emplace_back(offset, length);
@@ -500,6 +499,9 @@ tarvex_result_t p_register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_by
         std::optional<std::string> failure = o->s->sink(buffer, length, offset);
         callback(op, failure ? driver_error(*failure) : TARVEX_SUCCESS, buffer, length,
                  user_arg);
+        // In flight until its completion has been delivered.
+        std::lock_guard lock(o->s->m);
+        o->s->in_flight--;
     });
     return TARVEX_SUCCESS;
 }

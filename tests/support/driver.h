@@ -213,7 +213,8 @@ public:
     uint64_t sent_bytes() const;
     /* First ordering fault of the digest sink ("" when none). */
     std::string sink_error() const;
-    /* Most writes in flight at once. */
+    /* Most writes in flight at once (registered, completion not yet
+     * returned) during the last send. */
     int max_writes_in_flight() const;
     /* Bytes handed to the plug-in through register_read by the last recv. */
     uint64_t received_bytes() const;

@@ -319,7 +319,8 @@ TEST_F(DriverTest, SendLandsWritesAtTheirOffsets)
     EXPECT_EQ(d.sent_writes(),
               (std::vector<std::pair<tarvex_off_t, tarvex_size_t>>{{10, 3}, {13, 3}, {0, 5},
                                                                    {5, 5}}));
-    EXPECT_EQ(d.max_writes_in_flight(), 2);
+    // The first completion waits for the plug-in, which registers the second.
+    EXPECT_GE(d.max_writes_in_flight(), 2);
     EXPECT_EQ(d.bytes_written_total(), 16);
     EXPECT_EQ(kinds(), (std::vector{event_kind::begin_transfer, event_kind::bytes_written,
                                     event_kind::bytes_written, event_kind::finished_transfer}));
