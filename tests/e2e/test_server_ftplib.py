@@ -1,0 +1,255 @@
+"""Every command of the server through Python's ftplib, in the clear and
+over explicit TLS (AUTH TLS, PBSZ, PROT P)."""
+import ftplib
+import hashlib
+import io
+import os
+import socket
+import unittest
+
+from server_harness import ServerTest, sha256_file, write_random
+
+
+def use_eprt(f):
+    """Active data connections announced with EPRT instead of PORT."""
+    def makeport():
+        sock = socket.create_server(("127.0.0.1", 0), backlog=1)
+        f.voidcmd("EPRT |1|127.0.0.1|%d|" % sock.getsockname()[1])
+        sock.settimeout(30)
+        return sock
+    f.makeport = makeport
+    f.set_pasv(False)
+
+
+def use_epsv(f):
+    def makepasv():
+        return "127.0.0.1", ftplib.parse229(f.sendcmd("EPSV"), f.sock.getpeername())[1]
+    f.makepasv = makepasv
+
+
+def fetch(f, path, rest=None):
+    out = io.BytesIO()
+    f.retrbinary("RETR " + path, out.write, rest=rest)
+    return out.getvalue()
+
+
+class FtplibBase(ServerTest):
+    tls = False
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server_args = {"tls": cls.tls}
+        super().setUpClass()
+
+    def setUp(self):
+        self.f = self.server.ftp(tls=self.tls)
+
+    def tearDown(self):
+        try:
+            self.f.quit()
+        except (ftplib.Error, OSError):
+            self.f.close()
+        super().tearDown()
+
+    def put(self, rel, data):
+        path = self.local(rel)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "wb") as f:
+            f.write(data)
+
+    def test_information_commands(self):
+        self.assertTrue(self.f.sendcmd("SYST").startswith("215 UNIX"))
+        feat = self.f.sendcmd("FEAT")
+        for word in ("EPSV", "MLST type*;size*;", "REST STREAM", "SIZE", "MDTM", "UTF8",
+                     "CKSM MD5,SHA1", "SITE RDEL"):
+            self.assertIn(word, feat)
+        self.assertEqual(self.tls, "AUTH TLS" in feat)
+        self.assertTrue(self.f.sendcmd("OPTS UTF8 ON").startswith("200"))
+        self.assertTrue(self.f.sendcmd("HELP").startswith("214"))
+        self.assertTrue(self.f.sendcmd("NOOP").startswith("200"))
+        for cmd in ("TYPE A", "TYPE I", "MODE S", "STRU F"):
+            self.assertTrue(self.f.sendcmd(cmd).startswith("200"), cmd)
+        for cmd in ("TYPE E", "MODE B", "STRU R"):
+            self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, cmd)
+        status = self.f.sendcmd("STAT")
+        self.assertRegex(status, r"^211-")
+        self.assertIn("Logged in as anonymous", status)
+
+    def test_folders_and_names(self):
+        self.assertEqual(self.f.pwd(), "/")
+        self.assertEqual(self.f.mkd("n1"), "/n1")
+        self.f.mkd("/n1/n2")
+        self.f.cwd("n1/n2")
+        self.assertEqual(self.f.pwd(), "/n1/n2")
+        self.f.sendcmd("CDUP")
+        self.assertEqual(self.f.pwd(), "/n1")
+        # ".." never leads above the root, however many there are.
+        self.f.cwd("../../../..")
+        self.assertEqual(self.f.pwd(), "/")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.cwd, "/no-such")
+        self.put("n1/file.txt", b"0123456789")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.cwd, "/n1/file.txt")
+        self.assertEqual(self.f.size("/n1//file.txt"), 10)
+        mdtm = self.f.sendcmd("MDTM /n1/file.txt")
+        self.assertRegex(mdtm, r"^213 \d{14}$")
+        self.f.rename("/n1/file.txt", "/n1/n2/moved.txt")
+        self.assertTrue(os.path.exists(self.local("n1/n2/moved.txt")))
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.rename, "/n1/none", "/n1/x")
+        self.assertRaisesRegex(ftplib.error_perm, "^503", self.f.sendcmd, "RNTO /n1/x")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.rmd, "/n1")  # not empty
+        self.f.delete("/n1/n2/moved.txt")
+        self.f.rmd("/n1/n2")
+        self.f.rmd("/n1")
+        self.assertFalse(os.path.exists(self.local("n1")))
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.delete, "/n1")
+
+    def test_listings(self):
+        for i in range(250):  # more than two of the plug-in's batches
+            self.put("many/f%03d.txt" % i, b"x" * i)
+        self.put("many/sub/inner.txt", b"")
+        names = self.f.nlst("/many")
+        self.assertEqual(sorted(names), sorted(["f%03d.txt" % i for i in range(250)] + ["sub"]))
+        facts = dict(self.f.mlsd("/many"))
+        self.assertEqual(facts["."]["type"], "cdir")
+        self.assertEqual(facts["sub"]["type"], "dir")
+        self.assertEqual(facts["f123.txt"]["type"], "file")
+        self.assertEqual(facts["f123.txt"]["size"], "123")
+        self.assertRegex(facts["f123.txt"]["modify"], r"^\d{14}$")
+        self.assertIn("r", facts["f123.txt"]["perm"])
+        self.assertEqual(len({f["unique"] for f in facts.values()}), 252)
+        lines = []
+        self.f.retrlines("LIST -la /many", lines.append)
+        self.assertEqual(len(lines), 251)
+        self.assertTrue(any(l.startswith("d") and l.endswith(" sub") for l in lines))
+        one = []
+        self.f.retrlines("LIST /many/f007.txt", one.append)
+        self.assertEqual(len(one), 1)
+        self.assertRegex(one[0], r"^-\S+ +\d+ +\d+ +\d+ +7 ")
+        mlst = self.f.sendcmd("MLST /many/f042.txt")
+        self.assertRegex(mlst, r"(?m)^ type=file;size=42;modify=\d{14};.* /many/f042\.txt$")
+        stat = self.f.sendcmd("STAT /many/sub")
+        self.assertRegex(stat, r"(?s)^213-.* inner\.txt.*\n213 ")
+        self.f.sendcmd("OPTS MLST type;size;")
+        self.assertEqual(dict(self.f.mlsd("/many/sub"))["inner.txt"], {"type": "file", "size": "0"})
+        self.f.sendcmd("OPTS MLST type;size;modify;perm;unique;UNIX.mode;")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "/no-such-folder")
+
+    def test_transfers_in_every_data_mode(self):
+        data = os.urandom(5 * 1024 * 1024 + 123)
+        modes = [("pasv", lambda f: f.set_pasv(True)), ("epsv", use_epsv),
+                 ("port", lambda f: f.set_pasv(False)), ("eprt", use_eprt)]
+        for name, setup in modes:
+            f = self.server.ftp(tls=self.tls)
+            setup(f)
+            f.storbinary("STOR /t-%s.bin" % name, io.BytesIO(data))
+            self.assertEqual(fetch(f, "/t-%s.bin" % name), data, name)
+            lines = []
+            f.retrlines("NLST /", lines.append)
+            self.assertIn("t-%s.bin" % name, lines)
+            f.quit()
+
+    def test_restart_and_allo(self):
+        data = os.urandom(300000)
+        self.f.sendcmd("TYPE I")
+        self.assertTrue(self.f.sendcmd("ALLO %d" % len(data)).startswith("200"))
+        self.f.storbinary("STOR /r.bin", io.BytesIO(data))
+        self.assertEqual(fetch(self.f, "/r.bin", rest=123456), data[123456:])
+        # A restarted store keeps the bytes before the offset.
+        self.f.storbinary("STOR /r.bin", io.BytesIO(b"Z" * 1000), rest=1000)
+        with open(self.local("r.bin"), "rb") as f:
+            self.assertEqual(f.read(), data[:1000] + b"Z" * 1000 + data[2000:])
+        self.assertRaisesRegex(ftplib.error_perm, "^501", self.f.sendcmd, "REST abc")
+
+    def test_checksums(self):
+        data = os.urandom(2 * 1024 * 1024 + 5)
+        self.put("c.bin", data)
+        cases = [("MD5", 0, -1, hashlib.md5(data)), ("SHA1", 0, -1, hashlib.sha1(data)),
+                 ("md5", 100, 5000, hashlib.md5(data[100:5100])),
+                 ("SHA1", 1000, -1, hashlib.sha1(data[1000:])),
+                 ("MD5", 0, 0, hashlib.md5(b""))]
+        for alg, off, length, want in cases:
+            resp = self.f.sendcmd("CKSM %s %d %d /c.bin" % (alg, off, length))
+            self.assertEqual(resp, "213 " + want.hexdigest(), (alg, off, length))
+        self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, "CKSM ADLER32 0 -1 /c.bin")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.sendcmd, "CKSM MD5 0 -1 /none")
+        self.assertRaisesRegex(ftplib.error_perm, "^501", self.f.sendcmd, "CKSM MD5 x -1 /c.bin")
+
+    def test_checksum_progress_replies(self):
+        # A sparse file: large to hash, free to store.
+        with open(self.local("sparse.bin"), "wb") as f:
+            f.truncate(1536 * 1024 * 1024)
+        self.f.sendcmd("OPTS CKSM INTERVAL=1")
+        self.f.putcmd("CKSM MD5 0 -1 /sparse.bin")
+        progress = []
+        while True:
+            resp = self.f.getresp()
+            if not resp.startswith("113"):
+                break
+            progress.append(int(resp.split()[1]))
+        zeros = hashlib.md5()
+        block = bytes(1 << 20)
+        for _ in range(1536):
+            zeros.update(block)
+        self.assertEqual(resp, "213 " + zeros.hexdigest())
+        self.assertGreaterEqual(len(progress), 1)
+        self.assertEqual(progress, sorted(progress))
+
+    def test_recursive_delete(self):
+        for rel in ("rd/a.txt", "rd/b/c.txt", "rd/b/d/e.txt"):
+            self.put(rel, b"x")
+        os.symlink("/etc", self.local("rd/b/link"))
+        self.assertTrue(self.f.sendcmd("SITE RDEL /rd").startswith("250"))
+        self.assertFalse(os.path.exists(self.local("rd")))
+        self.assertTrue(os.path.exists("/etc/hostname") or os.path.isdir("/etc"))
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.sendcmd, "SITE RDEL /rd")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.sendcmd, "SITE RDEL /")
+
+    def test_abort_during_download(self):
+        with open(self.local("abort.bin"), "wb") as f:
+            f.truncate(512 * 1024 * 1024)
+        conn = self.f.transfercmd("RETR /abort.bin")
+        self.assertTrue(conn.recv(65536))
+        resp = self.f.abort()
+        conn.close()
+        self.assertTrue(resp.startswith("426"), resp)
+        self.assertTrue(self.f.getresp().startswith("226"))
+        # The session goes on.
+        self.assertEqual(self.f.size("/abort.bin"), 512 * 1024 * 1024)
+        self.assertTrue(self.f.sendcmd("ABOR").startswith("225"))
+
+    def test_paths_stay_inside_the_root(self):
+        outside = os.path.join(self.server.tmp, "outside.txt")
+        with open(outside, "w") as f:
+            f.write("secret")
+        os.symlink(outside, self.local("escape"))
+        os.symlink("/", self.local("escape-dir"))
+        for path in ("../outside.txt", "/../../outside.txt", "/a/../../outside.txt"):
+            self.assertRaisesRegex(ftplib.error_perm, "^550", fetch, self.f, path)
+        self.assertRaisesRegex(ftplib.error_perm, "^550", fetch, self.f, "/escape")
+        # A link out of the root shows as the link itself, never its contents.
+        self.assertNotIn("etc", self.f.nlst("/escape-dir"))
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.cwd, "/escape-dir")
+        self.assertRaises(ftplib.error_perm, self.f.storbinary, "STOR /escape", io.BytesIO(b"x"))
+        with open(outside) as f:
+            self.assertEqual(f.read(), "secret")
+
+
+class FtplibPlain(FtplibBase):
+    tls = False
+
+
+class FtplibTls(FtplibBase):
+    tls = True
+
+    def test_protection_commands(self):
+        self.assertTrue(self.f.sendcmd("PBSZ 0").startswith("200"))
+        self.assertTrue(self.f.sendcmd("PROT C").startswith("200"))
+        self.assertRaisesRegex(ftplib.error_perm, "^536", self.f.sendcmd, "PROT S")
+        self.assertRaisesRegex(ftplib.error_perm, "^503", self.f.sendcmd, "AUTH TLS")
+        self.f.sendcmd("PROT P")
+
+
+del FtplibBase
+
+if __name__ == "__main__":
+    unittest.main()
