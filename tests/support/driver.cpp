@@ -813,10 +813,19 @@ template <typename Call> tarvex_result_t driver::run(Call &&call, void **session
     return o->result;
 }
 
+tarvex_result_t driver::no_function()
+{
+    std::lock_guard lock(s_->m);
+    s_->last_result = TARVEX_FAILURE;
+    return TARVEX_FAILURE;
+}
+
 void *driver::start(const tarvex_gfs_storage_iface_t *iface, const std::string &username)
 {
-    if (iface == nullptr || iface->init_func == nullptr)
+    if (iface == nullptr || iface->init_func == nullptr) {
+        no_function();
         return nullptr;
+    }
     std::string name = username;
     std::string host = "127.0.0.1:0";
     void *session = nullptr;
@@ -835,7 +844,7 @@ tarvex_result_t driver::stat(const tarvex_gfs_storage_iface_t *iface, void *sess
                              const std::string &path, bool file_only)
 {
     if (iface == nullptr || iface->stat_func == nullptr)
-        return TARVEX_FAILURE;
+        return no_function();
     std::string p = path;
     return run([&](operation_state &o) {
         tarvex_gfs_stat_info_t info{};
@@ -849,7 +858,7 @@ tarvex_result_t driver::command(const tarvex_gfs_storage_iface_t *iface, void *s
                                 const tarvex_gfs_command_info_t &info)
 {
     if (iface == nullptr || iface->command_func == nullptr)
-        return TARVEX_FAILURE;
+        return no_function();
     // A copy, so that a plug-in that scribbles on its request cannot change
     // the caller's record.
     tarvex_gfs_command_info_t copy = info;
@@ -876,7 +885,7 @@ tarvex_result_t driver::send(const tarvex_gfs_storage_iface_t *iface, void *sess
                              const std::string &path)
 {
     if (iface == nullptr || iface->send_func == nullptr)
-        return TARVEX_FAILURE;
+        return no_function();
     s_->reset_sink();
     std::string p = path;
     return run([&](operation_state &o) {
@@ -889,7 +898,7 @@ tarvex_result_t driver::recv(const tarvex_gfs_storage_iface_t *iface, void *sess
                              const std::string &path, tarvex_off_t alloc_size, bool truncate)
 {
     if (iface == nullptr || iface->recv_func == nullptr)
-        return TARVEX_FAILURE;
+        return no_function();
     {
         std::lock_guard lock(s_->m);
         s_->received = 0;

@@ -168,7 +168,7 @@ public:
     /* Record bytes_received / bytes_written events (default true); the
      * totals are kept either way. */
     void set_record_progress(bool record);
-    /* How long a convenience call waits for the final answer (default 120 s);
+    /* How long a convenience call waits for the final answer (default 30 s);
      * on time-out it returns TARVEX_FAILURE. */
     void set_answer_timeout(std::chrono::milliseconds timeout);
 
@@ -179,7 +179,8 @@ public:
     void *start(const tarvex_gfs_storage_iface_t *iface, const std::string &username);
     tarvex_result_t stat(const tarvex_gfs_storage_iface_t *iface, void *session,
                          const std::string &path, bool file_only);
-    /* The info's strings are the caller's; they stay untouched. */
+    /* The record is copied; its strings stay the caller's and must live
+     * through the call. */
     tarvex_result_t command(const tarvex_gfs_storage_iface_t *iface, void *session,
                             const tarvex_gfs_command_info_t &info);
     tarvex_result_t send(const tarvex_gfs_storage_iface_t *iface, void *session,
@@ -229,6 +230,7 @@ public:
 private:
     template <typename Call>
     tarvex_result_t run(Call &&call, void **session_arg = nullptr);
+    tarvex_result_t no_function();
 
     std::shared_ptr<shared> s_;
 };
