@@ -1,0 +1,139 @@
+"""Logins from a password file, the switch to the login's local account,
+configuration data from a credential command, and --require-tls."""
+import ftplib
+import io
+import os
+import pwd
+import shutil
+import ssl
+import tempfile
+import unittest
+
+from server_harness import SERVER, Server, make_hash
+
+
+def needs_server(cls):
+    if not SERVER:
+        return unittest.skip("TARVEX_SERVER_BIN not set")(cls)
+    return cls
+
+
+@needs_server
+class PasswordLogins(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.root_run = os.geteuid() == 0
+        cls.nobody = pwd.getpwnam("nobody") if cls.root_run else None
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        lines = ["# test logins", "alice:%s:%s" % (make_hash("wonderland"), me),
+                 "locked:!%s" % make_hash("x")]
+        lines.append("bob:%s:%s" % (make_hash("builder"),
+                                    "nobody" if cls.root_run else me))
+        lines.append("ghost:%s:no-such-account-here" % make_hash("boo"))
+        cls.server = Server(passwd="\n".join(lines) + "\n")
+        os.chmod(cls.server.tmp, 0o755)
+        if cls.root_run:
+            os.chown(cls.server.root, cls.nobody.pw_uid, cls.nobody.pw_gid)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+
+    def test_passwords(self):
+        cases = [("alice", "wonderland", True), ("alice", "Wonderland", False),
+                 ("alice", "", False), ("nobody-here", "x", False), ("locked", "x", False)]
+        if self.root_run:
+            cases.append(("ghost", "boo", False))  # no such local account
+        for user, password, ok in cases:
+            f = ftplib.FTP(timeout=30)
+            f.connect("127.0.0.1", self.server.port)
+            if ok:
+                self.assertTrue(f.login(user, password).startswith("230"))
+            else:
+                self.assertRaisesRegex(ftplib.error_perm, "^530", f.login, user, password)
+            f.close()
+
+    def test_three_failures_end_the_session(self):
+        f = ftplib.FTP(timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        for _ in range(2):
+            self.assertRaisesRegex(ftplib.error_perm, "^530", f.login, "alice", "bad")
+        self.assertRaisesRegex(ftplib.error_temp, "^421", f.login, "alice", "bad")
+        f.close()
+
+    def test_session_runs_as_the_local_account(self):
+        if not self.root_run:
+            self.skipTest("needs root")
+        f = self.server.ftp("bob", "builder")
+        f.storbinary("STOR /owned.txt", io.BytesIO(b"mine"))
+        f.quit()
+        st = os.stat(os.path.join(self.server.root, "owned.txt"))
+        self.assertEqual((st.st_uid, st.st_gid), (self.nobody.pw_uid, self.nobody.pw_gid))
+
+
+@needs_server
+class CredentialCommand(unittest.TestCase):
+    def test_config_from_command_per_login(self):
+        base = tempfile.mkdtemp(prefix="tarvex-e2e-roots-")
+        try:
+            for user in ("ann", "ben"):
+                os.makedirs(os.path.join(base, user))
+                with open(os.path.join(base, user, "who.txt"), "w") as f:
+                    f.write(user)
+            cmd = 'printf \'{"root": "%s/%%s"}\' "$TARVEX_USER"' % base
+            srv = Server(config_file=False, extra=["--config-command", "config=" + cmd])
+            try:
+                for user in ("ann", "ben"):
+                    f = srv.ftp(user, "x")
+                    out = io.BytesIO()
+                    f.retrbinary("RETR /who.txt", out.write)
+                    self.assertEqual(out.getvalue().decode(), user)
+                    f.quit()
+            finally:
+                srv.stop()
+            # A failing command refuses the login with a reply, not a crash.
+            srv = Server(config_file=False, extra=["--config-command", "config=exit 3"])
+            try:
+                f = ftplib.FTP(timeout=30)
+                f.connect("127.0.0.1", srv.port)
+                self.assertRaises(ftplib.Error, f.login, "ann", "x")
+                f.close()
+                self.assertTrue(srv.alive())
+            finally:
+                srv.stop()
+        finally:
+            shutil.rmtree(base, ignore_errors=True)
+
+
+@needs_server
+class RequireTls(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Server(require_tls=True)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+
+    def test_clear_logins_refused(self):
+        f = ftplib.FTP(timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        self.assertRaisesRegex(ftplib.error_perm, "^530", f.login, "anonymous", "x")
+        f.close()
+
+    def test_data_must_be_protected(self):
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        f = ftplib.FTP_TLS(context=ctx, timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        f.login("anonymous", "x")  # does AUTH TLS first
+        f.sendcmd("PBSZ 0")
+        self.assertRaisesRegex(ftplib.error_perm, "^534", f.sendcmd, "PROT C")
+        self.assertRaisesRegex(ftplib.error_perm, "^521", f.nlst, "/")
+        f.prot_p()
+        f.storbinary("STOR /secure.txt", io.BytesIO(b"secret"))
+        self.assertEqual(f.nlst("/"), ["secure.txt"])
+        f.quit()
+
+
+if __name__ == "__main__":
+    unittest.main()
