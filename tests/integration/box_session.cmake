@@ -2,7 +2,8 @@
 # stat and folder listings.
 add_executable(tarvex_box_session_tests
   ${CMAKE_CURRENT_LIST_DIR}/box_session_support.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/box_session_test.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/box_session_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_session_listing_test.cpp)
 target_link_libraries(tarvex_box_session_tests PRIVATE
   tarvex_box_internal tarvex_test_driver tarvex_test_box_emulator GTest::gtest_main)
 gtest_discover_tests(tarvex_box_session_tests

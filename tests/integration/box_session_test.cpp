@@ -64,9 +64,25 @@ TEST_F(session_test, LoginListsRootOnceAndCreatesPacingFiles)
     const std::filesystem::path dot = home / ".tarvex", box_r = dot / "box-r";
     const std::string user_id = "ns-test-" + std::to_string(getpid());
     const std::filesystem::path files[] = {box_r / user_id, box_r / (user_id + "u")};
-    const bool had_dot = std::filesystem::exists(dot);
-    const bool had_box_r = std::filesystem::exists(box_r);
     ASSERT_FALSE(std::filesystem::exists(files[0]));
+    /* Removes, however the test ends, what it created and nothing else. */
+    struct cleanup {
+        const std::filesystem::path &dot, &box_r;
+        const std::filesystem::path *files;
+        bool had_dot = std::filesystem::exists(dot);
+        bool had_box_r = std::filesystem::exists(box_r);
+        ~cleanup()
+        {
+            std::error_code ignored;
+            std::filesystem::remove(files[0], ignored);
+            std::filesystem::remove(files[1], ignored);
+            if (!had_box_r)
+                std::filesystem::remove(box_r, ignored);
+            if (!had_dot)
+                std::filesystem::remove(dot, ignored);
+        }
+    } created{dot, box_r, files};
+    const bool had_dot = created.had_dot;
 
     const char *saved_retry_path = tarvex_i_box_retry_path;
     tarvex_i_box_retry_path = "$HOME/.tarvex/box-r";
@@ -101,12 +117,6 @@ TEST_F(session_test, LoginListsRootOnceAndCreatesPacingFiles)
 
     driver_->destroy(iface(), session_);
     session_ = nullptr;
-    for (const auto &file : files)
-        std::filesystem::remove(file);
-    if (!had_box_r)
-        std::filesystem::remove(box_r);
-    if (!had_dot)
-        std::filesystem::remove(dot);
 }
 
 class resolve_test : public session_test {
