@@ -1,5 +1,6 @@
 #include "box_session_support.h"
 
+#include <pwd.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -18,13 +19,21 @@ class environment : public ::testing::Environment {
 public:
     void SetUp() override
     {
+        home_dot_existed();
         ASSERT_EQ(tarvex_module_activate(&tarvex_i_box_common_module), 0);
         emulator();
         tarvex_box_set_bases(emulator().api_base().c_str(), emulator().upload_base().c_str());
         retry_path_ = scratch() + "/box-r";
         tarvex_i_box_retry_path = retry_path_.c_str();
     }
-    void TearDown() override { tarvex_module_deactivate(&tarvex_i_box_common_module); }
+    void TearDown() override
+    {
+        tarvex_module_deactivate(&tarvex_i_box_common_module);
+        /* Every session start makes "$HOME/.tarvex"; leave the home as we
+         * found it (only an empty directory is removed). */
+        if (!home_dot_existed())
+            rmdir(home_dot().c_str());
+    }
 
 private:
     std::string retry_path_;
@@ -39,6 +48,18 @@ tarvex_object_t *ftp_error(tarvex_result_t result)
 }
 
 } // namespace
+
+std::string home_dot()
+{
+    const struct passwd *pw = getpwuid(getuid());
+    return std::string(pw != nullptr && pw->pw_dir != nullptr ? pw->pw_dir : "") + "/.tarvex";
+}
+
+bool home_dot_existed()
+{
+    static const bool existed = access(home_dot().c_str(), F_OK) == 0;
+    return existed;
+}
 
 std::string creds_json(const std::string &user_id, const std::string &token)
 {

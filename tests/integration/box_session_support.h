@@ -34,6 +34,11 @@ tarvex_test::BoxEmulator &emulator();
 /* A scratch directory of the program (pacing files go there). */
 const std::string &scratch();
 
+/* "$HOME/.tarvex" of the password entry, and whether it existed before
+ * this program started any session. */
+std::string home_dot();
+bool home_dot_existed();
+
 /* The Box id in the path of a listing request ("/2.0/folders/ID/items"),
  * or "" for any other request. */
 std::string listed_folder(const log_entry &entry);

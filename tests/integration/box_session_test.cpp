@@ -65,6 +65,9 @@ TEST_F(session_test, LoginListsRootOnceAndCreatesPacingFiles)
     const std::string user_id = "ns-test-" + std::to_string(getpid());
     const std::filesystem::path files[] = {box_r / user_id, box_r / (user_id + "u")};
     ASSERT_FALSE(std::filesystem::exists(files[0]));
+    /* Earlier session starts of this program may have made it already. */
+    if (!home_dot_existed())
+        rmdir(dot.c_str());
     /* Removes, however the test ends, what it created and nothing else. */
     struct cleanup {
         const std::filesystem::path &dot, &box_r;
