@@ -169,7 +169,8 @@ void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg);
 
 /* Read callback: parses the whole body as JSON into *(json_t **)arg (NULL
  * for an empty body; an unparsable body fails the request with a
- * callback error). */
+ * callback error, except in an answer with status 300 or above, whose
+ * status matters more than its page: there it gives NULL). */
 tarvex_result_t tarvex_dsi_rest_read_json(void *read_callback_arg, void *buffer,
                                           size_t buffer_length);
 

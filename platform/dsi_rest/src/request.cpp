@@ -2,6 +2,7 @@
 #include <strings.h>
 
 #include <cstdio>
+#include <cstdlib>
 
 #include "dsi_rest_internal.h"
 
