@@ -96,6 +96,20 @@ TEST_F(RestRequest, EmptyHeaderValueRemovesAndContentLengthSizesTheBody)
     }
 }
 
+TEST_F(RestRequest, InterimContinueAnswerIsNotTheResponse)
+{
+    // A caller that asks for 100-continue gets it; the final answer counts.
+    std::string text(200000, 'c');
+    tarvex_dsi_rest_write_block_arg_t block{text.data(), text.size()};
+    Exchange ex;
+    make_request(ex, "PUT", server->url("/echo"), {}, {{"Expect", "100-continue"}},
+                 {tarvex_dsi_rest_write_block, &block});
+    ASSERT_EQ(ex.result, TARVEX_SUCCESS);
+    EXPECT_EQ(ex.status, 200);
+    EXPECT_EQ(echoed_headers(ex)["Expect"], "100-continue");
+    EXPECT_EQ(ex.text("body"), text);
+}
+
 TEST_F(RestRequest, RedirectReachesTheCallerWithItsHeaders)
 {
     Exchange ex;
