@@ -1,0 +1,226 @@
+/*
+ * Lists a folder of 10,000 items (and one of 1,000) through the plug-in's
+ * stat operation against the Box emulator, acting as the server: entries
+ * are counted and dropped, as the server drops them once sent.  Prints the
+ * time against the floor set by request pacing (pages x pacing delay) and
+ * how much the peak resident set grew during each listing.  The first
+ * listing of a folder also fills the path cache (one record per item,
+ * kept for the session); a second round shows the listing's own memory.
+ *
+ *   list_folder: items=10000 seconds=<s> pacing_floor_seconds=<f> ratio=<s/f> peak_rss_mb=<m>
+ */
+#include <pwd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "box_emulator.h"
+#include "tarvex_box_common.h"
+
+namespace {
+
+/* What the plug-in tells the "server". */
+struct answers {
+    void *session = nullptr;
+    tarvex_result_t result = TARVEX_SUCCESS;
+    bool finished = false;
+    long entries = 0;
+    long batches = 0;
+    std::string creds;
+};
+
+tarvex_gfs_operation_provider_t provider()
+{
+    tarvex_gfs_operation_provider_t p = {};
+    p.finished_session_start = [](void *ctx, tarvex_result_t result, void *session,
+                                  const char *, const char *) {
+        auto *a = static_cast<answers *>(ctx);
+        a->session = session;
+        a->result = result;
+        a->finished = true;
+    };
+    p.finished_stat = [](void *ctx, tarvex_result_t result,
+                         tarvex_gridftp_server_control_stat_t *, int count, bool partial) {
+        auto *a = static_cast<answers *>(ctx);
+        a->entries += count;
+        a->batches++;
+        if (!partial) {
+            a->result = result;
+            a->finished = true;
+        }
+    };
+    p.get_config_data = [](void *ctx, const char *key, char **data) -> tarvex_result_t {
+        auto *a = static_cast<answers *>(ctx);
+        *data = strcmp(key, "config") == 0  ? strdup("{}")
+                : strcmp(key, "creds") == 0 ? strdup(a->creds.c_str())
+                                            : nullptr;
+        return TARVEX_SUCCESS;
+    };
+    return p;
+}
+
+/* A "Vm...:" figure of /proc/self/status in kB, or -1. */
+long status_kb(const char *field)
+{
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    size_t length = strlen(field);
+    while (std::getline(status, line))
+        if (line.compare(0, length, field) == 0)
+            return strtol(line.c_str() + length, nullptr, 10);
+    return -1;
+}
+
+/* Resets the peak resident set to the current one; false when the kernel
+ * does not let us. */
+bool reset_peak()
+{
+    std::ofstream clear("/proc/self/clear_refs");
+    clear << "5";
+    clear.flush();
+    return clear.good();
+}
+
+/* Samples the resident set while a listing runs, for kernels without the
+ * peak reset. */
+class rss_sampler {
+public:
+    rss_sampler() : thread_([this] {
+        while (!stop_) {
+            long kb = status_kb("VmRSS:");
+            if (kb > peak_)
+                peak_ = kb;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }) {}
+    long stop()
+    {
+        stop_ = true;
+        thread_.join();
+        return peak_;
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<long> peak_{0};
+    std::thread thread_;
+};
+
+std::string seed_json(const char *folder, int count)
+{
+    std::string json = std::string(R"({"path":")") + folder + R"(","type":"folder"})";
+    char entry[160];
+    for (int i = 0; i < count; i++) {
+        snprintf(entry, sizeof(entry),
+                 R"(,{"path":"%s/item-%05d.dat","type":"file","size":%d})", folder, i,
+                 1000 + i);
+        json += entry;
+    }
+    return json;
+}
+
+/* One listing through stat; false when it failed.  `label` prefixes the
+ * figures line. */
+bool list(const tarvex_gfs_operation_provider_t &p, answers &a, const char *folder, int items,
+          const char *label = "list_folder:")
+{
+    tarvex_gfs_stat_info_t info = {};
+    info.file_only = false;
+    info.pathname = const_cast<char *>(folder);
+    a.entries = a.batches = 0;
+    a.finished = false;
+
+    long before_kb = status_kb("VmRSS:");
+    bool have_reset = reset_peak();
+    rss_sampler sampler;
+    tarvex_gfs_operation_t op = tarvex_gfs_operation_create(&p, &a);
+    auto t0 = std::chrono::steady_clock::now();
+    tarvex_i_box_stat(op, &info, a.session);
+    auto t1 = std::chrono::steady_clock::now();
+    tarvex_gfs_operation_destroy(op);
+    long sampled_kb = sampler.stop();
+    long peak_kb = have_reset ? status_kb("VmHWM:") : sampled_kb;
+
+    if (!a.finished || a.result != TARVEX_SUCCESS || a.entries != items + 1) {
+        fprintf(stderr, "list_folder: listing %s failed: result=%#x entries=%ld\n", folder,
+                a.result, a.entries);
+        return false;
+    }
+    double seconds = std::chrono::duration<double>(t1 - t0).count();
+    int pages = (items + 299) / 300;
+    double floor = pages / (double)tarvex_i_box_api_per_second;
+    double growth_mb = (peak_kb - before_kb) / 1024.0;
+    printf("%s items=%d seconds=%.3f pacing_floor_seconds=%.3f ratio=%.3f "
+           "peak_rss_mb=%.2f\n",
+           label, items, seconds, floor, seconds / floor, growth_mb < 0 ? 0.0 : growth_mb);
+    printf("# items=%d pages=%d batches=%ld path_cache_entries=%d peak_from=%s\n", items, pages,
+           a.batches, tarvex_hashtable_size(&static_cast<tarvex_box_session_t *>(a.session)->cache),
+           have_reset ? "VmHWM" : "sampled VmRSS");
+    fflush(stdout);
+    return true;
+}
+
+} // namespace
+
+int main()
+{
+    if (tarvex_module_activate(&tarvex_i_box_common_module) != 0) {
+        fprintf(stderr, "list_folder: cannot activate the plug-in's runtime\n");
+        return 1;
+    }
+
+    /* Pacing files in a scratch directory; "$HOME/.tarvex" is made by
+     * session start and removed again if it was not there before. */
+    std::string scratch = (std::filesystem::temp_directory_path() / "list_folder_XXXXXX").string();
+    if (mkdtemp(scratch.data()) == nullptr)
+        return 1;
+    std::string retry_path = scratch + "/box-r";
+    tarvex_i_box_retry_path = retry_path.c_str();
+    const struct passwd *pw = getpwuid(getuid());
+    std::string home_dot = std::string(pw ? pw->pw_dir : "") + "/.tarvex";
+    bool had_home_dot = access(home_dot.c_str(), F_OK) == 0;
+
+    int rc = 1;
+    {
+        tarvex_test::BoxEmulator emulator;
+        emulator.seed(R"({"entries":[)" + seed_json("/small", 1000) + "," +
+                      seed_json("/big", 10000) + "]}");
+        tarvex_box_set_bases(emulator.api_base().c_str(), emulator.upload_base().c_str());
+
+        tarvex_gfs_operation_provider_t p = provider();
+        answers a;
+        a.creds = R"({"access_token":"test-token","token_expiry":"2099-01-01T00:00:00.000000+00:00",)"
+                  R"("sub":"bench-user","max_upload":53687091200})";
+        tarvex_gfs_session_info_t session_info = {};
+        session_info.username = const_cast<char *>("bench");
+        tarvex_gfs_operation_t op = tarvex_gfs_operation_create(&p, &a);
+        tarvex_i_box_start(op, &session_info);
+        tarvex_gfs_operation_destroy(op);
+        if (a.session == nullptr) {
+            fprintf(stderr, "list_folder: session start failed: %#x\n", a.result);
+        } else {
+            /* A second round replaces the cached records instead of adding
+             * new ones, so its peak growth is what the listing itself
+             * holds, whatever the number of batches. */
+            if (list(p, a, "/small", 1000) && list(p, a, "/big", 10000) &&
+                list(p, a, "/small", 1000, "# again, cache filled:") &&
+                list(p, a, "/big", 10000, "# again, cache filled:"))
+                rc = 0;
+            tarvex_i_box_destroy(a.session);
+        }
+    }
+
+    std::filesystem::remove_all(scratch);
+    if (!had_home_dot)
+        rmdir(home_dot.c_str());
+    tarvex_module_deactivate(&tarvex_i_box_common_module);
+    return rc;
+}
