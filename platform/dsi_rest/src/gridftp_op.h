@@ -1,0 +1,66 @@
+/*
+ * Shared by the two directions of streaming between a request body and a
+ * server operation (gridftp_read.cpp, gridftp_write.cpp).
+ *
+ * Both keep several buffers in flight so that the network and the client's
+ * data channel work at the same time.  Completions arrive on the
+ * operation's threads; a buffer pool is shared between the request and its
+ * outstanding completions, and whoever lets go last frees it, so that a
+ * request that ends early (a failure, a time-out) never leaves the
+ * operation writing into freed memory.
+ */
+#ifndef TARVEX_DSI_REST_GRIDFTP_OP_H
+#define TARVEX_DSI_REST_GRIDFTP_OP_H
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "dsi_rest_internal.h"
+
+namespace tarvex_dsi_rest_internal {
+
+constexpr size_t default_buffer_size = 1u << 20;
+constexpr size_t min_buffer_size = 64u << 10;
+constexpr size_t max_buffer_size = 8u << 20;
+constexpr int default_buffers = 4;
+constexpr int max_buffers = 8;
+// How often a wait on the operation lets the idle time-out have its say.
+constexpr auto progress_interval = std::chrono::seconds(1);
+
+inline void buffer_geometry(tarvex_gfs_operation_t op, size_t *size, int *count)
+{
+    tarvex_size_t block = 0;
+    tarvex_gridftp_server_get_block_size(op, &block);
+    *size = block == 0 ? default_buffer_size
+                       : std::min(std::max(static_cast<size_t>(block), min_buffer_size),
+                                  max_buffer_size);
+    int concurrency = 0;
+    tarvex_gridftp_server_get_optimal_concurrency(op, &concurrency);
+    *count = std::min(std::max(concurrency, default_buffers), max_buffers);
+}
+
+// Waits on `cond` until `done` holds; every interval without it, the
+// caller's progress callback runs (unlocked) and may end the wait.
+template <class Done>
+tarvex_result_t wait_with_progress(RequestContext &ctx, std::unique_lock<std::mutex> &lock,
+                                   std::condition_variable &cond, Done done)
+{
+    while (!done()) {
+        if (cond.wait_for(lock, progress_interval) != std::cv_status::timeout)
+            continue;
+        if (done())
+            break;
+        lock.unlock();
+        tarvex_result_t result = ctx.report_progress();
+        lock.lock();
+        if (result != TARVEX_SUCCESS)
+            return result;
+    }
+    return TARVEX_SUCCESS;
+}
+
+} // namespace tarvex_dsi_rest_internal
+
+#endif
