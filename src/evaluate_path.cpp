@@ -47,6 +47,10 @@ tarvex_result_t fail(tarvex_result_t result, char **out)
 extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
                                                     char **result_out)
 {
+    if (template_path == nullptr)
+        return fail(tarvex_i_gfs_error_system(nullptr, EINVAL, "System error%s%s", " in ",
+                                              "tarvex_box_evaluate_path"),
+                    result_out);
     struct passwd entry;
     struct passwd *found = nullptr;
     owned_buffer buffer;

@@ -5,6 +5,8 @@
  */
 #include <gtest/gtest.h>
 
+#include <iterator>
+
 #include "tarvex_common.h"
 #include "tarvex_dsi_rest.h"
 #include "tarvex_gridftp_server.h"
@@ -33,20 +35,19 @@ TEST_F(BoxFrameLoad, RegistersTheTableUnderBoxAndRemovesIt)
     const tarvex_gfs_storage_iface_t *iface = registered_box();
     ASSERT_NE(iface, nullptr);
     EXPECT_EQ(iface->descriptor, 0x6b);
-    EXPECT_NE(iface->init_func, nullptr);
-    EXPECT_NE(iface->destroy_func, nullptr);
-    EXPECT_NE(iface->send_func, nullptr);
-    EXPECT_NE(iface->recv_func, nullptr);
-    EXPECT_NE(iface->command_func, nullptr);
-    EXPECT_NE(iface->stat_func, nullptr);
-    EXPECT_EQ(iface->list_func, nullptr);
-    EXPECT_EQ(iface->trev_func, nullptr);
-    EXPECT_EQ(iface->active_func, nullptr);
-    EXPECT_EQ(iface->passive_func, nullptr);
-    EXPECT_EQ(iface->data_destroy_func, nullptr);
-    EXPECT_EQ(iface->set_cred_func, nullptr);
-    EXPECT_EQ(iface->buffer_send_func, nullptr);
-    EXPECT_EQ(iface->realpath_func, nullptr);
+    const bool set[] = {
+        iface->init_func != nullptr,    iface->destroy_func != nullptr,
+        iface->list_func != nullptr,    iface->send_func != nullptr,
+        iface->recv_func != nullptr,    iface->trev_func != nullptr,
+        iface->active_func != nullptr,  iface->passive_func != nullptr,
+        iface->data_destroy_func != nullptr, iface->command_func != nullptr,
+        iface->stat_func != nullptr,    iface->set_cred_func != nullptr,
+        iface->buffer_send_func != nullptr, iface->realpath_func != nullptr,
+    };
+    const bool expected[] = {true, true, false, true, true, false, false,
+                             false, false, true, true, false, false, false};
+    for (size_t i = 0; i < std::size(set); i++)
+        EXPECT_EQ(set[i], expected[i]) << "slot " << i + 1;
 
     tarvex_module_descriptor_t *module =
         tarvex_extension_registry_module(&tarvex_i_gfs_dsi_registry, "box");
