@@ -28,7 +28,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 from boxemu_api import Api, Response  # noqa: E402
 from boxemu_body import Body, BodyError  # noqa: E402
-from boxemu_control import Control  # noqa: E402
+from boxemu_control import Control, ControlError  # noqa: E402
 from boxemu_store import BoxError, Clock, Store  # noqa: E402
 from boxemu_upload import Uploads  # noqa: E402
 
@@ -429,18 +429,35 @@ def main(argv=None):
         args.data_dir = tempfile.mkdtemp(prefix="box-emulator-")
     else:
         os.makedirs(args.data_dir, exist_ok=True)
+    try:
+        serve(args)
+    finally:
+        if own_data_dir:
+            shutil.rmtree(args.data_dir, ignore_errors=True)
+
+
+def serve(args):
     state = State(args)
     Handler.state = state
     if args.seed:
-        with open(args.seed, "rb") as f:
-            status, doc, _ = state.control.seed(json.load(f))
-        if status != 200:
-            sys.exit("box-emulator: bad seed file: %s" % doc.get("error"))
-    server_class = Server6 if ":" in args.host else Server
-    server = server_class((args.host, args.port), Handler)
+        try:
+            with open(args.seed, "rb") as f:
+                state.control.seed(json.load(f))
+        except (OSError, ValueError, ControlError, BoxError) as e:
+            sys.exit("box-emulator: bad seed file %s: %s" % (args.seed, e))
+    ctx = None
     if args.tls_cert:
-        ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        ctx.load_cert_chain(args.tls_cert, args.tls_key)
+        try:
+            ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            ctx.load_cert_chain(args.tls_cert, args.tls_key)
+        except (OSError, ssl.SSLError) as e:
+            sys.exit("box-emulator: cannot use %s / %s: %s" % (args.tls_cert, args.tls_key, e))
+    server_class = Server6 if ":" in args.host else Server
+    try:
+        server = server_class((args.host, args.port), Handler)
+    except OSError as e:
+        sys.exit("box-emulator: cannot listen on %s port %d: %s" % (args.host, args.port, e))
+    if ctx is not None:
         server.socket = ctx.wrap_socket(server.socket, server_side=True,
                                         do_handshake_on_connect=False)
     state.port = server.server_address[1]
@@ -462,8 +479,6 @@ def main(argv=None):
     finally:
         server.server_close()
         state.store.reset()
-        if own_data_dir:
-            shutil.rmtree(args.data_dir, ignore_errors=True)
 
 
 if __name__ == "__main__":
