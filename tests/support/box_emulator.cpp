@@ -66,6 +66,11 @@ uint64_t number_of(json_t *value)
 /* Runs a program without a shell, its output discarded; true on exit 0. */
 bool run(const std::vector<std::string> &argv, const std::string &cwd)
 {
+    // Built before fork: the child of a threaded program must not allocate.
+    std::vector<char *> args;
+    for (const auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
     pid_t pid = fork();
     if (pid < 0)
         return false;
@@ -78,10 +83,6 @@ bool run(const std::vector<std::string> &argv, const std::string &cwd)
         }
         if (chdir(cwd.c_str()) != 0)
             _exit(126);
-        std::vector<char *> args;
-        for (const auto &a : argv)
-            args.push_back(const_cast<char *>(a.c_str()));
-        args.push_back(nullptr);
         execvp(args[0], args.data());
         _exit(127);
     }

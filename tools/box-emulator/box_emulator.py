@@ -181,10 +181,6 @@ class Handler(BaseHTTPRequestHandler):
 
     do_POST = do_PUT = do_DELETE = do_PATCH = do_OPTIONS = do_HEAD = do_GET
 
-    def send_response(self, code, message=None):
-        self.status = code
-        super().send_response(code, message)
-
     def answer(self, resp, truncate=None):
         """Write a Response; Content-Length on every answer but 204/304."""
         body = b""
@@ -193,6 +189,9 @@ class Handler(BaseHTTPRequestHandler):
             body = json.dumps(resp.doc, separators=(",", ":")).encode()
             headers.setdefault("Content-Type", "application/json")
         length = resp.length if resp.content is not None else len(body)
+        silent = self.command == "HEAD" or resp.status in (204, 304)
+        planned = 0 if silent else length if truncate is None else min(length, truncate)
+        self.record(resp.status, planned)
         self.send_response(resp.status)
         for k, v in headers.items():
             self.send_header(k, v)
@@ -201,24 +200,24 @@ class Handler(BaseHTTPRequestHandler):
         if truncate is not None:
             self.send_header("Connection", "close")
         self.end_headers()
-        self.response_length = 0
-        if self.command == "HEAD" or resp.status in (204, 304):
+        if silent:
             return
-        if resp.content is not None:
-            self.response_length = resp.content.send(self.connection, resp.offset, resp.length,
-                                                     truncate)
-        else:
-            data = body if truncate is None else body[:truncate]
-            self.wfile.write(data)
-            self.response_length = len(data)
+        sent = 0
+        try:
+            if resp.content is not None:
+                sent = resp.content.send(self.connection, resp.offset, resp.length, truncate)
+            else:
+                self.wfile.write(body[:planned])
+                sent = planned
+        finally:
+            if sent != planned and self.entry is not None:
+                with self.state.lock:
+                    self.entry["response_length"] = sent
         if truncate is not None:
             self.drop()
 
-    def box_error(self, err):
-        headers = dict(err.headers)
-        self.answer(Response(err.status, err.body(), headers))
-
     def drop(self):
+        self.record(0, 0)
         self.close_connection = True
         try:
             self.wfile.flush()
@@ -226,11 +225,29 @@ class Handler(BaseHTTPRequestHandler):
         except OSError:
             pass
 
+    def record(self, status, response_length):
+        """Log the request once, before its answer goes out: whoever got the
+        answer finds the request in the log.  The request body is read to
+        its end first, for its length and digest."""
+        entry = self.entry
+        if entry is None or self.logged:
+            return
+        self.logged = True
+        try:
+            if not self.close_connection:
+                self.body.drain()
+        except (BodyError, OSError):
+            self.close_connection = True
+        entry.update(body_length=self.body.length, body_sha1=self.body.hexdigest(),
+                     status=status, response_length=response_length)
+        with self.state.lock:
+            self.state.log.append(entry)
+
     # -- one request ----------------------------------------------------
 
     def dispatch(self):
-        self.status = 0
-        self.response_length = 0
+        self.entry = None
+        self.logged = False
         url = urlsplit(self.path)
         path = url.path
         try:
@@ -242,10 +259,11 @@ class Handler(BaseHTTPRequestHandler):
         if path.startswith("/_emulator/"):
             self.control(path, url.query, body)
             return
-        entry = {"method": self.command, "path": path,
-                 "query": parse_qs(url.query, keep_blank_values=True),
-                 "headers": {}, "body_length": 0, "body_sha1": None, "status": 0,
-                 "time": time.time()}
+        self.body = body
+        self.entry = entry = {"method": self.command, "path": path,
+                              "query": parse_qs(url.query, keep_blank_values=True),
+                              "headers": {}, "body_length": 0, "body_sha1": None, "status": 0,
+                              "response_length": 0, "time": time.time()}
         for k, v in self.headers.items():
             k = k.lower()
             entry["headers"][k] = entry["headers"][k] + ", " + v if k in entry["headers"] else v
@@ -254,17 +272,7 @@ class Handler(BaseHTTPRequestHandler):
         except BodyError:
             self.close_connection = True
         finally:
-            try:
-                if not self.close_connection:
-                    body.drain()
-            except (BodyError, OSError):
-                self.close_connection = True
-            entry["body_length"] = body.length
-            entry["body_sha1"] = body.hexdigest()
-            entry["status"] = self.status
-            entry["response_length"] = self.response_length
-            with self.state.lock:
-                self.state.log.append(entry)
+            self.record(0, 0)   # no answer went out
 
     def serve(self, path, raw_query, query, body):
         state = self.state
@@ -348,13 +356,13 @@ class Handler(BaseHTTPRequestHandler):
         self.answer(Response(fault["status"], doc, headers))
 
     def answer_raw(self, resp, data):
+        self.record(resp.status, len(data))
         self.send_response(resp.status)
         for k, v in resp.headers.items():
             self.send_header(k, v)
         self.send_header("Content-Length", str(len(data)))
         self.end_headers()
         self.wfile.write(data)
-        self.response_length = len(data)
 
     def control(self, path, raw_query, body):
         try:
