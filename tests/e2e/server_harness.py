@@ -67,12 +67,12 @@ class Server:
     """One server process.  `extra` adds command-line options."""
 
     def __init__(self, tls=False, require_tls=False, passwd=None, extra=(), root=None,
-                 config_file=True):
+                 config_file=True, dsi="posix"):
         self.tmp = tempfile.mkdtemp(prefix="tarvex-e2e-")
         self.root = root or os.path.join(self.tmp, "root")
         os.makedirs(self.root, exist_ok=True)
         self.ca = None
-        args = [SERVER, "--port", "0", "--bind", "127.0.0.1", "--dsi", "posix",
+        args = [SERVER, "--port", "0", "--bind", "127.0.0.1", "--dsi", dsi,
                 "--port-file", os.path.join(self.tmp, "port"), "--foreground"]
         if config_file:
             args += ["--config-file", "config=" + self._config()]

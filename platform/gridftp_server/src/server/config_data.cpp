@@ -70,14 +70,23 @@ ConfigData::Status run_command(const std::string &cmd, const std::string &login,
         envp.push_back(s.data());
     envp.push_back(nullptr);
 
+    // The session ignores SIGPIPE; the helper gets the usual behaviour.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_adddup2(&fa, pipefd[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&fa, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     const char *argv[] = {"/bin/sh", "-c", cmd.c_str(), nullptr};
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, "/bin/sh", &fa, nullptr, const_cast<char **>(argv), envp.data());
+    int rc = posix_spawn(&pid, "/bin/sh", &fa, &attr, const_cast<char **>(argv), envp.data());
     posix_spawn_file_actions_destroy(&fa);
+    posix_spawnattr_destroy(&attr);
     close(pipefd[1]);
     if (rc != 0) {
         close(pipefd[0]);

@@ -121,6 +121,7 @@ bool ControlChannel::start_tls(SSL_CTX *ctx, std::string &err)
 
 bool ControlChannel::send_raw(std::string_view text)
 {
+    std::lock_guard lock(write_mu_);
     return conn_->write_all(text.data(), text.size(), write_timeout_ms, -1) == Io::ok;
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,6 +41,7 @@ private:
     void feed(const char *p, size_t n);
 
     std::unique_ptr<Conn> conn_;
+    std::mutex write_mu_; // one reply at a time, whichever thread sends it
     std::string buf_;     // cleaned bytes not yet taken as lines
     bool discarding_ = false;
     int telnet_state_ = 0; // 0 plain, 1 after IAC, 2 after IAC WILL/WONT/DO/DONT

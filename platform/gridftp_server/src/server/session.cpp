@@ -19,6 +19,7 @@ namespace {
 // Commands a client may pipeline behind a running transfer; more than this
 // and the client is not speaking FTP.
 constexpr size_t max_pending_lines = 32;
+constexpr int login_timeout_ms = 120000;
 
 void free_result(tarvex_result_t result)
 {
@@ -103,8 +104,12 @@ void Session::run()
     fprintf(stderr, "tarvex-gridftp-server[%d]: connection from %s\n", getpid(),
             host_of(ep_.peer).c_str());
     reply(220, "tarvex-gridftp-server ready.");
-    const int idle_ms = opts_.idle_timeout * 1000;
     while (!quit_ && !control_lost_) {
+        // Before login a client gets less time: an idle stranger should not
+        // hold one of the session places for long.
+        int idle_ms = opts_.idle_timeout * 1000;
+        if (!logged_in_ && idle_ms > login_timeout_ms)
+            idle_ms = login_timeout_ms;
         std::string line;
         if (!pending_.empty()) {
             line = std::move(pending_.front());

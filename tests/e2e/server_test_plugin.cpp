@@ -1,0 +1,286 @@
+// A storage plug-in for the server's end-to-end tests ("e2etest"): it
+// answers with behaviours the posix plug-in never shows, chosen by path:
+//
+//   stat   /many         a listing of 1000 files in batches of 100, with a
+//                        pause between batches (streamed listings)
+//   stat   /fail-late    a listing that fails after one batch
+//   stat   other         not found, as an FTP response error whose cause
+//                        chain adds lines to the reply
+//   CKSM   any path      three progress replies, then "cafe"
+//   RETR   /async        data sent and the transfer finished from a thread of
+//                        the plug-in after the send function has returned
+//   RETR   /fail-mid     1 MiB sent, then a 451 error
+//   RETR   other         64 KiB of 'x'
+//   STOR   any path      counts the bytes; a later RETR /count returns it
+//   login  "refuse"      session start fails with a 530 of its own
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tarvex_gridftp_server.h"
+
+namespace {
+
+int activate();
+int deactivate();
+const tarvex_version_t version = {0, 1, 0, 0};
+
+struct Session {
+    long long stored = 0;
+};
+
+tarvex_result_t ftp_error(int code, const char *cls, const char *msg, tarvex_object_t *cause = nullptr)
+{
+    if (msg == nullptr)
+        return tarvex_error_put(
+            tarvex_gfs_ftp_response_error_construct(nullptr, cause, code, cls, nullptr));
+    return tarvex_error_put(
+        tarvex_gfs_ftp_response_error_construct(nullptr, cause, code, cls, "%s", msg));
+}
+
+void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *info)
+{
+    if (info->username != nullptr && strcmp(info->username, "refuse") == 0) {
+        tarvex_gridftp_server_finished_session_start(
+            op, ftp_error(530, "ACCOUNT_DISABLED", "GridFTP-Error: this account is disabled."),
+            nullptr, nullptr, nullptr);
+        return;
+    }
+    tarvex_gridftp_server_set_checksum_support(op, "CAFE:1;");
+    char home[] = "/home";
+    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, new Session, nullptr, home);
+}
+
+void destroy(void *arg)
+{
+    delete static_cast<Session *>(arg);
+}
+
+tarvex_gridftp_server_control_stat_t entry(char *name, int mode, tarvex_off_t size)
+{
+    tarvex_gridftp_server_control_stat_t s{};
+    s.mode = mode;
+    s.nlink = 1;
+    s.name = name;
+    s.size = size;
+    s.mtime = 1700000000;
+    s.ino = static_cast<int>(size) + 7;
+    return s;
+}
+
+void stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *info, void *)
+{
+    std::string path = info->pathname;
+    if (path == "/" || path == "/home" || path == "/many" || path == "/fail-late") {
+        char dot[] = ".";
+        auto self = entry(dot, 040755, 0);
+        if (info->file_only || path == "/" || path == "/home") {
+            tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, &self, 1);
+            return;
+        }
+        std::vector<std::string> names;
+        names.reserve(100); // the entries point into these strings: no reallocation
+        std::vector<tarvex_gridftp_server_control_stat_t> batch;
+        for (int i = 0; i < 1000; ++i) {
+            names.push_back("file" + std::to_string(i));
+            batch.push_back(entry(names.back().data(), 0100644, i));
+            if (batch.size() == 100) {
+                tarvex_gridftp_server_finished_stat_partial(op, TARVEX_SUCCESS, batch.data(), 100);
+                batch.clear();
+                names.clear();
+                if (path == "/fail-late") {
+                    tarvex_gridftp_server_finished_stat(
+                        op, ftp_error(451, "BACKEND_ERROR", "GridFTP-Error: the listing broke off."),
+                        nullptr, 0);
+                    return;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        }
+        tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, batch.data(), 0);
+        return;
+    }
+    if (path == "/async" || path == "/fail-mid" || path == "/count" || path == "/plain") {
+        char *name = info->pathname;
+        auto s = entry(name, 0100644, 65536);
+        tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, &s, 1);
+        return;
+    }
+    tarvex_object_t *cause = tarvex_error_construct_error(nullptr, nullptr, 1, __FILE__, __func__,
+                                                          __LINE__, "Backend-Detail: no item at %s",
+                                                          path.c_str());
+    tarvex_gridftp_server_finished_stat(
+        op, ftp_error(550, "PATH_NOT_FOUND", "GridFTP-Path: not found.", cause), nullptr, 0);
+}
+
+void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *)
+{
+    if (info->command != TARVEX_GFS_CMD_CKSM) {
+        tarvex_gridftp_server_finished_command(op, ftp_error(500, "NOT_IMPLEMETED", nullptr), nullptr);
+        return;
+    }
+    for (int i = 1; i <= 3; ++i) {
+        std::string text = std::to_string(i * 1000);
+        tarvex_gridftp_server_intermediate_command(op, TARVEX_SUCCESS, text.data());
+    }
+    char sum[] = "cafe";
+    tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);
+}
+
+struct Writer {
+    std::vector<tarvex_byte_t> buf;
+    int pending = 0;
+    tarvex_result_t result = TARVEX_SUCCESS;
+    tarvex_mutex_t mu;
+    tarvex_cond_t cv;
+};
+
+void write_cb(tarvex_gfs_operation_t, tarvex_result_t r, tarvex_byte_t *, tarvex_size_t, void *arg)
+{
+    auto *w = static_cast<Writer *>(arg);
+    tarvex_mutex_lock(&w->mu);
+    if (r != TARVEX_SUCCESS && w->result == TARVEX_SUCCESS)
+        w->result = r;
+    --w->pending;
+    tarvex_cond_signal(&w->cv);
+    tarvex_mutex_unlock(&w->mu);
+}
+
+// Writes `n` copies of the buffer one after another, waiting for each.
+tarvex_result_t write_all(tarvex_gfs_operation_t op, Writer &w, int n)
+{
+    for (int i = 0; i < n; ++i) {
+        tarvex_mutex_lock(&w.mu);
+        ++w.pending;
+        tarvex_mutex_unlock(&w.mu);
+        tarvex_result_t r = tarvex_gridftp_server_register_write(
+            op, w.buf.data(), w.buf.size(), static_cast<tarvex_off_t>(i * w.buf.size()), -1,
+            write_cb, &w);
+        tarvex_mutex_lock(&w.mu);
+        if (r != TARVEX_SUCCESS)
+            --w.pending;
+        while (w.pending > 0)
+            tarvex_cond_wait(&w.cv, &w.mu);
+        tarvex_mutex_unlock(&w.mu);
+        if (r != TARVEX_SUCCESS)
+            return r;
+        if (w.result != TARVEX_SUCCESS)
+            return w.result;
+    }
+    return TARVEX_SUCCESS;
+}
+
+void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+{
+    std::string path = info->pathname;
+    auto *s = static_cast<Session *>(arg);
+    if (path == "/async") {
+        std::thread([op] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+            Writer w;
+            tarvex_mutex_init(&w.mu, nullptr);
+            tarvex_cond_init(&w.cv, nullptr);
+            w.buf.assign(4096, 'a');
+            tarvex_gridftp_server_finished_transfer(op, write_all(op, w, 4));
+        }).detach();
+        return;
+    }
+    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+    Writer w;
+    tarvex_mutex_init(&w.mu, nullptr);
+    tarvex_cond_init(&w.cv, nullptr);
+    if (path == "/count") {
+        std::string text = std::to_string(s->stored) + "\n";
+        w.buf.assign(text.begin(), text.end());
+        tarvex_gridftp_server_finished_transfer(op, write_all(op, w, 1));
+        return;
+    }
+    w.buf.assign(65536, 'x');
+    tarvex_result_t r = write_all(op, w, path == "/fail-mid" ? 16 : 1);
+    if (r == TARVEX_SUCCESS && path == "/fail-mid")
+        r = ftp_error(451, "BACKEND_ERROR", "GridFTP-Error: the backend went away.");
+    tarvex_gridftp_server_finished_transfer(op, r);
+}
+
+struct Reader {
+    tarvex_mutex_t mu;
+    tarvex_cond_t cv;
+    bool done = false;
+    bool eof = false;
+    tarvex_result_t result = TARVEX_SUCCESS;
+    tarvex_size_t n = 0;
+};
+
+void read_cb(tarvex_gfs_operation_t, tarvex_result_t r, tarvex_byte_t *, tarvex_size_t n,
+             tarvex_off_t, bool eof, void *arg)
+{
+    auto *rd = static_cast<Reader *>(arg);
+    tarvex_mutex_lock(&rd->mu);
+    rd->result = r;
+    rd->n = n;
+    rd->eof = eof;
+    rd->done = true;
+    tarvex_cond_signal(&rd->cv);
+    tarvex_mutex_unlock(&rd->mu);
+}
+
+void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *, void *arg)
+{
+    auto *s = static_cast<Session *>(arg);
+    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+    std::vector<tarvex_byte_t> buf(100000);
+    Reader rd;
+    tarvex_mutex_init(&rd.mu, nullptr);
+    tarvex_cond_init(&rd.cv, nullptr);
+    long long total = 0;
+    tarvex_result_t r = TARVEX_SUCCESS;
+    while (r == TARVEX_SUCCESS && !rd.eof) {
+        rd.done = false;
+        r = tarvex_gridftp_server_register_read(op, buf.data(), buf.size(), read_cb, &rd);
+        if (r != TARVEX_SUCCESS)
+            break;
+        tarvex_mutex_lock(&rd.mu);
+        while (!rd.done)
+            tarvex_cond_wait(&rd.cv, &rd.mu);
+        tarvex_mutex_unlock(&rd.mu);
+        r = rd.result;
+        total += static_cast<long long>(rd.n);
+    }
+    s->stored = total;
+    tarvex_gridftp_server_finished_transfer(op, r);
+}
+
+const tarvex_gfs_storage_iface_t table = {
+    TARVEX_GFS_DSI_DESCRIPTOR_SENDER | TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS,
+    start, destroy, nullptr, send, recv, nullptr, nullptr, nullptr, nullptr, command, stat,
+    nullptr, nullptr, nullptr};
+
+} // namespace
+
+extern "C" {
+tarvex_module_descriptor_t tarvex_gridftp_server_e2etest_module = {
+    "tarvex_gridftp_server_e2etest", activate, deactivate, nullptr, nullptr, &version, nullptr};
+}
+
+namespace {
+
+int activate()
+{
+    tarvex_module_activate(&tarvex_i_gfs_module);
+    tarvex_extension_registry_add(&tarvex_i_gfs_dsi_registry, "e2etest",
+                                  &tarvex_gridftp_server_e2etest_module,
+                                  const_cast<tarvex_gfs_storage_iface_t *>(&table));
+    return 0;
+}
+
+int deactivate()
+{
+    tarvex_extension_registry_remove(&tarvex_i_gfs_dsi_registry, "e2etest");
+    tarvex_module_deactivate(&tarvex_i_gfs_module);
+    return 0;
+}
+
+} // namespace

@@ -1,0 +1,122 @@
+"""The server against a test plug-in whose answers the posix plug-in never
+gives: error replies with cause chains, listings streamed in pauses and
+failing half-way, progress replies, a transfer finished from another
+thread, a failure after data went out, refused session starts."""
+import ftplib
+import io
+import os
+import unittest
+
+from server_harness import LIBDIR, SERVER, Server, ServerTest
+
+
+class PluginContract(ServerTest):
+    server_args = {"dsi": "e2etest", "config_file": False}
+
+    @classmethod
+    def setUpClass(cls):
+        if not LIBDIR or not os.path.exists(os.path.join(LIBDIR, "libtarvex_gridftp_server_e2etest.so")):
+            raise unittest.SkipTest("test plug-in not built")
+        super().setUpClass()
+
+    def setUp(self):
+        self.f = self.server.ftp()
+
+    def tearDown(self):
+        self.f.close()
+        super().tearDown()
+
+    def test_home_folder_from_the_plugin(self):
+        self.assertEqual(self.f.pwd(), "/home")
+        self.assertIn("CKSM CAFE", self.f.sendcmd("FEAT"))
+
+    def test_error_reply_carries_the_cause_chain(self):
+        with self.assertRaises(ftplib.error_perm) as cm:
+            self.f.sendcmd("SIZE /missing")
+        text = str(cm.exception)
+        self.assertRegex(text, r"^550-PATH_NOT_FOUND")
+        self.assertIn("GridFTP-Path: not found.", text)
+        self.assertRegex(text, r"550 Backend-Detail: no item at /missing$")
+
+    def test_streamed_listing(self):
+        names = self.f.nlst("/many")
+        self.assertEqual(names, ["file%d" % i for i in range(1000)])
+        facts = dict(self.f.mlsd("/many"))
+        self.assertEqual(facts["file999"]["size"], "999")
+
+    def test_listing_failing_after_a_batch(self):
+        lines = []
+        with self.assertRaises(ftplib.error_temp) as cm:
+            self.f.retrlines("NLST /fail-late", lines.append)
+        self.assertIn("the listing broke off", str(cm.exception))
+        self.assertEqual(len(lines), 100)  # the first batch went out before the failure
+        self.assertEqual(self.f.pwd(), "/home")
+
+    def test_checksum_progress_passed_on(self):
+        self.f.putcmd("CKSM CAFE 0 -1 /any")
+        replies = [self.f.getresp() for _ in range(4)]
+        self.assertEqual(replies, ["113 1000", "113 2000", "113 3000", "213 cafe"])
+
+    def test_transfer_finished_from_another_thread(self):
+        out = io.BytesIO()
+        self.f.retrbinary("RETR /async", out.write)
+        self.assertEqual(out.getvalue(), b"a" * 16384)
+
+    def test_failure_after_data_went_out(self):
+        out = io.BytesIO()
+        with self.assertRaises(ftplib.error_temp) as cm:
+            self.f.retrbinary("RETR /fail-mid", out.write)
+        self.assertIn("BACKEND_ERROR", str(cm.exception))
+        self.assertEqual(len(out.getvalue()), 16 * 65536)
+        self.assertEqual(self.f.pwd(), "/home")
+
+    def test_store_reaches_the_plugin_whole(self):
+        data = os.urandom(1234567)
+        self.f.storbinary("STOR /anything", io.BytesIO(data))
+        out = io.BytesIO()
+        self.f.retrbinary("RETR /count", out.write)
+        self.assertEqual(int(out.getvalue()), len(data))
+
+    def test_unserved_commands_refused_with_the_plugin_reply(self):
+        self.assertRaisesRegex(ftplib.error_perm, "^500 NOT_IMPLEMETED$", self.f.mkd, "/x")
+        self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, "SITE RDEL /x")
+
+    def test_refused_session_start(self):
+        f = ftplib.FTP(timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        with self.assertRaises(ftplib.error_perm) as cm:
+            f.login("refuse", "x")
+        self.assertTrue(str(cm.exception).startswith("530"), str(cm.exception))
+        self.assertIn("this account is disabled", str(cm.exception))
+        f.close()
+
+
+class StartUp(unittest.TestCase):
+    def test_bad_command_lines_exit_with_a_message(self):
+        import subprocess
+        if not SERVER:
+            self.skipTest("TARVEX_SERVER_BIN not set")
+        cases = [[], ["--port", "21"], ["--port", "x", "--dsi", "posix", "--anonymous-map"],
+                 ["--port", "0", "--dsi", "posix"],
+                 ["--port", "0", "--dsi", "posix", "--anonymous-map", "--passwd", "/dev/null"],
+                 ["--port", "0", "--dsi", "posix", "--anonymous-map", "--tls-cert", "x.pem"],
+                 ["--port", "0", "--dsi", "no_such_plugin", "--anonymous-map", "--foreground"],
+                 ["--port", "0", "--dsi", "posix", "--passwd", "/no/such/file"],
+                 ["--port", "0", "--dsi", "posix", "--anonymous-map", "--pasv-range", "9-5"],
+                 ["--bogus"]]
+        for args in cases:
+            r = subprocess.run([SERVER] + args + (["--dsi-path", LIBDIR] if LIBDIR else []),
+                               capture_output=True, text=True, timeout=30)
+            self.assertEqual(r.returncode, 2, args)
+            self.assertTrue(r.stderr.startswith("tarvex-gridftp-server: "), (args, r.stderr))
+        r = subprocess.run([SERVER, "--help"], capture_output=True, text=True, timeout=30)
+        self.assertEqual(r.returncode, 0)
+        for opt in ("--port", "--bind", "--dsi", "--dsi-path", "--passwd", "--anonymous-map",
+                    "--tls-cert", "--tls-key", "--require-tls", "--config-file",
+                    "--config-command", "--port-file", "--pasv-range", "--max-sessions",
+                    "--idle-timeout", "--foreground"):
+            self.assertIn(opt, r.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()
