@@ -101,10 +101,11 @@ class State:
     def check_token(self, header):
         """None when the Authorization header carries a valid token, else the
         WWW-Authenticate value of the 401 answer."""
-        if not header or not header.startswith("Bearer "):
+        scheme, _, token = (header or "").strip().partition(" ")
+        token = token.strip()
+        if scheme.lower() != "bearer" or not token:
             return ('Bearer realm="Service", error="invalid_request", '
                     'error_description="The access token was not found."')
-        token = header[len("Bearer "):].strip()
         with self.lock:
             known = token in self.tokens
             expiry = self.tokens.get(token)
@@ -127,7 +128,10 @@ def build_routes(state):
         ("PUT", r"/2\.0/files/%s" % item, lambda r, i: api.update(r, "file", i)),
         ("DELETE", r"/2\.0/files/%s" % item, lambda r, i: api.delete(r, "file", i)),
         ("GET", r"/2\.0/files/%s/content" % item, api.content_redirect),
-        ("*", r"/2\.0/(files|folders)/%s/metadata/%s/%s" % (item, item, item), api.metadata),
+    ] + [
+        (method, r"/2\.0/(files|folders)/%s/metadata/%s/%s" % (item, item, item), api.metadata)
+        for method in ("GET", "POST", "PUT", "DELETE")
+    ] + [
         ("POST", r"/api/2\.0/files/content", up.upload),
         ("POST", r"/api/2\.0/files/upload_sessions", up.create_session),
         ("PUT", r"/api/2\.0/files/upload_sessions/%s" % item, up.upload_part),
@@ -338,7 +342,7 @@ class Handler(BaseHTTPRequestHandler):
             if not m:
                 continue
             allowed = True
-            if method in ("*", req.method):
+            if method == req.method:
                 return func(req, *m.groups())
         body.drain()
         if allowed:
