@@ -18,6 +18,7 @@ from boxemu_content import CHUNK, FileContent
 from boxemu_store import BoxError, bad_request, check_name
 
 SESSION_LIFETIME = 7 * 24 * 3600
+MAX_PARTS = 10000
 
 
 def parse_digest(value):
@@ -180,8 +181,10 @@ class Uploads:
             sid = secrets.token_hex(16).upper()
             directory = os.path.join(self.state.data_dir, "session-" + sid)
             os.mkdir(directory)
-            session = Session(sid, parent.id, doc["file_name"], size, config["part_size"],
-                              directory)
+            part_size = config["part_size"]
+            while -(-size // part_size) > MAX_PARTS:
+                part_size *= 2   # Box grows the part size for huge files
+            session = Session(sid, parent.id, doc["file_name"], size, part_size, directory)
             self.store.sessions[sid] = session
             return Response(201, self._session_json(req, session))
 
