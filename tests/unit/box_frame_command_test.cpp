@@ -46,29 +46,32 @@ protected:
     tarvex_test::driver driver_;
 };
 
-TEST_F(BoxFrameCommand, UnservedCommandsGetTheFixedRefusal)
+/* Unserved commands get exactly the refusal; the ones a later release
+ * serves say so with 502. */
+TEST_F(BoxFrameCommand, EachCommandIsAnsweredOnce)
 {
-    for (int command : {0, (int)TARVEX_GFS_CMD_SITE_AUTHZ_ASSERT, (int)TARVEX_GFS_CMD_RNFR,
-                        (int)TARVEX_GFS_CMD_SITE_CHMOD, (int)TARVEX_GFS_CMD_SITE_UTIME,
-                        (int)TARVEX_GFS_MIN_CUSTOM_CMD + 3}) {
+    const struct { int command; const char *reply; } cases[] = {
+        {0, "500 NOT_IMPLEMETED\r\n"},
+        {TARVEX_GFS_CMD_RNFR, "500 NOT_IMPLEMETED\r\n"},
+        {TARVEX_GFS_CMD_SITE_CHMOD, "500 NOT_IMPLEMETED\r\n"},
+        {TARVEX_GFS_MIN_CUSTOM_CMD + 3, "500 NOT_IMPLEMETED\r\n"},
+        {TARVEX_GFS_CMD_MKD, "502"},
+        {TARVEX_GFS_CMD_SITE_RDEL, "502"},
+        {TARVEX_GFS_CMD_CKSM, "502"},
+    };
+    for (const auto &c : cases) {
         driver_.clear_events();
-        run((tarvex_gfs_command_type_t)command);
+        run((tarvex_gfs_command_type_t)c.command);
         auto answers = driver_.events(event_kind::command);
-        ASSERT_EQ(answers.size(), 1u) << command;
-        EXPECT_EQ(answers[0].reply, "500 NOT_IMPLEMETED\r\n") << command;
+        ASSERT_EQ(answers.size(), 1u) << c.command;
+        /* The refusal is the whole reply; the others name the command. */
+        std::string reply = answers[0].reply;
+        EXPECT_EQ(strlen(c.reply) > 3 ? reply : reply.substr(0, 3), c.reply) << reply;
     }
 }
 
-TEST_F(BoxFrameCommand, LaterCommandsAndTransfersSayNotImplementedYet)
+TEST_F(BoxFrameCommand, TransfersSayNotImplementedYet)
 {
-    for (auto command : {TARVEX_GFS_CMD_MKD, TARVEX_GFS_CMD_DELE, TARVEX_GFS_CMD_CKSM}) {
-        driver_.clear_events();
-        run(command);
-        auto answers = driver_.events(event_kind::command);
-        ASSERT_EQ(answers.size(), 1u);
-        EXPECT_EQ(answers[0].reply.rfind("502", 0), 0u) << answers[0].reply;
-    }
-    driver_.clear_events();
     driver_.send(&table_, &box_, "/a");
     driver_.recv(&table_, &box_, "/a", 0, true);
     auto answers = driver_.events(event_kind::finished_transfer);

@@ -71,11 +71,16 @@ TEST_F(BoxFrameSession, PolicyFailuresDifferByKind)
 
 TEST_F(BoxFrameSession, EnvironmentAndPolicyChooseTheBases)
 {
-    setenv("TARVEX_BOX_API_BASE", "http://127.0.0.1:1/", 1);
-    tarvex_box_set_bases(nullptr, nullptr); /* first use reads the environment */
-    unsetenv("TARVEX_BOX_API_BASE");
-    EXPECT_STREQ(tarvex_box_api_base(), "http://127.0.0.1:1");
-    EXPECT_STREQ(tarvex_box_upload_base(), "https://upload.box.com");
+    /* The environment is read at first use: look in a fresh process. */
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            setenv("TARVEX_BOX_API_BASE", "http://127.0.0.1:1/", 1);
+            bool api = strcmp(tarvex_box_api_base(), "http://127.0.0.1:1") == 0;
+            bool upload = strcmp(tarvex_box_upload_base(), "https://upload.box.com") == 0;
+            exit(api && upload ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
     int rate = 16;
     ASSERT_EQ(tarvex_box_config_parse_json(
                   R"({"box_api_base":"http://127.0.0.1:2","box_upload_base":"http://127.0.0.1:3"})",
