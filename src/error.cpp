@@ -186,10 +186,13 @@ extern "C" tarvex_object_t *tarvex_box_error_initialize(tarvex_object_t *object,
     tarvex_l_box_error_copy(const_cast<key_array_t *>(info ? info : &empty), &copy);
     if (copy == nullptr)
         return nullptr;
+    /* Initialising twice replaces the pairs; the old ones are ours to free. */
+    void *old = tarvex_object_get_instance_data(object, TARVEX_BOX_ERROR_TYPE);
     if (tarvex_object_set_instance_data(object, TARVEX_BOX_ERROR_TYPE, copy) != 0) {
         tarvex_l_box_error_free(copy);
         return nullptr;
     }
+    tarvex_l_box_error_free(old);
     return object;
 }
 
