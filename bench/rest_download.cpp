@@ -5,8 +5,11 @@
 // server operation (tarvex_dsi_rest_read_gridftp_op, as downloads do) whose
 // writes complete at once on a worker thread and are discarded, and fetches
 // the same URL with curl(1) into /dev/null.  Each runs three times, alternating;
-// the better run of each counts.  The last line is the verdict:
+// the best run of each counts (CPU seconds per run are shown too).  The
+// last line is the verdict:
 //   rest_download: client_MBps=<a> curl_MBps=<b> ratio=<a/b>
+#include <sys/resource.h>
+
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -95,6 +98,21 @@ double seconds_now()
     return tarvex_time_monotonic_usec() / 1e6;
 }
 
+// CPU seconds (user + system) used so far by this process or its waited-for
+// children: unlike wall time, hardly disturbed by others on the machine.
+double cpu_seconds(int who)
+{
+    rusage usage{};
+    getrusage(who, &usage);
+    return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+           (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+struct Run {
+    double mbps;
+    double cpu;
+};
+
 // The download URL of the file: the Location of the content request's 302.
 std::string location_of(const std::string &content_url)
 {
@@ -115,7 +133,7 @@ std::string location_of(const std::string &content_url)
     return location;
 }
 
-double client_mbps(const std::string &url)
+Run client_run(const std::string &url)
 {
     SinkOp sink;
     tarvex_dsi_rest_key_value_t auth[] = {{"Authorization", "Bearer test-token"}};
@@ -129,20 +147,23 @@ double client_mbps(const std::string &url)
     callbacks.data_read_callback_arg = &arg;
     callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
     callbacks.progress_callback_arg = reinterpret_cast<void *>(uintptr_t{30000});
+    double cpu = cpu_seconds(RUSAGE_SELF);
     double start = seconds_now();
     tarvex_result_t result = tarvex_dsi_rest_request("GET", url.c_str(), nullptr, &headers,
                                                      &callbacks);
     double elapsed = seconds_now() - start;
+    cpu = cpu_seconds(RUSAGE_SELF) - cpu;
     if (result != TARVEX_SUCCESS || record.response_code != 200 ||
         static_cast<uint64_t>(arg.offset) != file_size || !arg.eof)
         throw std::runtime_error("client download failed");
-    return file_size / 1e6 / elapsed;
+    return {file_size / 1e6 / elapsed, cpu};
 }
 
-double curl_mbps(const std::string &url)
+Run curl_run(const std::string &url)
 {
     std::string command = "curl -s -o /dev/null -H '" + std::string(bearer) +
                           "' -w '%{size_download} %{time_total}' '" + url + "'";
+    double cpu = cpu_seconds(RUSAGE_CHILDREN);
     FILE *pipe = popen(command.c_str(), "r");
     if (pipe == nullptr)
         throw std::runtime_error("cannot run curl");
@@ -150,9 +171,10 @@ double curl_mbps(const std::string &url)
     double elapsed = 0;
     int fields = fscanf(pipe, "%llu %lf", &size, &elapsed);
     int status = pclose(pipe);
+    cpu = cpu_seconds(RUSAGE_CHILDREN) - cpu;
     if (fields != 2 || status != 0 || size != file_size || elapsed <= 0)
         throw std::runtime_error("curl download failed");
-    return size / 1e6 / elapsed;
+    return {size / 1e6 / elapsed, cpu};
 }
 
 } // namespace
@@ -167,11 +189,12 @@ int main()
         std::string content_url = emulator.api_base() + "/2.0/files/" + ids.at("/big") + "/content";
         double client = 0, reference = 0;
         for (int round = 0; round < rounds; round++) {
-            double c = curl_mbps(location_of(content_url));
-            double r = client_mbps(location_of(content_url));
-            printf("round %d: client %.1f MB/s, curl %.1f MB/s\n", round + 1, r, c);
-            client = std::max(client, r);
-            reference = std::max(reference, c);
+            Run c = curl_run(location_of(content_url));
+            Run r = client_run(location_of(content_url));
+            printf("round %d: client %.1f MB/s (%.2f CPU s), curl %.1f MB/s (%.2f CPU s)\n",
+                   round + 1, r.mbps, r.cpu, c.mbps, c.cpu);
+            client = std::max(client, r.mbps);
+            reference = std::max(reference, c.mbps);
         }
         printf("rest_download: client_MBps=%.1f curl_MBps=%.1f ratio=%.3f\n", client, reference,
                client / reference);
