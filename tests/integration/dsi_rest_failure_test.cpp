@@ -74,11 +74,12 @@ TEST(RestFailure, TransportFailuresAreClassified)
 
 TEST(RestFailure, BadArgumentsAreRefused)
 {
-    Exchange no_url, bad_header, bad_length;
+    Exchange no_url, bad_method, bad_header, bad_length;
     make_request(no_url, "GET", "");
+    make_request(bad_method, "GET / HTTP/1.1\r\nX:", "http://127.0.0.1:1/");
     make_request(bad_header, "GET", "http://127.0.0.1:1/", {}, {{"X-A", "1\r\nX-B: 2"}});
     make_request(bad_length, "PUT", "http://127.0.0.1:1/", {}, {{"Content-Length", "12x"}});
-    for (Exchange *ex : {&no_url, &bad_header, &bad_length}) {
+    for (Exchange *ex : {&no_url, &bad_method, &bad_header, &bad_length}) {
         EXPECT_EQ(ex->error_type(), TARVEX_DSI_REST_ERROR_ARGUMENT);
         EXPECT_FALSE(ex->retryable());
     }

@@ -1,8 +1,10 @@
 // tarvex_dsi_rest_request: one HTTP exchange on the calling thread.
 #include <strings.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "dsi_rest_internal.h"
 
@@ -94,6 +96,17 @@ int seek_callback(void *userdata, curl_off_t offset, int origin)
         return CURL_SEEKFUNC_CANTSEEK;
     ctx.body_bytes_sent = 0;
     return CURL_SEEKFUNC_OK;
+}
+
+// A method goes into the request line as it is: only token characters.
+bool valid_method(const char *method)
+{
+    if (method == nullptr || method[0] == '\0')
+        return false;
+    for (const char *c = method; *c != '\0'; c++)
+        if (!isalnum(static_cast<unsigned char>(*c)) && strchr("!#$%&'*+-.^_`|~", *c) == nullptr)
+            return false;
+    return true;
 }
 
 bool method_is(const std::string &method, const char *name)
@@ -243,7 +256,7 @@ tarvex_result_t request(const char *method, const char *url,
                         const tarvex_dsi_rest_key_array_t *headers,
                         const tarvex_dsi_rest_callbacks_t *callbacks)
 {
-    if (method == nullptr || method[0] == '\0' || url == nullptr || url[0] == '\0')
+    if (!valid_method(method) || url == nullptr || url[0] == '\0')
         return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
                                      "A request needs a method and a URL");
     if (RequestContext::current() != nullptr)
