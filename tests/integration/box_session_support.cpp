@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <chrono>
-#include <regex>
 #include <thread>
 
 namespace box_session_test {
@@ -104,11 +103,14 @@ const std::string &scratch()
 
 std::string listed_folder(const log_entry &entry)
 {
-    static const std::regex listing("/2\\.0/folders/([^/]+)/items");
-    std::smatch m;
-    if (entry.method == "GET" && std::regex_match(entry.path, m, listing))
-        return m[1];
-    return "";
+    static const std::string head = "/2.0/folders/", tail = "/items";
+    const std::string &path = entry.path;
+    if (entry.method != "GET" || path.size() <= head.size() + tail.size() ||
+        path.compare(0, head.size(), head) != 0 ||
+        path.compare(path.size() - tail.size(), tail.size(), tail) != 0)
+        return "";
+    std::string id = path.substr(head.size(), path.size() - head.size() - tail.size());
+    return id.find('/') == std::string::npos ? id : "";
 }
 
 std::vector<log_entry> settled_log()
