@@ -38,6 +38,7 @@ public:
         unsetenv("HTTPS_PROXY");
         unsetenv("ALL_PROXY");
         unsetenv("all_proxy");
+        unsetenv("TARVEX_DSI_REST_CA_FILE");
     }
     void TearDown() override { tarvex_module_deactivate(&tarvex_i_dsi_rest_module); }
 };
