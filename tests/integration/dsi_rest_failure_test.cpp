@@ -131,6 +131,15 @@ TEST_F(RestTls, VerifiesAgainstTheConfiguredCa)
         EXPECT_EQ(ex.text("method"), "GET");
     }
     EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 1u);
+
+    // Without a configured file, the environment names the CA.
+    tarvex_dsi_rest_set_ca_file(nullptr);
+    tarvex_dsi_rest_close_connections();
+    setenv("TARVEX_DSI_REST_CA_FILE", (dir_ + "/ca.pem").c_str(), 1);
+    Exchange from_env;
+    make_request(from_env, "GET", server_->url("/echo"));
+    unsetenv("TARVEX_DSI_REST_CA_FILE");
+    EXPECT_EQ(from_env.result, TARVEX_SUCCESS);
 }
 
 } // namespace
