@@ -1,7 +1,7 @@
 /*
- * Shared set-up of the Box session tests: one emulator for the whole test
- * program, a driver per test, the plug-in's own functions in a storage
- * table, and helpers to read the emulator's request log.
+ * Shared set-up of the Box session tests: one emulator per test program,
+ * the plug-in pointed at it with its pacing files in a scratch directory,
+ * a driver per test, and readers of the emulator's request log.
  */
 #ifndef TARVEX_BOX_SESSION_SUPPORT_H
 #define TARVEX_BOX_SESSION_SUPPORT_H
@@ -20,54 +20,44 @@
 namespace box_session_test {
 
 using log_entry = tarvex_test::BoxEmulator::LogEntry;
+using strings = std::vector<std::string>;
 
-/* A credential the emulator accepts, expiring far in the future so that no
- * test renews it. */
-std::string creds_json(const std::string &user_id, const std::string &token = "test-token");
-
-/* The plug-in's entry points as the server would find them. */
+/* A credential the emulator accepts, expiring in 2099. */
+std::string creds_json(const std::string &user_id);
 const tarvex_gfs_storage_iface_t *iface();
-
-/* The emulator, started once for the program. */
 tarvex_test::BoxEmulator &emulator();
-
-/* A scratch directory of the program (pacing files go there). */
-const std::string &scratch();
-
-/* "$HOME/.tarvex" of the password entry, and whether it existed before
- * this program started any session. */
+/* "$HOME/.tarvex" of the password entry; whether it existed before the
+ * program started (session start makes it; the program removes it again). */
 std::string home_dot();
 bool home_dot_existed();
 
-/* The Box id in the path of a listing request ("/2.0/folders/ID/items"),
- * or "" for any other request. */
+/* The folder id of a listing request ("GET /2.0/folders/ID/items"), else "". */
 std::string listed_folder(const log_entry &entry);
 
-/* The emulator's log once it has stopped growing. */
-std::vector<log_entry> settled_log();
-
-/* FTP response error of a result: reply code, class word, message. */
+/* Reply code, class and message of a result's FTP response error, and the
+ * message of the outermost error. */
 int error_code(tarvex_result_t result);
 std::string error_class(tarvex_result_t result);
 std::string error_message(tarvex_result_t result);
-/* The message of the outermost error. */
 std::string message(tarvex_result_t result);
 
-/* A test with an empty emulator tree and a driver. */
 class session_test : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
 
-    /* Seeds the emulator with {"entries":[...]} built from `entries_json`
-     * (the array's text); returns path -> id. */
-    std::map<std::string, std::string> seed(const std::string &entries_json);
-    /* Starts a session for Box user `user_id`; nullptr when refused. */
+    /* Seeds the emulator from the text of an entries array. */
+    std::map<std::string, std::string> seed(const std::string &entries);
+    /* Starts a session of Box user `user_id`; nullptr when refused. */
     tarvex_box_session_t *start(const std::string &user_id = "4242");
-    /* Requests the emulator received since the last clear, once its log
-     * has caught up (it logs a request just after answering it). */
-    std::vector<log_entry> requests() { return settled_log(); }
+    /* Requests since the last clear, once the emulator (which logs a
+     * request just after answering it) has caught up. */
+    std::vector<log_entry> requests();
     void clear_requests();
+    /* Folder ids of the listings since the last call. */
+    strings listings();
+    /* The next listing of folder `id` answers `page`. */
+    void script_page(const std::string &id, const std::string &page);
 
     std::unique_ptr<tarvex_test::driver> driver_ = std::make_unique<tarvex_test::driver>();
     tarvex_box_session_t *session_ = nullptr;
