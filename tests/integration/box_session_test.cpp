@@ -27,6 +27,16 @@ TEST_F(session_test, LoginRefusedWhenRootListingIsUnauthorised)
     EXPECT_EQ(requests().size(), 1u); /* nothing says a retry would help */
 }
 
+TEST_F(session_test, LoginRefusedWithoutPolicy)
+{
+    driver_->set_config("config", std::nullopt);
+    EXPECT_EQ(start(), nullptr);
+    EXPECT_EQ(error_code(driver_->last_result()), 500);
+    EXPECT_EQ(error_message(driver_->last_result()),
+              "GridFTP-Error: Missing storage gateway policy.");
+    EXPECT_TRUE(requests().empty());
+}
+
 /* The one test that uses the real home of the user: "$HOME/.tarvex" and
  * the pacing files named after the Box user id.  It removes only what it
  * created, however it ends. */
