@@ -52,12 +52,6 @@ tarvex_result_t tarvex_l_box_read_policy(tarvex_gfs_operation_t op)
     return result;
 }
 
-/* Everything a started (or half-started) session holds. */
-void tarvex_l_box_release(tarvex_box_session_t *box)
-{
-    tarvex_i_box_destroy(box);
-}
-
 tarvex_result_t tarvex_l_box_start(tarvex_gfs_operation_t op, tarvex_box_session_t *box)
 {
     tarvex_result_t result = tarvex_l_box_read_policy(op);
@@ -120,9 +114,10 @@ extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
     }
 
     /* A refused login leaves nothing behind: no record, no open pacing
-     * file, no cached item. */
+     * file, no cached item.  Session end releases a half-built record as
+     * well as a whole one. */
     if (box != nullptr)
-        tarvex_l_box_release(box);
+        tarvex_i_box_destroy(box);
     tarvex_gridftp_server_finished_session_start(op, result, nullptr, nullptr, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
