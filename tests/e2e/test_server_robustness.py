@@ -56,7 +56,9 @@ class BadInput(ServerTest):
                  (b"USER again\r\n", "503"), (b"PORT 10,0,0,1,4,1\r\n", "501"),
                  (b"EPRT |1|10.0.0.1|5000|\r\n", "501"), (b"PORT 127,0,0,1,0,21\r\n", "501"),
                  (b"EPRT |3|x|1|\r\n", "522"), (b"MKD\r\n", "501"),
-                 (b"CWD ../../../..\r\n", "250"), (b"PWD\r\n", '257 "/"')]
+                 (b"CWD ../../../..\r\n", "250"), (b"PWD\r\n", '257 "/"'),
+                 (b"EPSV ALL\r\n", "200"), (b"PASV\r\n", "503"),
+                 (b"PORT 127,0,0,1,40,1\r\n", "503"), (b"EPSV\r\n", "229")]
         for data, code in cases:
             self.assertTrue(self.send(c, data).startswith(code), data)
 

@@ -68,6 +68,10 @@ void Session::cmd_stru(const std::string &arg)
 
 void Session::cmd_pasv(const std::string &)
 {
+    if (epsv_all_) {
+        reply(503, "Only EPSV after EPSV ALL.");
+        return;
+    }
     std::string text;
     if (!data_.passive(ep_, false, opts_.pasv_low, opts_.pasv_high, text)) {
         reply(425, "Cannot enter passive mode: " + text + ".");
@@ -79,6 +83,7 @@ void Session::cmd_pasv(const std::string &)
 void Session::cmd_epsv(const std::string &arg)
 {
     if (strcasecmp(arg.c_str(), "ALL") == 0) {
+        epsv_all_ = true; // the client's NAT or firewall only lets EPSV through
         reply(200, "EPSV ALL ok.");
         return;
     }
@@ -96,6 +101,10 @@ void Session::cmd_epsv(const std::string &arg)
 
 void Session::cmd_port(const std::string &arg)
 {
+    if (epsv_all_) {
+        reply(503, "Only EPSV after EPSV ALL.");
+        return;
+    }
     std::string why;
     if (!data_.active(ep_, arg, false, why)) {
         reply(501, why + ".");
@@ -106,6 +115,10 @@ void Session::cmd_port(const std::string &arg)
 
 void Session::cmd_eprt(const std::string &arg)
 {
+    if (epsv_all_) {
+        reply(503, "Only EPSV after EPSV ALL.");
+        return;
+    }
     std::string why;
     if (!data_.active(ep_, arg, true, why)) {
         reply(why.rfind("Network protocol", 0) == 0 ? 522 : 501, why + ".");

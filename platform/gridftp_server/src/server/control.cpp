@@ -149,7 +149,10 @@ bool ControlChannel::reply(int code, std::string_view text)
             out += c + (last ? " " : "-");
         else
             out += ' ';
-        out += lines[k];
+        // Names from storage may hold control characters; a CR or LF
+        // inside a line would end it early and forge a reply.
+        for (char ch : lines[k])
+            out += static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f ? '?' : ch;
         out += "\r\n";
     }
     return send_raw(out);

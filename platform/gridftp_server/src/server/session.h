@@ -183,6 +183,7 @@ private:
     tarvex_off_t rest_ = 0;
     tarvex_off_t alloc_ = 0;
     DataSetup data_;
+    bool epsv_all_ = false;
     FactSet facts_;
 };
 
