@@ -105,7 +105,10 @@ class ClientsBase(ServerTest):
         for i, (rel, size) in enumerate(files.items()):
             os.makedirs(os.path.dirname(os.path.join(tree, rel)) or tree, exist_ok=True)
             write_random(os.path.join(tree, rel), size, seed=10 + i)
+        os.chmod(os.path.join(tree, "d3/e.txt"), 0o604)
         self.lftp("mirror -R %s /mirrored" % tree)
+        # lftp carries permissions over with SITE CHMOD.
+        self.assertEqual(os.stat(self.local("mirrored", "d3/e.txt")).st_mode & 0o777, 0o604)
         for rel in files:
             self.assertEqual(sha256_file(self.local("mirrored", rel)),
                              sha256_file(os.path.join(tree, rel)), rel)

@@ -125,6 +125,17 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *a
     case TARVEX_GFS_CMD_SITE_RDEL:
         r = in_parent(s, path, [](int d, const char *n) { return remove_tree(d, n, 0); });
         break;
+    case TARVEX_GFS_CMD_SITE_CHMOD: {
+        // The mode goes on the item itself: a link is not followed (Linux
+        // cannot change a link's own mode, so that fails, as it should).
+        std::string name;
+        Fd parent(open_parent(s, path, name));
+        if (parent.fd < 0 ||
+            fchmodat(parent.fd, name.c_str(), static_cast<mode_t>(info->chmod_mode & 07777),
+                     AT_SYMLINK_NOFOLLOW) != 0)
+            r = errno_result(errno, path);
+        break;
+    }
     case TARVEX_GFS_CMD_RNTO:
         r = rename_item(s, info->from_pathname, path);
         break;

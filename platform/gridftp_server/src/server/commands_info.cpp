@@ -196,8 +196,34 @@ void Session::cmd_site(const std::string &arg)
         simple_command(TARVEX_GFS_CMD_SITE_RDEL, path, 250, path + " removed.");
         return;
     }
+    if (what == "CHMOD") {
+        // SITE CHMOD <octal mode> <path>
+        size_t sp2 = rest.find(' ');
+        std::string mode = rest.substr(0, sp2);
+        char *end = nullptr;
+        long m = strtol(mode.c_str(), &end, 8);
+        if (mode.empty() || *end != '\0' || m < 0 || m > 07777 || sp2 == std::string::npos ||
+            rest.find_first_not_of(' ', sp2) == std::string::npos) {
+            reply(501, "Syntax: SITE CHMOD <octal mode> <path>");
+            return;
+        }
+        std::string path = path_arg(rest.substr(rest.find_first_not_of(' ', sp2)));
+        tarvex_gfs_command_info_t info{};
+        info.command = TARVEX_GFS_CMD_SITE_CHMOD;
+        info.pathname = path.data();
+        info.chmod_mode = static_cast<int>(m);
+        info.cksm_length = -1;
+        std::string response;
+        tarvex_result_t r;
+        if (!run_command(info, response, r)) {
+            reply_error(r, 550);
+            return;
+        }
+        reply(200, "SITE CHMOD command successful.");
+        return;
+    }
     if (what == "HELP") {
-        reply(214, "SITE commands: RDEL <path>, HELP.\nHelp OK.");
+        reply(214, "SITE commands: RDEL <path>, CHMOD <mode> <path>, HELP.\nHelp OK.");
         return;
     }
     reply(502, "SITE " + what + " is not implemented.");
