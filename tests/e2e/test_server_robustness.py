@@ -1,5 +1,6 @@
 """Bad input on the control connection, misbehaving clients and crashed
 sessions: the server answers clearly and stays up."""
+import io
 import os
 import signal
 import socket
@@ -119,3 +120,59 @@ class Limits(unittest.TestCase):
 
 if __name__ == "__main__":
     unittest.main()
+
+
+class DataConnections(ServerTest):
+    server_args = {"tls": True, "extra": ["--pasv-range", "40100-40119"]}
+
+    def test_passive_ports_from_the_range(self):
+        f = self.server.ftp()
+        ports = []
+        for _ in range(5):
+            h = f.sendcmd("PASV")
+            nums = h[h.index("(") + 1:h.index(")")].split(",")
+            ports.append(int(nums[4]) * 256 + int(nums[5]))
+        self.assertTrue(all(40100 <= p <= 40119 for p in ports), ports)
+        f.quit()
+
+    def test_client_dropping_the_data_connection(self):
+        with open(self.local("drop.bin"), "wb") as fh:
+            fh.truncate(256 * 1024 * 1024)
+        f = self.server.ftp()
+        conn = f.transfercmd("RETR /drop.bin")
+        conn.recv(1000)
+        conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\x01\x00\x00\x00\x00\x00\x00\x00")
+        conn.close()  # a reset, mid-transfer
+        with self.assertRaises(Exception) as cm:
+            f.voidresp()
+        self.assertIn("426", str(cm.exception))
+        self.assertEqual(f.pwd(), "/")
+        f.quit()
+
+    def test_abort_during_upload(self):
+        f = self.server.ftp()
+        conn = f.transfercmd("STOR /partial.bin")
+        conn.sendall(os.urandom(1 << 20))
+        resp = f.abort()
+        conn.close()
+        self.assertTrue(resp.startswith("426"), resp)
+        self.assertTrue(f.getresp().startswith("226"))
+        self.assertLessEqual(os.path.getsize(self.local("partial.bin")), 1 << 20)
+        f.storbinary("STOR /after.bin", io.BytesIO(b"fine"))
+        with open(self.local("after.bin"), "rb") as fh:
+            self.assertEqual(fh.read(), b"fine")
+        f.quit()
+
+    def test_garbage_instead_of_a_tls_handshake(self):
+        sock, fh = self.server.raw()
+        sock.sendall(b"AUTH TLS\r\n")
+        self.assertTrue(read_reply(fh).startswith("234"))
+        sock.sendall(b"USER anonymous\r\nPASS x\r\n" * 10)
+        try:
+            rest = fh.read()
+        except ConnectionResetError:
+            rest = b""
+        self.assertEqual(rest, b"")  # the session ends, nothing answered in the clear
+        sock.close()
+        f = self.server.ftp(tls=True)
+        f.quit()
