@@ -212,6 +212,8 @@ class FtplibBase(ServerTest):
             f.truncate(512 * 1024 * 1024)
         conn = self.f.transfercmd("RETR /abort.bin")
         self.assertTrue(conn.recv(65536))
+        self.assertIn("Transfer in progress: /abort.bin", self.f.sendcmd("STAT"))
+        self.assertEqual(self.f.sendcmd("NOOP"), "200 NOOP ok.")
         resp = self.f.abort()
         conn.close()
         self.assertTrue(resp.startswith("426"), resp)

@@ -63,6 +63,15 @@ class BadInput(ServerTest):
         for data, code in cases:
             self.assertTrue(self.send(c, data).startswith(code), data)
 
+    def test_pipelined_commands_answered_in_order(self):
+        sock, f = self.login()
+        with open(self.local("pipe.txt"), "wb") as fh:
+            fh.write(b"x" * 100)
+        sock.sendall(b"MKD /pipe\r\nNOOP\r\nCKSM MD5 0 -1 /pipe.txt\r\nSTAT\r\n"
+                     b"CWD /pipe\r\nPWD\r\nRMD /pipe\r\nQUIT\r\n")
+        codes = [read_reply(f)[:3] for _ in range(8)]
+        self.assertEqual(codes, ["257", "200", "213", "211", "250", "257", "250", "221"])
+
     def test_many_connections_dropped(self):
         for i in range(1000):
             s = socket.create_connection(("127.0.0.1", self.server.port), timeout=10)

@@ -268,18 +268,17 @@ void Session::reply_busy_line(const std::string &line, PluginCall &c)
         c.transfer->abort(); // answered when the plug-in has stopped
         return;
     }
-    if (verb == "NOOP") {
+    // While data flow, NOOP and STAT are answered at once; at any other
+    // time an answer would overtake the reply of the command still running,
+    // so they wait their turn like the rest.
+    bool flowing = c.transfer != nullptr && c.transfer->announced();
+    if (flowing && verb == "NOOP") {
         reply(200, "NOOP ok.");
         return;
     }
-    if (verb == "STAT" && !has_arg) {
-        std::string text = "Status of tarvex-gridftp-server:\n";
-        if (c.transfer != nullptr)
-            text += "Transfer in progress: " + c.transfer->what() + ", " +
-                    std::to_string(c.transfer->bytes()) + " bytes so far\n";
-        else
-            text += "Command in progress\n";
-        reply(211, text + "End of status.");
+    if (flowing && verb == "STAT" && !has_arg) {
+        reply(211, "Status of tarvex-gridftp-server:\nTransfer in progress: " + c.transfer->what() +
+                       ", " + std::to_string(c.transfer->bytes()) + " bytes so far\nEnd of status.");
         return;
     }
     if (pending_.size() >= max_pending_lines) {

@@ -50,6 +50,7 @@ void Transfer::begin(bool with_thread)
     if (began_.exchange(true))
         return;
     p_.send_reply("150 Opening BINARY mode data connection for " + p_.what + ".\r\n");
+    announced_ = true;
     std::string why;
     conn_ = setup_.open(connect_timeout_ms, cancel_fd_, why);
     if (!conn_) {

@@ -62,6 +62,9 @@ public:
     void close(bool orderly);
 
     bool began() const { return began_; }
+    // The 150 reply is out: from now on replies to NOOP and STAT cannot
+    // overtake it.
+    bool announced() const { return announced_; }
     bool aborted() const { return aborted_; }
     // Non-empty when the data connection failed: the reply to give.
     std::string failure() const;
@@ -98,6 +101,7 @@ private:
     std::thread thread_;
 
     std::atomic<bool> began_{false};
+    std::atomic<bool> announced_{false};
     std::atomic<bool> aborted_{false};
     std::atomic<long long> bytes_{0};
     bool read_range_given_ = false;
