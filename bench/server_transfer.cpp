@@ -4,6 +4,7 @@
 //   server_transfer: retr_MBps=<a> stor_MBps=<b> cp_MBps=<c> ratio_retr=<a/c> ratio_stor=<b/c>
 //
 // usage: server_transfer [SIZE_MIB] (default 1024); files go to $TMPDIR or /tmp.
+// Each way is timed three times and the best time counts (see below).
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -20,6 +21,8 @@
 #include <vector>
 
 namespace {
+
+constexpr int rounds = 3;
 
 std::string tmp_dir()
 {
@@ -133,12 +136,34 @@ int main(int argc, char **argv)
         std::string base = "ftp://127.0.0.1:" + std::to_string(port) + "/";
         std::string cp_out = dir + "/cp.bin";
         std::string retr_out = dir + "/retr.bin";
-        double cp_s = timed({"cp", src, cp_out});
-        double retr_s = timed({"curl", "-sS", "-o", retr_out, base + "source.bin"});
-        double stor_s = timed({"curl", "-sS", "-T", src, base + "stored.bin"});
-        bool ok = cp_s > 0 && retr_s > 0 && stor_s > 0 && file_size(retr_out) == size &&
-                  file_size(root + "/stored.bin") == size && same_content(src, retr_out) &&
-                  same_content(src, root + "/stored.bin");
+        std::string stored = root + "/stored.bin";
+        // The machine is shared and the page cache's write-back comes and
+        // goes: each way is timed several times, interleaved, each after a
+        // sync, and the best of each counts.
+        double cp_s = 0;
+        double retr_s = 0;
+        double stor_s = 0;
+        bool ok = true;
+        auto best = [](double &keep, double s) {
+            if (s > 0 && (keep == 0 || s < keep))
+                keep = s;
+            return s > 0;
+        };
+        for (int round = 0; round < rounds && ok; ++round) {
+            bool last = round + 1 == rounds;
+            sync();
+            ok = best(cp_s, timed({"cp", src, cp_out}));
+            sync();
+            ok = ok && best(retr_s, timed({"curl", "-sS", "-o", retr_out, base + "source.bin"}));
+            sync();
+            ok = ok && best(stor_s, timed({"curl", "-sS", "-T", src, base + "stored.bin"}));
+            if (ok && last)
+                ok = file_size(retr_out) == size && file_size(stored) == size &&
+                     same_content(src, retr_out) && same_content(src, stored);
+            unlink(cp_out.c_str());
+            unlink(retr_out.c_str());
+            unlink(stored.c_str());
+        }
         if (!ok) {
             fprintf(stderr, "server_transfer: a transfer failed or its bytes differ\n");
             rc = 1;
@@ -147,6 +172,7 @@ int main(int argc, char **argv)
             double a = mb / retr_s;
             double b = mb / stor_s;
             double c = mb / cp_s;
+            printf("server_transfer: %lld MiB each way, best of %d rounds\n", mib, rounds);
             printf("server_transfer: retr_MBps=%.1f stor_MBps=%.1f cp_MBps=%.1f ratio_retr=%.2f "
                    "ratio_stor=%.2f\n",
                    a, b, c, a / c, b / c);
