@@ -1,202 +1,163 @@
-"""The emulator and the plug-in's request table against Box's API
+"""The plug-in's requests and the emulator's answers against Box's API
 description: every request the plug-in makes exists there as made, and the
-emulator's answers have the documented shapes."""
+emulator answers each with the expected status in the documented shape."""
 
-import base64
-import hashlib
 import json
 import os
 import unittest
+from urllib.parse import urlencode
 
 from box_openapi import OpenApi, openapi_path
-from emulator_process import Emulator
-
-HERE = os.path.dirname(os.path.abspath(__file__))
-with open(os.path.join(HERE, "box_requests.json")) as f:
-    TABLE = json.load(f)
+from emulator_process import PART, REQUESTS, EmulatorCase, digest, pattern, upload_body
 
 # Codes Box sends that its description does not name anywhere.
 UNDOCUMENTED_CODES = {"rate_limit_exceeded", "bad_digest"}
 FRAMING_HEADERS = {"content-length", "transfer-encoding"}
+HAVE_API = os.path.exists(openapi_path())
 
 
-def media_type(value):
-    return value.split(";", 1)[0].strip().lower()
-
-
-def sample_url(entry, kind="files"):
-    url = entry["url"]
-    if url.startswith("/2.0/%s/%s"):
-        return url.replace("%s", kind, 1).replace("%s", "1")
-    return url.replace("%s", "1")
-
-
-@unittest.skipUnless(os.path.exists(openapi_path()), "box-openapi.json not available")
+@unittest.skipUnless(HAVE_API, "box-openapi.json not available")
 class RequestTableTest(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.api = OpenApi()
-
     def test_every_request_is_documented(self):
-        for entry in TABLE["requests"]:
+        api = OpenApi()
+        file_props, folder_props = (api.properties({"$ref": "#/components/schemas/%s--Full" % k})
+                                    for k in ("File", "Folder"))
+        for entry in REQUESTS:
             with self.subTest(entry["name"]):
                 undocumented = entry.get("undocumented", {})
-                template, prefix = self.api.template_for(sample_url(entry))
-                self.assertIsNotNone(template, entry["url"])
-                op = self.api.operation(template, entry["method"])
+                template, prefix = api.template_for(entry["url"].replace("%s", "1"))
+                op = api.operation(template, entry["method"])
                 self.assertIsNotNone(op, "%s %s" % (entry["method"], template))
-                servers = self.api.servers(op)
-                on_upload = any(s.endswith("/api/2.0") for s in servers)
-                self.assertEqual(on_upload, entry["base"] == "upload", servers)
-                self.assertEqual(prefix, "/api/2.0" if on_upload else "/2.0")
+                on_upload = any(s.endswith("/api/2.0") for s in api.servers(op))
+                self.assertEqual((on_upload, prefix), (entry["base"] == "upload",
+                                                       "/api/2.0" if on_upload else "/2.0"))
                 params = {(p["in"], p["name"].lower()) for p in op.get("parameters", [])}
                 for name in entry["query"]:
-                    documented = ("query", name.lower()) in params
                     # An acknowledged gap must stay a gap, else the note is stale.
-                    self.assertEqual(documented, "query:" + name not in undocumented, name)
+                    self.assertEqual(("query", name.lower()) in params,
+                                     "query:" + name not in undocumented, name)
                 for name in entry["headers"]:
                     low = name.lower()
                     if low == "authorization":
-                        self.assertIn("OAuth2Security", self.api.doc["components"]["securitySchemes"])
+                        self.assertIn("OAuth2Security", api.doc["components"]["securitySchemes"])
                     elif low == "content-type":
-                        body = op.get("requestBody", {}).get("content", {})
-                        self.assertIn(media_type(entry["content_type"]), body)
+                        media = entry["content_type"].split(";", 1)[0].strip().lower()
+                        self.assertIn(media, op.get("requestBody", {}).get("content", {}))
                     elif low not in FRAMING_HEADERS:
                         self.assertIn(("header", low), params, name)
                 self.assertIn(str(entry["response"]), op["responses"])
-
-    def test_asked_fields_are_item_properties(self):
-        file_props = self.api.properties({"$ref": "#/components/schemas/File--Full"})
-        folder_props = self.api.properties({"$ref": "#/components/schemas/Folder--Full"})
-        for entry in TABLE["requests"]:
-            for field in filter(None, entry["query"].get("fields", "").split(",")):
-                top = field.split(".")[0]
-                with self.subTest(entry["name"], field=field):
-                    self.assertIn(top, file_props)
+                for field in filter(None, entry["query"].get("fields", "").split(",")):
+                    top = field.split(".")[0]
+                    self.assertIn(top, file_props, field)
                     if top != "sha1":   # folders have no SHA-1
-                        self.assertIn(top, folder_props)
+                        self.assertIn(top, folder_props, field)
 
 
-@unittest.skipUnless(os.path.exists(openapi_path()), "box-openapi.json not available")
-class AnswerSchemaTest(unittest.TestCase):
+@unittest.skipUnless(HAVE_API, "box-openapi.json not available")
+class AnswerSchemaTest(EmulatorCase):
     @classmethod
     def setUpClass(cls):
+        super().setUpClass()
         cls.api = OpenApi()
         cls.codes = cls.api.documented_codes() | UNDOCUMENTED_CODES
-        cls.emu = Emulator("--part-size", "1024", "--min-session-size", "0")
 
-    @classmethod
-    def tearDownClass(cls):
-        cls.emu.close()
-
-    def setUp(self):
-        self.emu.control("POST", "reset")
-        self.ids = self.emu.seed(
-            {"path": "/d", "type": "folder"},
-            {"path": "/d/f.txt", "content": "hello", "md5_property": "5d41402abc4b2a76b9719d911017c592",
-             "modified_at": "2020-01-02T03:04:05-07:00"},
-            {"path": "/d/sub/g.bin", "size": 3000})
-
-    def check(self, method, url, status, doc, hdrs=None):
-        """doc is the answer to method url with status: check it against the
-        schema Box documents for that answer."""
+    def check(self, method, url, body, headers, status):
+        """Makes the request, expects status and checks the answer against
+        what Box documents for it."""
+        got, doc, hdrs = self.emu.json(method, url, body, headers)
+        self.assertEqual(got, status, doc)
         template, _ = self.api.template_for(url.split("?")[0])
         op = self.api.operation(template, method)
-        self.assertIsNotNone(op, "%s %s" % (method, template))
-        resp = self.api.response(op, status)
+        resp, schema = self.api.response(op, status)
         self.assertIsNotNone(resp, "%s %s answers %d" % (method, template, status))
         for header in resp.get("headers", {}):
-            self.assertIn(header.lower(), hdrs or {}, "%s %s" % (method, template))
-        schema = self.api.response_schema(op, status)
+            self.assertIn(header.lower(), hdrs)
         if schema is None:
             self.assertIsNone(doc)
-            return
-        if status >= 400 and "code" in doc:
+            return doc
+        if status >= 400:
             # ClientError's enum lists generic codes only; the specific ones
             # are named in the descriptions of the answers.
             self.assertIn(doc["code"], self.codes)
             self.assertEqual(doc["status"], status)
             doc = {k: v for k, v in doc.items() if k != "code"}
         self.assertEqual(self.api.validate(doc, schema), [], json.dumps(doc)[:400])
-
-    def call(self, method, url, body=None, status=None, headers=None):
-        got, doc, hdrs = self.emu.json(method, url, body, headers)
-        if status is not None:
-            self.assertEqual(got, status, doc)
-        self.check(method, url, got, doc, hdrs)
         return doc
 
-    def test_item_answers(self):
-        fields = {e["name"]: e["query"].get("fields") for e in TABLE["requests"]}
-        fields["item"] = fields["make_folder"]
-        d, f = self.ids["/d"], self.ids["/d/f.txt"]
-        for query in ("?fields=" + fields["item"] + "&usemarker=true&marker=&limit=300",
-                      "?fields=" + fields["item"] + "&usemarker=true&limit=1",
-                      "", "?offset=1&limit=1"):
-            self.call("GET", "/2.0/folders/%s/items%s" % (d, query), status=200)
-        for query in ("?fields=" + fields["file_info"], ""):
-            doc = self.call("GET", "/2.0/files/%s/%s" % (f, query), status=200)
-        self.assertEqual(doc["content_modified_at"][-6:], "-08:00")
-        self.call("POST", "/2.0/folders?fields=" + fields["item"],
-                  {"name": "new", "parent": {"id": d}}, status=201)
-        self.call("POST", "/2.0/folders", {"name": "new2", "parent": {"id": "0"}}, status=201)
-        self.call("PUT", "/2.0/files/%s?fields=%s" % (f, fields["item"]),
-                  {"name": "g.txt", "parent": {"id": "0"}}, status=200)
-        self.call("PUT", "/2.0/folders/%s" % self.ids["/d/sub"],
-                  {"name": "sub2", "parent": {"id": d}}, status=200)
+    def test_every_plugin_request(self):
+        """Each request of the plug-in's table, made as the plug-in makes it."""
+        ids = self.emu.seed(*({"path": p, "type": "folder"} for p in ("/empty", "/renf", "/metaf")),
+                            *({"path": p, "content": "abc"} for p in
+                              ("/full/x", "/del.txt", "/ren.txt", "/dl.txt", "/meta.txt")))
+        data = pattern(0, PART + 500)
+        targets = {"list_folder": "0", "file_info": ids["/dl.txt"], "delete_file": ids["/del.txt"],
+                   "delete_folder": ids["/empty"], "delete_folder_recursive": ids["/full"],
+                   "rename_file": ids["/ren.txt"], "rename_folder": ids["/renf"],
+                   "download": ids["/dl.txt"], "file_properties_create": ids["/meta.txt"],
+                   "file_properties_update": ids["/meta.txt"],
+                   "folder_properties_create": ids["/metaf"],
+                   "folder_properties_update": ids["/metaf"]}
+        patch = [{"op": "add", "path": "/tarvex-md5", "value": "y"}]
+        bodies = {"make_folder": {"name": "n", "parent": {"id": "0"}},
+                  "rename_file": {"name": "r.txt", "parent": {"id": ids["/renf"]}},
+                  "rename_folder": {"name": "r2", "parent": {"id": ids["/metaf"]}},
+                  "file_properties_create": {"tarvex-md5": "x"}, "file_properties_update": patch,
+                  "folder_properties_create": {"tarvex-md5": "x"},
+                  "folder_properties_update": patch,
+                  "create_upload_session": {"folder_id": "0", "file_size": len(data),
+                                            "file_name": "s"},
+                  "upload_part": data[:PART]}
+        answers = {}
+        for entry in REQUESTS:
+            name = entry["name"]
+            session = (answers.get("create_upload_session") or {}).get("id", "")
+            url = entry["url"].replace("%s", targets.get(name, session))
+            query = {k: "" if v.startswith("<") else v for k, v in entry["query"].items()}
+            url += "?" + urlencode(query) if query else ""
+            headers = {"Content-Type": entry.get("content_type", "").replace("<uuid>", "0123")}
+            body = bodies.get(name)
+            if name == "upload":
+                body, headers = upload_body("u.bin", "0", data, boundary="tarvex_0123")
+            elif name == "upload_part":
+                headers.update({"Content-Range": "bytes 0-%d/%d" % (PART - 1, len(data)),
+                                "digest": digest(body)})
+            elif name == "commit_upload_session":
+                rest = self.check("PUT", url.split("/commit")[0], data[PART:], {
+                    "Content-Range": "bytes %d-%d/%d" % (PART, len(data) - 1, len(data)),
+                    "digest": digest(data[PART:])}, 200)
+                body = {"parts": [answers["upload_part"]["part"], rest["part"]]}
+                headers["digest"] = digest(data)
+                self.emu.control("POST", "commit_pending", {"count": 1, "retry_after": 2})
+                self.check(entry["method"], url, body, headers, 202)
+            if "Range" in entry["headers"]:
+                headers["Range"] = "bytes=1-2"
+            with self.subTest(name):
+                answers[name] = self.check(entry["method"], url, body,
+                                           {k: v for k, v in headers.items() if v},
+                                           entry["response"])
+        self.assertEqual(self.emu.control("GET", "content?path=/s"), data)
 
-    def test_error_answers(self):
-        d = self.ids["/d"]
-        self.call("POST", "/2.0/folders", {"name": "SUB", "parent": {"id": d}}, status=409)
-        self.call("DELETE", "/2.0/folders/%s" % d, status=400)
-        self.call("GET", "/2.0/files/999999", status=404)
-        self.call("GET", "/2.0/folders/999999/items", status=404)
-        self.call("PUT", "/2.0/files/%s" % self.ids["/d/f.txt"],
-                  {"name": "bad/name", "parent": {"id": d}}, status=400)
+    def test_error_and_other_answers(self):
+        ids = self.emu.seed({"path": "/d/f.txt", "content": "hello"}, {"path": "/d/sub/g.bin"})
+        d, f = ids["/d"], ids["/d/f.txt"]
+        props = "/2.0/files/%s/metadata/global/properties" % f
+        cases = [("GET", "/2.0/folders/%s/items?offset=1&limit=1" % d, None, None, 200),
+                 ("POST", "/2.0/folders", {"name": "SUB", "parent": {"id": d}}, None, 409),
+                 ("POST", "/api/2.0/files/content", *upload_body("F.TXT", d, b"x"), 409),
+                 ("POST", "/api/2.0/files/upload_sessions",
+                  {"folder_id": d, "file_size": 1, "file_name": "f.txt"}, None, 409),
+                 ("DELETE", "/2.0/folders/%s" % d, None, None, 400),
+                 ("GET", "/2.0/files/999999", None, None, 404),
+                 ("GET", "/2.0/folders/999999/items", None, None, 404),
+                 ("PUT", "/2.0/files/%s" % f, {"name": "bad/name", "parent": {"id": d}}, None, 400),
+                 ("POST", props, {"tarvex-md5": "00"}, None, 201),
+                 ("POST", props, {"tarvex-md5": "00"}, None, 409)]
+        for method, url, body, headers, status in cases:
+            with self.subTest(method + " " + url, status=status):
+                self.check(method, url, body, headers, status)
         self.emu.control("POST", "rate_limit", {"per_second": 1, "retry_after": 3})
-        self.call("GET", "/2.0/files/%s" % self.ids["/d/f.txt"], status=200)
-        self.call("GET", "/2.0/files/%s" % self.ids["/d/f.txt"], status=429)
-
-    def test_metadata_answers(self):
-        url = "/2.0/files/%s/metadata/global/properties" % self.ids["/d/sub/g.bin"]
-        self.call("POST", url, {"tarvex-md5": "00"}, status=201)
-        self.call("POST", url, {"tarvex-md5": "00"}, status=409)
-        self.call("PUT", url, [{"op": "add", "path": "/tarvex-md5", "value": "11"}], status=200,
-                  headers={"Content-Type": "application/json-patch+json"})
-
-    def test_upload_answers(self):
-        d = self.ids["/d"]
-        boundary = "tarvex_0123"
-        body = ("--%s\r\nContent-Disposition: form-data; name=\"attributes\"\r\n\r\n"
-                "{\"name\":\"up.txt\",\"parent\":{\"id\":\"%s\"}}\r\n--%s\r\n"
-                "Content-Disposition: form-data; name=\"file\"; filename=\"up.txt\"\r\n"
-                "Content-Type: application/octet-stream\r\n\r\nabc\r\n--%s--\r\n"
-                % (boundary, d, boundary, boundary)).encode()
-        headers = {"Content-Type": "multipart/form-data; boundary=" + boundary}
-        for status in (201, 409):
-            got, doc, hdrs = self.emu.json("POST", "/api/2.0/files/content", body, headers)
-            self.assertEqual(got, status, doc)
-            self.check("POST", "/api/2.0/files/content", got, doc, hdrs)
-
-        data = bytes(range(256)) * 10
-        session = self.call("POST", "/api/2.0/files/upload_sessions",
-                            {"folder_id": d, "file_size": len(data), "file_name": "big.bin"},
-                            status=201)
-        url = "/api/2.0/files/upload_sessions/" + session["id"]
-        parts = []
-        for offset in range(0, len(data), session["part_size"]):
-            chunk = data[offset:offset + session["part_size"]]
-            digest = base64.b64encode(hashlib.sha1(chunk).digest()).decode()
-            headers = {"Content-Type": "application/octet-stream", "digest": "sha=" + digest,
-                       "Content-Range": "bytes %d-%d/%d" % (offset, offset + len(chunk) - 1,
-                                                            len(data))}
-            parts.append(self.call("PUT", url, chunk, status=200, headers=headers)["part"])
-        self.assertEqual(len(parts), session["total_parts"])
-        digest = base64.b64encode(hashlib.sha1(data).digest()).decode()
-        self.emu.control("POST", "commit_pending", {"count": 1, "retry_after": 2})
-        for status in (202, 201):
-            self.call("POST", url + "/commit", {"parts": parts}, status=status,
-                      headers={"digest": "sha=" + digest})
+        self.check("GET", "/2.0/files/%s" % f, None, None, 200)
+        self.check("GET", "/2.0/files/%s" % f, None, None, 429)
 
 
 if __name__ == "__main__":

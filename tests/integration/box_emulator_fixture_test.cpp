@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "box_emulator.h"
 
@@ -19,31 +20,27 @@ size_t collect(char *data, size_t size, size_t count, void *user)
     return size * count;
 }
 
-struct answer {
-    long status = 0;
-    std::string body;
-};
-
-answer get(const BoxEmulator &emu, const std::string &url, const std::string &extra_header = "")
+// GET with the default token, following redirects -> (status, body).
+std::pair<long, std::string> get(const BoxEmulator &emu, const std::string &url,
+                                 const char *range = nullptr)
 {
-    answer a;
+    std::pair<long, std::string> answer;
     CURL *curl = curl_easy_init();
     struct curl_slist *headers = curl_slist_append(nullptr, "Authorization: Bearer test-token");
-    if (!extra_header.empty())
-        headers = curl_slist_append(headers, extra_header.c_str());
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(curl, CURLOPT_RANGE, range);
     curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &a.body);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.second);
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
     if (!emu.ca_file().empty())
         curl_easy_setopt(curl, CURLOPT_CAINFO, emu.ca_file().c_str());
     if (curl_easy_perform(curl) == CURLE_OK)
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &a.status);
+        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.first);
     curl_slist_free_all(headers);
     curl_easy_cleanup(curl);
-    return a;
+    return answer;
 }
 
 } // namespace
@@ -52,31 +49,29 @@ TEST(BoxEmulatorFixture, HttpControlAndLog)
 {
     BoxEmulator emu;
     ASSERT_EQ(emu.base_url(), "http://127.0.0.1:" + std::to_string(emu.port()));
+    const std::string items = emu.api_base() + "/2.0/folders/0/items";
     auto ids = emu.seed(R"({"entries":[{"path":"/a b/f.txt","content":"hello"}]})");
     ASSERT_EQ(ids.size(), 2u);   // the parent folder is reported too
 
-    answer listing = get(emu, emu.api_base() + "/2.0/folders/0/items?usemarker=true&marker=");
-    EXPECT_EQ(listing.status, 200);
-    EXPECT_NE(listing.body.find("\"id\":\"" + ids["/a b"] + "\""), std::string::npos);
-    answer file = get(emu, emu.api_base() + "/2.0/files/" + ids["/a b/f.txt"] + "/content",
-                      "Range: bytes=1-3");
-    EXPECT_EQ(file.status, 206);
-    EXPECT_EQ(file.body, "ell");
+    auto listing = get(emu, items + "?usemarker=true&marker=");
+    EXPECT_EQ(listing.first, 200);
+    EXPECT_NE(listing.second.find("\"id\":\"" + ids["/a b"] + "\""), std::string::npos);
+    auto file = get(emu, emu.api_base() + "/2.0/files/" + ids["/a b/f.txt"] + "/content", "1-3");
+    EXPECT_EQ(file, std::make_pair(206L, std::string("ell")));
 
     auto log = emu.log();
     ASSERT_EQ(log.size(), 3u);   // listing, content, redirected download
-    EXPECT_EQ(log[0].method, "GET");
-    EXPECT_EQ(log[0].path, "/2.0/folders/0/items");
+    EXPECT_EQ(log[0].method + " " + log[0].path, "GET /2.0/folders/0/items");
     EXPECT_EQ(log[0].query_value("usemarker"), "true");
     EXPECT_TRUE(log[0].has_query("marker"));
     EXPECT_EQ(log[0].header("AUTHORIZATION"), "Bearer test-token");
-    EXPECT_EQ(log[0].body_sha1, "da39a3ee5e6b4b0d3255bfef95601890afd80709");
+    EXPECT_EQ(log[0].body_sha1, "da39a3ee5e6b4b0d3255bfef95601890afd80709");   // empty body
     EXPECT_EQ(log[1].status, 302);
     EXPECT_EQ(log[2].status, 206);
     EXPECT_EQ(log[2].response_length, 3u);
 
     emu.fault(R"({"path_regex":"^/2.0/folders/0/items$","status":503})");
-    EXPECT_EQ(get(emu, emu.api_base() + "/2.0/folders/0/items").status, 503);
+    EXPECT_EQ(get(emu, items).first, 503);
     emu.clear_log();
     EXPECT_TRUE(emu.log().empty());
 
@@ -86,12 +81,9 @@ TEST(BoxEmulatorFixture, HttpControlAndLog)
     EXPECT_THROW(emu.seed(R"({"entries":[{"path":"relative"}]})"), std::runtime_error);
 
     emu.tokens(R"({"revoke":"test-token"})");
-    EXPECT_EQ(get(emu, emu.api_base() + "/2.0/folders/0/items").status, 401);
+    EXPECT_EQ(get(emu, items).first, 401);
     emu.reset();   // start-up tokens again, empty tree
-    answer empty = get(emu, emu.api_base() + "/2.0/folders/0/items");
-    EXPECT_EQ(empty.status, 200);
-    EXPECT_NE(empty.body.find("\"entries\":[]"), std::string::npos);
-    EXPECT_EQ(emu.item("/a b"), "");
+    EXPECT_NE(get(emu, items).second.find("\"entries\":[]"), std::string::npos);
 }
 
 TEST(BoxEmulatorFixture, HttpsWithTestCaAndStop)
@@ -107,11 +99,11 @@ TEST(BoxEmulatorFixture, HttpsWithTestCaAndStop)
         ASSERT_FALSE(emu.ca_file().empty());
         emu.seed(R"({"entries":[{"path":"/x","size":100000}]})");
         // Verified TLS by address and by name; the default token is not accepted.
-        EXPECT_EQ(get(emu, emu.base_url() + "/2.0/folders/0/items").status, 401);
+        EXPECT_EQ(get(emu, emu.base_url() + "/2.0/folders/0/items").first, 401);
         emu.tokens(R"({"token":"test-token","expires_in":null})");
-        EXPECT_EQ(get(emu, emu.base_url() + "/2.0/folders/0/items").status, 200);
+        EXPECT_EQ(get(emu, emu.base_url() + "/2.0/folders/0/items").first, 200);
         std::string by_name = "https://localhost:" + std::to_string(emu.port());
-        EXPECT_EQ(get(emu, by_name + "/2.0/folders/0/items").status, 200);
+        EXPECT_EQ(get(emu, by_name + "/2.0/folders/0/items").first, 200);
         EXPECT_EQ(emu.content("/x").size(), 100000u);
     }
     EXPECT_EQ(kill(pid, 0), -1);   // stopped and reaped

@@ -9,6 +9,8 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 DEFAULT_PATH = os.path.join(HERE, "..", "..", "..", "shared", "box-openapi.json")
 DATE_TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d+)?([+-]\d\d:\d\d|Z)\Z")
 PREFIXES = ("/api/2.0", "/2.0")
+TYPES = {"string": str, "boolean": bool, "array": list, "object": dict, "integer": int,
+         "number": (int, float)}
 
 
 def openapi_path():
@@ -21,31 +23,23 @@ class OpenApi:
             self.doc = json.load(f)
         self.schemas = self.doc["components"]["schemas"]
 
-    # -- paths ------------------------------------------------------------
-
     def template_for(self, url):
-        """'/2.0/folders/123/items' -> ('/folders/{folder_id}/items', prefix)."""
-        for prefix in PREFIXES:
-            if url.startswith(prefix + "/"):
-                rest = url[len(prefix):]
-                break
-        else:
+        """'/2.0/folders/123/items' -> ('/folders/{folder_id}/items', '/2.0')."""
+        prefix = next((p for p in PREFIXES if url.startswith(p + "/")), None)
+        if prefix is None:
             return None, None
-        if len(rest) > 1 and rest.endswith("/"):
-            rest = rest[:-1]
-        segments = rest.split("/")
-        best = None
-        for template in self.doc["paths"]:
+        segments = url[len(prefix):].rstrip("/").split("/")
+
+        def literals(template):   # None when the template does not fit
             tsegs = template.split("/")
-            if len(tsegs) != len(segments):
-                continue
-            if all(t == s or (t.startswith("{") and t.endswith("}"))
-                   for t, s in zip(tsegs, segments)):
-                # Prefer the template with the most literal segments.
-                score = sum(1 for t in tsegs if not t.startswith("{"))
-                if best is None or score > best[0]:
-                    best = (score, template)
-        return (best[1] if best else None), prefix
+            if len(tsegs) != len(segments) or not all(
+                    t == s or t.startswith("{") for t, s in zip(tsegs, segments)):
+                return None
+            return sum(not t.startswith("{") for t in tsegs)
+
+        # The fitting template with the most literal segments wins.
+        fits = [(literals(t), t) for t in self.doc["paths"] if literals(t) is not None]
+        return (max(fits, key=lambda f: f[0])[1] if fits else None), prefix
 
     def operation(self, template, method):
         return self.doc["paths"].get(template, {}).get(method.lower())
@@ -54,31 +48,23 @@ class OpenApi:
         return [s["url"] for s in op.get("servers") or self.doc.get("servers", [])]
 
     def response(self, op, status):
-        responses = op["responses"]
-        return responses.get(str(status)) or responses.get("default")
-
-    def response_schema(self, op, status):
-        resp = self.response(op, status)
+        """-> (the documented answer or None, its JSON schema or None)."""
+        resp = op["responses"].get(str(status)) or op["responses"].get("default")
         content = (resp or {}).get("content", {})
-        return content.get("application/json", {}).get("schema")
+        return resp, content.get("application/json", {}).get("schema")
 
     def documented_codes(self):
         """Every `code` named in a response description, plus ClientError's enum."""
         codes = set(self.schemas["ClientError"]["properties"]["code"]["enum"])
         for ops in self.doc["paths"].values():
-            for op in ops.values():
-                if not isinstance(op, dict):
-                    continue
-                for resp in op.get("responses", {}).values():
-                    codes.update(re.findall(r"`([a-z][a-z0-9_]+)`", resp.get("description", "")))
+            for resp in (r for op in ops.values() if isinstance(op, dict)
+                         for r in op.get("responses", {}).values()):
+                codes.update(re.findall(r"`([a-z][a-z0-9_]+)`", resp.get("description", "")))
         return codes
-
-    # -- schemas ----------------------------------------------------------
 
     def resolve(self, schema):
         while isinstance(schema, dict) and "$ref" in schema:
-            name = schema["$ref"].rsplit("/", 1)[1]
-            schema = self.schemas[name]
+            schema = self.schemas[schema["$ref"].rsplit("/", 1)[1]]
         return schema
 
     def properties(self, schema):
@@ -92,7 +78,7 @@ class OpenApi:
     def validate(self, value, schema, where="$"):
         """A list of problems; empty when value conforms."""
         errors = []
-        self._check(value, self.resolve(schema), where, errors)
+        self._check(value, schema, where, errors)
         return errors
 
     def _check(self, value, schema, where, errors):
@@ -101,73 +87,42 @@ class OpenApi:
             # Box marks nullability on the schema or on one of its allOf
             # members ({"nullable": true} beside the real type).
             members = [schema] + [self.resolve(m) for m in schema.get("allOf", [])]
-            if any(m.get("nullable") is True for m in members):
-                return
             typed = [m["type"] for m in members if "type" in m]
-            if typed:
+            if typed and not any(m.get("nullable") is True for m in members):
                 errors.append("%s: null where %s is required" % (where, typed[0]))
             return
         kind = schema.get("type")
-        if kind and not _is_type(value, kind):
-            errors.append("%s: %r is not %s" % (where, _short(value), kind))
+        if kind and (not isinstance(value, TYPES[kind]) or
+                     isinstance(value, bool) and kind in ("integer", "number")):
+            errors.append("%s: %s is not %s" % (where, repr(value)[:80], kind))
             return
         if "enum" in schema and value not in schema["enum"]:
-            errors.append("%s: %r not in %s" % (where, _short(value), schema["enum"]))
-        if schema.get("format") == "date-time" and isinstance(value, str) \
-                and not DATE_TIME.match(value):
+            errors.append("%s: %s not in %s" % (where, repr(value)[:80], schema["enum"]))
+        if schema.get("format") == "date-time" and not DATE_TIME.match(str(value)):
             errors.append("%s: %r is not a date-time" % (where, value))
-        if isinstance(value, str):
-            if len(value) < schema.get("minLength", 0) or \
-                    len(value) > schema.get("maxLength", len(value)):
-                errors.append("%s: length of %r out of bounds" % (where, value))
-        if isinstance(value, (int, float)) and not isinstance(value, bool):
-            if "minimum" in schema and value < schema["minimum"]:
-                errors.append("%s: %r below minimum" % (where, value))
-            if "maximum" in schema and value > schema["maximum"]:
-                errors.append("%s: %r above maximum" % (where, value))
+        low, high = ("minLength", "maxLength") if isinstance(value, str) else \
+            ("minItems", "maxItems")
+        if isinstance(value, (str, list)) and \
+                not schema.get(low, 0) <= len(value) <= schema.get(high, len(value)):
+            errors.append("%s: length of %s out of bounds" % (where, repr(value)[:80]))
         if isinstance(value, dict):
             self._check_object(value, schema, where, errors)
-        if isinstance(value, list):
-            if len(value) < schema.get("minItems", 0) or \
-                    len(value) > schema.get("maxItems", len(value)):
-                errors.append("%s: array length out of bounds" % where)
-            if "items" in schema:
-                for i, v in enumerate(value):
-                    self._check(v, schema["items"], "%s[%d]" % (where, i), errors)
+        for i, item in enumerate(value if isinstance(value, list) and "items" in schema else []):
+            self._check(item, schema["items"], "%s[%d]" % (where, i), errors)
         for sub in schema.get("allOf", []):
             self._check(value, sub, where, errors)
-        if "anyOf" in schema:
-            if not any(not self.validate(value, s, where) for s in schema["anyOf"]):
-                errors.append("%s: matches none of anyOf" % where)
         if "oneOf" in schema:
             matches = sum(1 for s in schema["oneOf"] if not self.validate(value, s, where))
             if matches != 1:
                 errors.append("%s: matches %d of oneOf" % (where, matches))
 
     def _check_object(self, value, schema, where, errors):
-        for key in schema.get("required", []):
-            if key not in value:
-                errors.append("%s: missing required %r" % (where, key))
+        errors += ["%s: missing required %r" % (where, k)
+                   for k in schema.get("required", []) if k not in value]
         props = schema.get("properties", {})
         extra = schema.get("additionalProperties", True)
         for key, v in value.items():
-            if key in props:
-                self._check(v, props[key], "%s.%s" % (where, key), errors)
-            elif isinstance(extra, dict):
-                self._check(v, extra, "%s.%s" % (where, key), errors)
+            if key in props or isinstance(extra, dict):
+                self._check(v, props.get(key, extra), "%s.%s" % (where, key), errors)
             elif extra is False:
                 errors.append("%s: unexpected property %r" % (where, key))
-
-
-def _is_type(value, kind):
-    if kind == "integer":
-        return isinstance(value, int) and not isinstance(value, bool)
-    if kind == "number":
-        return isinstance(value, (int, float)) and not isinstance(value, bool)
-    return isinstance(value, {"string": str, "boolean": bool, "array": list,
-                              "object": dict}[kind])
-
-
-def _short(value):
-    text = repr(value)
-    return text if len(text) < 80 else text[:77] + "..."

@@ -1,6 +1,8 @@
 """Starts the Box emulator for Python tests and talks to it over one
-keep-alive connection."""
+keep-alive connection; builds request bodies as the plug-in sends them."""
 
+import base64
+import hashlib
 import http.client
 import json
 import os
@@ -9,11 +11,15 @@ import subprocess
 import sys
 import tempfile
 import time
+import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SCRIPT = os.environ.get("TARVEX_BOX_EMULATOR") or os.path.join(
     HERE, "..", "..", "tools", "box-emulator", "box_emulator.py")
 TOKEN = "test-token"
+PART = 1000
+with open(os.path.join(HERE, "box_requests.json")) as f:
+    REQUESTS = json.load(f)["requests"]
 
 
 class Emulator:
@@ -33,10 +39,7 @@ class Emulator:
         with open(port_file) as f:
             self.port = int(f.read())
         self.base = "http://127.0.0.1:%d" % self.port
-        self.conn = self.connect()
-
-    def connect(self):
-        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        self.conn = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
 
     def close(self):
         if getattr(self, "conn", None) is not None:
@@ -50,9 +53,8 @@ class Emulator:
                 self.proc.wait()
         shutil.rmtree(self.dir, ignore_errors=True)
 
-    def request(self, method, path, body=None, headers=None, token=TOKEN, conn=None):
+    def request(self, method, path, body=None, headers=None, token=TOKEN):
         """-> (status, headers dict with lower-case names, body bytes)."""
-        conn = conn or self.conn
         hdrs = dict(headers or {})
         if token is not None:
             hdrs.setdefault("Authorization", "Bearer " + token)
@@ -60,12 +62,12 @@ class Emulator:
             body = json.dumps(body).encode()
             hdrs.setdefault("Content-Type", "application/json")
         try:
-            conn.request(method, path, body=body, headers=hdrs,
-                         encode_chunked=hdrs.get("Transfer-Encoding") == "chunked")
-            resp = conn.getresponse()
+            self.conn.request(method, path, body=body, headers=hdrs,
+                              encode_chunked=hdrs.get("Transfer-Encoding") == "chunked")
+            resp = self.conn.getresponse()
             data = resp.read()
         except (http.client.HTTPException, OSError):
-            conn.close()
+            self.conn.close()   # the next request opens a fresh connection
             raise
         return resp.status, {k.lower(): v for k, v in resp.getheaders()}, data
 
@@ -74,8 +76,7 @@ class Emulator:
         return status, (json.loads(data) if data else None), hdrs
 
     def control(self, method, name, doc=None):
-        status, hdrs, data = self.request(method, "/_emulator/" + name,
-                                          doc if doc is not None else None, token=None)
+        status, hdrs, data = self.request(method, "/_emulator/" + name, doc, token=None)
         if status != 200:
             raise AssertionError("control %s %s: %d %r" % (method, name, status, data))
         return json.loads(data) if hdrs.get("content-type") == "application/json" else data
@@ -91,6 +92,41 @@ class Emulator:
         return self.request("GET", location[len(self.base):], headers=headers)
 
 
+class EmulatorCase(unittest.TestCase):
+    """One emulator per test class, emptied before each test."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.emu = Emulator("--part-size", str(PART), "--min-session-size", "0")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.emu.close()
+
+    def setUp(self):
+        self.emu.control("POST", "reset")
+
+
 def pattern(offset, length):
     """The emulator's synthetic content: byte i is i % 251."""
     return bytes((offset + i) % 251 for i in range(length))
+
+
+def digest(data):
+    return "sha=" + base64.b64encode(hashlib.sha1(data).digest()).decode()
+
+
+def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False):
+    """A multipart upload (attributes, then file) and its headers."""
+    attrs = {"name": name, "parent": {"id": parent}}
+    if modified:
+        attrs["content_modified_at"] = modified
+    parts = [(b'name="attributes"', json.dumps(attrs).encode()),
+             (b'name="file"; filename="%s"\r\nContent-Type: application/octet-stream'
+              % name.encode(), data)]
+    if file_first:
+        parts.reverse()
+    b = boundary.encode()
+    body = b"".join(b"--%s\r\nContent-Disposition: form-data; %s\r\n\r\n%s\r\n" % (b, d, v)
+                    for d, v in parts)
+    return body + b"--%s--\r\n" % b, {"Content-Type": "multipart/form-data; boundary=" + boundary}
