@@ -13,6 +13,7 @@
 //   RETR   other         64 KiB of 'x'
 //   STOR   any path      counts the bytes; a later RETR /count returns it
 //   login  "refuse"      session start fails with a 530 of its own
+//   realpath /link       is /home; /broken fails
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -253,10 +254,20 @@ void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *, void *arg)
     tarvex_gridftp_server_finished_transfer(op, r);
 }
 
+// "/link" is a link to "/home"; "/broken" cannot be resolved.
+tarvex_result_t realpath(const char *in, char **out, void *)
+{
+    if (strcmp(in, "/broken") == 0)
+        return ftp_error(550, "PATH_NOT_FOUND", "GridFTP-Path: dangling link.");
+    *out = strdup(strcmp(in, "/link") == 0 ? "/home" : in);
+    return TARVEX_SUCCESS;
+}
+
 const tarvex_gfs_storage_iface_t table = {
-    TARVEX_GFS_DSI_DESCRIPTOR_SENDER | TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS,
+    TARVEX_GFS_DSI_DESCRIPTOR_SENDER | TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS |
+        TARVEX_GFS_DSI_DESCRIPTOR_HAS_REALPATH,
     start, destroy, nullptr, send, recv, nullptr, nullptr, nullptr, nullptr, command, stat,
-    nullptr, nullptr, nullptr};
+    nullptr, nullptr, realpath};
 
 } // namespace
 

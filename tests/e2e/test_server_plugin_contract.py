@@ -30,6 +30,12 @@ class PluginContract(ServerTest):
         self.assertEqual(self.f.pwd(), "/home")
         self.assertIn("CKSM CAFE", self.f.sendcmd("FEAT"))
 
+    def test_cwd_through_the_plugins_realpath(self):
+        self.f.cwd("/link")
+        self.assertEqual(self.f.pwd(), "/home")
+        self.assertRaisesRegex(ftplib.error_perm, "dangling link", self.f.cwd, "/broken")
+        self.assertEqual(self.f.pwd(), "/home")
+
     def test_error_reply_carries_the_cause_chain(self):
         with self.assertRaises(ftplib.error_perm) as cm:
             self.f.sendcmd("SIZE /missing")

@@ -105,6 +105,30 @@ class BadInput(ServerTest):
         self.assertRegex(self.server.read_log(), r"session %d ended by signal \d+" % pid)
 
 
+class Shutdown(unittest.TestCase):
+    def test_stopping_ends_sessions_cleanly(self):
+        from server_harness import SERVER
+        if not SERVER:
+            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+        srv = Server()
+        try:
+            with open(os.path.join(srv.root, "long.bin"), "wb") as fh:
+                fh.truncate(1 << 30)
+            f = srv.ftp()
+            conn = f.transfercmd("RETR /long.bin")
+            conn.recv(1000)
+            start = time.time()
+            srv.proc.terminate()
+            self.assertEqual(srv.proc.wait(timeout=20), 0)
+            self.assertLess(time.time() - start, 4)  # no session needed killing
+            # The session stopped its transfer and closed the plug-in's session.
+            self.assertRegex(srv.read_log(), r"RETR /long\.bin from 0: \d+ bytes .*\(failed\)")
+            conn.close()
+            f.close()
+        finally:
+            srv.stop()
+
+
 class Limits(unittest.TestCase):
     def test_idle_timeout_and_session_limit(self):
         from server_harness import SERVER

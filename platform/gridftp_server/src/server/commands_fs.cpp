@@ -32,12 +32,31 @@ void Session::cmd_pwd(const std::string &)
     reply(257, quoted(cwd_) + " is the current directory.");
 }
 
+// A plug-in that resolves paths itself (links in its storage) names the
+// folder a CWD really reaches.
+bool Session::real_path(std::string &path, tarvex_result_t &result)
+{
+    if (!(iface_->descriptor & TARVEX_GFS_DSI_DESCRIPTOR_HAS_REALPATH) ||
+        iface_->realpath_func == nullptr)
+        return true;
+    char *out = nullptr;
+    PluginCall c;
+    call_plugin(c, [&](tarvex_gfs_operation_t) {
+        call_finished(c, iface_->realpath_func(path.c_str(), &out, session_arg_));
+    });
+    result = c.result;
+    if (result == TARVEX_SUCCESS && out != nullptr && out[0] == '/')
+        path = resolve_path("/", "/", out);
+    free(out);
+    return result == TARVEX_SUCCESS;
+}
+
 void Session::cmd_cwd(const std::string &arg)
 {
     std::string path = path_arg(arg.empty() ? home_ : arg);
     StatEntry e;
     tarvex_result_t r;
-    if (!stat_one(path, e, r)) {
+    if (!real_path(path, r) || !stat_one(path, e, r)) {
         reply_error(r, 550);
         return;
     }

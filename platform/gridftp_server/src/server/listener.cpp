@@ -48,14 +48,26 @@ void install_handlers()
     sigaction(SIGINT, &sa, nullptr);
 }
 
-void reset_handlers_in_child()
+int session_control_fd = -1;
+
+// SIGTERM in a session: end it the way a vanished client would, so that a
+// running transfer is stopped and the plug-in's session is closed properly.
+void on_session_term(int)
+{
+    if (session_control_fd >= 0)
+        shutdown(session_control_fd, SHUT_RDWR);
+}
+
+void reset_handlers_in_child(int control_fd)
 {
     struct sigaction sa{};
     sa.sa_handler = SIG_DFL;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGCHLD, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGINT, &sa, nullptr);
+    session_control_fd = control_fd;
+    sa.sa_handler = on_session_term;
+    sigaction(SIGTERM, &sa, nullptr);
     close(signal_pipe[0]);
     close(signal_pipe[1]);
 }
@@ -167,7 +179,7 @@ int serve(int listen_fd, const ServerContext &ctx)
         pid_t pid = fork();
         if (pid == 0) {
             close(listen_fd);
-            reset_handlers_in_child();
+            reset_handlers_in_child(fd);
             run_session(fd, ctx);
         }
         close(fd);
