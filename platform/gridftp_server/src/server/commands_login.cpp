@@ -14,6 +14,24 @@ namespace {
 
 constexpr int max_failed_logins = 3;
 
+tarvex_result_t not_offered(const char *what)
+{
+    return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 502, "NOT_SUPPORTED", "This storage does not offer %s.", what));
+}
+
+// Stand-ins for the functions a plug-in leaves out: they refuse through the
+// operation like a plug-in would, so callers never meet an empty slot.
+void no_stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *, void *)
+{
+    tarvex_gridftp_server_finished_stat(op, not_offered("listings"), nullptr, 0);
+}
+
+void no_command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *, void *)
+{
+    tarvex_gridftp_server_finished_command(op, not_offered("this command"), nullptr);
+}
+
 } // namespace
 
 void Session::cmd_user(const std::string &arg)
@@ -99,7 +117,15 @@ void Session::cmd_pass(const std::string &arg)
 bool Session::start_plugin_session(const std::string &login)
 {
     tarvex_extension_set_search_path(ctx_.plugin_path.c_str());
-    iface_ = tarvex_gfs_dsi_load(opts_.dsi.c_str());
+    const tarvex_gfs_storage_iface_t *loaded = tarvex_gfs_dsi_load(opts_.dsi.c_str());
+    if (loaded != nullptr) {
+        table_ = *loaded;
+        if (table_.stat_func == nullptr)
+            table_.stat_func = no_stat;
+        if (table_.command_func == nullptr)
+            table_.command_func = no_command;
+        iface_ = &table_;
+    }
     if (iface_ == nullptr || iface_->init_func == nullptr) {
         fprintf(stderr, "tarvex-gridftp-server[%d]: cannot load storage plug-in %s: %s\n",
                 getpid(), opts_.dsi.c_str(), tarvex_extension_last_error());

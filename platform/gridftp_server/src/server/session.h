@@ -170,7 +170,8 @@ private:
     bool prot_p_ = false;
 
     // the plug-in
-    const tarvex_gfs_storage_iface_t *iface_ = nullptr;
+    const tarvex_gfs_storage_iface_t *iface_ = nullptr; // &table_ once loaded
+    tarvex_gfs_storage_iface_t table_{};                // the plug-in's, gaps filled
     std::unique_ptr<PluginThread> plugin_thread_;
     void *session_arg_ = nullptr;
     std::string cksm_support_;
