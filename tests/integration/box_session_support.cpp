@@ -4,11 +4,14 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <thread>
+
+#include "box_scratch.h"
 
 namespace box_session_test {
 namespace {
+
+std::string text(const char *value) { return value ? value : ""; }
 
 class environment : public ::testing::Environment {
 public:
@@ -17,56 +20,24 @@ public:
         home_dot_existed();
         ASSERT_EQ(tarvex_module_activate(&tarvex_i_box_common_module), 0);
         tarvex_box_set_bases(emulator().api_base().c_str(), emulator().upload_base().c_str());
-        char pattern[] = "/tmp/box_session_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        scratch_ = pattern;
-        retry_path_ = scratch_ + "/box-r";
-        tarvex_i_box_retry_path = retry_path_.c_str();
+        scratch_ = std::make_unique<tarvex_test::box_scratch>();
     }
     void TearDown() override
     {
+        scratch_.reset();
         tarvex_module_deactivate(&tarvex_i_box_common_module);
-        std::filesystem::remove_all(scratch_);
         if (!home_dot_existed())
-            rmdir(home_dot().c_str()); /* only when empty */
+            rmdir(home_dot().c_str()); /* every session start makes it; only when empty */
     }
 
 private:
-    std::string scratch_, retry_path_;
+    std::unique_ptr<tarvex_test::box_scratch> scratch_;
 };
 
 [[maybe_unused]] ::testing::Environment *const registered =
     ::testing::AddGlobalTestEnvironment(new environment);
 
-tarvex_object_t *ftp_error(tarvex_result_t result)
-{
-    return tarvex_gfs_ftp_response_error_find(tarvex_error_peek(result));
-}
-
-std::string text(const char *value) { return value ? value : ""; }
-
 } // namespace
-
-std::string creds_json(const std::string &user_id)
-{
-    return R"({"access_token":"test-token","token_expiry":"2099-01-01T00:00:00.000000+00:00",)"
-           R"("sub":")" + user_id + R"(","max_upload":53687091200})";
-}
-
-const tarvex_gfs_storage_iface_t *iface()
-{
-    static tarvex_gfs_storage_iface_t table = {};
-    table.init_func = tarvex_i_box_start;
-    table.destroy_func = tarvex_i_box_destroy;
-    table.stat_func = tarvex_i_box_stat;
-    return &table;
-}
-
-tarvex_test::BoxEmulator &emulator()
-{
-    static tarvex_test::BoxEmulator instance;
-    return instance;
-}
 
 std::string home_dot()
 {
@@ -80,26 +51,55 @@ bool home_dot_existed()
     return existed;
 }
 
-std::string listed_folder(const log_entry &entry)
+tarvex_test::BoxEmulator &emulator()
 {
-    const std::string head = "/2.0/folders/", tail = "/items", &path = entry.path;
-    if (entry.method != "GET" || path.size() <= head.size() + tail.size() ||
-        path.compare(0, head.size(), head) != 0 ||
-        path.compare(path.size() - tail.size(), tail.size(), tail) != 0)
-        return "";
-    return path.substr(head.size(), path.size() - head.size() - tail.size());
+    static tarvex_test::BoxEmulator instance;
+    return instance;
 }
 
-int error_code(tarvex_result_t r) { return tarvex_gfs_ftp_response_error_get_code(ftp_error(r)); }
-std::string error_class(tarvex_result_t r)
+std::vector<log_entry> take_requests()
 {
-    return text(tarvex_gfs_ftp_response_error_get_class(ftp_error(r)));
+    std::vector<log_entry> log = emulator().log();
+    for (;;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+        std::vector<log_entry> again = emulator().log();
+        if (again.size() == log.size())
+            break;
+        log = std::move(again);
+    }
+    emulator().clear_log();
+    return log;
 }
-std::string error_message(tarvex_result_t r)
+
+strings listings()
 {
-    return text(tarvex_gfs_ftp_response_error_get_message(ftp_error(r)));
+    const std::string head = "/2.0/folders/", tail = "/items";
+    strings folders;
+    for (const auto &e : take_requests()) {
+        size_t end = e.path.size() - tail.size();
+        bool listing = e.method == "GET" && e.path.size() > head.size() + tail.size() &&
+                       e.path.rfind(head, 0) == 0 && e.path.compare(end, tail.size(), tail) == 0;
+        folders.push_back(listing ? e.path.substr(head.size(), end - head.size()) : "");
+    }
+    return folders;
 }
-std::string message(tarvex_result_t r) { return text(tarvex_error_get_message(tarvex_error_peek(r))); }
+
+std::string failure(tarvex_result_t result)
+{
+    tarvex_object_t *e = tarvex_gfs_ftp_response_error_find(tarvex_error_peek(result));
+    return std::to_string(tarvex_gfs_ftp_response_error_get_code(e)) + " " +
+           text(tarvex_gfs_ftp_response_error_get_class(e)) + " " +
+           text(tarvex_gfs_ftp_response_error_get_message(e));
+}
+
+const tarvex_gfs_storage_iface_t *iface()
+{
+    static tarvex_gfs_storage_iface_t table = {};
+    table.init_func = tarvex_i_box_start;
+    table.destroy_func = tarvex_i_box_destroy;
+    table.stat_func = tarvex_i_box_stat;
+    return &table;
+}
 
 void session_test::SetUp()
 {
@@ -120,36 +120,11 @@ std::map<std::string, std::string> session_test::seed(const std::string &entries
 
 tarvex_box_session_t *session_test::start(const std::string &user_id)
 {
-    driver_->set_config("creds", creds_json(user_id));
+    driver_->set_config("creds", R"({"access_token":"test-token","token_expiry":)"
+                                 R"("2099-01-01T00:00:00.000000+00:00","sub":")" +
+                                     user_id + R"(","max_upload":53687091200})");
     session_ = static_cast<tarvex_box_session_t *>(driver_->start(iface(), "alice"));
     return session_;
-}
-
-std::vector<log_entry> session_test::requests()
-{
-    std::vector<log_entry> log = emulator().log();
-    for (;;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        std::vector<log_entry> again = emulator().log();
-        if (again.size() == log.size())
-            return again;
-        log = std::move(again);
-    }
-}
-
-void session_test::clear_requests()
-{
-    requests();
-    emulator().clear_log();
-}
-
-strings session_test::listings()
-{
-    strings folders;
-    for (const auto &entry : requests())
-        folders.push_back(listed_folder(entry));
-    emulator().clear_log();
-    return folders;
 }
 
 void session_test::script_page(const std::string &id, const std::string &page)

@@ -1,7 +1,7 @@
 /*
- * Shared set-up of the Box session tests: one emulator per test program,
- * the plug-in pointed at it with its pacing files in a scratch directory,
- * a driver per test, and readers of the emulator's request log.
+ * Shared set-up of the Box session and request tests: one emulator per test
+ * program, the plug-in pointed at it with its pacing files in a scratch
+ * directory, a driver per test, and readers of the emulator's request log.
  */
 #ifndef TARVEX_BOX_SESSION_SUPPORT_H
 #define TARVEX_BOX_SESSION_SUPPORT_H
@@ -22,24 +22,18 @@ namespace box_session_test {
 using log_entry = tarvex_test::BoxEmulator::LogEntry;
 using strings = std::vector<std::string>;
 
-/* A credential the emulator accepts, expiring in 2099. */
-std::string creds_json(const std::string &user_id);
-const tarvex_gfs_storage_iface_t *iface();
 tarvex_test::BoxEmulator &emulator();
-/* "$HOME/.tarvex" of the password entry; whether it existed before the
- * program started (session start makes it; the program removes it again). */
+/* "$HOME/.tarvex" of the password entry, and whether it was there before
+ * this program started (the program removes it again if it was not). */
 std::string home_dot();
 bool home_dot_existed();
-
-/* The folder id of a listing request ("GET /2.0/folders/ID/items"), else "". */
-std::string listed_folder(const log_entry &entry);
-
-/* Reply code, class and message of a result's FTP response error, and the
- * message of the outermost error. */
-int error_code(tarvex_result_t result);
-std::string error_class(tarvex_result_t result);
-std::string error_message(tarvex_result_t result);
-std::string message(tarvex_result_t result);
+/* The emulator's requests since the last call (it logs a request just
+ * after answering it, so this waits until the log is still). */
+std::vector<log_entry> take_requests();
+/* The folder ids of the listing requests among take_requests(). */
+strings listings();
+/* "code class message" of the FTP response error in a result's chain. */
+std::string failure(tarvex_result_t result);
 
 class session_test : public ::testing::Test {
 protected:
@@ -50,18 +44,14 @@ protected:
     std::map<std::string, std::string> seed(const std::string &entries);
     /* Starts a session of Box user `user_id`; nullptr when refused. */
     tarvex_box_session_t *start(const std::string &user_id = "4242");
-    /* Requests since the last clear, once the emulator (which logs a
-     * request just after answering it) has caught up. */
-    std::vector<log_entry> requests();
-    void clear_requests();
-    /* Folder ids of the listings since the last call. */
-    strings listings();
     /* The next listing of folder `id` answers `page`. */
     void script_page(const std::string &id, const std::string &page);
 
     std::unique_ptr<tarvex_test::driver> driver_ = std::make_unique<tarvex_test::driver>();
     tarvex_box_session_t *session_ = nullptr;
 };
+
+const tarvex_gfs_storage_iface_t *iface();
 
 } // namespace box_session_test
 
