@@ -1,43 +1,17 @@
 // The block writer: a request body from one piece of memory.
-#include <cstring>
-
 #include "dsi_rest_internal.h"
 
 namespace tarvex_dsi_rest_internal {
 
 namespace {
 
-class BlockWriter : public Stream {
+class BlockWriter : public MemoryBody {
 public:
     explicit BlockWriter(const tarvex_dsi_rest_write_block_arg_t *block)
     {
-        if (block != nullptr && block->block_data != nullptr) {
-            data_ = static_cast<const char *>(block->block_data);
-            size_ = block->block_len;
-        }
+        if (block != nullptr && block->block_data != nullptr)
+            set_body(static_cast<const char *>(block->block_data), block->block_len);
     }
-
-    size_t size() const { return size_; }
-
-    size_t read(char *buffer, size_t length)
-    {
-        size_t n = std::min(length, size_ - position_);
-        if (n > 0)
-            memcpy(buffer, data_ + position_, n);
-        position_ += n;
-        return n;
-    }
-
-    bool rewind() override
-    {
-        position_ = 0;
-        return true;
-    }
-
-private:
-    const char *data_ = nullptr;
-    size_t size_ = 0;
-    size_t position_ = 0;
 };
 
 BlockWriter *block_writer(RequestContext &ctx, void *arg)

@@ -12,7 +12,9 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -111,6 +113,40 @@ public:
     }
     /* Back to the first byte; false when the data cannot be produced again. */
     virtual bool rewind() { return false; }
+};
+
+/* A request body held whole in memory: its length is known, and it can be
+ * sent again from the start. */
+class MemoryBody : public Stream {
+public:
+    size_t size() const { return size_; }
+
+    size_t read(char *buffer, size_t length)
+    {
+        size_t n = std::min(length, size_ - position_);
+        if (n > 0)
+            memcpy(buffer, data_ + position_, n);
+        position_ += n;
+        return n;
+    }
+
+    bool rewind() override
+    {
+        position_ = 0;
+        return true;
+    }
+
+protected:
+    void set_body(const char *data, size_t size)
+    {
+        data_ = data;
+        size_ = size;
+    }
+
+private:
+    const char *data_ = nullptr;
+    size_t size_ = 0;
+    size_t position_ = 0;
 };
 
 class RequestContext {

@@ -15,7 +15,9 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
+#include <vector>
 
 #include "dsi_rest_internal.h"
 
@@ -60,6 +62,62 @@ tarvex_result_t wait_with_progress(RequestContext &ctx, std::unique_lock<std::mu
     }
     return TARVEX_SUCCESS;
 }
+
+/* A buffer of either direction; `keep` holds the pool while the operation
+ * has the buffer. */
+template <class Pool>
+struct BufferSlot {
+    Pool *pool = nullptr;
+    std::unique_ptr<tarvex_byte_t[]> data;
+    std::shared_ptr<Pool> keep;
+};
+
+/* What the request and the completions of either direction share: the
+ * buffers, the lock, and the first failure.  `Pool` is the direction's own
+ * pool, derived from this one. */
+template <class Pool, class Slot>
+struct BufferPool {
+    std::mutex mutex;
+    std::condition_variable cond;
+    tarvex_gfs_operation_t op = nullptr;
+    size_t buffer_size = 0;
+    std::vector<std::unique_ptr<Slot>> slots;
+    std::vector<Slot *> idle;
+    tarvex_result_t error = TARVEX_SUCCESS;
+    bool error_taken = false;
+    bool abandoned = false; // the request is over; nobody waits any more
+
+    // Called with the mutex held, before the first buffer is needed.
+    void allocate()
+    {
+        int count = 0;
+        buffer_geometry(op, &buffer_size, &count);
+        for (int i = 0; i < count; i++) {
+            auto slot = std::make_unique<Slot>();
+            slot->pool = static_cast<Pool *>(this);
+            slot->data.reset(new tarvex_byte_t[buffer_size]);
+            idle.push_back(slot.get());
+            slots.push_back(std::move(slot));
+        }
+    }
+
+    // Called with the mutex held: a completion's first failure is kept.
+    void record(tarvex_result_t result)
+    {
+        if (result != TARVEX_SUCCESS && error == TARVEX_SUCCESS)
+            error = result;
+    }
+
+    // Called with the mutex held.  A completion's error is handed out once.
+    tarvex_result_t take_error()
+    {
+        if (error_taken)
+            return TARVEX_SUCCESS;
+        if (error != TARVEX_SUCCESS)
+            error_taken = true;
+        return error;
+    }
+};
 
 } // namespace tarvex_dsi_rest_internal
 

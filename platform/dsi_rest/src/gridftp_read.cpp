@@ -11,24 +11,13 @@ namespace {
 
 struct OutPool;
 
-struct OutSlot {
-    OutPool *pool = nullptr;
-    std::unique_ptr<tarvex_byte_t[]> data;
+struct OutSlot : BufferSlot<OutPool> {
     size_t used = 0;
     tarvex_off_t offset = 0;
-    std::shared_ptr<OutPool> keep; // held while the operation has the buffer
 };
 
-struct OutPool {
-    std::mutex mutex;
-    std::condition_variable cond;
-    tarvex_gfs_operation_t op = nullptr;
-    size_t buffer_size = 0;
-    std::vector<std::unique_ptr<OutSlot>> slots;
-    std::vector<OutSlot *> idle;
+struct OutPool : BufferPool<OutPool, OutSlot> {
     int in_flight = 0;
-    tarvex_result_t error = TARVEX_SUCCESS;
-    bool abandoned = false;
 };
 
 void write_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *buffer,
@@ -40,10 +29,8 @@ void write_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t
     std::shared_ptr<OutPool> keep; // released after the lock below
     std::lock_guard<std::mutex> lock(pool->mutex);
     keep = std::move(slot->keep);
-    if (result != TARVEX_SUCCESS) {
-        if (pool->error == TARVEX_SUCCESS)
-            pool->error = result;
-    } else if (!pool->abandoned) {
+    pool->record(result);
+    if (result == TARVEX_SUCCESS && !pool->abandoned) {
         tarvex_gridftp_server_update_bytes_written(op, slot->offset,
                                                    static_cast<tarvex_off_t>(nbytes));
     }
@@ -80,7 +67,7 @@ public:
             }
         }
         std::lock_guard<std::mutex> lock(pool_->mutex);
-        return take_error();
+        return pool_->take_error();
     }
 
     tarvex_result_t finish(RequestContext &ctx, bool transferred) override
@@ -102,7 +89,7 @@ public:
         if (result == TARVEX_SUCCESS)
             result = waited;
         if (result == TARVEX_SUCCESS)
-            result = take_error();
+            result = pool_->take_error();
         if (result == TARVEX_SUCCESS && complete)
             arg_->eof = true;
         return result;
@@ -111,29 +98,16 @@ public:
     bool rewind() override { return !submitted_; }
 
 private:
-    void allocate()
-    {
-        int count = 0;
-        buffer_geometry(pool_->op, &pool_->buffer_size, &count);
-        for (int i = 0; i < count; i++) {
-            auto slot = std::make_unique<OutSlot>();
-            slot->pool = pool_.get();
-            slot->data.reset(new tarvex_byte_t[pool_->buffer_size]);
-            pool_->idle.push_back(slot.get());
-            pool_->slots.push_back(std::move(slot));
-        }
-    }
-
     tarvex_result_t take_idle(RequestContext &ctx)
     {
         std::unique_lock<std::mutex> lock(pool_->mutex);
         if (pool_->slots.empty())
-            allocate();
+            pool_->allocate();
         tarvex_result_t result = wait_with_progress(ctx, lock, pool_->cond, [this] {
             return !pool_->idle.empty() || pool_->error != TARVEX_SUCCESS;
         });
         if (result == TARVEX_SUCCESS)
-            result = take_error();
+            result = pool_->take_error();
         if (result != TARVEX_SUCCESS)
             return result;
         filling_ = pool_->idle.back();
@@ -169,21 +143,10 @@ private:
         return result;
     }
 
-    // Called with the mutex held.  A completion's error is handed out once.
-    tarvex_result_t take_error()
-    {
-        if (error_taken_)
-            return TARVEX_SUCCESS;
-        if (pool_->error != TARVEX_SUCCESS)
-            error_taken_ = true;
-        return pool_->error;
-    }
-
     tarvex_dsi_rest_gridftp_op_arg_t *arg_;
     std::shared_ptr<OutPool> pool_;
     OutSlot *filling_ = nullptr;
     bool submitted_ = false;
-    bool error_taken_ = false;
 };
 
 GridftpReader *gridftp_reader(RequestContext &ctx, void *arg)

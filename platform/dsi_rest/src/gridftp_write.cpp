@@ -12,29 +12,18 @@ namespace {
 
 struct InPool;
 
-struct InSlot {
-    InPool *pool = nullptr;
-    std::unique_ptr<tarvex_byte_t[]> data;
+struct InSlot : BufferSlot<InPool> {
     size_t requested = 0;
     size_t got = 0;
     size_t position = 0;
     bool ready = false;
-    std::shared_ptr<InPool> keep;
 };
 
-struct InPool {
-    std::mutex mutex;
-    std::condition_variable cond;
-    tarvex_gfs_operation_t op = nullptr;
-    size_t buffer_size = 0;
-    std::vector<std::unique_ptr<InSlot>> slots;
-    std::vector<InSlot *> idle;
+struct InPool : BufferPool<InPool, InSlot> {
     std::deque<InSlot *> order; // registered reads, oldest first
     uint64_t received = 0;      // bytes the completions brought
     uint64_t outstanding = 0;   // bytes asked for and not yet completed
     bool eof = false;
-    tarvex_result_t error = TARVEX_SUCCESS;
-    bool abandoned = false;
 };
 
 void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *buffer,
@@ -53,8 +42,7 @@ void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t 
     slot->got = got;
     slot->position = 0;
     slot->ready = true;
-    if (result != TARVEX_SUCCESS && pool->error == TARVEX_SUCCESS)
-        pool->error = result;
+    pool->record(result);
     if (eof)
         pool->eof = true;
     if (!pool->abandoned && got > 0)
@@ -80,9 +68,9 @@ public:
         *produced = 0;
         std::unique_lock<std::mutex> lock(pool_->mutex);
         if (pool_->slots.empty())
-            allocate();
+            pool_->allocate();
         for (;;) {
-            tarvex_result_t result = take_error();
+            tarvex_result_t result = pool_->take_error();
             if (result == TARVEX_SUCCESS)
                 result = register_reads(lock);
             if (result != TARVEX_SUCCESS)
@@ -127,25 +115,12 @@ public:
             if (slot->ready)
                 pool_->idle.push_back(slot);
         std::erase_if(pool_->order, [](InSlot *slot) { return slot->ready; });
-        return take_error();
+        return pool_->take_error();
     }
 
     bool rewind() override { return sent_ == 0; }
 
 private:
-    void allocate()
-    {
-        int count = 0;
-        buffer_geometry(pool_->op, &pool_->buffer_size, &count);
-        for (int i = 0; i < count; i++) {
-            auto slot = std::make_unique<InSlot>();
-            slot->pool = pool_.get();
-            slot->data.reset(new tarvex_byte_t[pool_->buffer_size]);
-            pool_->idle.push_back(slot.get());
-            pool_->slots.push_back(std::move(slot));
-        }
-    }
-
     // Bytes that may still be asked of the operation.
     uint64_t allowance() const
     {
@@ -186,20 +161,9 @@ private:
         return TARVEX_SUCCESS;
     }
 
-    // Called with the mutex held.  A completion's error is handed out once.
-    tarvex_result_t take_error()
-    {
-        if (error_taken_)
-            return TARVEX_SUCCESS;
-        if (pool_->error != TARVEX_SUCCESS)
-            error_taken_ = true;
-        return pool_->error;
-    }
-
     tarvex_dsi_rest_gridftp_op_arg_t *arg_;
     std::shared_ptr<InPool> pool_;
     uint64_t sent_ = 0;
-    bool error_taken_ = false;
 };
 
 } // namespace

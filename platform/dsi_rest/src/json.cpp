@@ -1,7 +1,6 @@
 // JSON bodies: the reader gathers the whole body and parses it once the
 // exchange is over; the writer sends a document in its compact form.
 #include <cstdlib>
-#include <cstring>
 
 #include "dsi_rest_internal.h"
 
@@ -60,7 +59,7 @@ private:
     std::string body_;
 };
 
-class JsonWriter : public Stream {
+class JsonWriter : public MemoryBody {
 public:
     explicit JsonWriter(const json_t *document)
     {
@@ -73,28 +72,13 @@ public:
         }
         text_ = text;
         free(text);
+        set_body(text_.data(), text_.size());
     }
 
     bool failed() const { return failed_; }
-    size_t size() const { return text_.size(); }
-
-    size_t read(char *buffer, size_t length)
-    {
-        size_t n = std::min(length, text_.size() - position_);
-        memcpy(buffer, text_.data() + position_, n);
-        position_ += n;
-        return n;
-    }
-
-    bool rewind() override
-    {
-        position_ = 0;
-        return true;
-    }
 
 private:
     std::string text_;
-    size_t position_ = 0;
     bool failed_ = false;
 };
 
