@@ -1,5 +1,6 @@
 """Bad input on the control connection, misbehaving clients and crashed
 sessions: the server answers clearly and stays up."""
+import ftplib
 import io
 import os
 import signal
@@ -176,7 +177,7 @@ class DataConnections(ServerTest):
         conn.recv(1000)
         conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\x01\x00\x00\x00\x00\x00\x00\x00")
         conn.close()  # a reset, mid-transfer
-        with self.assertRaises(Exception) as cm:
+        with self.assertRaises(ftplib.error_temp) as cm:
             f.voidresp()
         self.assertIn("426", str(cm.exception))
         self.assertEqual(f.pwd(), "/")
