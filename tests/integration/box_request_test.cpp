@@ -3,7 +3,6 @@
  * wire, which answers are retried, how often, and after what wait.
  */
 #include <chrono>
-#include <string>
 
 #include "box_scratch.h"
 #include "box_session_support.h"

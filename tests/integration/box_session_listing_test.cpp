@@ -40,9 +40,9 @@ protected:
      * the entry names in order. */
     void list(const std::string &path, std::vector<size_t> *batches, strings *names)
     {
-        driver_->clear_events();
-        ASSERT_EQ(driver_->stat(iface(), session_, path, false), TARVEX_SUCCESS) << path;
-        for (const auto &e : driver_->events())
+        driver_.clear_events();
+        ASSERT_EQ(driver_.stat(&box_table, session_, path, false), TARVEX_SUCCESS) << path;
+        for (const auto &e : driver_.events())
             if (e.kind == event_kind::stat || e.kind == event_kind::stat_partial) {
                 batches->push_back(e.entries.size());
                 for (const auto &entry : e.entries)
@@ -75,7 +75,7 @@ TEST_F(listing_test, BatchesOfAHundredWithTheFolderFirst)
         EXPECT_EQ(batches, r.batches) << r.folder;
         EXPECT_EQ(names, dot_and_names(r.items)) << r.folder;
     }
-    EXPECT_EQ(driver_->events(event_kind::stat_partial).at(0).entries.at(0).mode, 040700);
+    EXPECT_EQ(driver_.events(event_kind::stat_partial).at(0).entries.at(0).mode, 040700);
 }
 
 /* 301 items come in two pages; the second request carries the marker the

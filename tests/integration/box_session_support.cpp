@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
+#include <memory>
 #include <thread>
 
 #include "box_scratch.h"
@@ -11,10 +13,7 @@
 namespace box_session_test {
 namespace {
 
-std::string text(const char *value) { return value ? value : ""; }
-
 class environment : public ::testing::Environment {
-public:
     void SetUp() override
     {
         home_dot_existed();
@@ -29,8 +28,6 @@ public:
         if (!home_dot_existed())
             rmdir(home_dot().c_str()); /* every session start makes it; only when empty */
     }
-
-private:
     std::unique_ptr<tarvex_test::box_scratch> scratch_;
 };
 
@@ -39,10 +36,24 @@ private:
 
 } // namespace
 
+const tarvex_gfs_storage_iface_t box_table = [] {
+    tarvex_gfs_storage_iface_t t = {};
+    t.init_func = tarvex_i_box_start;
+    t.destroy_func = tarvex_i_box_destroy;
+    t.stat_func = tarvex_i_box_stat;
+    return t;
+}();
+
+tarvex_test::BoxEmulator &emulator()
+{
+    static tarvex_test::BoxEmulator instance;
+    return instance;
+}
+
 std::string home_dot()
 {
     const struct passwd *pw = getpwuid(getuid());
-    return text(pw ? pw->pw_dir : nullptr) + "/.tarvex";
+    return std::string(pw ? pw->pw_dir : "") + "/.tarvex";
 }
 
 bool home_dot_existed()
@@ -51,21 +62,12 @@ bool home_dot_existed()
     return existed;
 }
 
-tarvex_test::BoxEmulator &emulator()
-{
-    static tarvex_test::BoxEmulator instance;
-    return instance;
-}
-
 std::vector<log_entry> take_requests()
 {
     std::vector<log_entry> log = emulator().log();
-    for (;;) {
+    for (size_t seen = SIZE_MAX; seen != log.size(); log = emulator().log()) {
+        seen = log.size();
         std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        std::vector<log_entry> again = emulator().log();
-        if (again.size() == log.size())
-            break;
-        log = std::move(again);
     }
     emulator().clear_log();
     return log;
@@ -87,30 +89,22 @@ strings listings()
 std::string failure(tarvex_result_t result)
 {
     tarvex_object_t *e = tarvex_gfs_ftp_response_error_find(tarvex_error_peek(result));
+    const char *klass = tarvex_gfs_ftp_response_error_get_class(e);
+    const char *message = tarvex_gfs_ftp_response_error_get_message(e);
     return std::to_string(tarvex_gfs_ftp_response_error_get_code(e)) + " " +
-           text(tarvex_gfs_ftp_response_error_get_class(e)) + " " +
-           text(tarvex_gfs_ftp_response_error_get_message(e));
-}
-
-const tarvex_gfs_storage_iface_t *iface()
-{
-    static tarvex_gfs_storage_iface_t table = {};
-    table.init_func = tarvex_i_box_start;
-    table.destroy_func = tarvex_i_box_destroy;
-    table.stat_func = tarvex_i_box_stat;
-    return &table;
+           (klass ? klass : "") + " " + (message ? message : "");
 }
 
 void session_test::SetUp()
 {
     emulator().reset();
-    driver_->set_config("config", "{}");
+    driver_.set_config("config", "{}");
 }
 
 void session_test::TearDown()
 {
     if (session_ != nullptr)
-        driver_->destroy(iface(), session_);
+        driver_.destroy(&box_table, session_);
 }
 
 std::map<std::string, std::string> session_test::seed(const std::string &entries)
@@ -120,11 +114,10 @@ std::map<std::string, std::string> session_test::seed(const std::string &entries
 
 tarvex_box_session_t *session_test::start(const std::string &user_id)
 {
-    driver_->set_config("creds", R"({"access_token":"test-token","token_expiry":)"
-                                 R"("2099-01-01T00:00:00.000000+00:00","sub":")" +
-                                     user_id + R"(","max_upload":53687091200})");
-    session_ = static_cast<tarvex_box_session_t *>(driver_->start(iface(), "alice"));
-    return session_;
+    driver_.set_config("creds", R"({"access_token":"test-token","token_expiry":)"
+                                R"("2099-01-01T00:00:00.000000+00:00","sub":")" +
+                                    user_id + R"(","max_upload":53687091200})");
+    return session_ = static_cast<tarvex_box_session_t *>(driver_.start(&box_table, "alice"));
 }
 
 void session_test::script_page(const std::string &id, const std::string &page)

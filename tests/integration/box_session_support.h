@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,6 +22,8 @@ using log_entry = tarvex_test::BoxEmulator::LogEntry;
 using strings = std::vector<std::string>;
 
 tarvex_test::BoxEmulator &emulator();
+/* The plug-in's table as the server would hold it: start, destroy, stat. */
+extern const tarvex_gfs_storage_iface_t box_table;
 /* "$HOME/.tarvex" of the password entry, and whether it was there before
  * this program started (the program removes it again if it was not). */
 std::string home_dot();
@@ -39,7 +40,6 @@ class session_test : public ::testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-
     /* Seeds the emulator from the text of an entries array. */
     std::map<std::string, std::string> seed(const std::string &entries);
     /* Starts a session of Box user `user_id`; nullptr when refused. */
@@ -47,11 +47,9 @@ protected:
     /* The next listing of folder `id` answers `page`. */
     void script_page(const std::string &id, const std::string &page);
 
-    std::unique_ptr<tarvex_test::driver> driver_ = std::make_unique<tarvex_test::driver>();
+    tarvex_test::driver driver_;
     tarvex_box_session_t *session_ = nullptr;
 };
-
-const tarvex_gfs_storage_iface_t *iface();
 
 } // namespace box_session_test
 

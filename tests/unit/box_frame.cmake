@@ -6,7 +6,6 @@ add_executable(box_frame_test
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_error_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_session_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_retry_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/box_frame_command_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_item_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_cache_test.cpp)
 target_link_libraries(box_frame_test PRIVATE tarvex_box_internal tarvex_test_driver

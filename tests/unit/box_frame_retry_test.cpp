@@ -61,34 +61,6 @@ TEST(BoxFrameRetry, ProcessesSharingAFileKeepTheirSpacing)
         ASSERT_GE(all[i] - all[i - 1], 1000000000LL / per_second) << i;
 }
 
-/* What the delay decided, from its DEBUG lines: a stamp in another second
- * means no wait, one just made the rest of the spacing; Retry-After sleeps
- * at most the maximum delay. */
-TEST(BoxFrameRetry, WaitsOnlyWithinTheSameSecond)
-{
-    box_scratch scratch(TARVEX_BOX_DEBUG);
-    tarvex_box_retry_t retry{};
-    tarvex_i_box_retry_state_create("trace", 16, &retry);
-    ASSERT_NE(retry.fd, -1);
-    for (int64_t shift : {-2, 2}) {
-        retry.shared->last.tv_sec = time(nullptr) + shift;
-        tarvex_i_box_retry_delay(0, &retry);
-    }
-    EXPECT_EQ(scratch.debug_text(), "");
-    tarvex_i_box_retry_delay(0, &retry);
-    std::string text = scratch.debug_text();
-    size_t at = text.find("sleep=");
-    ASSERT_NE(at, std::string::npos) << text;
-    EXPECT_LE(std::stoul(text.substr(at + 6)), 62500u);
-    tarvex_i_box_retry_state_destroy(&retry);
-
-    int saved_max = tarvex_i_box_max_delay;
-    tarvex_i_box_max_delay = 1;
-    tarvex_i_box_retry_delay(60, nullptr);
-    tarvex_i_box_max_delay = saved_max;
-    EXPECT_NE(scratch.debug_text().find("retry_after=60 sleep=1\n"), std::string::npos);
-}
-
 TEST(BoxFrameRetry, SomeoneElsesFileIsNotUsed)
 {
     struct passwd *nobody = getpwnam("nobody");

@@ -19,14 +19,6 @@
 
 namespace tarvex_test {
 
-inline std::string read_file(const std::string &path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 class box_scratch {
 public:
     explicit box_scratch(unsigned debug_levels = 0)
@@ -35,16 +27,12 @@ public:
         if (mkdtemp(name) == nullptr)
             throw std::runtime_error("no scratch directory");
         dir_ = name;
-        retry_path_ = dir_ + "/box-r";
-        FILE *log = debug_levels ? fopen(log_path().c_str(), "w") : nullptr;
-        if (debug_levels != 0 && log == nullptr)
-            throw std::runtime_error("no debug file");
-        tarvex_i_box_retry_path = retry_path_.c_str();
-        if (log == nullptr)
+        tarvex_i_box_retry_path = (retry_path_ = dir_ + "/box-r").c_str();
+        if (debug_levels == 0)
             return;
         tarvex_i_TARVEX_BOX_debug_handle = tarvex_debug_handle_t{};
         tarvex_i_TARVEX_BOX_debug_handle.levels = debug_levels;
-        tarvex_i_TARVEX_BOX_debug_handle.file = log;
+        tarvex_i_TARVEX_BOX_debug_handle.file = fopen(log_path().c_str(), "w");
     }
     ~box_scratch()
     {
@@ -59,7 +47,6 @@ public:
     box_scratch(const box_scratch &) = delete;
     box_scratch &operator=(const box_scratch &) = delete;
 
-    const std::string &dir() const { return dir_; }
     const std::string &retry_path() const { return retry_path_; }
     std::string log_path() const { return dir_ + "/debug.log"; }
     /* What the debug stream has written so far. */
@@ -67,13 +54,16 @@ public:
     {
         if (tarvex_i_TARVEX_BOX_debug_handle.file != nullptr)
             fflush(tarvex_i_TARVEX_BOX_debug_handle.file);
-        return read_file(log_path());
+        std::ifstream in(log_path(), std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
     }
 
 private:
-    std::string dir_, retry_path_;
     const char *saved_retry_path_ = tarvex_i_box_retry_path;
     tarvex_debug_handle_t saved_debug_ = tarvex_i_TARVEX_BOX_debug_handle;
+    std::string dir_, retry_path_;
 };
 
 } // namespace tarvex_test
