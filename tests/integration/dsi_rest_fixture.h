@@ -171,7 +171,8 @@ struct Exchange {
     /* A request header as the echo route saw it ("-" when absent). */
     std::string echoed(const char *name) const
     {
-        const char *value = json_string_value(json_object_get(json_object_get(json, "headers"), name));
+        json_t *headers = json_object_get(json, "headers");
+        const char *value = json_string_value(json_object_get(headers, name));
         return value != nullptr ? value : "-";
     }
 };
@@ -184,7 +185,8 @@ inline tarvex_result_t test_failure(const char *message)
 
 /* A server operation backed by memory: writes land in `sink` at their
  * offsets, reads serve `source` in pieces of at most `chunk` bytes.  Each
- * completion comes on a thread of its own, in no particular order. */
+ * buffer is touched only on its completion's own thread, and completions
+ * come in no particular order. */
 class FakeOp {
 public:
     std::string source;
@@ -212,12 +214,14 @@ private:
     {
         auto *f = static_cast<FakeOp *>(ctx);
         std::lock_guard<std::mutex> lock(f->mutex);
-        bool fail = f->writes++ == f->fail_write;
-        if (!fail) {
-            f->sink.resize(std::max(f->sink.size(), size_t(offset) + length));
-            memcpy(f->sink.data() + offset, buffer, length);
-        }
         f->threads_.emplace_back([=] {
+            std::unique_lock<std::mutex> lock(f->mutex);
+            bool fail = f->writes++ == f->fail_write;
+            if (!fail) {
+                f->sink.resize(std::max(f->sink.size(), size_t(offset) + length));
+                memcpy(f->sink.data() + offset, buffer, length);
+            }
+            lock.unlock();
             callback(op, fail ? test_failure("data channel closed") : TARVEX_SUCCESS, buffer,
                      length, user_arg);
         });
@@ -231,11 +235,12 @@ private:
         auto *f = static_cast<FakeOp *>(ctx);
         std::lock_guard<std::mutex> lock(f->mutex);
         size_t offset = f->position_;
-        size_t n = f->fail_reads ? 0 : std::min({size_t(length), f->chunk, f->source.size() - offset});
-        memcpy(buffer, f->source.data() + offset, n);
+        size_t n = f->fail_reads ? 0
+                                 : std::min({size_t(length), f->chunk, f->source.size() - offset});
         f->position_ += n;
         bool fail = f->fail_reads;
         f->threads_.emplace_back([=] {
+            memcpy(buffer, f->source.data() + offset, n);
             callback(op, fail ? test_failure("reset") : TARVEX_SUCCESS, buffer, n,
                      tarvex_off_t(offset), !fail && n == 0, user_arg);
         });

@@ -31,7 +31,8 @@ TEST_F(RestRequest, MethodsCarryJsonBothWaysAndAnEncodedQuery)
         bool with_body = method[0] == 'P';
         Exchange ex({.method = method,
                      .url = server->url("/echo?k=1"),
-                     .query = {{"fields", "type,id name"}, {"marker", nullptr}, {"q", "\xc3\xbc&=/?"}},
+                     .query = {{"fields", "type,id name"}, {"marker", nullptr},
+                               {"q", "\xc3\xbc&=/?"}},
                      .headers = {{"Content-Type", "application/json"}},
                      .writer = with_body ? tarvex_dsi_rest_write_json : nullptr,
                      .writer_arg = doc});
@@ -112,7 +113,8 @@ TEST_F(RestRequest, KeepAliveReusesOneConnectionPerThread)
     tarvex_dsi_rest_close_connections();
     uint64_t before = tarvex_dsi_rest_connections_opened();
     for (int i = 0; i < 100; i++)
-        ASSERT_EQ(Exchange({.method = i % 2 ? "GET" : "DELETE", .url = server->url("/echo")}).result,
+        ASSERT_EQ(Exchange({.method = i % 2 ? "GET" : "DELETE", .url = server->url("/echo")})
+                      .result,
                   TARVEX_SUCCESS);
     EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 1u);
     std::thread([&] {

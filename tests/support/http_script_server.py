@@ -108,17 +108,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
 
 
-class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--port-file", required=True)
     parser.add_argument("--tls-cert")
     parser.add_argument("--tls-key")
     options = parser.parse_args()
-    server = Server(("127.0.0.1", 0), Handler)
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
     if options.tls_cert:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(options.tls_cert, options.tls_key)
