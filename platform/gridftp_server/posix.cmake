@@ -11,3 +11,4 @@ add_library(tarvex_gridftp_server_posix SHARED
   posix/transfer.cpp)
 target_link_libraries(tarvex_gridftp_server_posix PRIVATE
   tarvex_gridftp_server tarvex_common PkgConfig::JANSSON OpenSSL::Crypto)
+install(TARGETS tarvex_gridftp_server_posix LIBRARY DESTINATION lib)
