@@ -17,7 +17,7 @@ TEST(RestFailure, TransportFailuresAreClassified)
     };
     const Case cases[] = {
         {"http://127.0.0.1:1/x", 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // refused
-        {server.url("/stall?ms=0"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT},
+        {server.url("/stall?ms=0"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // dropped
         // a body cut short of its Content-Length
         {server.url("/stall?ms=50&after=10"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT},
         // stalls before and inside the body, against the idle time-out
