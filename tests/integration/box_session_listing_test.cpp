@@ -36,19 +36,23 @@ strings dot_and_names(int count)
 
 class listing_test : public session_test {
 protected:
-    /* Lists `path` through stat: the batch sizes (final answer last) and
-     * the entry names in order. */
-    void list(const std::string &path, std::vector<size_t> *batches, strings *names)
+    /* Lists `path` through stat into the batch sizes (final answer last)
+     * and the entry names in order. */
+    void list(const std::string &path)
     {
+        batches_.clear();
+        names_.clear();
         driver_.clear_events();
         ASSERT_EQ(driver_.stat(&box_table, session_, path, false), TARVEX_SUCCESS) << path;
         for (const auto &e : driver_.events())
             if (e.kind == event_kind::stat || e.kind == event_kind::stat_partial) {
-                batches->push_back(e.entries.size());
+                batches_.push_back(e.entries.size());
                 for (const auto &entry : e.entries)
-                    names->push_back(entry.name.value_or("<none>"));
+                    names_.push_back(entry.name.value_or("<none>"));
             }
     }
+    std::vector<size_t> batches_;
+    strings names_;
 };
 
 /* "." and the items in batches of a hundred; items of unknown type are
@@ -69,11 +73,9 @@ TEST_F(listing_test, BatchesOfAHundredWithTheFolderFirst)
     const struct { const char *folder; int items; std::vector<size_t> batches; } rows[] = {
         {"/l250", 250, {100, 100, 51}}, {"/l99", 99, {100, 0}}, {"/u", 99, {100, 0}}};
     for (const auto &r : rows) {
-        std::vector<size_t> batches;
-        strings names;
-        list(r.folder, &batches, &names);
-        EXPECT_EQ(batches, r.batches) << r.folder;
-        EXPECT_EQ(names, dot_and_names(r.items)) << r.folder;
+        list(r.folder);
+        EXPECT_EQ(batches_, r.batches) << r.folder;
+        EXPECT_EQ(names_, dot_and_names(r.items)) << r.folder;
     }
     EXPECT_EQ(driver_.events(event_kind::stat_partial).at(0).entries.at(0).mode, 040700);
 }
@@ -85,10 +87,8 @@ TEST_F(listing_test, PagesFollowTheMarker)
     auto ids = seed("[" + files("/p", 301) + "]");
     ASSERT_NE(start(), nullptr);
     take_requests();
-    std::vector<size_t> batches;
-    strings names;
-    list("/p", &batches, &names);
-    EXPECT_EQ(names, dot_and_names(301));
+    list("/p");
+    EXPECT_EQ(names_, dot_and_names(301));
     auto log = take_requests();
     ASSERT_EQ(log.size(), 2u);
     for (const auto &entry : log) {

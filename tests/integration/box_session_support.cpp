@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <regex>
 #include <thread>
 
 #include "box_scratch.h"
@@ -75,24 +76,13 @@ std::vector<log_entry> take_requests()
 
 strings listings()
 {
-    const std::string head = "/2.0/folders/", tail = "/items";
+    static const std::regex listing("/2.0/folders/([^/]+)/items");
     strings folders;
-    for (const auto &e : take_requests()) {
-        size_t end = e.path.size() - tail.size();
-        bool listing = e.method == "GET" && e.path.size() > head.size() + tail.size() &&
-                       e.path.rfind(head, 0) == 0 && e.path.compare(end, tail.size(), tail) == 0;
-        folders.push_back(listing ? e.path.substr(head.size(), end - head.size()) : "");
-    }
+    std::smatch match;
+    for (const auto &e : take_requests())
+        folders.push_back(e.method == "GET" && std::regex_match(e.path, match, listing)
+                              ? match[1].str() : "");
     return folders;
-}
-
-std::string failure(tarvex_result_t result)
-{
-    tarvex_object_t *e = tarvex_gfs_ftp_response_error_find(tarvex_error_peek(result));
-    const char *klass = tarvex_gfs_ftp_response_error_get_class(e);
-    const char *message = tarvex_gfs_ftp_response_error_get_message(e);
-    return std::to_string(tarvex_gfs_ftp_response_error_get_code(e)) + " " +
-           (klass ? klass : "") + " " + (message ? message : "");
 }
 
 void session_test::SetUp()

@@ -33,8 +33,6 @@ bool home_dot_existed();
 std::vector<log_entry> take_requests();
 /* The folder ids of the listing requests among take_requests(). */
 strings listings();
-/* "code class message" of the FTP response error in a result's chain. */
-std::string failure(tarvex_result_t result);
 
 class session_test : public ::testing::Test {
 protected:

@@ -11,6 +11,7 @@ namespace box_session_test {
 namespace {
 
 using tarvex_test::event_kind;
+using tarvex_test::ftp_reply;
 namespace fs = std::filesystem;
 
 TEST_F(session_test, LoginRefusedWhenRootListingIsUnauthorised)
@@ -97,8 +98,8 @@ TEST_F(resolve_test, ListsEachFolderOnceAndNeverTheRoot)
     const struct { const char *path, *parent; } rows[] = {
         {"/a/missing", "/a"}, {"/missing", "/"}, {"/x/y", "<none>"}, {"/a//b", "<none>"}};
     for (const auto &r : rows) {
-        EXPECT_EQ(failure(resolve(r.path)),
-                  std::string("550 PATH_NOT_FOUND GridFTP-Path: \"") + r.path + "\"");
+        EXPECT_EQ(ftp_reply(resolve(r.path)),
+                  "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"" + std::string(r.path) + "\"\r\n");
         EXPECT_EQ(entry_, nullptr) << r.path;
         EXPECT_EQ(parent_name(), r.parent) << r.path;
     }
@@ -119,7 +120,7 @@ TEST_F(resolve_test, StaleEntriesAreDroppedAndTheirFolderListedAgain)
     /* Gone from Box meanwhile: dropped, and missing. */
     make_stale("/a/b");
     script_page(ids_["/a"], R"({"entries":[]})");
-    EXPECT_EQ(failure(resolve("/a/b")), "550 PATH_NOT_FOUND GridFTP-Path: \"/a/b\"");
+    EXPECT_EQ(ftp_reply(resolve("/a/b")), "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/a/b\"\r\n");
     EXPECT_EQ(tarvex_box_path_cache_query(&session_->cache, "/a/b"), nullptr);
     EXPECT_EQ(listings(), strings{ids_["/a"]});
 }

@@ -67,7 +67,7 @@ TEST_F(BoxFrameError, GetInfoFollowsTheCauseAndAddInfoMerges)
 
     /* One new key is appended, an existing key keeps its value. */
     pairs one = {{"Box-Error", "new"}, {"Box-Path", "/p"}}, two = {{"A", "1"}, {"B", "2"}};
-    tarvex_dsi_rest_key_array_t with_one = {one.size(), one.data()}, with_two = {two.size(), two.data()};
+    tarvex_dsi_rest_key_array_t with_one = {2, one.data()}, with_two = {2, two.data()};
     tarvex_box_error_add_info(error, &with_one);
     EXPECT_EQ(printable(error), "Box-Error: \"old\"\nBox-Path: \"/p\"");
     /* Two new keys in one call are rolled back. */
@@ -82,11 +82,18 @@ TEST_F(BoxFrameError, GetInfoFollowsTheCauseAndAddInfoMerges)
 struct translation {
     int status;
     const char *body, *retry_after; /* or nullptr */
-    /* "code class message" of the FTP error, or "box error", "generic: ..." or "" */
+    /* "code class message" of the FTP error, " +box" when the box error is
+     * its cause; "box error"; "generic: message"; "" for success */
     std::string result;
-    bool box_cause, retry;
+    bool retry;
     unsigned long seconds;
 };
+
+bool is_box_error(tarvex_object_t *object)
+{
+    return object != nullptr &&
+           tarvex_object_type_match(tarvex_object_get_type(object), TARVEX_BOX_ERROR_TYPE);
+}
 
 void check(const translation &t)
 {
@@ -101,20 +108,17 @@ void check(const translation &t)
     json_decref(doc);
     EXPECT_EQ(retry, t.retry);
     EXPECT_EQ(seconds, t.seconds);
-    auto is_box_error = [](tarvex_object_t *object) {
-        return object && tarvex_object_type_match(tarvex_object_get_type(object),
-                                                  TARVEX_BOX_ERROR_TYPE);
-    };
     std::string got;
-    if (is_box_error(error))
+    if (is_box_error(error)) {
         got = "box error";
-    else if (tarvex_gfs_ftp_response_error_get_code(error) != 0) {
+    } else if (int code = tarvex_gfs_ftp_response_error_get_code(error)) {
         const char *message = tarvex_gfs_ftp_response_error_get_message(error);
-        got = std::to_string(tarvex_gfs_ftp_response_error_get_code(error)) + " " +
-              tarvex_gfs_ftp_response_error_get_class(error) + " " + (message ? message : "");
-        EXPECT_EQ(is_box_error(tarvex_error_get_cause(error)), t.box_cause);
-    } else if (error != nullptr)
+        bool cause = is_box_error(tarvex_error_get_cause(error));
+        got = std::to_string(code) + " " + tarvex_gfs_ftp_response_error_get_class(error) + " " +
+              (message ? message : "") + (cause ? " +box" : "");
+    } else if (error != nullptr) {
         got = std::string("generic: ") + tarvex_error_get_message(error);
+    }
     EXPECT_EQ(got, t.result);
 }
 
@@ -122,23 +126,23 @@ TEST_F(BoxFrameError, TranslatesBoxErrorBodiesByCode)
 {
     const translation cases[] = {
         {404, R"({"code":"not_found","context_info":{"errors":[{"name":"a.txt"}]}})", nullptr,
-         "550 PATH_NOT_FOUND GridFTP-Path: \"a.txt\"", true, false, 0},
-        {404, R"({"code":"not_found"})", nullptr, "550 PATH_NOT_FOUND ", true, false, 0},
+         "550 PATH_NOT_FOUND GridFTP-Path: \"a.txt\" +box", false, 0},
+        {404, R"({"code":"not_found"})", nullptr, "550 PATH_NOT_FOUND  +box", false, 0},
         {409, R"({"code":"item_name_in_use","context_info":{"conflicts":{"name":"x"}}})", nullptr,
-         "553 PATH_EXISTS GridFTP-Path: x", true, false, 0},
+         "553 PATH_EXISTS GridFTP-Path: x +box", false, 0},
         {404, R"({"code":"trashed"})", nullptr,
-         "550 PATH_NOT_FOUND GridFTP-Path: \"<Trashed Item>\"", true, false, 0},
+         "550 PATH_NOT_FOUND GridFTP-Path: \"<Trashed Item>\" +box", false, 0},
         {400, R"({"code":"item_name_invalid"})", nullptr,
-         "553 INVALID_PATH_NAME GridFTP-Path: <Invalid Name>", true, false, 0},
+         "553 INVALID_PATH_NAME GridFTP-Path: <Invalid Name> +box", false, 0},
         {400, R"({"code":"item_name_too_long"})", nullptr,
-         "553 INVALID_PATH_NAME GridFTP-Path: <Invalid Name>", true, false, 0},
+         "553 INVALID_PATH_NAME GridFTP-Path: <Invalid Name> +box", false, 0},
         {403, R"({"code":"access_denied_insufficient_permissions"})", nullptr,
-         "550 PERMISSION_DENIED ", true, false, 0},
+         "550 PERMISSION_DENIED  +box", false, 0},
         {400, R"({"code":"bad_digest"})", nullptr, "550 INCORRECT_CHECKSUM GridFTP-Computed-"
-         "Checksum: computed\nGridFTP-Expected-Checksum: expected", true, false, 0},
+         "Checksum: computed\nGridFTP-Expected-Checksum: expected +box", false, 0},
         /* No code: the status is not looked at, the box error is dropped. */
-        {404, R"({"message":"m"})", nullptr, "500 INTERNAL_ERROR ", false, false, 0},
-        {429, R"({"code":"rate_limit_exceeded"})", "5", "box error", false, true, 5},
+        {404, R"({"message":"m"})", nullptr, "500 INTERNAL_ERROR ", false, 0},
+        {429, R"({"code":"rate_limit_exceeded"})", "5", "box error", true, 5},
     };
     for (const auto &c : cases)
         check(c);
@@ -147,17 +151,17 @@ TEST_F(BoxFrameError, TranslatesBoxErrorBodiesByCode)
 TEST_F(BoxFrameError, TranslatesBareStatuses)
 {
     const translation cases[] = {
-        {302, nullptr, nullptr, "451 TOO_BUSY ", false, true, 0},
-        {400, nullptr, nullptr, "generic: Bad BOX request", false, false, 0},
-        {401, nullptr, nullptr, "550 PERMISSION_DENIED ", false, false, 0},
-        {403, nullptr, "2", "550 PERMISSION_DENIED ", false, true, 2},
-        {404, nullptr, nullptr, "550 PATH_NOT_FOUND ", false, false, 0},
-        {409, nullptr, nullptr, "553 PATH_EXISTS GridFTP-Path: (null)", false, false, 0},
-        {429, nullptr, nullptr, "451 TOO_BUSY ", false, true, 0},
-        {503, nullptr, nullptr, "500 INTERNAL_ERROR ", false, false, 0},
-        {503, nullptr, "7", "500 INTERNAL_ERROR ", false, true, 7},
-        {418, nullptr, nullptr, "", false, false, 0},
-        {499, nullptr, "1", "", false, true, 1},
+        {302, nullptr, nullptr, "451 TOO_BUSY ", true, 0},
+        {400, nullptr, nullptr, "generic: Bad BOX request", false, 0},
+        {401, nullptr, nullptr, "550 PERMISSION_DENIED ", false, 0},
+        {403, nullptr, "2", "550 PERMISSION_DENIED ", true, 2},
+        {404, nullptr, nullptr, "550 PATH_NOT_FOUND ", false, 0},
+        {409, nullptr, nullptr, "553 PATH_EXISTS GridFTP-Path: (null)", false, 0},
+        {429, nullptr, nullptr, "451 TOO_BUSY ", true, 0},
+        {503, nullptr, nullptr, "500 INTERNAL_ERROR ", false, 0},
+        {503, nullptr, "7", "500 INTERNAL_ERROR ", true, 7},
+        {418, nullptr, nullptr, "", false, 0},
+        {499, nullptr, "1", "", true, 1},
     };
     for (const auto &c : cases)
         check(c);

@@ -37,7 +37,7 @@ TEST(BoxItem, ParsesTypesParentsMembersAndDates)
         {R"({"type":"file","id":"7","metadata":{"global":{"properties":{"tarvex-md5":"0a"}}}})",
          "-|file 7 0 - 0a 0 0 meta"},
         /* Members of the wrong type are left at zero, not errors. */
-        {R"({"type":"file","id":"7","size":"12","sha1":5,"parent":{"id":3}})", "-|file 7 0 - - 0 0"},
+        {R"({"type":"file","id":"7","size":"1","sha1":5,"parent":{"id":3}})", "-|file 7 0 - - 0 0"},
         {R"({"id":"7","name":"x"})", "No 'type' field found!|none - - - - 0 0"},
         /* Times in UTC: 2020-01-02 10:04:05, 2020-01-01 21:34:05, -00:30
          * taken as +00:30; a Z zone is refused, all else still filled. */
