@@ -31,7 +31,8 @@ bool home_dot_existed();
 /* The emulator's requests since the last call (it logs a request just
  * after answering it, so this waits until the log is still). */
 std::vector<log_entry> take_requests();
-/* The folder ids of the listing requests among take_requests(). */
+/* The folder ids of the listing requests among take_requests() (other
+ * requests as ""). */
 strings listings();
 
 class session_test : public ::testing::Test {
