@@ -365,8 +365,8 @@ class Store:
             except (KeyError, AttributeError):
                 pass  # unknown or not applicable fields are left out, as Box does
         metadata = {}
-        for spec in wanted_metadata:
-            parts = spec.split(".")
+        for field in wanted_metadata:
+            parts = field.split(".")
             if len(parts) != 3:
                 continue
             instance = item.metadata.get(parts[1], {}).get(parts[2])
