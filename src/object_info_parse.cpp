@@ -11,14 +11,14 @@
 
 namespace {
 
-/* Stores a private copy of `value` in `*field` (the old value is released).
- * False only when memory runs out. */
+/* Stores a private copy of `value` in `*field`.  What the field held
+ * before is the caller's and is left alone: a caller may parse into a
+ * record whose strings it borrowed.  False only when memory runs out. */
 bool tarvex_l_box_set_string(char **field, const char *value)
 {
     char *copy = strdup(value);
     if (copy == nullptr)
         return false;
-    free(*field);
     *field = copy;
     return true;
 }

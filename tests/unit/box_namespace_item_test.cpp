@@ -52,6 +52,15 @@ TEST(BoxItem, ParsesTypesParentsMembersAndDates)
     };
     for (const auto &r : rows)
         EXPECT_EQ(parse(r.json), r.record) << r.json;
+
+    /* Strings the record held before are the caller's: replaced, never freed. */
+    tarvex_box_path_info_t held = {};
+    held.name = const_cast<char *>("borrowed");
+    json_t *json = json_loads(R"({"type":"file","id":"7","name":"n"})", 0, nullptr);
+    EXPECT_EQ(tarvex_box_object_info_parse(json, &held), TARVEX_SUCCESS);
+    json_decref(json);
+    EXPECT_STREQ(held.name, "n");
+    tarvex_box_path_info_free(&held);
 }
 
 TEST(BoxItem, StatEntries)
