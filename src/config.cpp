@@ -122,11 +122,8 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
     }
 
     int per_second = 0;
-    const char *api_base = nullptr;
-    const char *upload_base = nullptr;
-    if (json_unpack_ex(policy.doc, &error, 0, "{s?i,s?s,s?s}", "user_api_rate_limit",
-                       &per_second, "box_api_base", &api_base, "box_upload_base",
-                       &upload_base) != 0) {
+    if (json_unpack_ex(policy.doc, &error, 0, "{s?i}", "user_api_rate_limit",
+                       &per_second) != 0) {
         tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
             nullptr, nullptr, 500, "INTERNAL_ERROR",
             "GridFTP-Error: Error unpacking collection storage policy: %s\n",
@@ -138,7 +135,11 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
     }
     if (per_second != 0)
         *rate = per_second;
-    tarvex_box_set_bases(api_base, upload_base);
+    /* The bases are our own addition to the policy: only the rate may make
+     * it fail, so a base that is not a string is ignored like any other
+     * key the plug-in does not know. */
+    tarvex_box_set_bases(json_string_value(json_object_get(policy.doc, "box_api_base")),
+                         json_string_value(json_object_get(policy.doc, "box_upload_base")));
     TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
     return TARVEX_SUCCESS;
 }
