@@ -57,7 +57,8 @@ extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
     size_t buffer_size = tarvex_l_box_pw_buffer_start;
 
     /* The needed size is unknown up front: grow while the entry does not
-     * fit.  The reason is read from errno. */
+     * fit.  The reason is read from errno alone, never from the returned
+     * value: a lookup that fails without saying ERANGE there is a failure. */
     for (;;) {
         char *grown = static_cast<char *>(realloc(buffer.data, buffer_size));
         if (grown == nullptr)
@@ -67,8 +68,6 @@ extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
         int rc = tarvex_i_box_getpwuid_r(getuid(), &entry, buffer.data, buffer_size, &found);
         if (rc == 0)
             break;
-        if (errno == 0)
-            errno = rc;
         if (errno != ERANGE)
             return fail(TARVEX_BOX_MALLOC_ERROR(), result_out);
         buffer_size *= 2;

@@ -47,6 +47,7 @@ TEST_F(BoxFrameSession, PolicyRate)
         {R"({"user_api_rate_limit": 0})", 16, ""},
         {R"({"user_api_rate_limit": 40, "other": [1]})", 40, ""},
         {R"({"user_api_rate_limit": -3})", -3, ""},
+        {R"({"user_api_rate_limit": 7, "box_api_base": 1})", 7, ""},
         {"{", 16, "0 Error loading collection storage policy: "},
         {R"({"user_api_rate_limit": "5"})", 16,
          "500 GridFTP-Error: Error unpacking collection storage policy: "},
@@ -174,6 +175,23 @@ TEST_F(BoxFrameSession, ExpandsPathVariables)
     tarvex_i_box_getpwuid_r = saved;
     EXPECT_EQ(value, long_home + "/" + long_name);
     EXPECT_EQ(offered, (std::vector<size_t>{64, 128, 256}));
+
+    /* ERANGE returned but not set in errno is a failure, not a reason to
+     * grow (a larger buffer would have found "no entry"). */
+    offered.clear();
+    tarvex_i_box_getpwuid_r = [](uid_t, struct passwd *, char *, size_t size,
+                                 struct passwd **found) {
+        offered.push_back(size);
+        *found = nullptr;
+        return size < 128 ? ERANGE : 0;
+    };
+    char *result = strdup("x");
+    tarvex_result_t failed = tarvex_box_evaluate_path("$HOME", &result);
+    tarvex_i_box_getpwuid_r = saved;
+    EXPECT_EQ(result, nullptr);
+    EXPECT_EQ(offered, std::vector<size_t>{64});
+    EXPECT_NE(failed, TARVEX_SUCCESS);
+    tarvex_object_free(tarvex_error_get(failed));
 }
 
 } // namespace
