@@ -10,6 +10,8 @@
 #include <cstring>
 #include <memory>
 
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "get_folder_items"
 #include "tarvex_box_common.h"
 
 namespace {

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "object_info_parse"
 #include "tarvex_box_common.h"
 
 namespace {

@@ -96,11 +96,17 @@ const char *tarvex_box_error_get_info(tarvex_object_t *error, const char *key);
 void tarvex_box_error_add_info(tarvex_object_t *error,
                                const tarvex_dsi_rest_key_array_t *info);
 
-/* Generic error of the plug-in with the caller's file, function, line. */
+/* The source name that generic errors record: a file may name itself by
+ * defining TARVEX_BOX_SOURCE (for example "get_folder_items") before
+ * including this header; otherwise it is the compiler's file name. */
+#ifndef TARVEX_BOX_SOURCE
+#define TARVEX_BOX_SOURCE __FILE__
+#endif
+/* Generic error of the plug-in with the caller's source, function, line. */
 #define TARVEX_BOX_GENERIC_ERROR(...)                                            \
     tarvex_error_put(tarvex_error_construct_error(                               \
-        NULL, NULL, TARVEX_GFS_ERROR_GENERIC, __FILE__, __func__, __LINE__,      \
-        __VA_ARGS__))
+        NULL, NULL, TARVEX_GFS_ERROR_GENERIC, TARVEX_BOX_SOURCE, __func__,       \
+        __LINE__, __VA_ARGS__))
 /* The out-of-memory system error. */
 #define TARVEX_BOX_MALLOC_ERROR()                                               \
     tarvex_i_gfs_error_system(NULL, errno, "System error%s%s", " in ", "malloc")
@@ -216,9 +222,9 @@ tarvex_result_t tarvex_box_translate_response(
  * translation of error answers.  Fill the inputs (zero the rest), call
  * tarvex_box_request(), read the outputs, then tarvex_box_request_release().
  *
- * Each attempt: clear the outputs, renew the token (refresh_token only),
- * trace "API CALL!" at DEBUG, pace (tarvex_i_box_retry_delay with the last
- * "Retry-After" seconds and `retry`; skipped with no_delay), send.
+ * Each attempt: clear the outputs, trace "API CALL!" at DEBUG, renew the
+ * token (refresh_token only), pace (tarvex_i_box_retry_delay with the last
+ * translated "Retry-After" seconds and `retry`; skipped with no_delay), send.
  *   - transport failure: retried when the REST client calls it retryable;
  *   - status below 400 (or == expected_status when that is set): success;
  *   - anything else: tarvex_box_translate_response() with the body document

@@ -61,6 +61,13 @@ TEST(BoxItem, ParsesTypesParentsMembersAndDates)
     json_decref(json);
     EXPECT_STREQ(held.name, "n");
     tarvex_box_path_info_free(&held);
+
+    /* Parse errors name their source by its short name. */
+    json = json_loads(R"({"id":"7"})", 0, nullptr);
+    tarvex_object_t *error = tarvex_error_get(tarvex_box_object_info_parse(json, &held));
+    json_decref(json);
+    EXPECT_STREQ(tarvex_error_get_file(error), "object_info_parse");
+    tarvex_object_free(error);
 }
 
 TEST(BoxItem, StatEntries)
