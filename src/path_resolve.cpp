@@ -80,8 +80,12 @@ extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
     tarvex_result_t result = TARVEX_SUCCESS;
 
     /* The server hands only absolute paths; anything else is refused
-     * rather than walked. */
+     * rather than walked, as not found: no entry and no parent. */
     if (path == nullptr || path[0] != '/') {
+        if (entry_out != nullptr)
+            *entry_out = nullptr;
+        if (parent_out != nullptr)
+            *parent_out = nullptr;
         result = tarvex_l_box_not_found(path != nullptr ? path : "");
         TARVEX_BOX_TRACE_RESULT(result);
         return result;

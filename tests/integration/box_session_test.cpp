@@ -66,7 +66,8 @@ protected:
     }
     tarvex_result_t resolve(const char *path)
     {
-        entry_ = parent_ = nullptr;
+        unwritten_.name = const_cast<char *>("<unwritten>"); /* an output left alone */
+        entry_ = parent_ = &unwritten_;
         return tarvex_box_path_resolve(session_, path, &entry_, &parent_);
     }
     std::string parent_name() { return parent_ ? parent_->name : "<none>"; }
@@ -79,6 +80,7 @@ protected:
     }
 
     std::map<std::string, std::string> ids_;
+    tarvex_box_path_info_t unwritten_ = {};
     tarvex_box_path_info_t *entry_ = nullptr, *parent_ = nullptr;
 };
 
@@ -96,7 +98,8 @@ TEST_F(resolve_test, ListsEachFolderOnceAndNeverTheRoot)
 
     /* Names missing from listed folders need no request. */
     const struct { const char *path, *parent; } rows[] = {
-        {"/a/missing", "/a"}, {"/missing", "/"}, {"/x/y", "<none>"}, {"/a//b", "<none>"}};
+        {"/a/missing", "/a"}, {"/missing", "/"}, {"/x/y", "<none>"}, {"/a//b", "<none>"},
+        {"a/b", "<none>"}};
     for (const auto &r : rows) {
         EXPECT_EQ(ftp_reply(resolve(r.path)),
                   "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"" + std::string(r.path) + "\"\r\n");
