@@ -161,13 +161,12 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
             tarvex_i_box_retry_delay(retry_after, request->retry);
 
         request->attempts_made++;
-        unsigned long wait = 0;
-        result = attempt(box, request, &retry, &wait);
+        /* Only a translated answer says how long to wait; a transport
+         * failure leaves the last answer's "Retry-After" in force. */
+        result = attempt(box, request, &retry, &retry_after);
         if (result == TARVEX_SUCCESS)
             break;
 
-        /* Box's "Retry-After" paces the next attempt. */
-        retry_after = wait;
         json_decref(request->json);
         request->json = nullptr;
         if (!retry || request->attempts_made >= budget)
