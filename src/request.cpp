@@ -150,13 +150,13 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
         clear_attempt(request);
         bool retry = false;
 
+        if (tarvex_i_TARVEX_BOX_debug_handle.levels & debug_level())
+            tarvex_box_debug_line(debug_level(), __func__, "API CALL!\n");
         if (request->refresh_token) {
             result = tarvex_box_token_refresh(box, request->op);
             if (result != TARVEX_SUCCESS)
                 break;
         }
-        if (tarvex_i_TARVEX_BOX_debug_handle.levels & debug_level())
-            tarvex_box_debug_line(debug_level(), __func__, "API CALL!\n");
         if (!request->no_delay)
             tarvex_i_box_retry_delay(retry_after, request->retry);
 
