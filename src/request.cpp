@@ -134,14 +134,12 @@ tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request
 extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
                                               tarvex_box_request_t *request)
 {
-    TARVEX_BOX_TRACE_ENTER();
+    /* No entry or exit lines of its own: this is the attempt loop of the
+     * calling operation, which traces its own way in and out. */
     tarvex_box_request_release(request);
     request->attempts_made = 0;
-    if (!set_wanted_headers(request)) {
-        tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
-    }
+    if (!set_wanted_headers(request))
+        return TARVEX_BOX_MALLOC_ERROR();
 
     int budget = request->attempts > 0 ? request->attempts : 1;
     unsigned long retry_after = 0;
@@ -173,7 +171,6 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
             break;
         drop_result(result);
     }
-    TARVEX_BOX_TRACE_RESULT(result);
     return result;
 }
 
