@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "config"
 #include "tarvex_box_common.h"
 
 extern "C" {

@@ -9,6 +9,8 @@
 #include <string.h>
 #include <time.h>
 
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "token"
 #include "tarvex_box_common.h"
 
 namespace {

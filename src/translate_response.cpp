@@ -8,6 +8,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "translate_response"
 #include "tarvex_box_common.h"
 
 namespace {

@@ -83,7 +83,7 @@ struct translation {
     int status;
     const char *body, *retry_after; /* or nullptr */
     /* "code class message" of the FTP error, " +box" when the box error is
-     * its cause; "box error"; "generic: message"; "" for success */
+     * its cause; "box error"; "generic source: message"; "" for success */
     std::string result;
     bool retry;
     unsigned long seconds;
@@ -117,7 +117,8 @@ void check(const translation &t)
         got = std::to_string(code) + " " + tarvex_gfs_ftp_response_error_get_class(error) + " " +
               (message ? message : "") + (cause ? " +box" : "");
     } else if (error != nullptr) {
-        got = std::string("generic: ") + tarvex_error_get_message(error);
+        got = std::string("generic ") + tarvex_error_get_file(error) + ": " +
+              tarvex_error_get_message(error);
     }
     EXPECT_EQ(got, t.result);
 }
@@ -152,7 +153,7 @@ TEST_F(BoxFrameError, TranslatesBareStatuses)
 {
     const translation cases[] = {
         {302, nullptr, nullptr, "451 TOO_BUSY ", true, 0},
-        {400, nullptr, nullptr, "generic: Bad BOX request", false, 0},
+        {400, nullptr, nullptr, "generic translate_response: Bad BOX request", false, 0},
         {401, nullptr, nullptr, "550 PERMISSION_DENIED ", false, 0},
         {403, nullptr, "2", "550 PERMISSION_DENIED ", true, 2},
         {404, nullptr, nullptr, "550 PATH_NOT_FOUND ", false, 0},

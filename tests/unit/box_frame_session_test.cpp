@@ -27,16 +27,18 @@ protected:
     static void TearDownTestSuite() { tarvex_module_deactivate(&tarvex_i_common_module); }
 };
 
-/* "code message" of a failure: 0 and the outermost message unless it is an
- * FTP response error; "" for success. */
+/* "code message" of a failure: "0 source: message" of the outermost error
+ * unless it is an FTP response error; "" for success. */
 std::string failure(tarvex_result_t result)
 {
     tarvex_object_t *error = tarvex_error_peek(result);
     if (error == nullptr)
         return "";
     int code = tarvex_gfs_ftp_response_error_get_code(error);
-    return std::to_string(code) + " " + (code ? tarvex_gfs_ftp_response_error_get_message(error)
-                                              : tarvex_error_get_message(error));
+    if (code == 0)
+        return std::string("0 ") + tarvex_error_get_file(error) + ": " +
+               tarvex_error_get_message(error);
+    return std::to_string(code) + " " + tarvex_gfs_ftp_response_error_get_message(error);
 }
 
 /* Not JSON is a generic error, a key of the wrong type an FTP 500. */
@@ -48,7 +50,7 @@ TEST_F(BoxFrameSession, PolicyRate)
         {R"({"user_api_rate_limit": 40, "other": [1]})", 40, ""},
         {R"({"user_api_rate_limit": -3})", -3, ""},
         {R"({"user_api_rate_limit": 7, "box_api_base": 1})", 7, ""},
-        {"{", 16, "0 Error loading collection storage policy: "},
+        {"{", 16, "0 config: Error loading collection storage policy: "},
         {R"({"user_api_rate_limit": "5"})", 16,
          "500 GridFTP-Error: Error unpacking collection storage policy: "},
     };
@@ -74,7 +76,7 @@ TEST_F(BoxFrameSession, DatesWithOffsets)
         time_t when = 0;
         std::string got = failure(tarvex_i_box_parse_date(c.text, &when));
         EXPECT_EQ(when, c.utc) << c.text;
-        EXPECT_EQ(got, c.utc ? "" : std::string("0 Error parsing time string: ") + c.text + "\n");
+        EXPECT_EQ(got, c.utc ? "" : std::string("0 token: Error parsing time string: ") + c.text + "\n");
     }
 }
 
