@@ -35,10 +35,11 @@ size_t count_of(const char *text, const char *word)
     return count;
 }
 
-tarvex_result_t fail(tarvex_result_t result, char **out)
+/* The failed-exit line names the public function, not this helper. */
+tarvex_result_t fail(const char *function, tarvex_result_t result, char **out)
 {
     *out = nullptr;
-    TARVEX_BOX_TRACE_RESULT(result);
+    tarvex_box_trace_exit_result(function, result);
     return result;
 }
 
@@ -48,7 +49,8 @@ extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
                                                     char **result_out)
 {
     if (template_path == nullptr)
-        return fail(tarvex_i_gfs_error_system(nullptr, EINVAL, "System error%s%s", " in ",
+        return fail(__func__,
+                    tarvex_i_gfs_error_system(nullptr, EINVAL, "System error%s%s", " in ",
                                               "tarvex_box_evaluate_path"),
                     result_out);
     struct passwd entry;
@@ -62,14 +64,14 @@ extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
     for (;;) {
         char *grown = static_cast<char *>(realloc(buffer.data, buffer_size));
         if (grown == nullptr)
-            return fail(TARVEX_BOX_MALLOC_ERROR(), result_out);
+            return fail(__func__, TARVEX_BOX_MALLOC_ERROR(), result_out);
         buffer.data = grown;
         errno = 0;
         int rc = tarvex_i_box_getpwuid_r(getuid(), &entry, buffer.data, buffer_size, &found);
         if (rc == 0)
             break;
         if (errno != ERANGE)
-            return fail(TARVEX_BOX_MALLOC_ERROR(), result_out);
+            return fail(__func__, TARVEX_BOX_MALLOC_ERROR(), result_out);
         buffer_size *= 2;
     }
 
@@ -85,7 +87,7 @@ extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
                   lognames * name_len - lognames * 8 + 1;
     char *expanded = static_cast<char *>(malloc(size));
     if (expanded == nullptr)
-        return fail(TARVEX_BOX_MALLOC_ERROR(), result_out);
+        return fail(__func__, TARVEX_BOX_MALLOC_ERROR(), result_out);
 
     char *out = expanded;
     const char *in = template_path;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "box_scratch.h"
 #include "tarvex_box_common.h"
 
 extern "C" int (*tarvex_i_box_getpwuid_r)(uid_t, struct passwd *, char *, size_t,
@@ -187,11 +188,14 @@ TEST_F(BoxFrameSession, ExpandsPathVariables)
         *found = nullptr;
         return size < 128 ? ERANGE : 0;
     };
-    char *result = strdup("x");
+    char sentinel[] = "x", *result = sentinel;
+    tarvex_test::box_scratch scratch(TARVEX_BOX_ALL);
     tarvex_result_t failed = tarvex_box_evaluate_path("$HOME", &result);
     tarvex_i_box_getpwuid_r = saved;
     EXPECT_EQ(result, nullptr);
     EXPECT_EQ(offered, std::vector<size_t>{64});
+    EXPECT_EQ(scratch.debug_text().rfind("box: ERROR: " + std::to_string(getpid()) +
+                                         ": tarvex_box_evaluate_path: exit: result=", 0), 0u);
     EXPECT_NE(failed, TARVEX_SUCCESS);
     tarvex_object_free(tarvex_error_get(failed));
 }
