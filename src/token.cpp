@@ -123,15 +123,19 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
 
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
+    /* Only the text counts; an error that came with it is dropped, not
+     * leaked. */
+    if (result != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(result));
     /* No credential is not an error here: the caller decides what a
      * session without a token may do. */
     if (text == nullptr) {
         TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
         return TARVEX_SUCCESS;
     }
-    (void)result;
     result = tarvex_l_box_parse_token_json(text, &box->user_id, &box->access_token,
                                            &box->access_token_exp, &box->max_upload);
+    /* The framework hands over an allocated copy that is ours to free. */
     free(text);
     TARVEX_BOX_TRACE_RESULT(result);
     return result;
