@@ -49,10 +49,11 @@ void tarvex_l_box_discard(tarvex_result_t result)
 
 /* One GET with the request conventions: two attempts, paced by the API
  * pacing state, the answer as JSON in request->json. */
-tarvex_result_t tarvex_l_box_get(tarvex_box_session_t *box, const char *url,
-                                 const tarvex_dsi_rest_key_array_t *query,
+tarvex_result_t tarvex_l_box_get(tarvex_box_session_t *box, const char *caller,
+                                 const char *url, const tarvex_dsi_rest_key_array_t *query,
                                  tarvex_box_request_t *request)
 {
+    request->caller = caller;
     request->method = "GET";
     request->url = url;
     request->query = query;
@@ -162,7 +163,7 @@ extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box
 
         tarvex_box_request_t request = {};
         tarvex_l_box_request_guard guard{&request};
-        result = tarvex_l_box_get(box, url.get(), &query, &request);
+        result = tarvex_l_box_get(box, __func__, url.get(), &query, &request);
         marker.reset();
         if (result != TARVEX_SUCCESS)
             break;
@@ -196,7 +197,7 @@ extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
     tarvex_box_request_t request = {};
     tarvex_l_box_request_guard guard{&request};
 
-    tarvex_result_t result = tarvex_l_box_get(box, url.get(), &query, &request);
+    tarvex_result_t result = tarvex_l_box_get(box, __func__, url.get(), &query, &request);
     if (result == TARVEX_SUCCESS) {
         if (request.json == nullptr)
             result = TARVEX_BOX_MALLOC_ERROR();

@@ -149,7 +149,9 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
         bool retry = false;
 
         if (tarvex_i_TARVEX_BOX_debug_handle.levels & debug_level())
-            tarvex_box_debug_line(debug_level(), __func__, "API CALL!\n");
+            tarvex_box_debug_line(debug_level(),
+                                  request->caller ? request->caller : __func__,
+                                  "API CALL!\n");
         if (request->refresh_token) {
             result = tarvex_box_token_refresh(box, request->op);
             if (result != TARVEX_SUCCESS)

@@ -262,6 +262,8 @@ typedef struct tarvex_box_request_s {
     bool translate_without_body; /* translate from the status alone */
     bool refusal_is_final;       /* a status of 400 or more is never retried */
     int expected_status;         /* non-zero: only this status is a plain success */
+    const char *caller;          /* the operation whose attempts these are: its
+                                  * name leads the "API CALL!" lines */
     /* outputs */
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */

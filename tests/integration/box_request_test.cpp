@@ -43,6 +43,14 @@ protected:
     std::string url_;
 };
 
+/* Each attempt's "API CALL!" line names the operation making the call. */
+TEST_F(request_test, AttemptsAreTracedUnderTheCallingOperation)
+{
+    ASSERT_EQ(tarvex_box_get_folder_items(session_, "0", "/", nullptr, nullptr), TARVEX_SUCCESS);
+    EXPECT_NE(scratch_.debug_text().find(": tarvex_box_get_folder_items: API CALL!\n"),
+              std::string::npos);
+}
+
 /* A 429 with neither body nor Retry-After is tried again at once. */
 TEST_F(request_test, BareTooManyRequestsIsRetriedAtOnce)
 {
