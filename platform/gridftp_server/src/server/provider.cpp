@@ -44,7 +44,6 @@ void finished_command(void *ctx, tarvex_result_t result, const char *response, b
         }
         return;
     }
-    c.has_response = response != nullptr;
     c.response = response != nullptr ? response : "";
     c.session->call_finished(c, result);
 }

@@ -290,7 +290,6 @@ void Session::reply_busy_line(const std::string &line, PluginCall &c)
 
 void Session::wait_for(PluginCall &c)
 {
-    current_ = &c;
     for (;;) {
         {
             std::lock_guard lock(mu_);
@@ -331,7 +330,6 @@ void Session::wait_for(PluginCall &c)
             break;
         }
     }
-    current_ = nullptr;
 }
 
 bool Session::stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result)

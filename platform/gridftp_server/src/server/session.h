@@ -49,7 +49,6 @@ struct PluginCall {
     std::function<void(tarvex_result_t, tarvex_gridftp_server_control_stat_t *, int, bool)> on_stat;
     // command
     std::string response;
-    bool has_response = false;
     // transfer (and listings, for their data connection)
     Transfer *transfer = nullptr;
 };
@@ -159,7 +158,6 @@ private:
     bool quit_ = false;
     bool control_lost_ = false;
     std::deque<std::string> pending_; // lines that came while the plug-in worked
-    PluginCall *current_ = nullptr;   // the call in progress, for ABOR and STAT
 
     // login
     std::string user_;
