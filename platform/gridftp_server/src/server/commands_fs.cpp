@@ -125,18 +125,17 @@ void Session::cmd_rnfr(const std::string &arg)
         return;
     }
     rnfr_ = path;
-    rnfr_set_ = true;
     reply(350, "Ready for RNTO.");
 }
 
 void Session::cmd_rnto(const std::string &arg)
 {
-    if (!rnfr_set_) {
+    if (rnfr_.empty()) {
         reply(503, "RNFR required first.");
         return;
     }
-    std::string from = rnfr_;
-    rnfr_set_ = false;
+    std::string from = std::move(rnfr_);
+    rnfr_.clear();
     std::string to = path_arg(arg);
     if (to == "/") {
         reply(553, "Cannot rename to the root folder.");

@@ -144,8 +144,6 @@ void Session::dispatch(const std::string &line)
     for (char &ch : verb)
         ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
 
-    // RNTO must follow RNFR at once; anything else forgets the source.
-    bool keep_rnfr = verb == "RNTO";
     auto it = commands().find(verb);
     if (it == commands().end()) {
         bool word = !verb.empty() && verb.size() <= 8;
@@ -159,8 +157,9 @@ void Session::dispatch(const std::string &line)
     } else {
         (this->*(it->second.fn))(arg);
     }
-    if (!keep_rnfr && verb != "RNFR")
-        rnfr_set_ = false;
+    // RNTO must follow RNFR at once; anything else forgets the source.
+    if (verb != "RNFR" && verb != "RNTO")
+        rnfr_.clear();
 }
 
 const std::map<std::string, Session::Command> &Session::commands()

@@ -178,8 +178,7 @@ private:
     // file system state
     std::string cwd_ = "/";
     std::string home_ = "/";
-    std::string rnfr_;
-    bool rnfr_set_ = false;
+    std::string rnfr_; // empty: no RNFR waiting for its RNTO
     tarvex_off_t rest_ = 0;
     tarvex_off_t alloc_ = 0;
     DataSetup data_;
