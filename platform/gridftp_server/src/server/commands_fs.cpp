@@ -51,6 +51,17 @@ bool Session::real_path(std::string &path, tarvex_result_t &result)
     return result == TARVEX_SUCCESS;
 }
 
+// For the commands that need their path to exist: on failure the client
+// has its error reply and the command is over.
+bool Session::stat_or_reply(const std::string &path, StatEntry &e)
+{
+    tarvex_result_t r;
+    if (stat_one(path, e, r))
+        return true;
+    reply_error(r, 550);
+    return false;
+}
+
 void Session::cmd_cwd(const std::string &arg)
 {
     std::string path = path_arg(arg.empty() ? home_ : arg);
@@ -119,11 +130,8 @@ void Session::cmd_rnfr(const std::string &arg)
         return;
     }
     StatEntry e;
-    tarvex_result_t r;
-    if (!stat_one(path, e, r)) {
-        reply_error(r, 550);
+    if (!stat_or_reply(path, e))
         return;
-    }
     rnfr_ = path;
     reply(350, "Ready for RNTO.");
 }
@@ -159,11 +167,8 @@ void Session::cmd_size(const std::string &arg)
 {
     std::string path = path_arg(arg);
     StatEntry e;
-    tarvex_result_t r;
-    if (!stat_one(path, e, r)) {
-        reply_error(r, 550);
+    if (!stat_or_reply(path, e))
         return;
-    }
     if (!S_ISREG(e.mode)) {
         reply(550, path + ": not a regular file.");
         return;
@@ -175,11 +180,8 @@ void Session::cmd_mdtm(const std::string &arg)
 {
     std::string path = path_arg(arg);
     StatEntry e;
-    tarvex_result_t r;
-    if (!stat_one(path, e, r)) {
-        reply_error(r, 550);
+    if (!stat_or_reply(path, e))
         return;
-    }
     reply(213, mdtm_time(e.mtime));
 }
 
@@ -187,11 +189,8 @@ void Session::cmd_mlst(const std::string &arg)
 {
     std::string path = path_arg(arg);
     StatEntry e;
-    tarvex_result_t r;
-    if (!stat_one(path, e, r)) {
-        reply_error(r, 550);
+    if (!stat_or_reply(path, e))
         return;
-    }
     reply(250, "Listing " + path + "\n" + mlst_facts(e, facts_, false, path) + "\nEnd");
 }
 

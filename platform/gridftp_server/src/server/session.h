@@ -86,6 +86,7 @@ private:
     void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
     void wait_for(PluginCall &c);
     bool stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result);
+    bool stat_or_reply(const std::string &path, StatEntry &e);
     bool real_path(std::string &path, tarvex_result_t &result);
     bool run_command(tarvex_gfs_command_info_t &info, std::string &response,
                      tarvex_result_t &result);
