@@ -27,6 +27,15 @@ void free_result(tarvex_result_t result)
         tarvex_object_free(tarvex_error_get(result));
 }
 
+// The command word of a control line, in capitals.
+std::string verb_of(const std::string &line)
+{
+    std::string verb = line.substr(0, line.find(' '));
+    for (char &ch : verb)
+        ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+    return verb;
+}
+
 } // namespace
 
 Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep)
@@ -139,10 +148,8 @@ void Session::run()
 void Session::dispatch(const std::string &line)
 {
     size_t sp = line.find(' ');
-    std::string verb = line.substr(0, sp);
+    std::string verb = verb_of(line);
     std::string arg = sp == std::string::npos ? "" : line.substr(sp + 1);
-    for (char &ch : verb)
-        ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
 
     auto it = commands().find(verb);
     if (it == commands().end()) {
@@ -259,9 +266,7 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
 void Session::reply_busy_line(const std::string &line, PluginCall &c)
 {
     size_t sp = line.find(' ');
-    std::string verb = line.substr(0, sp);
-    for (char &ch : verb)
-        ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
+    std::string verb = verb_of(line);
     bool has_arg = sp != std::string::npos && line.find_first_not_of(' ', sp) != std::string::npos;
     if (verb == "ABOR" && c.transfer != nullptr) {
         c.transfer->abort(); // answered when the plug-in has stopped
