@@ -126,15 +126,14 @@ void Session::run()
             dispatch(line);
             continue;
         }
-        switch (ctl_.next(line, idle_ms, -1)) {
+        ControlChannel::Event ev = ctl_.next(line, idle_ms, -1);
+        switch (ev) {
         case ControlChannel::Event::line:
             dispatch(line);
             break;
         case ControlChannel::Event::too_long:
-            reply(500, "Command line too long.");
-            break;
         case ControlChannel::Event::nul:
-            reply(500, "NUL bytes are not allowed in commands.");
+            reply_unreadable(ev);
             break;
         case ControlChannel::Event::timeout:
             reply(421, "Idle timeout, closing control connection.");
@@ -143,6 +142,13 @@ void Session::run()
             return;
         }
     }
+}
+
+// A line the control channel would not hand over as a command.
+void Session::reply_unreadable(ControlChannel::Event ev)
+{
+    reply(500, ev == ControlChannel::Event::too_long ? "Command line too long."
+                                                    : "NUL bytes are not allowed in commands.");
 }
 
 void Session::dispatch(const std::string &line)
@@ -321,10 +327,8 @@ void Session::wait_for(PluginCall &c)
             reply_busy_line(line, c);
             break;
         case ControlChannel::Event::too_long:
-            reply(500, "Command line too long.");
-            break;
         case ControlChannel::Event::nul:
-            reply(500, "NUL bytes are not allowed in commands.");
+            reply_unreadable(ev);
             break;
         default:
             // The client is gone: stop the transfer, let the plug-in finish.

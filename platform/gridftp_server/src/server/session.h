@@ -81,6 +81,7 @@ private:
     void reply(int code, const std::string &text) { ctl_.reply(code, text); }
     void reply_error(tarvex_result_t result, int default_code);
     void reply_busy_line(const std::string &line, PluginCall &c);
+    void reply_unreadable(ControlChannel::Event ev);
 
     // calling the plug-in
     void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
