@@ -90,14 +90,12 @@ bool Transfer::usable()
     return serving_ && !finished_ && failure_.empty() && !aborted_;
 }
 
-tarvex_result_t Transfer::register_write(tarvex_gfs_operation_t op, tarvex_byte_t *buf,
-                                         tarvex_size_t len, tarvex_gridftp_server_write_cb_t cb,
-                                         void *arg)
+tarvex_result_t Transfer::enqueue(const Request &r)
 {
     {
         std::lock_guard lock(mu_);
         if (usable()) {
-            queue_.push_back(Request{true, op, buf, len, cb, nullptr, arg});
+            queue_.push_back(r);
             cv_.notify_one();
             return TARVEX_SUCCESS;
         }
@@ -105,19 +103,18 @@ tarvex_result_t Transfer::register_write(tarvex_gfs_operation_t op, tarvex_byte_
     return data_error(aborted_ ? "The transfer was aborted." : "The data connection is not open.");
 }
 
+tarvex_result_t Transfer::register_write(tarvex_gfs_operation_t op, tarvex_byte_t *buf,
+                                         tarvex_size_t len, tarvex_gridftp_server_write_cb_t cb,
+                                         void *arg)
+{
+    return enqueue(Request{true, op, buf, len, cb, nullptr, arg});
+}
+
 tarvex_result_t Transfer::register_read(tarvex_gfs_operation_t op, tarvex_byte_t *buf,
                                         tarvex_size_t len, tarvex_gridftp_server_read_cb_t cb,
                                         void *arg)
 {
-    {
-        std::lock_guard lock(mu_);
-        if (usable()) {
-            queue_.push_back(Request{false, op, buf, len, nullptr, cb, arg});
-            cv_.notify_one();
-            return TARVEX_SUCCESS;
-        }
-    }
-    return data_error(aborted_ ? "The transfer was aborted." : "The data connection is not open.");
+    return enqueue(Request{false, op, buf, len, nullptr, cb, arg});
 }
 
 bool Transfer::write_text(const std::string &text)

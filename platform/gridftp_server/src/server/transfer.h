@@ -85,6 +85,8 @@ private:
     void complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof);
     void fail(const std::string &reply);
     bool usable();
+    // Queues a plug-in's buffer for the data thread, or says why it cannot.
+    tarvex_result_t enqueue(const Request &r);
 
     DataSetup &setup_;
     TransferParams p_;
