@@ -67,12 +67,20 @@ void Session::cmd_stru(const std::string &arg)
         reply(504, "Only file structure is supported.");
 }
 
+// After EPSV ALL the client has promised to open data connections with EPSV
+// alone; PASV, PORT and EPRT are turned away.
+bool Session::refused_after_epsv_all()
+{
+    if (!epsv_all_)
+        return false;
+    reply(503, "Only EPSV after EPSV ALL.");
+    return true;
+}
+
 void Session::cmd_pasv(const std::string &)
 {
-    if (epsv_all_) {
-        reply(503, "Only EPSV after EPSV ALL.");
+    if (refused_after_epsv_all())
         return;
-    }
     std::string text;
     if (!data_.passive(ep_, false, opts_.pasv_low, opts_.pasv_high, text)) {
         reply(425, "Cannot enter passive mode: " + text + ".");
@@ -102,10 +110,8 @@ void Session::cmd_epsv(const std::string &arg)
 
 void Session::cmd_port(const std::string &arg)
 {
-    if (epsv_all_) {
-        reply(503, "Only EPSV after EPSV ALL.");
+    if (refused_after_epsv_all())
         return;
-    }
     std::string why;
     if (!data_.active(ep_, arg, false, why)) {
         reply(501, why + ".");
@@ -116,10 +122,8 @@ void Session::cmd_port(const std::string &arg)
 
 void Session::cmd_eprt(const std::string &arg)
 {
-    if (epsv_all_) {
-        reply(503, "Only EPSV after EPSV ALL.");
+    if (refused_after_epsv_all())
         return;
-    }
     std::string why;
     if (!data_.active(ep_, arg, true, why)) {
         reply(why.rfind("Network protocol", 0) == 0 ? 522 : 501, why + ".");

@@ -144,6 +144,7 @@ private:
     void cmd_mlsd(const std::string &arg);
     void listing(const std::string &arg, int kind);
     bool data_allowed();
+    bool refused_after_epsv_all();
     TransferParams transfer_params(const std::string &what);
     void finish_transfer(PluginCall &c, Transfer &t, int default_code);
     void transfer(bool store, const std::string &arg, bool append = false);
