@@ -61,6 +61,15 @@ void Session::wake()
     }
 }
 
+// Empties the wake counter, so the next poll blocks until the next wake().
+void Session::drain_wake()
+{
+    uint64_t n;
+    if (read(wake_fd_, &n, sizeof n) < 0) {
+        // already empty
+    }
+}
+
 void Session::call_finished(PluginCall &c, tarvex_result_t result)
 {
     {
@@ -316,13 +325,9 @@ void Session::wait_for(PluginCall &c)
             ev = ctl_.next(line, -1, wake_fd_);
         }
         switch (ev) {
-        case ControlChannel::Event::woken: {
-            uint64_t n;
-            if (read(wake_fd_, &n, sizeof n) < 0) {
-                // nothing to drain
-            }
+        case ControlChannel::Event::woken:
+            drain_wake();
             break;
-        }
         case ControlChannel::Event::line:
             reply_busy_line(line, c);
             break;
@@ -396,10 +401,7 @@ void Session::destroy_plugin_session()
             }
             pollfd p{wake_fd_, POLLIN, 0};
             poll(&p, 1, 1000);
-            uint64_t n;
-            if (read(wake_fd_, &n, sizeof n) < 0) {
-                // nothing to drain
-            }
+            drain_wake();
         }
     }
     plugin_thread_.reset();

@@ -86,6 +86,7 @@ private:
     // calling the plug-in
     void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
     void wait_for(PluginCall &c);
+    void drain_wake();
     bool stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result);
     bool stat_or_reply(const std::string &path, StatEntry &e);
     bool real_path(std::string &path, tarvex_result_t &result);
