@@ -24,8 +24,10 @@ std::optional<uint64_t> known_body_length(RequestContext &ctx,
 
 namespace {
 
-// Large enough that a gigabit stream is not chopped into tiny callbacks.
-constexpr long receive_buffer_size = 512L * 1024;
+// Large enough that a fast stream is not chopped into tiny callbacks, small
+// enough that each piece is still in the CPU cache when the read callback
+// consumes it: 512 KiB measured slower than 64 KiB on loopback downloads.
+constexpr long receive_buffer_size = 64L * 1024;
 constexpr long send_buffer_size = 512L * 1024;
 
 class HeaderList {
