@@ -142,17 +142,18 @@ tarvex_result_t count_bytes(void *arg, void *, size_t length)
     return TARVEX_SUCCESS;
 }
 
-Run sink_run(const std::string &url)
+// One timed GET of `url` through the REST client into `read`; false when
+// the request failed or did not answer 200.
+bool timed_get(const std::string &url, tarvex_dsi_rest_data_read_t read, void *read_arg, Run &run)
 {
     tarvex_dsi_rest_key_value_t auth[] = {{"Authorization", "Bearer test-token"}};
     tarvex_dsi_rest_key_array_t headers = {1, auth};
-    uint64_t received = 0;
     tarvex_dsi_rest_response_arg_t record{};
     tarvex_dsi_rest_callbacks_t callbacks{};
     callbacks.response_callback = tarvex_dsi_rest_response;
     callbacks.response_callback_arg = &record;
-    callbacks.data_read_callback = count_bytes;
-    callbacks.data_read_callback_arg = &received;
+    callbacks.data_read_callback = read;
+    callbacks.data_read_callback_arg = read_arg;
     callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
     callbacks.progress_callback_arg = reinterpret_cast<void *>(uintptr_t{30000});
     double cpu = cpu_seconds(RUSAGE_SELF);
@@ -160,36 +161,28 @@ Run sink_run(const std::string &url)
     tarvex_result_t result = tarvex_dsi_rest_request("GET", url.c_str(), nullptr, &headers,
                                                      &callbacks);
     double elapsed = seconds_now() - start;
-    cpu = cpu_seconds(RUSAGE_SELF) - cpu;
-    if (result != TARVEX_SUCCESS || record.response_code != 200 || received != file_size)
+    run = {file_size / 1e6 / elapsed, cpu_seconds(RUSAGE_SELF) - cpu};
+    return result == TARVEX_SUCCESS && record.response_code == 200;
+}
+
+Run sink_run(const std::string &url)
+{
+    uint64_t received = 0;
+    Run run{};
+    if (!timed_get(url, count_bytes, &received, run) || received != file_size)
         throw std::runtime_error("client download into a sink failed");
-    return {file_size / 1e6 / elapsed, cpu};
+    return run;
 }
 
 Run operation_run(const std::string &url)
 {
     SinkOp sink;
-    tarvex_dsi_rest_key_value_t auth[] = {{"Authorization", "Bearer test-token"}};
-    tarvex_dsi_rest_key_array_t headers = {1, auth};
     tarvex_dsi_rest_gridftp_op_arg_t arg{sink.op, 0, -1, false};
-    tarvex_dsi_rest_response_arg_t record{};
-    tarvex_dsi_rest_callbacks_t callbacks{};
-    callbacks.response_callback = tarvex_dsi_rest_response;
-    callbacks.response_callback_arg = &record;
-    callbacks.data_read_callback = tarvex_dsi_rest_read_gridftp_op;
-    callbacks.data_read_callback_arg = &arg;
-    callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
-    callbacks.progress_callback_arg = reinterpret_cast<void *>(uintptr_t{30000});
-    double cpu = cpu_seconds(RUSAGE_SELF);
-    double start = seconds_now();
-    tarvex_result_t result = tarvex_dsi_rest_request("GET", url.c_str(), nullptr, &headers,
-                                                     &callbacks);
-    double elapsed = seconds_now() - start;
-    cpu = cpu_seconds(RUSAGE_SELF) - cpu;
-    if (result != TARVEX_SUCCESS || record.response_code != 200 ||
+    Run run{};
+    if (!timed_get(url, tarvex_dsi_rest_read_gridftp_op, &arg, run) ||
         static_cast<uint64_t>(arg.offset) != file_size || !arg.eof)
         throw std::runtime_error("client download failed");
-    return {file_size / 1e6 / elapsed, cpu};
+    return run;
 }
 
 Run curl_run(const std::string &url)

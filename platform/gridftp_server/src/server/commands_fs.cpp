@@ -85,11 +85,12 @@ void Session::cmd_cdup(const std::string &)
 }
 
 void Session::simple_command(tarvex_gfs_command_type_t type, const std::string &path, int ok_code,
-                             const std::string &ok_text)
+                             const std::string &ok_text, const char *from)
 {
     tarvex_gfs_command_info_t info{};
     info.command = type;
     info.pathname = const_cast<char *>(path.c_str());
+    info.from_pathname = const_cast<char *>(from);
     info.cksm_length = -1;
     std::string response;
     tarvex_result_t r;
@@ -149,18 +150,8 @@ void Session::cmd_rnto(const std::string &arg)
         reply(553, "Cannot rename to the root folder.");
         return;
     }
-    tarvex_gfs_command_info_t info{};
-    info.command = TARVEX_GFS_CMD_RNTO;
-    info.pathname = const_cast<char *>(to.c_str());
-    info.from_pathname = const_cast<char *>(from.c_str());
-    info.cksm_length = -1;
-    std::string response;
-    tarvex_result_t r;
-    if (!run_command(info, response, r)) {
-        reply_error(r, 550);
-        return;
-    }
-    reply(250, "Renamed " + from + " to " + to + ".");
+    simple_command(TARVEX_GFS_CMD_RNTO, to, 250, "Renamed " + from + " to " + to + ".",
+                   from.c_str());
 }
 
 void Session::cmd_size(const std::string &arg)

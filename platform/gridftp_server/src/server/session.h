@@ -124,8 +124,10 @@ private:
     void cmd_mdtm(const std::string &arg);
     void cmd_mlst(const std::string &arg);
     void cmd_cksm(const std::string &arg);
+    // Runs one plug-in command on `path` (RNTO: `from` is the source) and
+    // replies `ok_code ok_text`, or 550 with the plug-in's error.
     void simple_command(tarvex_gfs_command_type_t type, const std::string &path, int ok_code,
-                        const std::string &ok_text);
+                        const std::string &ok_text, const char *from = nullptr);
     // data
     void cmd_type(const std::string &arg);
     void cmd_mode(const std::string &arg);
