@@ -6,10 +6,6 @@
 
 extern "C" tarvex_result_t tarvex_i_box_set_metadata(tarvex_box_session_t *,
                                                      tarvex_box_path_info_t *,
-                                                     const char *, const char *);
-
-extern "C" tarvex_result_t tarvex_i_box_set_metadata(tarvex_box_session_t *,
-                                                     tarvex_box_path_info_t *,
                                                      const char *, const char *)
 {
     TARVEX_BOX_TRACE_ENTER();

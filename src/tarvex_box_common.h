@@ -343,6 +343,102 @@ tarvex_result_t tarvex_box_stat_entry(tarvex_box_session_t *box, const char *bas
                                       tarvex_box_path_info_t *path_info,
                                       void *callback_arg);
 
+/* ---- commands ---- */
+
+/* The handlers of the command operation; each reports its completion once. */
+void tarvex_i_box_mkdir(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *cmd_info,
+                        tarvex_box_session_t *box);
+void tarvex_i_box_delete(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *cmd_info,
+                         tarvex_box_session_t *box);
+void tarvex_i_box_rename(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *cmd_info,
+                         tarvex_box_session_t *box);
+void tarvex_i_box_cksm(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *cmd_info,
+                       tarvex_box_session_t *box);
+
+/*
+ * Deletes the Box item of a resolved record with one DELETE: `type` is the
+ * command type (TARVEX_GFS_CMD_DELE needs a file, TARVEX_GFS_CMD_RMD a
+ * folder, TARVEX_GFS_CMD_SITE_RDEL a folder and deletes its tree).  Once a
+ * request has been sent the record's cache entry is removed (and the
+ * record freed), whatever the outcome: the caller must not use
+ * `path_info` afterwards.  A refusal by Box is never retried.
+ */
+tarvex_result_t tarvex_i_box_delete_object(tarvex_box_session_t *box,
+                                           tarvex_box_path_info_t *path_info, int type);
+
+/* Stores one string property in the item's global "properties" metadata
+ * (created by POST, patched by PUT once `has_metadata` is set; sets it). */
+tarvex_result_t tarvex_i_box_set_metadata(tarvex_box_session_t *box,
+                                          tarvex_box_path_info_t *path_info,
+                                          const char *key, const char *value);
+
+/* The progress and digest state of one checksum download. */
+typedef struct tarvex_i_box_cksm_state_s {
+    tarvex_gfs_operation_t op;
+    int response_freq;  /* seconds between progress replies */
+    int response_due;   /* when the next one is due; 0: none */
+    tarvex_off_t total_bytes;
+    MD5_CTX md5_ctx;
+    SHA_CTX sha_ctx;
+} tarvex_i_box_cksm_state_t;
+
+/* The checksum download's data callback (argument: the state). */
+tarvex_result_t tarvex_i_box_cksm_cb(void *callback_arg, void *buffer,
+                                     size_t buffer_length);
+
+/* ---- transfers ---- */
+
+tarvex_result_t tarvex_i_box_recv_small(tarvex_gfs_operation_t op,
+                                        tarvex_gfs_transfer_info_t *info,
+                                        tarvex_box_session_t *box,
+                                        tarvex_box_path_info_t *parent);
+tarvex_result_t tarvex_i_box_recv_chunked(tarvex_gfs_operation_t op,
+                                          tarvex_gfs_transfer_info_t *info,
+                                          tarvex_box_session_t *box,
+                                          tarvex_box_path_info_t *parent);
+tarvex_result_t tarvex_i_box_create_upload_session(tarvex_box_session_t *box,
+                                                   tarvex_gfs_transfer_info_t *info,
+                                                   tarvex_box_path_info_t *parent,
+                                                   tarvex_box_upload_session_t **upload);
+tarvex_result_t tarvex_box_upload_session_parse(json_t *json,
+                                                tarvex_box_upload_session_t *info);
+tarvex_result_t tarvex_i_box_upload_parts(tarvex_gfs_operation_t op,
+                                          tarvex_box_session_t *box,
+                                          tarvex_gfs_transfer_info_t *info,
+                                          tarvex_box_upload_session_t *upload);
+tarvex_result_t tarvex_i_box_commit_upload(tarvex_gfs_operation_t op,
+                                           tarvex_box_session_t *box,
+                                           tarvex_gfs_transfer_info_t *info,
+                                           tarvex_box_path_info_t *parent,
+                                           tarvex_box_upload_session_t *upload);
+
+/* ---- the upload lock: a per-user state file shared between processes ---- */
+
+/* The file's layout (4440 bytes, host byte order). */
+struct tarvex_box_upload_state_shared_s {
+    char id[128];
+    int32_t num_parts;
+    uint64_t part_size;
+    uint64_t total_size;
+    MD5_CTX md5_ctx;
+    SHA_CTX sha1_ctx;
+    char name[4096];
+    uint32_t part_array[]; /* no room for it in the file */
+};
+
+typedef struct tarvex_box_upload_state_s {
+    bool is;
+    int fd; /* -1: private memory */
+    struct tarvex_box_upload_state_shared_s *shared;
+} tarvex_box_upload_state_t;
+
+void tarvex_i_box_upload_state_create(const char *name,
+                                      tarvex_box_upload_state_t *upload_state);
+tarvex_result_t tarvex_i_box_upload_state_lock(tarvex_box_upload_state_t *upload_state,
+                                               bool blocking);
+tarvex_result_t tarvex_i_box_upload_state_unlock(tarvex_box_upload_state_t *upload_state);
+void tarvex_i_box_upload_state_destroy(tarvex_box_upload_state_t *upload_state);
+
 /* An FTP error for operations that arrive with a later release. */
 tarvex_result_t tarvex_box_not_implemented_yet(const char *what);
 

@@ -42,6 +42,9 @@ const tarvex_gfs_storage_iface_t box_table = [] {
     t.init_func = tarvex_i_box_start;
     t.destroy_func = tarvex_i_box_destroy;
     t.stat_func = tarvex_i_box_stat;
+    t.command_func = tarvex_i_box_command;
+    t.send_func = tarvex_i_box_send;
+    t.recv_func = tarvex_i_box_recv;
     return t;
 }();
 

@@ -22,7 +22,7 @@ using log_entry = tarvex_test::BoxEmulator::LogEntry;
 using strings = std::vector<std::string>;
 
 tarvex_test::BoxEmulator &emulator();
-/* The plug-in's table as the server would hold it: start, destroy, stat. */
+/* The plug-in's table as the server would hold it. */
 extern const tarvex_gfs_storage_iface_t box_table;
 /* "$HOME/.tarvex" of the password entry, and whether it was there before
  * this program started (the program removes it again if it was not). */
