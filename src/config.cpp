@@ -10,6 +10,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "config"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 extern "C" {
 
@@ -97,15 +98,6 @@ extern "C" void tarvex_box_set_bases(const char *api_base, const char *upload_ba
         b.upload = origin(upload_base);
 }
 
-namespace {
-
-struct json_guard {
-    json_t *doc;
-    ~json_guard() { json_decref(doc); }
-};
-
-} // namespace
-
 /*
  * A policy that is not JSON is a generic error while a key of the wrong
  * type is an FTP 500: the two are told apart on purpose.  A rate of 0 (or
@@ -115,8 +107,8 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
 {
     TARVEX_BOX_TRACE_ENTER();
     json_error_t error;
-    json_guard policy{json_loads(text, 0, &error)};
-    if (policy.doc == nullptr) {
+    tarvex_box_json_ptr policy(json_loads(text, 0, &error));
+    if (policy.get() == nullptr) {
         tarvex_result_t result = TARVEX_BOX_GENERIC_ERROR(
             "Error loading collection storage policy: %s\n", error.text);
         TARVEX_BOX_TRACE_RESULT(result);
@@ -124,7 +116,7 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
     }
 
     int per_second = 0;
-    if (json_unpack_ex(policy.doc, &error, 0, "{s?i}", "user_api_rate_limit",
+    if (json_unpack_ex(policy.get(), &error, 0, "{s?i}", "user_api_rate_limit",
                        &per_second) != 0) {
         tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
             nullptr, nullptr, 500, "INTERNAL_ERROR",
@@ -140,8 +132,8 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
     /* The bases are our own addition to the policy: only the rate may make
      * it fail, so a base that is not a string is ignored like any other
      * key the plug-in does not know. */
-    tarvex_box_set_bases(json_string_value(json_object_get(policy.doc, "box_api_base")),
-                         json_string_value(json_object_get(policy.doc, "box_upload_base")));
+    tarvex_box_set_bases(json_string_value(json_object_get(policy.get(), "box_api_base")),
+                         json_string_value(json_object_get(policy.get(), "box_upload_base")));
     TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
     return TARVEX_SUCCESS;
 }

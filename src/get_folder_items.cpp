@@ -13,6 +13,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "get_folder_items"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -23,29 +24,6 @@ constexpr const char *tarvex_l_box_file_fields =
 /* Box's largest page for marker paging keeps the number of requests (and
  * of pacing delays) low. */
 constexpr const char *tarvex_l_box_page_limit = "300";
-
-struct tarvex_l_box_free_deleter {
-    void operator()(char *text) const { free(text); }
-};
-using tarvex_l_box_string_ptr = std::unique_ptr<char, tarvex_l_box_free_deleter>;
-
-/* Releases the outputs of a Box request on every way out. */
-struct tarvex_l_box_request_guard {
-    tarvex_box_request_t *request;
-    ~tarvex_l_box_request_guard() { tarvex_box_request_release(request); }
-};
-
-/* Releases the strings of a stack record on every way out. */
-struct tarvex_l_box_info_guard {
-    tarvex_box_path_info_t *info;
-    ~tarvex_l_box_info_guard() { tarvex_box_path_info_free(info); }
-};
-
-/* Drops an error we replace by one of our own. */
-void tarvex_l_box_discard(tarvex_result_t result)
-{
-    tarvex_object_free(tarvex_error_get(result));
-}
 
 /* One GET with the request conventions: two attempts, paced by the API
  * pacing state, the answer as JSON in request->json. */
@@ -73,11 +51,11 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
                                        void *callback_arg)
 {
     tarvex_box_path_info_t info = {};
-    tarvex_l_box_info_guard guard{&info};
+    tarvex_box_info_guard guard{&info};
 
     tarvex_result_t result = tarvex_box_object_info_parse(item, &info);
     if (result != TARVEX_SUCCESS) {
-        tarvex_l_box_discard(result);
+        tarvex_box_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     }
     /* Box never names an item "" or with a "/" in it; such a name would
@@ -87,7 +65,7 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     result = tarvex_box_path_cache_update(&box->cache, &info, path);
     if (result != TARVEX_SUCCESS) {
-        tarvex_l_box_discard(result);
+        tarvex_box_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     }
     if (callback == nullptr)
@@ -103,7 +81,7 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
 tarvex_result_t tarvex_l_box_take_page(tarvex_box_session_t *box, json_t *page,
                                        const char *path,
                                        tarvex_box_list_entry_cb_t callback,
-                                       void *callback_arg, tarvex_l_box_string_ptr *marker)
+                                       void *callback_arg, tarvex_box_cstr_ptr *marker)
 {
     if (page == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
@@ -140,7 +118,7 @@ extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box
                                                       void *callback_arg)
 {
     TARVEX_BOX_TRACE_ENTER();
-    tarvex_l_box_string_ptr url(tarvex_common_create_string(
+    tarvex_box_cstr_ptr url(tarvex_common_create_string(
         "%s/2.0/folders/%s/items", tarvex_box_api_base(), folder_id));
     if (url == nullptr) {
         tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
@@ -149,7 +127,7 @@ extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box
     }
 
     tarvex_result_t result = TARVEX_SUCCESS;
-    tarvex_l_box_string_ptr marker;
+    tarvex_box_cstr_ptr marker;
     do {
         /* The first page goes without a marker: the REST client leaves a
          * key without a value out of the query. */
@@ -162,7 +140,7 @@ extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box
         tarvex_dsi_rest_key_array_t query = {4, query_pairs};
 
         tarvex_box_request_t request = {};
-        tarvex_l_box_request_guard guard{&request};
+        tarvex_box_request_guard guard{&request};
         result = tarvex_l_box_get(box, __func__, url.get(), &query, &request);
         marker.reset();
         if (result != TARVEX_SUCCESS)
@@ -184,7 +162,7 @@ extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
     TARVEX_BOX_TRACE_ENTER();
     /* The trailing "/" is what Box's file endpoint has always been called
      * with here; keep it. */
-    tarvex_l_box_string_ptr url(
+    tarvex_box_cstr_ptr url(
         tarvex_common_create_string("%s/2.0/files/%s/", tarvex_box_api_base(), file_id));
     if (url == nullptr) {
         tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
@@ -195,7 +173,7 @@ extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
     tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_file_fields}};
     tarvex_dsi_rest_key_array_t query = {1, query_pairs};
     tarvex_box_request_t request = {};
-    tarvex_l_box_request_guard guard{&request};
+    tarvex_box_request_guard guard{&request};
 
     tarvex_result_t result = tarvex_l_box_get(box, __func__, url.get(), &query, &request);
     if (result == TARVEX_SUCCESS) {

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 static_assert(sizeof(struct tarvex_box_retry_shared_s) == 24, "pacing record layout");
 
@@ -277,7 +278,7 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
 
     tarvex_result_t locked = tarvex_i_box_retry_state_lock(retry, true);
     if (locked != TARVEX_SUCCESS) {
-        tarvex_object_free(tarvex_error_get(locked));
+        tarvex_box_discard(locked);
         TARVEX_L_BOX_DEBUG("sleep=%u lockfailed\n", retry->delay);
         sleep_usec(retry->delay);
         return;
@@ -312,7 +313,6 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
 
     wall_clock(&retry->shared->last.tv_sec, &retry->shared->last.tv_nsec);
     tarvex_result_t unlocked = tarvex_i_box_retry_state_unlock(retry);
-    if (unlocked != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(unlocked));
+    tarvex_box_discard(unlocked);
     TARVEX_BOX_TRACE_EXIT();
 }

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -22,21 +23,13 @@ tarvex_result_t tarvex_l_box_internal_error(const char *message)
         nullptr, nullptr, 500, "INTERNAL_ERROR", "%s%s", "GridFTP-Error: ", message));
 }
 
-/* Releases an error that is not reported, so that it does not stay in
- * the runtime's error table for the life of the process. */
-void tarvex_l_box_drop(tarvex_result_t result)
-{
-    if (result != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(result));
-}
-
 /* "$HOME/.tarvex" of the password entry, created private when missing.
  * Its own failures are not fatal: pacing then falls back to private
  * records. */
 void tarvex_l_box_make_home_dir()
 {
     char *path = nullptr;
-    tarvex_l_box_drop(tarvex_box_evaluate_path("$HOME/.tarvex", &path));
+    tarvex_box_discard(tarvex_box_evaluate_path("$HOME/.tarvex", &path));
     if (path == nullptr)
         return;
     DIR *dir = opendir(path);
@@ -52,7 +45,7 @@ tarvex_result_t tarvex_l_box_read_policy(tarvex_gfs_operation_t op)
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, "config", &text);
     /* Only the policy's absence is reported, not why it is absent. */
-    tarvex_l_box_drop(result);
+    tarvex_box_discard(result);
     if (result != TARVEX_SUCCESS || text == nullptr) {
         free(text);
         return tarvex_l_box_internal_error("Missing storage gateway policy.");

@@ -12,16 +12,13 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "token"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
 /* A token with this many seconds left or fewer is renewed. */
 constexpr time_t tarvex_l_box_token_margin = 99;
 
-struct json_guard {
-    json_t *doc;
-    ~json_guard() { json_decref(doc); }
-};
 
 tarvex_result_t internal_error(tarvex_object_t *cause, const char *format,
                                const char *detail)
@@ -67,8 +64,8 @@ static tarvex_result_t tarvex_l_box_parse_token_json(const char *text, char **us
                                                      uint64_t *max_upload)
 {
     json_error_t error;
-    json_guard credential{json_loads(text, 0, &error)};
-    if (credential.doc == nullptr)
+    tarvex_box_json_ptr credential(json_loads(text, 0, &error));
+    if (credential.get() == nullptr)
         return TARVEX_BOX_GENERIC_ERROR("Error loading user credential: %s\n",
                                         error.text);
 
@@ -76,7 +73,7 @@ static tarvex_result_t tarvex_l_box_parse_token_json(const char *text, char **us
     const char *expiry = nullptr;
     const char *sub = nullptr;
     json_int_t upload_limit = 0;
-    if (json_unpack_ex(credential.doc, &error, 0, "{s:s,s:s,s:s,s:I}", "access_token",
+    if (json_unpack_ex(credential.get(), &error, 0, "{s:s,s:s,s:s,s:I}", "access_token",
                        &token, "token_expiry", &expiry, "sub", &sub, "max_upload",
                        &upload_limit) != 0)
         return internal_error(nullptr, "GridFTP-Error: Error unpacking user credential: %s\n",
@@ -125,8 +122,7 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
     /* Only the text counts; an error that came with it is dropped, not
      * leaked. */
-    if (result != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(result));
+    tarvex_box_discard(result);
     /* No credential is not an error here: the caller decides what a
      * session without a token may do. */
     if (text == nullptr) {

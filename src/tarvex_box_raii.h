@@ -1,0 +1,47 @@
+/*
+ * Ownership guards shared by the plug-in's C++ sources: each releases what
+ * it holds on every way out of a scope, so error paths need no cleanup
+ * code of their own.
+ */
+#ifndef TARVEX_BOX_RAII_H
+#define TARVEX_BOX_RAII_H
+
+#include <stdlib.h>
+
+#include <memory>
+
+#include "tarvex_box_common.h"
+
+/* A malloc'd string. */
+struct tarvex_box_free_deleter {
+    void operator()(char *text) const { free(text); }
+};
+using tarvex_box_cstr_ptr = std::unique_ptr<char, tarvex_box_free_deleter>;
+
+/* One reference on a jansson document. */
+struct tarvex_box_json_deleter {
+    void operator()(json_t *json) const { json_decref(json); }
+};
+using tarvex_box_json_ptr = std::unique_ptr<json_t, tarvex_box_json_deleter>;
+
+/* The outputs of a Box request (header values, answer document). */
+struct tarvex_box_request_guard {
+    tarvex_box_request_t *request;
+    ~tarvex_box_request_guard() { tarvex_box_request_release(request); }
+};
+
+/* The strings of an item record that lives on the stack. */
+struct tarvex_box_info_guard {
+    tarvex_box_path_info_t *info;
+    ~tarvex_box_info_guard() { tarvex_box_path_info_free(info); }
+};
+
+/* Drops an error that is replaced by another or deliberately not reported,
+ * so that it does not stay in the runtime's error table. */
+inline void tarvex_box_discard(tarvex_result_t result)
+{
+    if (result != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(result));
+}
+
+#endif
