@@ -90,6 +90,38 @@ class EmulatorTest(EmulatorCase):
         self.assertGreaterEqual(time.monotonic() - start, 0.3)
         self.assertEqual([e["status"] for e in self.emu.control("GET", "log")][-2:], [0, 200])
 
+    def test_shaped_answers_throttle_and_reset(self):
+        ids = self.emu.seed({"path": "/t.bin", "size": 3000})
+        self.emu.control("POST", "faults", {"path_regex": "^/d/", "throttle_bps": 4000})
+        start = time.monotonic()
+        status, _, data = self.emu.download(ids["/t.bin"], {"Range": "bytes=1000-"})
+        # 2000 bytes in slices of 200, the last one due after 1800 / 4000 s.
+        self.assertGreaterEqual(time.monotonic() - start, 0.45)
+        self.assertEqual((status, data), (206, pattern(1000, 2000)))
+        # A reset after 500 bytes: the client sees the connection torn down
+        # inside the body, never a complete answer.
+        self.emu.control("POST", "faults", {"path_regex": "^/d/", "truncate_after": 500,
+                                            "reset": True})
+        with self.assertRaises(ConnectionResetError):
+            self.emu.download(ids["/t.bin"])
+        self.assertEqual([(e["status"], e["response_length"])
+                          for e in self.emu.control("GET", "log")][-1], (200, 500))
+        for bad in ({"throttle_bps": 0}, {"throttle_bps": "fast"}):
+            self.assertEqual(self.emu.request("POST", "/_emulator/faults", bad)[0], 400, bad)
+
+    def test_tree_lists_every_item_with_digests(self):
+        self.emu.seed({"path": "/a/b/one", "content": "1"},
+                      {"path": "/a/two", "size": 10, "md5_property": "f" * 32},
+                      {"path": "/e", "type": "folder"})
+        tree = self.emu.control("GET", "tree")
+        self.assertEqual([(e["path"], e["type"], e["size"], e["sha1"], e["tarvex-md5"])
+                          for e in tree],
+                         [("/a", "folder", 11, None, None), ("/a/b", "folder", 1, None, None),
+                          ("/a/b/one", "file", 1, hashlib.sha1(b"1").hexdigest(), None),
+                          ("/a/two", "file", 10, hashlib.sha1(pattern(0, 10)).hexdigest(),
+                           "f" * 32),
+                          ("/e", "folder", 0, None, None)])
+
     def test_multipart_upload(self):
         up = self.emu.seed({"path": "/up", "type": "folder"})["/up"]
         data = pattern(0, 300000)

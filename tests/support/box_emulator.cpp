@@ -399,6 +399,24 @@ std::string BoxEmulator::content(const std::string &path)
     return control("GET", "/_emulator/content?path=" + url_escape(path));
 }
 
+std::vector<BoxEmulator::TreeEntry> BoxEmulator::tree()
+{
+    json_ref doc(parse(control("GET", "/_emulator/tree"), "tree"));
+    std::vector<TreeEntry> entries;
+    size_t index;
+    json_t *e;
+    json_array_foreach(doc.doc, index, e) {
+        TreeEntry entry;
+        entry.path = string_of(json_object_get(e, "path"));
+        entry.type = string_of(json_object_get(e, "type"));
+        entry.size = number_of(json_object_get(e, "size"));
+        entry.sha1 = string_of(json_object_get(e, "sha1"));
+        entry.md5 = string_of(json_object_get(e, "tarvex-md5"));
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
 void BoxEmulator::tokens(const std::string &json)
 {
     control("POST", "/_emulator/tokens", json);

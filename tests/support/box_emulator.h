@@ -65,6 +65,15 @@ public:
         bool has_query(const std::string &key) const;
     };
 
+    /* One item of the emulated account, as tree() lists it. */
+    struct TreeEntry {
+        std::string path;        /* "/a/b.txt" */
+        std::string type;        /* "file" or "folder" */
+        uint64_t size = 0;       /* a folder's: the sum of what it holds */
+        std::string sha1;        /* lower-case hex; "" for folders */
+        std::string md5;         /* the "tarvex-md5" property; "" when none */
+    };
+
     BoxEmulator();
     explicit BoxEmulator(Options options);
     ~BoxEmulator();
@@ -99,6 +108,8 @@ public:
     std::string item(const std::string &path);
     /* The bytes of the file at a path. */
     std::string content(const std::string &path);
+    /* Every item below the root, depth first in folder order. */
+    std::vector<TreeEntry> tree();
     /* {"token":"t","expires_in":N|null} adds or replaces; {"revoke":"t"}. */
     void tokens(const std::string &json);
     /* The next `count` commits answer 202 with Retry-After: retry_after. */

@@ -15,6 +15,7 @@ import shutil
 import signal
 import socket
 import ssl
+import struct
 import sys
 import tempfile
 import threading
@@ -146,6 +147,30 @@ def build_routes(state):
 DOWNLOAD_PATH = re.compile(r"/d/1/([^/]+)/download")
 
 
+class Throttle:
+    """A socket stand-in whose sendall keeps to about `bps` bytes a second:
+    small slices, each sent when the average rate allows it."""
+
+    def __init__(self, sock, bps):
+        self.sock = sock
+        self.bps = float(bps)
+        self.slice = max(1, int(bps) // 20)
+        self.start = time.monotonic()
+        self.sent = 0
+
+    def sendall(self, data):
+        view = memoryview(data)
+        while len(view):
+            piece = view[:self.slice]
+            due = self.start + self.sent / self.bps
+            wait = due - time.monotonic()
+            if wait > 0:
+                time.sleep(wait)
+            self.sock.sendall(piece)
+            self.sent += len(piece)
+            view = view[len(piece):]
+
+
 class Request:
     def __init__(self, method, path, query, headers, body, base_url):
         self.method = method
@@ -185,8 +210,15 @@ class Handler(BaseHTTPRequestHandler):
 
     do_POST = do_PUT = do_DELETE = do_PATCH = do_OPTIONS = do_HEAD = do_GET
 
-    def answer(self, resp, truncate=None):
-        """Write a Response; Content-Length on every answer but 204/304."""
+    def answer(self, resp, shape=None):
+        """Write a Response; Content-Length on every answer but 204/304.
+
+        shape: the fault that matched, or None.  Its "truncate_after" cuts
+        the body after that many bytes and ends the connection (with a TCP
+        reset when "reset" is set); its "throttle_bps" sends the body at
+        about that many bytes a second."""
+        shape = shape or {}
+        truncate = shape.get("truncate_after")
         body = b""
         headers = dict(resp.headers)
         if resp.doc is not None:
@@ -206,26 +238,38 @@ class Handler(BaseHTTPRequestHandler):
         self.end_headers()
         if silent:
             return
+        sink = self.connection
+        if shape.get("throttle_bps"):
+            self.wfile.flush()
+            sink = Throttle(self.connection, shape["throttle_bps"])
         sent = 0
         try:
             if resp.content is not None:
-                sent = resp.content.send(self.connection, resp.offset, resp.length, truncate)
+                sent = resp.content.send(sink, resp.offset, resp.length, truncate)
             else:
-                self.wfile.write(body[:planned])
+                self.wfile.flush()
+                sink.sendall(body[:planned])
                 sent = planned
         finally:
             if sent != planned and self.entry is not None:
                 with self.state.lock:
                     self.entry["response_length"] = sent
         if truncate is not None:
-            self.drop()
+            self.drop(shape.get("reset"))
 
-    def drop(self):
+    def drop(self, reset=False):
+        """End the connection: an orderly close, or with reset a TCP RST
+        (SO_LINGER 0), which the peer reads as "connection reset"."""
         self.record(0, 0)
         self.close_connection = True
         try:
             self.wfile.flush()
-            self.connection.shutdown(socket.SHUT_RDWR)
+            if reset:
+                self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                           struct.pack("ii", 1, 0))
+                self.connection.close()   # the fd goes when the handler's files close
+            else:
+                self.connection.shutdown(socket.SHUT_RDWR)
         except OSError:
             pass
 
@@ -281,18 +325,16 @@ class Handler(BaseHTTPRequestHandler):
     def serve(self, path, raw_query, query, body):
         state = self.state
         fault = state.take_fault(self.command, path, raw_query)
-        truncate = None
         if fault is not None:
             body.drain()
             if fault.get("delay_ms"):
                 time.sleep(fault["delay_ms"] / 1000.0)
             if fault.get("drop"):
-                self.drop()
+                self.drop(fault.get("reset"))
                 return
             if fault.get("status"):
                 self.answer_fault(fault)
                 return
-            truncate = fault.get("truncate_after")
         host = self.headers.get("Host") or "%s:%d" % (state.host, state.port)
         req = Request(self.command, path, query, self.headers, body,
                       "%s://%s" % (state.scheme, host))
@@ -317,7 +359,7 @@ class Handler(BaseHTTPRequestHandler):
             resp = Response(500, BoxError(500, "internal_server_error",
                                           "Internal Server Error").body(),
                             {"Connection": "close"})
-        self.answer(resp, truncate)
+        self.answer(resp, fault)
 
     def route(self, req, body):
         path = req.path

@@ -40,6 +40,7 @@ class Control:
             ("POST", "seed"): self.seed,
             ("GET", "item"): self.item,
             ("GET", "content"): self.content,
+            ("GET", "tree"): self.tree,
             ("POST", "faults"): self.faults,
             ("GET", "faults"): self.list_faults,
             ("DELETE", "faults"): self.clear_faults,
@@ -173,6 +174,10 @@ class Control:
                 return 404, {"error": "no such file"}, None
             return 200, None, item.content
 
+    def tree(self, query):
+        with self.store.lock:
+            return 200, self.store.tree(), None
+
     # -- behaviour ----------------------------------------------------------
 
     def faults(self, doc):
@@ -194,6 +199,8 @@ class Control:
             if fault.get("status") is not None:
                 _int(fault, "status", 0, minimum=100)
             _int(fault, "delay_ms", 0)
+            if fault.get("throttle_bps") is not None:
+                _int(fault, "throttle_bps", 0, minimum=1)
             if fault.get("truncate_after") is not None:
                 _int(fault, "truncate_after", 0)
             headers = fault.get("headers") or {}

@@ -383,6 +383,25 @@ class Store:
                             for s, tmpl in item.metadata.items()} or None)
         return doc
 
+    def tree(self):
+        """Every item below the root, depth first in folder order: path,
+        type, size, sha1 (files) and the "tarvex-md5" property (or None)."""
+        out = []
+
+        def walk(folder, prefix):
+            for child in folder.children.values():
+                path = prefix + "/" + child.name
+                properties = child.metadata.get("global", {}).get("properties") or {}
+                out.append({"path": path, "type": child.type,
+                            "size": self._field(child, "size"),
+                            "sha1": child.content.sha1 if child.type == "file" else None,
+                            "tarvex-md5": properties.get("tarvex-md5")})
+                if child.type == "folder":
+                    walk(child, path)
+
+        walk(self.root, "")
+        return out
+
     # -- metadata instances ---------------------------------------------
 
     def metadata_create(self, item, scope, template, values):
