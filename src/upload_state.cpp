@@ -1,32 +1,274 @@
 /*
- * The cross-process upload lock.  Served from a later release; until then
- * taking or releasing it fails with a clear error.  Nothing calls it yet.
+ * The upload lock: a per-user state file with room for one chunked upload's
+ * progress, mapped into every process of the user on this host and guarded
+ * by an fcntl write lock over the whole file.  Creating a handle never
+ * fails: whatever goes wrong leaves it on private, zero-filled memory.
  */
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
-extern "C" void tarvex_i_box_upload_state_create(const char *,
+/* The file is read by every process of the user, whatever it was built
+ * from: the layout must not move. */
+static_assert(sizeof(struct tarvex_box_upload_state_shared_s) == 4440, "state file size");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, num_parts) == 128, "layout");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, part_size) == 136, "layout");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, total_size) == 144, "layout");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, md5_ctx) == 152, "layout");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, sha1_ctx) == 244, "layout");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, name) == 340, "layout");
+static_assert(offsetof(struct tarvex_box_upload_state_shared_s, part_array) == 4436, "layout");
+
+/* Stays on in release builds: a path without a directory is a bug that
+ * must not pass silently. */
+#define TARVEX_L_BOX_CHECK(condition)                                           \
+    do {                                                                        \
+        if (!(condition)) {                                                     \
+            fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", __FILE__,    \
+                    __LINE__, __func__, #condition);                            \
+            abort();                                                            \
+        }                                                                       \
+    } while (0)
+
+namespace {
+
+using shared_t = struct tarvex_box_upload_state_shared_s;
+
+constexpr off_t state_size = sizeof(shared_t);
+/* What creation maps while it sizes a new file, and what destroy unmaps. */
+constexpr size_t probe_size = 16;
+constexpr int open_attempts = 10;
+
+int lock_file(int fd, short type, int command)
+{
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = 0;
+    lock.l_len = 0;
+    lock.l_pid = 0;
+    int rc;
+    do
+        rc = fcntl(fd, command, &lock);
+    while (rc == -1 && errno == EINTR);
+    return rc;
+}
+
+/* The call is named "fnctl", not "fcntl": the pacing lock's failures have
+ * always read so, and a client sees the same words from both locks. */
+tarvex_result_t fcntl_error()
+{
+    return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ", "fnctl");
+}
+
+/* The state file's path for `name`, expanded; none when it cannot be made
+ * (creation then falls back to private memory, so the reason is dropped). */
+tarvex_box_cstr_ptr state_path(const char *name)
+{
+    tarvex_box_cstr_ptr pattern(
+        tarvex_common_create_string("%s/%s", tarvex_i_box_upload_path, name));
+    char *path = nullptr;
+    if (pattern != nullptr)
+        tarvex_box_discard(tarvex_box_evaluate_path(pattern.get(), &path));
+    return tarvex_box_cstr_ptr(path);
+}
+
+/* Creates the last directory of `path` when it is missing; only that
+ * level, so a user without "$HOME/.tarvex" gets no file at all. */
+void make_parent_dir(char *path)
+{
+    char *slash = strrchr(path, '/');
+    TARVEX_L_BOX_CHECK(slash != NULL);
+    *slash = '\0';
+    DIR *dir = opendir(path);
+    if (dir != nullptr)
+        closedir(dir);
+    else if (errno == ENOENT)
+        mkdir(path, 0700);
+    *slash = '/';
+}
+
+int open_file(const char *path)
+{
+    int fd = -1;
+    for (int i = 0; i < open_attempts && fd == -1; i++)
+        fd = open(path, O_RDWR | O_CREAT, 0600);
+    return fd;
+}
+
+/* A file that is not ours must not carry our uploads; one that is not a
+ * regular file (a FIFO, a device) could never be sized and would keep
+ * creation waiting for ever. */
+bool usable(int fd)
+{
+    struct stat st;
+    return fstat(fd, &st) == 0 && st.st_uid == geteuid() && S_ISREG(st.st_mode);
+}
+
+void fall_back_closed(tarvex_box_upload_state_t *upload_state)
+{
+    upload_state->fd = -1;
+    upload_state->shared = static_cast<shared_t *>(calloc(1, sizeof(shared_t)));
+}
+
+/*
+ * Private memory for a handle that keeps a descriptor number.  Destroy
+ * unmaps such a block, so it is an anonymous (zero-filled) mapping; should
+ * that fail too, the descriptor is given up so that destroy frees instead.
+ */
+void fall_back_keeping_fd(tarvex_box_upload_state_t *upload_state, bool fd_open)
+{
+    void *block = mmap(nullptr, sizeof(shared_t), PROT_READ | PROT_WRITE,
+                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (block != MAP_FAILED) {
+        upload_state->shared = static_cast<shared_t *>(block);
+        return;
+    }
+    if (fd_open)
+        close(upload_state->fd);
+    fall_back_closed(upload_state);
+}
+
+enum class sizing { map, gave_up };
+
+/*
+ * Brings a new file to its size under the lock.  Whoever finds the lock
+ * taken waits in one-second steps until the holder has finished the size,
+ * then maps without locking.  A lock that fails for another reason than
+ * being held (no lock support on the file system) gives up on the file
+ * rather than wait for a size that nobody will set.
+ */
+sizing size_file(tarvex_box_upload_state_t *upload_state, int fd)
+{
+    struct stat st;
+    for (;;) {
+        if (lock_file(fd, F_WRLCK, F_SETLK) == 0)
+            break;
+        if (errno != EAGAIN && errno != EACCES) {
+            close(fd);
+            fall_back_closed(upload_state);
+            return sizing::gave_up;
+        }
+        if (fstat(fd, &st) != 0)
+            continue;
+        if (st.st_size == state_size)
+            return sizing::map;
+        sleep(1);
+    }
+
+    if (fstat(fd, &st) == 0 && st.st_size == state_size) {
+        lock_file(fd, F_UNLCK, F_SETLK);
+        return sizing::map;
+    }
+    /* The first sizing gives up only when interrupted and retries every
+     * other error: the handle then holds private memory under the number
+     * of a descriptor that is already closed, and destroy closes that
+     * number again.  A caller that sees fd != -1 cannot tell this case from
+     * a mapped file.  Local file systems do not interrupt ftruncate. */
+    while (ftruncate(fd, state_size) != 0) {
+        if (errno == EINTR) {
+            close(fd);
+            upload_state->fd = fd;
+            fall_back_keeping_fd(upload_state, false);
+            return sizing::gave_up;
+        }
+    }
+    /* The probe touches the new file's first page and is dropped at once;
+     * ftruncate has already zero-filled the file. */
+    upload_state->shared = static_cast<shared_t *>(
+        mmap(nullptr, probe_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    munmap(upload_state->shared, probe_size);
+    /* A second sizing that fails for good leaves fd -1 with `shared` still
+     * at the probe's released address: such a handle is unusable and must
+     * not reach destroy, which would free() that address. */
+    while (ftruncate(fd, state_size) != 0) {
+        if (errno != EINTR) {
+            close(fd);
+            upload_state->fd = -1;
+            return sizing::gave_up;
+        }
+    }
+    lock_file(fd, F_UNLCK, F_SETLK);
+    return sizing::map;
+}
+
+void map_file(tarvex_box_upload_state_t *upload_state, int fd)
+{
+    void *mapped = mmap(nullptr, state_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    upload_state->fd = fd;
+    /* Only a null address falls back.  A failed mapping leaves MAP_FAILED
+     * in `shared` with the file open: the lock still works (it lives on the
+     * descriptor), but a caller must compare `shared` with MAP_FAILED
+     * before touching the record. */
+    if (mapped == nullptr)
+        fall_back_keeping_fd(upload_state, true);
+    else
+        upload_state->shared = static_cast<shared_t *>(mapped);
+}
+
+} // namespace
+
+extern "C" void tarvex_i_box_upload_state_create(const char *name,
                                                  tarvex_box_upload_state_t *upload_state)
 {
     upload_state->is = true;
     upload_state->fd = -1;
-    upload_state->shared = static_cast<struct tarvex_box_upload_state_shared_s *>(
-        calloc(1, sizeof(struct tarvex_box_upload_state_shared_s)));
+    upload_state->shared = nullptr;
+
+    int fd = -1;
+    if (tarvex_box_cstr_ptr path = state_path(name)) {
+        make_parent_dir(path.get());
+        fd = open_file(path.get());
+    }
+    if (fd != -1 && !usable(fd)) {
+        close(fd);
+        fd = -1;
+    }
+    if (fd == -1) {
+        fall_back_closed(upload_state);
+        return;
+    }
+    if (size_file(upload_state, fd) == sizing::map)
+        map_file(upload_state, fd);
 }
 
-extern "C" tarvex_result_t tarvex_i_box_upload_state_lock(tarvex_box_upload_state_t *, bool)
+extern "C" tarvex_result_t tarvex_i_box_upload_state_lock(tarvex_box_upload_state_t *upload_state,
+                                                         bool blocking)
 {
-    return tarvex_box_not_implemented_yet("The upload lock");
+    if (lock_file(upload_state->fd, F_WRLCK, blocking ? F_SETLKW : F_SETLK) != 0)
+        return fcntl_error();
+    return TARVEX_SUCCESS;
 }
 
-extern "C" tarvex_result_t tarvex_i_box_upload_state_unlock(tarvex_box_upload_state_t *)
+extern "C" tarvex_result_t tarvex_i_box_upload_state_unlock(tarvex_box_upload_state_t *upload_state)
 {
-    return tarvex_box_not_implemented_yet("The upload lock");
+    if (lock_file(upload_state->fd, F_UNLCK, F_SETLK) != 0)
+        return fcntl_error();
+    return TARVEX_SUCCESS;
 }
 
 extern "C" void tarvex_i_box_upload_state_destroy(tarvex_box_upload_state_t *upload_state)
 {
-    free(upload_state->shared);
+    if (upload_state->fd == -1) {
+        free(upload_state->shared);
+        upload_state->shared = nullptr;
+        return;
+    }
+    /* Only the first 16 bytes are unmapped, which drops the record's first
+     * page; the second page of the 4440-byte mapping stays in the address
+     * space until the process ends: one page per handle. */
+    munmap(upload_state->shared, probe_size);
     upload_state->shared = nullptr;
+    close(upload_state->fd);
+    upload_state->fd = -1;
 }
