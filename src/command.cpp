@@ -1,30 +1,556 @@
 /*
- * FTP commands other than transfers and stat.  This release serves none
- * of them yet: the ones Box will serve answer "not implemented yet", every
- * other command gets the fixed refusal.  Each call is answered once.
+ * FTP commands other than transfers and stat: make folder (MKD), delete
+ * (DELE, RMD, SITE RDEL), rename and move (RNTO) and checksums (CKSM).
+ *
+ * The dispatcher renews the token and picks the handler; each handler
+ * answers the framework exactly once, on every path, and the dispatcher
+ * never answers for it.  Every Box request goes through the shared attempt
+ * loop (request.cpp) with the attempt budget its command states.
  */
-#include <errno.h>
+#include <strings.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "command"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
-/* What the later release will serve, by name; NULL for the refused. */
-const char *served_later(tarvex_gfs_command_type_t command)
+constexpr const char *tarvex_l_box_item_fields =
+    "type,id,name,parent,size,content_modified_at,sha1";
+
+/* ---- shared by the handlers ---- */
+
+tarvex_result_t tarvex_l_box_ftp_error(int code, const char *error_class,
+                                       const char *path)
 {
-    switch (command) {
-    case TARVEX_GFS_CMD_MKD: return "MKD (make folder)";
-    case TARVEX_GFS_CMD_RMD: return "RMD (remove folder)";
-    case TARVEX_GFS_CMD_DELE: return "DELE (delete file)";
-    case TARVEX_GFS_CMD_SITE_RDEL: return "SITE RDEL (recursive delete)";
-    case TARVEX_GFS_CMD_RNTO: return "RNTO (rename)";
-    case TARVEX_GFS_CMD_CKSM: return "CKSM (checksum)";
-    default: return nullptr;
+    tarvex_object_t *error = tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, code, error_class, "GridFTP-Path: %s", path);
+    return error ? tarvex_error_put(error) : TARVEX_BOX_MALLOC_ERROR();
+}
+
+/* A path split at its last "/": the folder's path and the last name.  For
+ * "/a" the folder's path is "" (the root, as the parent's messages have
+ * always shown it). */
+struct tarvex_l_box_split_path {
+    std::string folder;
+    std::string name;
+    bool valid = false;
+
+    explicit tarvex_l_box_split_path(const char *path)
+    {
+        const char *slash = path != nullptr ? strrchr(path, '/') : nullptr;
+        if (slash == nullptr)
+            return;
+        folder.assign(path, slash - path);
+        name = slash + 1;
+        valid = true;
+    }
+};
+
+/* Resolves a path whose last name may not exist yet.  Only the two records
+ * count: a missing entry is the expected case, and a failed listing leaves
+ * both absent, which the callers report as a missing folder. */
+void tarvex_l_box_resolve_target(tarvex_box_session_t *box, const char *path,
+                                 tarvex_box_path_info_t **entry,
+                                 tarvex_box_path_info_t **parent)
+{
+    *entry = nullptr;
+    *parent = nullptr;
+    tarvex_box_discard(tarvex_box_path_resolve(box, path, entry, parent));
+}
+
+bool tarvex_l_box_is_folder(const tarvex_box_path_info_t *info)
+{
+    return info != nullptr && info->type == TARVEX_BOX_FOLDER;
+}
+
+bool tarvex_l_box_is_root(const tarvex_box_path_info_t *info)
+{
+    return info->parent_id == nullptr && info->id != nullptr && strcmp(info->id, "0") == 0;
+}
+
+/* {"name": name, "parent": {"id": parent_id}}.  jansson refuses text that
+ * is not UTF-8, which Box would refuse as an invalid name anyway. */
+tarvex_result_t tarvex_l_box_name_body(const std::string &name, const char *parent_id,
+                                       tarvex_box_json_ptr *body)
+{
+    body->reset(json_pack("{s:s, s:{s:s}}", "name", name.c_str(), "parent", "id", parent_id));
+    if (*body == nullptr)
+        return tarvex_l_box_ftp_error(553, "INVALID_PATH_NAME", "<Invalid Name>");
+    return TARVEX_SUCCESS;
+}
+
+/* Enters the item a successful MKD or RNTO answered with into the cache
+ * under its folder's path. */
+tarvex_result_t tarvex_l_box_cache_answer(tarvex_box_session_t *box, json_t *answer,
+                                          const char *folder_path)
+{
+    if (answer == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    tarvex_box_path_info_t entry = {};
+    tarvex_box_info_guard guard{&entry};
+    tarvex_result_t result = tarvex_box_object_info_parse(answer, &entry);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_box_discard(result);
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
+    }
+    result = tarvex_box_path_cache_update(&box->cache, &entry, folder_path);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_box_discard(result);
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
+    }
+    return TARVEX_SUCCESS;
+}
+
+/* A POST or PUT of a name body that answers the item: two attempts, paced
+ * by the API pacing state. */
+tarvex_result_t tarvex_l_box_send_name(tarvex_box_session_t *box, const char *caller,
+                                       const char *method, const char *url,
+                                       json_t *body, tarvex_box_request_t *request)
+{
+    tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_item_fields}};
+    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
+    request->caller = caller;
+    request->method = method;
+    request->url = url;
+    request->query = &query;
+    request->json_body = body;
+    request->attempts = 2;
+    request->retry = &box->user_retry;
+    return tarvex_box_request(box, request);
+}
+
+/* ---- make folder ---- */
+
+tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathname)
+{
+    tarvex_l_box_split_path split(pathname);
+    if (!split.valid)
+        return tarvex_box_path_resolve(box, pathname, nullptr, nullptr);
+
+    tarvex_box_path_info_t *path_info, *parent_info;
+    tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
+    if (!tarvex_l_box_is_folder(parent_info))
+        return tarvex_l_box_ftp_error(553, "NOT_A_DIRECTORY", split.folder.c_str());
+    if (path_info != nullptr) {
+        /* Making a folder that is there already asks Box nothing. */
+        if (path_info->type == TARVEX_BOX_FOLDER)
+            return TARVEX_SUCCESS;
+        return tarvex_l_box_ftp_error(553, "NOT_A_DIRECTORY", pathname);
+    }
+
+    tarvex_box_json_ptr body;
+    tarvex_result_t result = tarvex_l_box_name_body(split.name, parent_info->id, &body);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_box_cstr_ptr url(
+        tarvex_common_create_string("%s/2.0/folders", tarvex_box_api_base()));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    result = tarvex_l_box_send_name(box, "tarvex_i_box_mkdir", "POST", url.get(),
+                                    body.get(), &request);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    /* The new folder is cached so that the next command on it needs no
+     * listing.  If this step fails the folder exists on Box all the same. */
+    return tarvex_l_box_cache_answer(box, request.json, parent_info->name);
+}
+
+/* ---- delete ---- */
+
+/* Bodies of DELETE answers carry nothing the plug-in reads. */
+tarvex_result_t tarvex_l_box_ignore_body(void *, void *, size_t)
+{
+    return TARVEX_SUCCESS;
+}
+
+/* Whether `type` may delete an item of this kind: the answer's error when
+ * not, else success with the URL kind and the query. */
+tarvex_result_t tarvex_l_box_delete_kind(const tarvex_box_path_info_t *path_info, int type,
+                                         const char **kind, bool *recursive)
+{
+    *recursive = false;
+    switch (type) {
+    case TARVEX_GFS_CMD_DELE:
+        /* Anything that is not a file (an unknown kind too) is refused as
+         * a folder, as clients have always been told. */
+        if (path_info->type != TARVEX_BOX_FILE)
+            return TARVEX_BOX_GENERIC_ERROR("%s", "Path is a folder.");
+        *kind = "files";
+        return TARVEX_SUCCESS;
+    case TARVEX_GFS_CMD_SITE_RDEL:
+        *recursive = true;
+        [[fallthrough]];
+    case TARVEX_GFS_CMD_RMD:
+        if (path_info->type != TARVEX_BOX_FOLDER)
+            return TARVEX_BOX_GENERIC_ERROR("%s", "Path is a file.");
+        *kind = "folders";
+        return TARVEX_SUCCESS;
+    default:
+        /* Reported as the out-of-memory error although nothing failed to
+         * allocate: callers have always seen this error for a command that
+         * deletes nothing. */
+        return TARVEX_BOX_MALLOC_ERROR();
     }
 }
 
-/* The class word is spelled so on purpose: clients have always seen it. */
-tarvex_result_t refusal()
+tarvex_result_t tarvex_l_box_delete_object(tarvex_box_session_t *box,
+                                           tarvex_box_path_info_t *path_info, int type)
+{
+    const char *kind = nullptr;
+    bool recursive = false;
+    tarvex_result_t result = tarvex_l_box_delete_kind(path_info, type, &kind, &recursive);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    /* Box refuses to delete the root folder; asking would also drop the
+     * root from the cache, which every resolution starts from. */
+    if (tarvex_l_box_is_root(path_info))
+        return tarvex_l_box_ftp_error(550, "PERMISSION_DENIED", "/");
+
+    tarvex_box_cstr_ptr url(tarvex_common_create_string("%s/2.0/%s/%s", tarvex_box_api_base(),
+                                                        kind, path_info->id));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    tarvex_dsi_rest_key_value_t query_pairs[] = {{"recursive", "true"}};
+    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
+
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    request.caller = "tarvex_i_box_delete_object";
+    request.method = "DELETE";
+    request.url = url.get();
+    request.query = recursive ? &query : nullptr;
+    request.read_callback = tarvex_l_box_ignore_body;
+    request.attempts = 2;
+    request.retry = &box->user_retry;
+    /* A refusal is judged by its status alone and never tried again, even
+     * a 429 or a 5xx that other commands retry: a DELETE that Box may have
+     * carried out is not repeated blindly.  Transport failures are retried
+     * once. */
+    request.translate_without_body = true;
+    request.refusal_is_final = true;
+    result = tarvex_box_request(box, &request);
+
+    /* Whatever Box answered, the next use of the path asks it again. */
+    tarvex_box_path_cache_remove(&box->cache, path_info->name);
+    return result;
+}
+
+/* ---- rename ---- */
+
+/* Moving a folder into its own tree would make it its own ancestor. */
+bool tarvex_l_box_below(const char *path, const char *folder)
+{
+    size_t length = strlen(folder);
+    return strncmp(path, folder, length) == 0 && path[length] == '/';
+}
+
+tarvex_result_t tarvex_l_box_rename(tarvex_box_session_t *box, const char *from_pathname,
+                                    const char *pathname)
+{
+    tarvex_box_path_info_t *from_info = nullptr, *from_parent = nullptr;
+    tarvex_result_t result = tarvex_box_path_resolve(box, from_pathname, &from_info,
+                                                     &from_parent);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    if (tarvex_l_box_is_root(from_info))
+        return tarvex_l_box_ftp_error(550, "PERMISSION_DENIED", "/");
+
+    /* Resolving the target may list its folder and so replace the source's
+     * cached record (when both share a folder): what the request needs of
+     * the source is copied first. */
+    const std::string from_id = from_info->id;
+    const std::string from_key = from_info->name;
+    const bool from_folder = from_info->type == TARVEX_BOX_FOLDER;
+
+    if (from_folder && tarvex_l_box_below(pathname, from_key.c_str()))
+        return tarvex_l_box_ftp_error(553, "INVALID_PATH_NAME", pathname);
+
+    tarvex_l_box_split_path split(pathname);
+    if (!split.valid)
+        return tarvex_box_path_resolve(box, pathname, nullptr, nullptr);
+    tarvex_box_path_info_t *path_info, *parent_info;
+    tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
+    if (!tarvex_l_box_is_folder(parent_info))
+        return tarvex_l_box_ftp_error(553, "NOT_A_DIRECTORY", split.folder.c_str());
+    /* An existing target is never replaced, not even by itself. */
+    if (path_info != nullptr)
+        return tarvex_l_box_ftp_error(553, "PATH_EXISTS", pathname);
+
+    tarvex_box_json_ptr body;
+    result = tarvex_l_box_name_body(split.name, parent_info->id, &body);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_box_cstr_ptr url(tarvex_common_create_string(
+        "%s/2.0/%s/%s", tarvex_box_api_base(), from_folder ? "folders" : "files",
+        from_id.c_str()));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    result = tarvex_l_box_send_name(box, "tarvex_i_box_rename", "PUT", url.get(), body.get(),
+                                    &request);
+    if (result == TARVEX_SUCCESS)
+        result = tarvex_l_box_cache_answer(box, request.json, parent_info->name);
+    /* Entries cached below a moved folder keep their old paths; resolution
+     * no longer reaches them through the old folder. */
+    if (result == TARVEX_SUCCESS)
+        tarvex_box_path_cache_remove(&box->cache, from_key.c_str());
+    return result;
+}
+
+/* ---- checksum ---- */
+
+enum tarvex_l_box_cksm_alg { TARVEX_L_BOX_CKSM_NONE, TARVEX_L_BOX_CKSM_MD5,
+                             TARVEX_L_BOX_CKSM_SHA1 };
+
+/* The reply text: 40 hex digits of SHA-1 and a terminator. */
+constexpr size_t tarvex_l_box_cksum_size = 41;
+
+void tarvex_l_box_reply_with(char *cksumstr, const char *known)
+{
+    snprintf(cksumstr, tarvex_l_box_cksum_size, "%s", known);
+}
+
+void tarvex_l_box_hex(const unsigned char *digest, size_t length, char *out)
+{
+    for (size_t i = 0; i < length; i++)
+        snprintf(out + 2 * i, 3, "%02x", digest[i]);
+}
+
+int tarvex_l_box_now()
+{
+    return static_cast<int>(time(nullptr));
+}
+
+/* Sends the bytes hashed so far as a progress reply when one is due. */
+void tarvex_l_box_cksm_progress(tarvex_i_box_cksm_state_t *state)
+{
+    if (state->response_due == 0 || state->response_due > tarvex_l_box_now())
+        return;
+    char text[128];
+    snprintf(text, sizeof text, "%ld", static_cast<long>(state->total_bytes));
+    tarvex_gridftp_server_intermediate_command(state->op, TARVEX_SUCCESS, text);
+    state->response_due = tarvex_l_box_now() + state->response_freq;
+}
+
+/* What the data request's callbacks share. */
+struct tarvex_l_box_cksm_download {
+    tarvex_i_box_cksm_state_t *state;
+    tarvex_box_request_t *request;
+};
+
+/* Only the file's bytes are hashed: the page of an error answer is not
+ * (its status fails the attempt anyway). */
+tarvex_result_t tarvex_l_box_cksm_body(void *arg, void *buffer, size_t length)
+{
+    auto *download = static_cast<tarvex_l_box_cksm_download *>(arg);
+    if (download->request->response.response_code >= 300)
+        return TARVEX_SUCCESS;
+    return tarvex_i_box_cksm_cb(download->state, buffer, length);
+}
+
+tarvex_result_t tarvex_l_box_cksm_before_attempt(tarvex_box_request_t *, void *arg)
+{
+    tarvex_l_box_cksm_progress(static_cast<tarvex_l_box_cksm_download *>(arg)->state);
+    return TARVEX_SUCCESS;
+}
+
+/* The "Range" value of a checksum range; empty for the whole file. */
+std::string tarvex_l_box_range(tarvex_off_t offset, tarvex_off_t length)
+{
+    char text[64] = "";
+    if (length != -1)
+        snprintf(text, sizeof text, "bytes=%ld-%ld", static_cast<long>(offset),
+                 static_cast<long>(offset + length - 1));
+    else if (offset != 0)
+        snprintf(text, sizeof text, "bytes=%ld-", static_cast<long>(offset));
+    return text;
+}
+
+/*
+ * Downloads one range into the digests: the content request, whose 302
+ * names where the bytes are, then the data request there.  The two share
+ * one budget of two attempts, so a retried content request leaves the
+ * data request a single one.  A retried data request goes on feeding the
+ * same digests: after a failure mid-body the sums are of more bytes than
+ * the range (the SHA-1 no longer matches Box's, so nothing is recorded).
+ */
+tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
+                                        const tarvex_box_path_info_t *path_info,
+                                        tarvex_off_t offset, tarvex_off_t length,
+                                        tarvex_i_box_cksm_state_t *state)
+{
+    std::string range = tarvex_l_box_range(offset, length);
+    tarvex_box_cstr_ptr url(tarvex_common_create_string(
+        "%s/2.0/files/%s/content", tarvex_box_api_base(), path_info->id));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    tarvex_dsi_rest_key_value_t headers[] = {{"Range", range.c_str()}};
+    size_t header_count = range.empty() ? 0 : 1;
+
+    static const char *const location_header[] = {"Location"};
+    tarvex_box_request_t content = {};
+    tarvex_box_request_guard content_guard{&content};
+    content.caller = "tarvex_i_box_cksm";
+    content.method = "GET";
+    content.url = url.get();
+    content.headers = headers;
+    content.header_count = header_count;
+    content.wanted_headers = location_header;
+    content.wanted_header_count = 1;
+    /* The redirect is followed here, not by the client: its "Location" is
+     * the answer wanted. */
+    content.expected_status = 302;
+    content.attempts = 2;
+    content.retry = &box->user_retry;
+    tarvex_result_t result = tarvex_box_request(box, &content);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    const char *location = tarvex_box_request_header(&content, "Location");
+    if (location == nullptr || location[0] == '\0')
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Box named no download location.");
+
+    tarvex_box_request_t data = {};
+    tarvex_box_request_guard data_guard{&data};
+    tarvex_l_box_cksm_download download = {state, &data};
+    data.caller = "tarvex_i_box_cksm";
+    data.method = "GET";
+    data.url = location;
+    data.headers = headers;
+    data.header_count = header_count;
+    data.read_callback = tarvex_l_box_cksm_body;
+    data.read_callback_arg = &download;
+    data.before_attempt = tarvex_l_box_cksm_before_attempt;
+    data.before_attempt_arg = &download;
+    data.translate_without_body = true;
+    data.attempts = 3 - content.attempts_made;
+    data.retry = &box->user_retry;
+    return tarvex_box_request(box, &data);
+}
+
+/* The whole-file MD5, when Box or the record already knows it.  The cached
+ * record may be replaced by the fetch, so `*path_info` is resolved anew. */
+tarvex_result_t tarvex_l_box_known_md5(tarvex_box_session_t *box, const char *pathname,
+                                       tarvex_box_path_info_t **path_info,
+                                       const tarvex_box_path_info_t *parent)
+{
+    if ((*path_info)->md5 != nullptr || parent == nullptr)
+        return TARVEX_SUCCESS;
+    /* The file's record with its metadata properties: the MD5 may have been
+     * stored by another session.  If the fetch fails the MD5 is computed. */
+    std::string file_id = (*path_info)->id;
+    tarvex_box_discard(
+        tarvex_box_get_file_info(box, file_id.c_str(), parent->name, nullptr, nullptr));
+    return tarvex_box_path_resolve(box, pathname, path_info, nullptr);
+}
+
+tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
+                                  const tarvex_gfs_command_info_t *cmd_info,
+                                  tarvex_box_session_t *box, char *cksumstr)
+{
+    const char *name = cmd_info->cksm_alg != nullptr ? cmd_info->cksm_alg : "";
+    tarvex_l_box_cksm_alg alg = strcasecmp(name, "MD5") == 0    ? TARVEX_L_BOX_CKSM_MD5
+                                : strcasecmp(name, "SHA1") == 0 ? TARVEX_L_BOX_CKSM_SHA1
+                                                                : TARVEX_L_BOX_CKSM_NONE;
+    if (alg == TARVEX_L_BOX_CKSM_NONE) {
+        /* An unknown algorithm is answered with success and no checksum:
+         * the refusal is built and then dropped, as clients have always
+         * seen it.  The server tells the client the algorithm is not
+         * supported. */
+        tarvex_object_t *refusal = tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 500, "NOT_IMPLEMETED", "GridFTP-Feature: %s", name);
+        tarvex_object_free(refusal);
+        return TARVEX_SUCCESS;
+    }
+
+    tarvex_box_path_info_t *path_info = nullptr, *parent = nullptr;
+    tarvex_result_t result = tarvex_box_path_resolve(box, cmd_info->pathname, &path_info,
+                                                     &parent);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    bool whole_file = cmd_info->cksm_offset == 0 && cmd_info->cksm_length == -1;
+    if (whole_file && alg == TARVEX_L_BOX_CKSM_MD5) {
+        result = tarvex_l_box_known_md5(box, cmd_info->pathname, &path_info, parent);
+        if (result != TARVEX_SUCCESS)
+            return result;
+        if (path_info->md5 != nullptr) {
+            tarvex_l_box_reply_with(cksumstr, path_info->md5);
+            return TARVEX_SUCCESS;
+        }
+    }
+    if (whole_file && alg == TARVEX_L_BOX_CKSM_SHA1 && path_info->sha1 != nullptr) {
+        tarvex_l_box_reply_with(cksumstr, path_info->sha1);
+        return TARVEX_SUCCESS;
+    }
+
+    /* One pass over the bytes yields both digests: the MD5 to answer with,
+     * and the SHA-1 that proves (against Box's) that the whole current file
+     * was read. */
+    tarvex_i_box_cksm_state_t state = {};
+    state.op = op;
+    tarvex_gridftp_server_get_update_interval(op, &state.response_freq);
+    if (state.response_freq > 0)
+        state.response_due = tarvex_l_box_now() + state.response_freq;
+    MD5_Init(&state.md5_ctx);
+    SHA1_Init(&state.sha_ctx);
+
+    /* With an explicit length the range is downloaded and hashed again and
+     * again into the same digests until a request fails: clients have
+     * always seen a CKSM with a length end only that way (or by ABOR).  A
+     * length of 0 hashes no bytes and asks Box nothing. */
+    while (cmd_info->cksm_length != 0) {
+        result = tarvex_l_box_cksm_range(box, path_info, cmd_info->cksm_offset,
+                                         cmd_info->cksm_length, &state);
+        if (result != TARVEX_SUCCESS)
+            return result;
+        if (cmd_info->cksm_length < 0)
+            break;
+    }
+
+    unsigned char md5[MD5_DIGEST_LENGTH], sha1[SHA_DIGEST_LENGTH];
+    char sha1sum[tarvex_l_box_cksum_size];
+    MD5_Final(md5, &state.md5_ctx);
+    SHA1_Final(sha1, &state.sha_ctx);
+    tarvex_l_box_hex(md5, sizeof md5, cksumstr);
+    tarvex_l_box_hex(sha1, sizeof sha1, sha1sum);
+
+    if (path_info->sha1 != nullptr && strcmp(path_info->sha1, sha1sum) == 0) {
+        /* The bytes were the whole file: keep its MD5 in the record and in
+         * Box, so that the next request is answered without a download. */
+        char *md5_copy = strdup(cksumstr);
+        if (md5_copy != nullptr) {
+            free(path_info->md5);
+            path_info->md5 = md5_copy;
+        }
+        result = tarvex_i_box_set_metadata(box, path_info, "tarvex-md5", cksumstr);
+        if (result != TARVEX_SUCCESS) {
+            TARVEX_BOX_LOG(TARVEX_BOX_DEBUG, "cksm metadata set failed: path=%s\n",
+                           cmd_info->pathname);
+            tarvex_box_discard(result);
+        }
+    }
+    if (alg == TARVEX_L_BOX_CKSM_SHA1)
+        tarvex_l_box_reply_with(cksumstr, sha1sum);
+    return TARVEX_SUCCESS;
+}
+
+/* The fixed refusal of every command the plug-in does not serve.  The
+ * class word is spelled so on purpose: clients have always seen it. */
+tarvex_result_t tarvex_l_box_refusal()
 {
     tarvex_object_t *error = tarvex_gfs_ftp_response_error_construct(
         nullptr, nullptr, 500, "NOT_IMPLEMETED", nullptr);
@@ -33,20 +559,112 @@ tarvex_result_t refusal()
 
 } // namespace
 
+extern "C" tarvex_result_t tarvex_i_box_cksm_cb(void *callback_arg, void *buffer,
+                                                size_t buffer_length)
+{
+    auto *state = static_cast<tarvex_i_box_cksm_state_t *>(callback_arg);
+    state->total_bytes += static_cast<tarvex_off_t>(buffer_length);
+    tarvex_l_box_cksm_progress(state);
+    MD5_Update(&state->md5_ctx, buffer, buffer_length);
+    SHA1_Update(&state->sha_ctx, buffer, buffer_length);
+    return TARVEX_SUCCESS;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_delete_object(tarvex_box_session_t *box,
+                                                     tarvex_box_path_info_t *path_info,
+                                                     int type)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = tarvex_box_guarded(
+        [&] { return tarvex_l_box_delete_object(box, path_info, type); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" void tarvex_i_box_mkdir(tarvex_gfs_operation_t op,
+                                   tarvex_gfs_command_info_t *cmd_info,
+                                   tarvex_box_session_t *box)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_mkdir(box, cmd_info->pathname); });
+    /* MKD's reply text is the path asked for, whatever the outcome. */
+    tarvex_gridftp_server_finished_command(op, result, cmd_info->pathname);
+    TARVEX_BOX_TRACE_RESULT(result);
+}
+
+extern "C" void tarvex_i_box_delete(tarvex_gfs_operation_t op,
+                                    tarvex_gfs_command_info_t *cmd_info,
+                                    tarvex_box_session_t *box)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = tarvex_box_guarded([&] {
+        tarvex_box_path_info_t *path_info = nullptr;
+        tarvex_result_t resolved =
+            tarvex_box_path_resolve(box, cmd_info->pathname, &path_info, nullptr);
+        if (resolved != TARVEX_SUCCESS)
+            return resolved;
+        return tarvex_i_box_delete_object(box, path_info, cmd_info->command);
+    });
+    tarvex_gridftp_server_finished_command(op, result, nullptr);
+    TARVEX_BOX_TRACE_RESULT(result);
+}
+
+extern "C" void tarvex_i_box_rename(tarvex_gfs_operation_t op,
+                                    tarvex_gfs_command_info_t *cmd_info,
+                                    tarvex_box_session_t *box)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = tarvex_box_guarded([&] {
+        return tarvex_l_box_rename(box, cmd_info->from_pathname, cmd_info->pathname);
+    });
+    tarvex_gridftp_server_finished_command(op, result, nullptr);
+    TARVEX_BOX_TRACE_RESULT(result);
+}
+
+extern "C" void tarvex_i_box_cksm(tarvex_gfs_operation_t op,
+                                  tarvex_gfs_command_info_t *cmd_info,
+                                  tarvex_box_session_t *box)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    char cksumstr[tarvex_l_box_cksum_size] = "";
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_cksm(op, cmd_info, box, cksumstr); });
+    tarvex_gridftp_server_finished_command(op, result, cksumstr[0] != '\0' ? cksumstr : nullptr);
+    TARVEX_BOX_TRACE_RESULT(result);
+}
+
 extern "C" void tarvex_i_box_command(tarvex_gfs_operation_t op,
-                                     tarvex_gfs_command_info_t *cmd_info,
-                                     void *user_arg)
+                                     tarvex_gfs_command_info_t *cmd_info, void *user_arg)
 {
     TARVEX_BOX_TRACE_ENTER();
     auto *box = static_cast<tarvex_box_session_t *>(user_arg);
+    /* The token is renewed first, even for a command that is then refused. */
     tarvex_result_t result = tarvex_box_token_refresh(box, op);
     if (result != TARVEX_SUCCESS) {
         tarvex_gridftp_server_finished_command(op, result, nullptr);
         TARVEX_BOX_TRACE_RESULT(result);
         return;
     }
-    const char *what = served_later(cmd_info->command);
-    result = what ? tarvex_box_not_implemented_yet(what) : refusal();
-    tarvex_gridftp_server_finished_command(op, result, nullptr);
+    switch (cmd_info->command) {
+    case TARVEX_GFS_CMD_MKD:
+        tarvex_i_box_mkdir(op, cmd_info, box);
+        break;
+    case TARVEX_GFS_CMD_RMD:
+    case TARVEX_GFS_CMD_DELE:
+    case TARVEX_GFS_CMD_SITE_RDEL:
+        tarvex_i_box_delete(op, cmd_info, box);
+        break;
+    case TARVEX_GFS_CMD_RNTO:
+        tarvex_i_box_rename(op, cmd_info, box);
+        break;
+    case TARVEX_GFS_CMD_CKSM:
+        tarvex_i_box_cksm(op, cmd_info, box);
+        break;
+    default:
+        /* RNFR too: the rename takes its source from RNTO's from_pathname. */
+        tarvex_gridftp_server_finished_command(op, tarvex_l_box_refusal(), nullptr);
+        break;
+    }
     TARVEX_BOX_TRACE_EXIT();
 }

@@ -58,11 +58,6 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
         tarvex_box_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     }
-    /* Box never names an item "" or with a "/" in it; such a name would
-     * make a cache key that stands for another path (the root, or an item
-     * deeper down), so the item is refused like one that does not parse. */
-    if (info.name != nullptr && (info.name[0] == '\0' || strchr(info.name, '/') != nullptr))
-        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     result = tarvex_box_path_cache_update(&box->cache, &info, path);
     if (result != TARVEX_SUCCESS) {
         tarvex_box_discard(result);

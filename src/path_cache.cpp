@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "path_cache"
 #include "tarvex_box_common.h"
 
 namespace {
@@ -44,11 +46,20 @@ extern "C" tarvex_result_t tarvex_box_path_cache_update(tarvex_hashtable_t *cach
                                                        const tarvex_box_path_info_t *info,
                                                        const char *base_path)
 {
+    bool below = base_path != nullptr && base_path[0] != '\0';
+    /* Box never names an item "" or with a "/" in it; such a name would
+     * make a key that stands for another path (the folder itself, or an
+     * item deeper down), so a bad answer could replace what we know of an
+     * unrelated item.  Refused like a record that cannot be copied. */
+    if (below && info != nullptr && info->name != nullptr &&
+        (info->name[0] == '\0' || strchr(info->name, '/') != nullptr))
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Box item name is not a path component.");
+
     tarvex_box_path_info_t *copy = tarvex_box_path_info_copy(info);
     if (copy == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
-    if (base_path != nullptr && base_path[0] != '\0') {
+    if (below) {
         /* The root's children are "/x", everyone else's "/base/x". */
         const char *separator = strlen(base_path) == 1 ? "" : "/";
         char *key = tarvex_common_create_string("%s%s%s", base_path, separator, info->name);

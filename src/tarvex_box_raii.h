@@ -6,9 +6,11 @@
 #ifndef TARVEX_BOX_RAII_H
 #define TARVEX_BOX_RAII_H
 
+#include <errno.h>
 #include <stdlib.h>
 
 #include <memory>
+#include <new>
 
 #include "tarvex_box_common.h"
 
@@ -42,6 +44,26 @@ inline void tarvex_box_discard(tarvex_result_t result)
 {
     if (result != TARVEX_SUCCESS)
         tarvex_object_free(tarvex_error_get(result));
+}
+
+/*
+ * Runs `body` (returning a tarvex_result_t) so that no exception crosses
+ * into the C callers: the standard library's only one here is bad_alloc,
+ * which becomes the out-of-memory error like any failed malloc.
+ */
+template <class Body>
+tarvex_result_t tarvex_box_guarded(Body &&body) noexcept
+{
+    try {
+        return body();
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return TARVEX_BOX_MALLOC_ERROR();
+    } catch (...) {
+        return tarvex_error_put(tarvex_error_construct_error(
+            nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, TARVEX_BOX_SOURCE, "guarded", 0,
+            "%s", "Unexpected internal failure."));
+    }
 }
 
 #endif

@@ -1,0 +1,418 @@
+/*
+ * The command operation against the emulator: what each command sends to
+ * Box (checked in the emulator's request log), what it answers, what it
+ * leaves in the path cache, and that every call is answered exactly once.
+ */
+#include <openssl/md5.h>
+#include <openssl/sha.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "box_session_support.h"
+#include "tarvex_box_raii.h"
+
+namespace box_session_test {
+namespace {
+
+std::string hex(const unsigned char *digest, size_t length)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < length; i++) {
+        out += digits[digest[i] >> 4];
+        out += digits[digest[i] & 15];
+    }
+    return out;
+}
+
+std::string md5_of(const std::string &data)
+{
+    unsigned char digest[MD5_DIGEST_LENGTH];
+    MD5(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
+    return hex(digest, sizeof digest);
+}
+
+std::string sha1_of(const std::string &data)
+{
+    unsigned char digest[SHA_DIGEST_LENGTH];
+    SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
+    return hex(digest, sizeof digest);
+}
+
+/* "METHOD path" of each request, with "?query" when there is one. */
+strings requests_made()
+{
+    strings out;
+    for (const auto &e : take_requests()) {
+        std::string line = e.method + " " + e.path;
+        for (const auto &[key, values] : e.query)
+            if (key != "fields")
+                line += (line.find('?') == std::string::npos ? "?" : "&") + key + "=" +
+                        (values.empty() ? "" : values[0]);
+        out.push_back(line);
+    }
+    return out;
+}
+
+class command_test : public session_test {
+protected:
+    void SetUp() override
+    {
+        session_test::SetUp();
+        ids_ = seed(R"([{"path":"/d/a.txt","content":"alpha"},
+                        {"path":"/d/sub","type":"folder"},
+                        {"path":"/e","type":"folder"},
+                        {"path":"/f.txt","content":"0123456789abcdefghij"}])");
+        ASSERT_NE(start(), nullptr);
+        take_requests();
+    }
+
+    /* Runs one command, checks it was answered exactly once, and returns
+     * its FTP reply ("" for success); its reply text goes to text_. */
+    std::string run(tarvex_gfs_command_type_t type, const std::string &path,
+                    const std::string &from = "")
+    {
+        tarvex_gfs_command_info_t info{};
+        info.command = type;
+        info.pathname = const_cast<char *>(path.c_str());
+        info.from_pathname = const_cast<char *>(from.c_str());
+        info.cksm_length = -1;
+        return answer(info);
+    }
+    std::string cksm(const std::string &alg, const std::string &path, tarvex_off_t offset = 0,
+                     tarvex_off_t length = -1)
+    {
+        tarvex_gfs_command_info_t info{};
+        info.command = TARVEX_GFS_CMD_CKSM;
+        info.pathname = const_cast<char *>(path.c_str());
+        info.cksm_alg = const_cast<char *>(alg.c_str());
+        info.cksm_offset = offset;
+        info.cksm_length = length;
+        return answer(info);
+    }
+    std::string answer(const tarvex_gfs_command_info_t &info)
+    {
+        driver_.clear_events();
+        tarvex_result_t result = driver_.command(&box_table, session_, info);
+        auto answers = driver_.events(tarvex_test::event_kind::command);
+        EXPECT_EQ(answers.size(), 1u);
+        text_ = answers.empty() ? std::nullopt : answers[0].text;
+        return tarvex_test::ftp_reply(result);
+    }
+    tarvex_box_path_info_t *cached(const std::string &path)
+    {
+        return tarvex_box_path_cache_query(&session_->cache, path.c_str());
+    }
+    /* The next `count` requests of `method` on `path_regex` fail as `how`. */
+    static void fault(const std::string &method, const std::string &path_regex, int count,
+                      const std::string &how)
+    {
+        emulator().fault(R"({"method":")" + method + R"(","path_regex":")" + path_regex +
+                         R"(","count":)" + std::to_string(count) + "," + how + "}");
+    }
+
+    std::map<std::string, std::string> ids_;
+    std::optional<std::string> text_;
+};
+
+TEST_F(command_test, UnservedCommandsAreRefusedWithoutARequest)
+{
+    for (auto type : {TARVEX_GFS_CMD_SITE_CHMOD, TARVEX_GFS_CMD_SITE_UTIME,
+                      TARVEX_GFS_CMD_SITE_SYMLINK, TARVEX_GFS_CMD_RNFR,
+                      TARVEX_GFS_CMD_SITE_AUTHZ_ASSERT, TARVEX_GFS_MIN_CUSTOM_CMD,
+                      static_cast<tarvex_gfs_command_type_t>(0)}) {
+        EXPECT_EQ(run(type, "/d/a.txt"), "500 NOT_IMPLEMETED\r\n") << type;
+        EXPECT_EQ(text_, std::nullopt);
+    }
+    EXPECT_TRUE(take_requests().empty());
+}
+
+TEST_F(command_test, AFailedTokenRenewalAnswersBeforeAnyHandler)
+{
+    free(session_->access_token);
+    session_->access_token = strdup("old");
+    session_->access_token_exp = time(nullptr) + 10;
+    driver_.set_config("renew-creds", std::nullopt);
+    driver_.set_config("creds", std::nullopt);
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/new").rfind("500-INTERNAL_ERROR\r\n", 0), 0u);
+    EXPECT_EQ(run(TARVEX_GFS_CMD_SITE_CHMOD, "/d").rfind("500-INTERNAL_ERROR\r\n", 0), 0u);
+    EXPECT_TRUE(take_requests().empty());
+}
+
+TEST_F(command_test, MakeFolder)
+{
+    /* Existing folder: success, nothing asked; a file in the way, or a
+     * missing parent, is refused naming the path that is not a folder. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/sub"), "");
+    EXPECT_EQ(text_, "/d/sub");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/a.txt"),
+              "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /d/a.txt\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/x/y"),
+              "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /x\r\n");
+    EXPECT_EQ(text_, "/x/y");
+    EXPECT_EQ(requests_made(), strings{"GET /2.0/folders/" + ids_["/d"] + "/items?limit=300&usemarker=true"});
+
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/new"), "");
+    auto log = take_requests();
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].method, "POST");
+    EXPECT_EQ(log[0].path, "/2.0/folders");
+    EXPECT_EQ(log[0].header("Content-Type"), "application/json;");
+    ASSERT_NE(cached("/d/new"), nullptr);
+    EXPECT_EQ(cached("/d/new")->type, TARVEX_BOX_FOLDER);
+    EXPECT_NE(emulator().item("/d/new"), "");
+
+    /* The new folder is known: resolving below it asks Box for nothing
+     * but its (empty) listing. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/new/deeper"), "");
+    EXPECT_EQ(take_requests().size(), 2u);
+
+    /* A name Box refuses, and one that is not UTF-8, change nothing. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/" + std::string(1000, 'n')).substr(0, 24),
+              "553-INVALID_PATH_NAME\r\n5");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/bad\xff"),
+              "553-INVALID_PATH_NAME\r\n553 GridFTP-Path: <Invalid Name>\r\n");
+    EXPECT_EQ(take_requests().size(), 1u);
+}
+
+TEST_F(command_test, RetryableFailuresAreTriedExactlyTwice)
+{
+    /* MKD, rename and the property store: a dropped connection is tried
+     * once more, a refusal Box explains is not. */
+    tarvex_dsi_rest_close_connections();
+    fault("POST", "^/2.0/folders$", 2, R"("drop":true)");
+    EXPECT_NE(run(TARVEX_GFS_CMD_MKD, "/m"), "");
+    EXPECT_EQ(requests_made(), (strings{"POST /2.0/folders", "POST /2.0/folders"}));
+
+    tarvex_dsi_rest_close_connections();
+    fault("PUT", "^/2.0/files/", 2, R"("drop":true)");
+    EXPECT_NE(run(TARVEX_GFS_CMD_RNTO, "/f2.txt", "/f.txt"), "");
+    EXPECT_EQ(requests_made().size(), 2u);
+    EXPECT_EQ(emulator().item("/f2.txt"), "");
+
+    tarvex_dsi_rest_close_connections();
+    fault("POST", "/metadata/", 2, R"("drop":true)");
+    EXPECT_NE(tarvex_i_box_set_metadata(session_, cached("/f.txt"), "k", "v"), TARVEX_SUCCESS);
+    EXPECT_EQ(requests_made().size(), 2u);
+    EXPECT_FALSE(cached("/f.txt")->has_metadata);
+
+    fault("POST", "^/2.0/folders$", 1, R"("status":409,"body":{"code":"item_name_in_use",)"
+                                       R"("context_info":{"conflicts":{"name":"m"}}})");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
+              0u);
+    EXPECT_EQ(requests_made().size(), 1u);
+}
+
+TEST_F(command_test, Delete)
+{
+    struct {
+        tarvex_gfs_command_type_t type;
+        std::string path, reply, request;
+    } cases[] = {
+        {TARVEX_GFS_CMD_DELE, "/d/sub", "451 Path is a folder.\r\n", ""},
+        {TARVEX_GFS_CMD_RMD, "/d/a.txt", "451 Path is a file.\r\n", ""},
+        {TARVEX_GFS_CMD_DELE, "/d/missing", "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/d/missing\"\r\n", ""},
+        {TARVEX_GFS_CMD_DELE, "/d/a.txt", "", "DELETE /2.0/files/" + ids_["/d/a.txt"]},
+        {TARVEX_GFS_CMD_RMD, "/d/sub", "", "DELETE /2.0/folders/" + ids_["/d/sub"]},
+        {TARVEX_GFS_CMD_SITE_RDEL, "/d", "",
+         "DELETE /2.0/folders/" + ids_["/d"] + "?recursive=true"},
+        {TARVEX_GFS_CMD_SITE_RDEL, "/", "550-PERMISSION_DENIED\r\n550 GridFTP-Path: /\r\n", ""},
+    };
+    for (const auto &c : cases) {
+        /* Resolved first, so that only the command's own requests count. */
+        tarvex_box_discard(tarvex_box_path_resolve(session_, c.path.c_str(), nullptr, nullptr));
+        take_requests();
+        EXPECT_EQ(run(c.type, c.path), c.reply) << c.path;
+        EXPECT_EQ(text_, std::nullopt);
+        EXPECT_EQ(requests_made(), c.request.empty() ? strings{} : strings{c.request}) << c.path;
+        if (!c.request.empty()) {
+            EXPECT_EQ(cached(c.path), nullptr) << c.path;
+        }
+    }
+    EXPECT_EQ(emulator().item("/d"), "");
+    ASSERT_NE(cached("/"), nullptr);
+}
+
+TEST_F(command_test, ADeleteRefusedByBoxIsNeverRetriedAndLeavesTheCache)
+{
+    ASSERT_EQ(tarvex_box_path_resolve(session_, "/d/a.txt", nullptr, nullptr), TARVEX_SUCCESS);
+    take_requests();
+    fault("DELETE", "^/2.0/files/", 1, R"("status":429,"headers":{"Retry-After":"1"})");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "451 TOO_BUSY\r\n");
+    EXPECT_EQ(requests_made().size(), 1u);
+    EXPECT_EQ(cached("/d/a.txt"), nullptr);
+    EXPECT_NE(emulator().item("/d/a.txt"), "");
+
+    /* Its folder stays listed, so the file reads as gone until the folder
+     * is listed again; then a dropped connection is tried twice. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt").rfind("550-PATH_NOT_FOUND\r\n", 0), 0u);
+    EXPECT_TRUE(take_requests().empty());
+    ASSERT_EQ(driver_.stat(&box_table, session_, "/d", false), TARVEX_SUCCESS);
+    take_requests();
+    tarvex_dsi_rest_close_connections();
+    fault("DELETE", "^/2.0/files/", 1, R"("drop":true)");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "");
+    EXPECT_EQ(requests_made(), (strings{"DELETE /2.0/files/" + ids_["/d/a.txt"],
+                                        "DELETE /2.0/files/" + ids_["/d/a.txt"]}));
+    EXPECT_EQ(emulator().item("/d/a.txt"), "");
+}
+
+TEST_F(command_test, Rename)
+{
+    /* Refusals send nothing and change nothing. */
+    ASSERT_EQ(tarvex_box_path_resolve(session_, "/d/sub", nullptr, nullptr), TARVEX_SUCCESS);
+    take_requests();
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/sub", "/d/a.txt"),
+              "553-PATH_EXISTS\r\n553 GridFTP-Path: /d/sub\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/a.txt"),
+              "553-PATH_EXISTS\r\n553 GridFTP-Path: /d/a.txt\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/sub/in", "/d"),
+              "553-INVALID_PATH_NAME\r\n553 GridFTP-Path: /d/sub/in\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/x", "/"),
+              "550-PERMISSION_DENIED\r\n550 GridFTP-Path: /\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/x", "/nope"),
+              "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/nope\"\r\n");
+    EXPECT_TRUE(take_requests().empty());
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/nowhere/a.txt", "/d/a.txt"),
+              "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /nowhere\r\n");
+
+    /* Rename in place, then move a folder: one PUT each, name and parent
+     * always sent; the target is cached, the source is not. */
+    take_requests();
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/b.txt", "/d/a.txt"), "");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/e/sub2", "/d/sub"), "");
+    EXPECT_EQ(requests_made(), (strings{"PUT /2.0/files/" + ids_["/d/a.txt"],
+                                        "GET /2.0/folders/" + ids_["/e"] + "/items?limit=300&usemarker=true",
+                                        "PUT /2.0/folders/" + ids_["/d/sub"]}));
+    EXPECT_EQ(cached("/d/a.txt"), nullptr);
+    EXPECT_EQ(cached("/d/sub"), nullptr);
+    ASSERT_NE(cached("/d/b.txt"), nullptr);
+    EXPECT_EQ(cached("/e/sub2")->type, TARVEX_BOX_FOLDER);
+    EXPECT_NE(emulator().item("/d/b.txt"), "");
+    EXPECT_NE(emulator().item("/e/sub2"), "");
+    EXPECT_EQ(tarvex_box_path_resolve(session_, "/e/sub2", nullptr, nullptr), TARVEX_SUCCESS);
+    EXPECT_TRUE(take_requests().empty());
+}
+
+TEST_F(command_test, MetadataPropertiesAreCreatedThenPatched)
+{
+    for (const std::string path : {"/f.txt", "/e"}) {
+        tarvex_box_path_info_t *info = nullptr;
+        ASSERT_EQ(tarvex_box_path_resolve(session_, path.c_str(), &info, nullptr), TARVEX_SUCCESS);
+        take_requests();
+        const std::string kind = info->type == TARVEX_BOX_FOLDER ? "folders" : "files";
+        const std::string url = "/2.0/" + kind + "/" + ids_[path] + "/metadata/global/properties";
+        ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", "one"), TARVEX_SUCCESS);
+        EXPECT_TRUE(info->has_metadata);
+        ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", "two"), TARVEX_SUCCESS);
+        auto log = take_requests();
+        ASSERT_EQ(log.size(), 2u);
+        EXPECT_EQ(log[0].method + " " + log[0].path + " " + log[0].header("Content-Type"),
+                  "POST " + url + " application/json");
+        EXPECT_EQ(log[0].body_sha1, sha1_of(R"({"tarvex-md5":"one"})"));
+        EXPECT_EQ(log[1].method + " " + log[1].path + " " + log[1].header("Content-Type"),
+                  "PUT " + url + " application/json-patch+json");
+        EXPECT_EQ(log[1].body_sha1, sha1_of(R"([{"op":"add","path":"/tarvex-md5","value":"two"}])"));
+        EXPECT_NE(emulator().item(path).find(R"("tarvex-md5":"two")"), std::string::npos)
+            << emulator().item(path);
+    }
+}
+
+TEST_F(command_test, ChecksumsAnsweredFromWhatIsKnown)
+{
+    const std::string data = "0123456789abcdefghij";
+    EXPECT_EQ(cksm("SHA1", "/f.txt"), "");
+    EXPECT_EQ(text_, sha1_of(data));
+    EXPECT_EQ(cksm("md5", "/f.txt", 5, 0), "");
+    EXPECT_EQ(text_, "d41d8cd98f00b204e9800998ecf8427e");
+    EXPECT_EQ(cksm("ADLER32", "/f.txt"), "");
+    EXPECT_EQ(text_, std::nullopt);
+    EXPECT_TRUE(take_requests().empty());
+
+    /* The MD5 is first looked for in Box's properties, then computed from
+     * one download without a Range, and kept. */
+    EXPECT_EQ(cksm("MD5", "/f.txt"), "");
+    EXPECT_EQ(text_, md5_of(data));
+    auto log = take_requests();
+    ASSERT_EQ(log.size(), 4u);
+    EXPECT_EQ(log[0].path, "/2.0/files/" + ids_["/f.txt"] + "/");
+    EXPECT_EQ(log[1].path, "/2.0/files/" + ids_["/f.txt"] + "/content");
+    EXPECT_EQ(log[1].header("Range"), "");
+    EXPECT_EQ(log[2].header("Range"), "");
+    EXPECT_EQ(log[3].method + " " + log[3].path,
+              "POST /2.0/files/" + ids_["/f.txt"] + "/metadata/global/properties");
+    EXPECT_NE(emulator().item("/f.txt").find(md5_of(data)), std::string::npos);
+    EXPECT_EQ(cksm("MD5", "/f.txt"), "");
+    EXPECT_EQ(text_, md5_of(data));
+    EXPECT_TRUE(take_requests().empty());
+
+    /* A property another session stored answers without a download. */
+    seed(R"([{"path":"/e/g.txt","content":"x","md5_property":"0123456789abcdef0123456789abcdef"}])");
+    EXPECT_EQ(cksm("MD5", "/e/g.txt"), "");
+    EXPECT_EQ(text_, "0123456789abcdef0123456789abcdef");
+}
+
+TEST_F(command_test, ChecksumOfARangeRecordsNothing)
+{
+    EXPECT_EQ(cksm("MD5", "/f.txt", 10, -1), "");
+    EXPECT_EQ(text_, md5_of("abcdefghij"));
+    auto log = take_requests();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0].header("Range"), "bytes=10-");
+    EXPECT_EQ(log[1].header("Range"), "bytes=10-");
+    EXPECT_EQ(cached("/f.txt")->md5, nullptr);
+
+    /* A retried content request leaves the download a single attempt. */
+    fault("GET", "/content$", 1, R"("status":429,"body":null)");
+    fault("GET", "^/d/", 1, R"("status":429,"body":null)");
+    EXPECT_NE(cksm("SHA1", "/f.txt", 10, -1), "");
+    EXPECT_EQ(take_requests().size(), 3u);
+}
+
+TEST_F(command_test, AnExplicitLengthRepeatsItsRangeUntilARequestFails)
+{
+    std::atomic<bool> done{false};
+    std::string reply;
+    std::thread command([&] {
+        reply = cksm("MD5", "/f.txt", 0, 10);
+        done = true;
+    });
+    /* Two downloads of the range, then Box stops answering. */
+    size_t downloads = 0;
+    std::vector<log_entry> log;
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+         downloads < 2 && std::chrono::steady_clock::now() < deadline;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        log = emulator().log();
+        downloads = 0;
+        for (const auto &e : log)
+            downloads += e.path.rfind("/d/", 0) == 0 && e.header("Range") == "bytes=0-9";
+    }
+    fault("GET", "/content$", -1, R"("status":404,"body":null)");
+    command.join();
+    EXPECT_GE(downloads, 2u);
+    EXPECT_TRUE(done);
+    EXPECT_EQ(reply.rfind("550 PATH_NOT_FOUND", 0), 0u);
+}
+
+TEST_F(command_test, ProgressRepliesCarryTheBytesHashedSoFar)
+{
+    seed(R"([{"path":"/e/slow.bin","size":60000}])");
+    fault("GET", "^/d/", 1, R"("throttle_bps":20000)");
+    driver_.set_update_interval(1);
+    EXPECT_EQ(cksm("SHA1", "/e/slow.bin", 1, -1), "");
+    auto progress = driver_.events(tarvex_test::event_kind::command_intermediate);
+    ASSERT_GE(progress.size(), 1u);
+    long last = 0;
+    for (const auto &p : progress) {
+        long bytes = std::stol(p.text.value_or("0"));
+        EXPECT_GT(bytes, last);
+        EXPECT_LE(bytes, 59999);
+        last = bytes;
+    }
+}
+
+} // namespace
+} // namespace box_session_test
