@@ -160,6 +160,18 @@ void Session::cmd_abor(const std::string &)
     reply(225, "No transfer to abort.");
 }
 
+// A transfer refused before its data connection was opened: the next one
+// needs a new PORT, EPRT, PASV or EPSV, but the listener (and the
+// connection the client may have made to it) stays until the client has
+// read the refusal.  A client that secures its data connection at once
+// (curl over TLS) would otherwise meet a reset before the reply, take it for
+// a failed passive connection and read the refusal as the answer to its
+// next command.
+void Session::retire_data()
+{
+    data_.hand_over(retired_data_);
+}
+
 bool Session::data_allowed()
 {
     if (!data_.ready()) {
@@ -167,7 +179,7 @@ bool Session::data_allowed()
         return false;
     }
     if (opts_.require_tls && !prot_p_) {
-        data_.reset();
+        retire_data();
         reply(521, "Data connections must be protected: use PROT P.");
         return false;
     }
@@ -195,7 +207,10 @@ void Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
     failure = t.failure();
     ok = ok && failure.empty();
     t.close(ok);
-    data_.reset();
+    if (t.began())
+        data_.reset();
+    else
+        retire_data();
     if (t.aborted()) {
         free_result(c.result);
         reply(426, "Connection closed; transfer aborted.");
@@ -225,7 +240,7 @@ void Session::transfer(bool store, const std::string &arg, bool append)
         tarvex_result_t r;
         if (stat_one(path, e, r)) {
             if (!S_ISREG(e.mode)) {
-                data_.reset();
+                retire_data();
                 reply(550, path + ": not a regular file.");
                 return;
             }
@@ -371,7 +386,7 @@ void Session::listing(const std::string &raw_arg, int kind)
         }
     }
     if (c.result != TARVEX_SUCCESS && !t.began()) {
-        data_.reset();
+        retire_data();
         reply_error(c.result, 550);
         return;
     }

@@ -104,6 +104,12 @@ void Session::simple_command(tarvex_gfs_command_type_t type, const std::string &
 void Session::cmd_mkd(const std::string &arg)
 {
     std::string path = path_arg(arg);
+    if (path == "/") {
+        // The root always exists; a plug-in would be asked for a folder
+        // without a name in a parent without a path, and answer that.
+        reply(550, "The root folder already exists.");
+        return;
+    }
     simple_command(TARVEX_GFS_CMD_MKD, path, 257, quoted(path) + " created.");
 }
 

@@ -99,6 +99,17 @@ void DataSetup::reset()
     have_target_ = false;
 }
 
+void DataSetup::hand_over(DataSetup &keeper)
+{
+    keeper.reset();
+    keeper.listen_fd_ = listen_fd_;
+    keeper.peer_ = peer_;
+    keeper.target_ = target_;
+    keeper.have_target_ = have_target_;
+    listen_fd_ = -1;
+    have_target_ = false;
+}
+
 bool DataSetup::passive(const Endpoints &ep, bool extended, int low, int high, std::string &reply)
 {
     reset();

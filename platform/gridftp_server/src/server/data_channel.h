@@ -32,6 +32,9 @@ public:
 
     bool ready() const { return listen_fd_ >= 0 || have_target_; }
     void reset();
+    // Moves this setup (a listener with the connection a client may
+    // already have made to it) into `keeper`, leaving this one unset.
+    void hand_over(DataSetup &keeper);
 
     // Accepts or connects, giving up at `timeout_ms` or when `cancel_fd`
     // fires.  One use: the setup is reset afterwards.

@@ -162,6 +162,8 @@ void Session::reply_unreadable(ControlChannel::Event ev)
 
 void Session::dispatch(const std::string &line)
 {
+    // The client has read the reply that retired the setup.
+    retired_data_.reset();
     size_t sp = line.find(' ');
     std::string verb = verb_of(line);
     std::string arg = sp == std::string::npos ? "" : line.substr(sp + 1);

@@ -147,6 +147,7 @@ private:
     void cmd_mlsd(const std::string &arg);
     void listing(const std::string &arg, int kind);
     bool data_allowed();
+    void retire_data();
     bool refused_after_epsv_all();
     TransferParams transfer_params(const std::string &what);
     void finish_transfer(PluginCall &c, Transfer &t, int default_code);
@@ -188,6 +189,9 @@ private:
     tarvex_off_t rest_ = 0;
     tarvex_off_t alloc_ = 0;
     DataSetup data_;
+    // The setup of a transfer refused before its data connection was
+    // opened, kept until the client's next command: see retire_data().
+    DataSetup retired_data_;
     bool epsv_all_ = false;
     FactSet facts_;
 };
