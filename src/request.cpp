@@ -159,6 +159,11 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
         }
         if (!request->no_delay)
             tarvex_i_box_retry_delay(retry_after, request->retry);
+        if (request->before_attempt != nullptr) {
+            result = request->before_attempt(request, request->before_attempt_arg);
+            if (result != TARVEX_SUCCESS)
+                break;
+        }
 
         request->attempts_made++;
         /* Only a translated answer says how long to wait; a transport

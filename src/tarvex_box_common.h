@@ -224,7 +224,8 @@ tarvex_result_t tarvex_box_translate_response(
  *
  * Each attempt: clear the outputs, trace "API CALL!" at DEBUG, renew the
  * token (refresh_token only), pace (tarvex_i_box_retry_delay with the last
- * translated "Retry-After" seconds and `retry`; skipped with no_delay), send.
+ * translated "Retry-After" seconds and `retry`; skipped with no_delay),
+ * prepare it (before_attempt, when set), send.
  *   - transport failure: retried when the REST client calls it retryable;
  *   - status below 400 (or == expected_status when that is set): success;
  *   - anything else: tarvex_box_translate_response() with the body document
@@ -251,6 +252,12 @@ typedef struct tarvex_box_request_s {
     void *write_callback_arg;
     tarvex_dsi_rest_data_read_t read_callback;   /* NULL: the body as JSON into `json` */
     void *read_callback_arg;
+    /* Called just before each attempt is sent, with before_attempt_arg: it
+     * may change that attempt's inputs (headers, the read callback's
+     * argument), so that a retry can resume a stream where the last attempt
+     * left it.  A failure ends the call with that result, unsent. */
+    tarvex_result_t (*before_attempt)(struct tarvex_box_request_s *request, void *arg);
+    void *before_attempt_arg;
     const char *const *wanted_headers;          /* wanted after "Retry-After" */
     size_t wanted_header_count;
     int attempts;                /* attempt budget, at least 1 */
