@@ -8,7 +8,6 @@
  */
 #include <cerrno>
 #include <cstdlib>
-#include <new>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
@@ -196,13 +195,8 @@ extern "C" void tarvex_i_box_send(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     auto *box = static_cast<tarvex_box_session_t *>(user_arg);
-    tarvex_result_t result;
-    try {
-        result = tarvex_l_box_send(op, transfer_info, box);
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        result = TARVEX_BOX_MALLOC_ERROR();
-    }
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_send(op, transfer_info, box); });
     tarvex_gridftp_server_finished_transfer(op, result);
     TARVEX_BOX_TRACE_RESULT(result);
 }
