@@ -119,7 +119,8 @@ tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request
     bool taken = request->expected_status != 0 ? status == request->expected_status
                                                : status < 400;
     if (taken)
-        return TARVEX_SUCCESS;
+        return request->check_answer ? request->check_answer(request, retry, retry_after)
+                                     : TARVEX_SUCCESS;
 
     result = tarvex_box_translate_response(
         &request->response, request->translate_without_body ? nullptr : request->json,

@@ -234,6 +234,9 @@ tarvex_result_t tarvex_box_translate_response(
  *     than expected_status becomes 451 "TOO_BUSY" without a body), a
  *     failure is retried when it says so, never when refusal_is_final and
  *     the status was 400 or more.
+ * An answer that would be taken goes to check_answer first, when set: a
+ * failure from it fails the attempt like a translated one, with its own
+ * word on retrying and on the seconds to wait before the next attempt.
  * On failure the document is released; after `attempts` attempts the last
  * failure is returned.  On success `json` holds the answer's document (when
  * read as JSON) and `response` the status and wanted header values.
@@ -271,6 +274,12 @@ typedef struct tarvex_box_request_s {
     int expected_status;         /* non-zero: only this status is a plain success */
     const char *caller;          /* the operation whose attempts these are: its
                                   * name leads the "API CALL!" lines */
+    /* Judges an answer the loop would take (NULL: every one is).  An error
+     * fails the attempt; `*retry` (false on entry) says whether another
+     * may help, and `*retry_after`, the seconds the next attempt waits
+     * first, may be changed. */
+    tarvex_result_t (*check_answer)(struct tarvex_box_request_s *request, bool *retry,
+                                    unsigned long *retry_after);
     /* outputs */
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */
