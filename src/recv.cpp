@@ -1,14 +1,943 @@
 /*
- * Upload (STOR).  Served from a later release; until then the transfer is
- * answered once with a clear error and nothing is stored on Box.
+ * Upload (STOR and its restarts).  The receive operation replaces a file
+ * of the same name, checks the announced size against the user's Box
+ * upload limit and stores the client's data either in one multipart
+ * request or, for files announced larger than tarvex_i_box_chunked_minimum,
+ * through a Box upload session: the data is read one part at a time into
+ * one buffer, each part is sent with its own SHA-1, running SHA-1 and MD5
+ * digests of the whole file are kept, and the session is committed with
+ * the whole file's SHA-1; the MD5 is then stored as the file's "tarvex-md5"
+ * property.  An open upload session is remembered under the file's path,
+ * so that a restarted store in the same login continues at its next part.
  */
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <memory>
+
+/* Generic errors from here name their source by this short name. */
+#define TARVEX_BOX_SOURCE "recv"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
+
+namespace {
+
+/* What Box is asked to return of a stored file. */
+constexpr const char *tarvex_l_box_upload_fields =
+    "type,id,name,parent,size,content_modified_at,sha1";
+
+/*
+ * Meeting point of the part uploader and the framework's read completions
+ * (which run on another thread).  Guarded by `mutex`; every completion
+ * signals `cond`.
+ */
+typedef struct tarvex_l_box_monitor_s {
+    tarvex_mutex_t mutex;
+    tarvex_cond_t cond;
+    size_t length;          /* bytes in the part buffer so far */
+    bool eof;               /* the client's data has ended */
+    bool done;              /* cleared with the others; nothing reads it */
+    tarvex_result_t result; /* of the latest completion */
+    /* Completions so far: the uploader waits until this moves, since a
+     * condition variable may wake without a signal, and a second read
+     * registered while the first is still out would fill the same bytes. */
+    unsigned long completions;
+} tarvex_l_box_monitor_t;
+
+void tarvex_l_box_gridftp_read_cb(tarvex_gfs_operation_t op, tarvex_result_t result,
+                                  tarvex_byte_t *, tarvex_size_t nbytes, tarvex_off_t, bool eof,
+                                  void *user_arg)
+{
+    /* The data landed where the registered buffer pointed; the offset
+     * tells nothing more. */
+    auto *monitor = static_cast<tarvex_l_box_monitor_t *>(user_arg);
+    tarvex_mutex_lock(&monitor->mutex);
+    monitor->result = result;
+    monitor->eof = eof;
+    monitor->length += nbytes;
+    monitor->completions++;
+    tarvex_cond_signal(&monitor->cond);
+    tarvex_mutex_unlock(&monitor->mutex);
+    tarvex_gridftp_server_update_bytes_recvd(op, static_cast<tarvex_off_t>(nbytes));
+}
+
+/* Standard base64 with "=" padding; false when `outbuf` cannot hold the
+ * text and its NUL. */
+bool tarvex_l_gfs_base64_encode(const unsigned char *inbuf, size_t in_len, char *outbuf,
+                                size_t out_len)
+{
+    static const char alphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    if (out_len < (in_len + 2) / 3 * 4 + 1)
+        return false;
+    size_t o = 0;
+    for (size_t i = 0; i < in_len; i += 3) {
+        uint32_t group = static_cast<uint32_t>(inbuf[i]) << 16;
+        if (i + 1 < in_len)
+            group |= static_cast<uint32_t>(inbuf[i + 1]) << 8;
+        if (i + 2 < in_len)
+            group |= inbuf[i + 2];
+        outbuf[o++] = alphabet[(group >> 18) & 63];
+        outbuf[o++] = alphabet[(group >> 12) & 63];
+        outbuf[o++] = i + 1 < in_len ? alphabet[(group >> 6) & 63] : '=';
+        outbuf[o++] = i + 2 < in_len ? alphabet[group & 63] : '=';
+    }
+    outbuf[o] = '\0';
+    return true;
+}
+
+/* "sha=" and the base64 of a SHA-1 digest: the form of Box's "digest"
+ * header, for one part and for the whole file. */
+constexpr size_t tarvex_l_box_digest_size = sizeof("sha=") - 1 + 28 + 1;
+void tarvex_l_box_digest_value(const unsigned char sha1[SHA_DIGEST_LENGTH],
+                               char value[tarvex_l_box_digest_size])
+{
+    char encoded[29];
+    tarvex_l_gfs_base64_encode(sha1, SHA_DIGEST_LENGTH, encoded, sizeof(encoded));
+    snprintf(value, tarvex_l_box_digest_size, "sha=%s", encoded);
+}
+
+/* The client's wanted modification time as Box's "content_modified_at";
+ * false (and an empty text) when the client gave none. */
+bool tarvex_l_box_format_modtime(time_t modtime, char text[64])
+{
+    text[0] = '\0';
+    struct tm tm = {};
+    if (modtime == -1 || gmtime_r(&modtime, &tm) == nullptr)
+        return false;
+    snprintf(text, 64, "%04d-%02d-%02dT%02d:%02d:%02dZ", tm.tm_year + 1900, tm.tm_mon + 1,
+             tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    return true;
+}
+
+/* The last component of an absolute path, or NULL for a path without "/"
+ * (the server hands only absolute ones, and resolution refused any other
+ * before we got here). */
+const char *tarvex_l_box_base_name(const char *path)
+{
+    const char *slash = path ? strrchr(path, '/') : nullptr;
+    return slash ? slash + 1 : nullptr;
+}
+
+tarvex_result_t tarvex_l_box_no_base_name(const char *path)
+{
+    return TARVEX_BOX_GENERIC_ERROR("Not an absolute path: %s", path ? path : "");
+}
+
+/* An FTP response error; the out-of-memory error when it cannot be made. */
+tarvex_result_t tarvex_l_box_ftp_error(tarvex_object_t *error)
+{
+    return error ? tarvex_error_put(error) : TARVEX_BOX_MALLOC_ERROR();
+}
+
+/* A generic error whose cause is the error behind `cause` (taken out of
+ * the error table). */
+tarvex_result_t tarvex_l_box_error_with_cause(tarvex_result_t cause, const char *message)
+{
+    tarvex_object_t *inner = cause != TARVEX_SUCCESS ? tarvex_error_get(cause) : nullptr;
+    return tarvex_error_put(tarvex_error_construct_error(nullptr, inner,
+                                                         TARVEX_GFS_ERROR_GENERIC,
+                                                         TARVEX_BOX_SOURCE, __func__,
+                                                         __LINE__, "%s", message));
+}
+
+/*
+ * Takes in the "entries" of Box's answer to a store: each is parsed,
+ * given the file's MD5 property when `md5_str` is set, and entered into
+ * the path cache under the parent's path.  An answer without an
+ * "entries" array is taken as it is.
+ */
+tarvex_result_t tarvex_l_box_take_entries(tarvex_box_session_t *box, json_t *answer,
+                                          const tarvex_box_path_info_t *parent,
+                                          const char *md5_str)
+{
+    json_t *entries = json_object_get(answer, "entries");
+    if (!json_is_array(entries))
+        return TARVEX_SUCCESS;
+    for (size_t i = 0; i < json_array_size(entries); i++) {
+        tarvex_box_path_info_t entry = {};
+        tarvex_box_info_guard guard{&entry};
+        tarvex_result_t result = tarvex_box_object_info_parse(json_array_get(entries, i), &entry);
+        /* An entry without an id or a name cannot be addressed or cached:
+         * as unusable as one that does not parse. */
+        if (result != TARVEX_SUCCESS || entry.id == nullptr || entry.name == nullptr) {
+            tarvex_box_discard(result);
+            return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
+        }
+        if (md5_str != nullptr) {
+            result = tarvex_i_box_set_metadata(box, &entry, "tarvex-md5", md5_str);
+            if (result != TARVEX_SUCCESS)
+                return result;
+            entry.md5 = strdup(md5_str);
+            if (entry.md5 == nullptr)
+                return TARVEX_BOX_MALLOC_ERROR();
+        }
+        result = tarvex_box_path_cache_update(&box->cache, &entry, parent->name);
+        if (result != TARVEX_SUCCESS) {
+            tarvex_box_discard(result);
+            return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
+        }
+    }
+    return TARVEX_SUCCESS;
+}
+
+/*
+ * 451 "QUOTA_EXCEEDED" for an announced size above the user's limit, with
+ * the path, both sizes and the reason as reply lines.
+ */
+tarvex_result_t tarvex_l_box_quota_exceeded(const char *path, tarvex_off_t alloc_size,
+                                            uint64_t max_upload)
+{
+    char upload_size[24], max_size[24];
+    snprintf(upload_size, sizeof(upload_size), "%ld", static_cast<long>(alloc_size));
+    snprintf(max_size, sizeof(max_size), "%ld", static_cast<long>(max_upload));
+    tarvex_dsi_rest_key_value_t pairs[4] = {
+        {"Box-Path", path},
+        {"Box-Upload-Size", upload_size},
+        {"Box-Max-Upload-Size", max_size},
+        {"Box-Error", "Upload size is too large."},
+    };
+    tarvex_dsi_rest_key_array_t info = {4, pairs};
+    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
+    return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+        nullptr, details, 451, "QUOTA_EXCEEDED", nullptr));
+}
+
+/*
+ * Deletes the item that already has the new file's name.  It is deleted
+ * as by DELE (type 3, TARVEX_BOX_UNKNOWN in the item types' numbering), so
+ * a folder of that name is refused ("Path is a folder.") and stays: a
+ * client cannot replace a folder by storing a file over it.  A failed
+ * deletion says why the store needed it: the "Box-Details" reason ends the
+ * error's chain (after any cause of its own, which is kept).
+ */
+tarvex_result_t tarvex_l_box_delete_existing(tarvex_box_session_t *box,
+                                             tarvex_box_path_info_t *path_info)
+{
+    tarvex_result_t result = tarvex_i_box_delete_object(box, path_info, TARVEX_BOX_UNKNOWN);
+    tarvex_object_t *error = tarvex_error_peek(result);
+    if (error == nullptr)
+        return result;
+    tarvex_dsi_rest_key_value_t pairs[1] = {
+        {"Box-Details", "A file with this name already exists and must be deleted before "
+                        "upload, but deletion failed."},
+    };
+    tarvex_dsi_rest_key_array_t info = {1, pairs};
+    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
+    if (details == nullptr)
+        return result;
+    while (tarvex_error_get_cause(error) != nullptr)
+        error = tarvex_error_get_cause(error);
+    tarvex_error_set_cause(error, details);
+    return result;
+}
+
+tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info,
+                                  tarvex_box_session_t *box)
+{
+    tarvex_result_t result = tarvex_box_token_refresh(box, op);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    tarvex_box_path_info_t *path_info = nullptr;
+    tarvex_box_path_info_t *parent_info = nullptr;
+    result = tarvex_box_path_resolve(box, info->pathname, &path_info, &parent_info);
+    /* No parent: the folder to store into is missing (the resolution's
+     * error), or the path names a folder itself ("/" or a trailing "/"),
+     * which resolves without a parent; such a store answers success and
+     * stores nothing, as it always has. */
+    if (parent_info == nullptr)
+        return result;
+
+    /* The old file is deleted before the size check and before any new
+     * byte has arrived: a store that then fails for any reason leaves
+     * neither file behind.  Clients have always seen it so. */
+    if (result == TARVEX_SUCCESS) {
+        result = tarvex_l_box_delete_existing(box, path_info);
+        if (result != TARVEX_SUCCESS)
+            return result;
+    } else {
+        /* The usual case: a new file in an existing folder. */
+        tarvex_box_discard(result);
+    }
+
+    /* So a client whose store is refused for its size has already lost
+     * the file it meant to replace. */
+    if (static_cast<uint64_t>(info->alloc_size) > box->max_upload)
+        return tarvex_l_box_quota_exceeded(info->pathname, info->alloc_size, box->max_upload);
+
+    /* A client that announces no size (no ALLO) always gets the one-request
+     * upload, whatever it then sends. */
+    if (static_cast<int64_t>(info->alloc_size) > static_cast<int64_t>(tarvex_i_box_chunked_minimum))
+        return tarvex_i_box_recv_chunked(op, info, box, parent_info);
+    return tarvex_i_box_recv_small(op, info, box, parent_info);
+}
+
+/* ---- the one-request upload ---- */
+
+/* The attributes part of the one-request upload, as compact JSON text. */
+tarvex_box_cstr_ptr tarvex_l_box_upload_attributes(const char *name, const char *parent_id,
+                                                   const char *modtime_str)
+{
+    tarvex_box_json_ptr attributes(
+        json_pack("{s:s, s:{s:s}}", "name", name, "parent", "id", parent_id));
+    if (attributes == nullptr)
+        return nullptr;
+    if (modtime_str[0] != '\0' &&
+        json_object_set_new(attributes.get(), "content_modified_at", json_string(modtime_str)) != 0)
+        return nullptr;
+    return tarvex_box_cstr_ptr(json_dumps(attributes.get(), JSON_COMPACT));
+}
+
+/* ---- upload sessions ---- */
+
+/* The Content-Length value of a block body. */
+void tarvex_l_box_length_text(size_t length, char text[24])
+{
+    snprintf(text, 24, "%lu", static_cast<unsigned long>(length));
+}
+
+/*
+ * An upload session record is usable only with Box's id, a part size and
+ * at least one part: the part arithmetic divides by the size, and the
+ * part URL carries the id.
+ */
+tarvex_result_t tarvex_l_box_check_session(const tarvex_box_upload_session_t *upload)
+{
+    if (upload->id == nullptr || upload->part_size == 0 || upload->num_parts < 1)
+        return TARVEX_BOX_GENERIC_ERROR(
+            "%s", "Box's upload session answer lacks \"id\", \"part_size\" or \"total_parts\".");
+    return TARVEX_SUCCESS;
+}
+
+/* The upload session record made from Box's answer, not yet stored. */
+tarvex_result_t tarvex_l_box_new_session(json_t *answer, const char *path,
+                                         tarvex_off_t alloc_size,
+                                         tarvex_box_upload_session_t **upload_out)
+{
+    /* Zero-filled, so that what Box's answer leaves out reads as absent. */
+    auto *upload = static_cast<tarvex_box_upload_session_t *>(
+        calloc(1, sizeof(tarvex_box_upload_session_t)));
+    if (upload == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_result_t result = tarvex_box_upload_session_parse(answer, upload);
+    if (result == TARVEX_SUCCESS)
+        result = tarvex_l_box_check_session(upload);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_box_upload_session_free(upload);
+        return tarvex_l_box_error_with_cause(result, "Failed to parse session info!");
+    }
+
+    upload->name = strdup(path);
+    upload->total_size = static_cast<uint64_t>(alloc_size);
+    upload->part_array = json_array();
+    if (upload->name == nullptr || upload->part_array == nullptr ||
+        MD5_Init(&upload->md5_ctx) != 1 || SHA1_Init(&upload->sha1_ctx) != 1) {
+        tarvex_box_upload_session_free(upload);
+        return TARVEX_BOX_MALLOC_ERROR();
+    }
+    *upload_out = upload;
+    return TARVEX_SUCCESS;
+}
+
+/* ---- parts ---- */
+
+/*
+ * Fills the part buffer from the client's data: up to `part_size` bytes,
+ * or fewer when the data ends.  After the last part one more read of no
+ * bytes has to see the end of the data, so that a client sending more than
+ * it announced fails the store instead of being cut short silently.  One
+ * read is out at a time; the callback's updates are seen under the mutex.
+ * A read that fails ends the filling: what follows it cannot be trusted.
+ */
+tarvex_result_t tarvex_l_box_fill_part(tarvex_gfs_operation_t op, tarvex_l_box_monitor_t *monitor,
+                                       tarvex_byte_t *buffer, size_t part_size, bool last)
+{
+    tarvex_mutex_lock(&monitor->mutex);
+    monitor->length = 0;
+    monitor->eof = false;
+    monitor->done = false;
+    monitor->result = TARVEX_SUCCESS;
+
+    tarvex_result_t result = TARVEX_SUCCESS;
+    for (;;) {
+        size_t wanted = part_size - monitor->length;
+        if (wanted == 0 && !last)
+            break;
+        unsigned long seen = monitor->completions;
+        result = tarvex_gridftp_server_register_read(op, buffer + monitor->length, wanted,
+                                                     tarvex_l_box_gridftp_read_cb, monitor);
+        if (result != TARVEX_SUCCESS)
+            break;
+        while (monitor->completions == seen)
+            tarvex_cond_wait(&monitor->cond, &monitor->mutex);
+        if (monitor->eof || monitor->result != TARVEX_SUCCESS)
+            break;
+    }
+    if (result == TARVEX_SUCCESS)
+        result = monitor->result;
+    tarvex_mutex_unlock(&monitor->mutex);
+    return result;
+}
+
+/* Adds a part to the running digests and makes its own "digest" value. */
+tarvex_result_t tarvex_l_box_digest_part(tarvex_box_upload_session_t *upload,
+                                         const tarvex_byte_t *data, size_t length,
+                                         char digest[tarvex_l_box_digest_size])
+{
+    unsigned char sha1[SHA_DIGEST_LENGTH];
+    if (SHA1(data, length, sha1) == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed generating part hash.");
+    if (SHA1_Update(&upload->sha1_ctx, data, length) != 1)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed updating file sha1 hash.");
+    if (MD5_Update(&upload->md5_ctx, data, length) != 1)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed updating file md5 hash.");
+    tarvex_l_box_digest_value(sha1, digest);
+    return TARVEX_SUCCESS;
+}
+
+/* Sends one filled part and keeps Box's record of it for the commit;
+ * `*unlisted` says that Box's answer had no record to keep. */
+tarvex_result_t tarvex_l_box_send_part(tarvex_gfs_operation_t op, tarvex_box_session_t *box,
+                                       tarvex_box_upload_session_t *upload, const char *url,
+                                       int index, tarvex_byte_t *buffer, size_t length,
+                                       bool *unlisted)
+{
+    char digest[tarvex_l_box_digest_size];
+    tarvex_result_t result = tarvex_l_box_digest_part(upload, buffer, length, digest);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    int64_t first = static_cast<int64_t>(index) * static_cast<int64_t>(upload->part_size);
+    char range[80];
+    snprintf(range, sizeof(range), "bytes %ld-%ld/%ld", static_cast<long>(first),
+             static_cast<long>(first + static_cast<int64_t>(length) - 1),
+             static_cast<long>(upload->total_size));
+
+    /* The header is "digest" in lower case: what Box has always been sent. */
+    tarvex_dsi_rest_key_value_t headers[] = {
+        {"Content-Type", "application/octet-stream"},
+        {"Content-Range", range},
+        {"digest", digest},
+    };
+    tarvex_dsi_rest_write_block_arg_t block = {buffer, length};
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    request.caller = "tarvex_i_box_upload_parts";
+    request.method = "PUT";
+    request.url = url;
+    request.headers = headers;
+    request.header_count = 3;
+    request.write_callback = tarvex_dsi_rest_write_block;
+    request.write_callback_arg = &block;
+    request.attempts = 3;
+    /* A part may take long: the token is renewed before every attempt,
+     * the attempts are not paced, and a part gets twice the idle time. */
+    request.no_delay = true;
+    request.refresh_token = true;
+    request.op = op;
+    request.progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms;
+    result = tarvex_box_request(box, &request);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    if (request.json == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    json_t *part = json_object_get(request.json, "part");
+    *unlisted = part == nullptr;
+    if (part != nullptr)
+        json_array_append(upload->part_array, part);
+    return TARVEX_SUCCESS;
+}
+
+/* ---- commit ---- */
+
+/*
+ * 202 means Box is still assembling the parts: the attempt fails as
+ * retryable and the wait before the next doubles and grows by one second
+ * (1, 3, 7, 15 s).  Box's own "Retry-After" on a 202 is not followed.
+ */
+tarvex_result_t tarvex_l_box_commit_check(tarvex_box_request_t *request, bool *retry,
+                                          unsigned long *retry_after)
+{
+    if (request->response.response_code != 202)
+        return TARVEX_SUCCESS;
+    *retry = true;
+    *retry_after = *retry_after * 2 + 1;
+    return TARVEX_BOX_GENERIC_ERROR("%s", "Upload is not ready to commit.");
+}
+
+/* The whole file's digests: the MD5 as 32 lower-case hex digits, the SHA-1
+ * as a "digest" value. */
+tarvex_result_t tarvex_l_box_file_digests(tarvex_box_upload_session_t *upload, char md5_str[33],
+                                          char digest[tarvex_l_box_digest_size])
+{
+    unsigned char sha1[SHA_DIGEST_LENGTH];
+    unsigned char md5[MD5_DIGEST_LENGTH];
+    if (SHA1_Final(sha1, &upload->sha1_ctx) != 1)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed finalizing file sha1 hash.");
+    if (MD5_Final(md5, &upload->md5_ctx) != 1)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed finalizing file md5 hash.");
+    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
+        snprintf(md5_str + 2 * i, 3, "%.2x", md5[i]);
+    tarvex_l_box_digest_value(sha1, digest);
+    return TARVEX_SUCCESS;
+}
+
+/*
+ * The commit body: "attributes" (only with a known modification time) and
+ * "parts".  The part list goes into the body and is released with it: the
+ * record no longer holds one, so a commit cannot be assembled twice.
+ */
+tarvex_result_t tarvex_l_box_commit_body(tarvex_box_upload_session_t *upload,
+                                         const char *modtime_str, tarvex_box_cstr_ptr *text)
+{
+    if (upload->part_array == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR(
+            "%s", "The parts of this upload went to an earlier commit; store the file anew.");
+    tarvex_box_json_ptr body(json_object());
+    if (body == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    if (modtime_str[0] != '\0' &&
+        json_object_set_new(body.get(), "attributes",
+                            json_pack("{s:s}", "content_modified_at", modtime_str)) != 0)
+        return TARVEX_BOX_MALLOC_ERROR();
+    int set = json_object_set_new(body.get(), "parts", upload->part_array);
+    upload->part_array = nullptr;
+    if (set != 0)
+        return TARVEX_BOX_MALLOC_ERROR();
+    text->reset(json_dumps(body.get(), JSON_COMPACT));
+    return *text != nullptr ? TARVEX_SUCCESS : TARVEX_BOX_MALLOC_ERROR();
+}
+
+tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
+                                        tarvex_gfs_transfer_info_t *info,
+                                        tarvex_box_session_t *box, tarvex_box_path_info_t *parent)
+{
+    /* The range is taken as it is: this path stores whatever arrives as
+     * the whole file. */
+    tarvex_off_t start_byte = 0, byte_count = -1;
+    tarvex_gridftp_server_get_write_range(op, &start_byte, &byte_count);
+
+    time_t modtime = -1;
+    tarvex_result_t result = tarvex_gridftp_server_get_recv_modification_time(op, &modtime);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    char modtime_str[64];
+    tarvex_l_box_format_modtime(modtime, modtime_str);
+
+    tarvex_uuid_t uuid;
+    if (tarvex_uuid_create(&uuid) != 0)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "No randomness for the multipart boundary.");
+    char content_type[78];
+    snprintf(content_type, sizeof(content_type), "multipart/form-data; boundary=tarvex_%36s",
+             uuid.text);
+
+    const char *name = tarvex_l_box_base_name(info->pathname);
+    if (name == nullptr)
+        return tarvex_l_box_no_base_name(info->pathname);
+    tarvex_box_cstr_ptr attributes = tarvex_l_box_upload_attributes(name, parent->id, modtime_str);
+    /* jansson refuses a name that is not UTF-8 as it refuses no memory. */
+    if (attributes == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "The file name cannot be sent to Box.");
+    /* The name goes into the part header as it is: Box takes the file's
+     * name from the attributes, not from this header. */
+    tarvex_box_cstr_ptr disposition(tarvex_common_create_string(
+        "form-data; name=\"file\"; filename=\"%s\"", name));
+    tarvex_box_cstr_ptr url(
+        tarvex_common_create_string("%s/api/2.0/files/content", tarvex_box_upload_base()));
+    if (disposition == nullptr || url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_gridftp_server_begin_transfer(op, 0, 0);
+
+    tarvex_dsi_rest_key_value_t attributes_headers[] = {
+        {"Content-Disposition", "form-data; name=\"attributes\""}};
+    tarvex_dsi_rest_key_value_t file_headers[] = {
+        {"Content-Disposition", disposition.get()},
+        {"Content-Type", "application/octet-stream"}};
+    tarvex_dsi_rest_write_block_arg_t attributes_block = {attributes.get(),
+                                                          strlen(attributes.get())};
+    tarvex_dsi_rest_gridftp_op_arg_t data = {op, start_byte, byte_count, false};
+    tarvex_dsi_rest_write_part_t parts[2] = {
+        {{1, attributes_headers}, tarvex_dsi_rest_write_block, &attributes_block},
+        {{2, file_headers}, tarvex_dsi_rest_write_gridftp_op, &data},
+    };
+    tarvex_dsi_rest_multipart_arg_t multipart = {2, parts};
+    tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_upload_fields}};
+    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
+    tarvex_dsi_rest_key_value_t headers[] = {{"Content-Type", content_type}};
+
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    request.caller = "tarvex_i_box_recv_small";
+    request.method = "POST";
+    request.url = url.get();
+    request.query = &query;
+    request.headers = headers;
+    request.header_count = 1;
+    request.write_callback = tarvex_dsi_rest_write_multipart;
+    request.write_callback_arg = &multipart;
+    /* One attempt: the client's data is read from the data channel as it
+     * goes out and cannot be sent a second time. */
+    request.attempts = 1;
+    request.retry = &box->user_upload_retry;
+    result = tarvex_box_request(box, &request);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    if (request.json == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "No metadata response after upload.");
+    return tarvex_l_box_take_entries(box, request.json, parent, nullptr);
+}
+
+tarvex_result_t tarvex_l_box_recv_chunked(tarvex_gfs_operation_t op,
+                                          tarvex_gfs_transfer_info_t *info,
+                                          tarvex_box_session_t *box,
+                                          tarvex_box_path_info_t *parent)
+{
+    tarvex_box_upload_session_t *upload = nullptr;
+    if (info->truncate) {
+        tarvex_result_t result = tarvex_i_box_create_upload_session(box, info, parent, &upload);
+        if (result != TARVEX_SUCCESS)
+            return result;
+    } else {
+        /* A restart continues an upload session of this login only: the
+         * table ends with the session, so a client that logged in again
+         * must store the file anew. */
+        upload = tarvex_box_upload_state_query(&box->upload_state, info->pathname);
+        if (upload == nullptr)
+            return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+                nullptr, nullptr, 553, "MULTI_PART_UPLOAD_NOT_FOUND", nullptr));
+    }
+
+    /* A failure from here on leaves the record in the table, so that the
+     * client can restart the store where it broke off. */
+    tarvex_result_t result = tarvex_i_box_upload_parts(op, box, info, upload);
+    /* The parts may have taken longer than the token lives. */
+    if (result == TARVEX_SUCCESS)
+        result = tarvex_box_token_refresh(box, op);
+    if (result == TARVEX_SUCCESS)
+        result = tarvex_i_box_commit_upload(op, box, info, parent, upload);
+    if (result == TARVEX_SUCCESS)
+        tarvex_box_upload_state_remove(&box->upload_state, info->pathname);
+    return result;
+}
+
+tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
+                                                   tarvex_gfs_transfer_info_t *info,
+                                                   tarvex_box_path_info_t *parent,
+                                                   tarvex_box_upload_session_t **upload_out)
+{
+    if (parent->type != TARVEX_BOX_FOLDER)
+        return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 553, "NOT_A_DIRECTORY", "GridFTP-Path: %s", info->pathname));
+    const char *name = tarvex_l_box_base_name(info->pathname);
+    if (name == nullptr)
+        return tarvex_l_box_no_base_name(info->pathname);
+
+    tarvex_box_json_ptr body(json_pack("{s:s, s:I, s:s}", "folder_id", parent->id, "file_size",
+                                       static_cast<json_int_t>(info->alloc_size), "file_name",
+                                       name));
+    /* jansson refuses a name that is not UTF-8 as it refuses no memory. */
+    if (body == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "The file name cannot be sent to Box.");
+    tarvex_box_cstr_ptr text(json_dumps(body.get(), JSON_COMPACT));
+    tarvex_box_cstr_ptr url(tarvex_common_create_string("%s/api/2.0/files/upload_sessions",
+                                                        tarvex_box_upload_base()));
+    if (text == nullptr || url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    size_t length = strlen(text.get());
+    char length_text[24];
+    tarvex_l_box_length_text(length, length_text);
+    /* The empty "Transfer-Encoding" has the body go out with its length,
+     * not chunked. */
+    tarvex_dsi_rest_key_value_t headers[] = {
+        {"Content-Type", "application/json"},
+        {"Content-Length", length_text},
+        {"Transfer-Encoding", ""},
+    };
+    tarvex_dsi_rest_write_block_arg_t block = {text.get(), length};
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    request.caller = "tarvex_i_box_create_upload_session";
+    request.method = "POST";
+    request.url = url.get();
+    request.headers = headers;
+    request.header_count = 3;
+    request.write_callback = tarvex_dsi_rest_write_block;
+    request.write_callback_arg = &block;
+    request.attempts = 3;
+    request.retry = &box->user_upload_retry;
+    tarvex_result_t result = tarvex_box_request(box, &request);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    /* An empty success has always been reported as lack of memory. */
+    if (request.json == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_box_upload_session_t *upload = nullptr;
+    result = tarvex_l_box_new_session(request.json, info->pathname, info->alloc_size, &upload);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    /* The table keeps an open upload of this path and refuses a second
+     * one: a fresh store over an upload that broke off in this login fails
+     * here, after Box has opened the new session. */
+    result = tarvex_box_upload_state_update(&box->upload_state, upload, upload->name);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_box_discard(result);
+        tarvex_box_upload_session_free(upload);
+        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
+    }
+    *upload_out = upload;
+    return TARVEX_SUCCESS;
+}
+
+tarvex_result_t tarvex_l_box_upload_session_parse(json_t *json,
+                                                  tarvex_box_upload_session_t *info)
+{
+    const char *id = json_string_value(json_object_get(json, "id"));
+    if (id != nullptr) {
+        free(info->id);
+        info->id = strdup(id);
+        if (info->id == nullptr)
+            return TARVEX_BOX_MALLOC_ERROR();
+    }
+    tarvex_result_t result = TARVEX_SUCCESS;
+    json_t *part_size = json_object_get(json, "part_size");
+    if (json_is_integer(part_size)) {
+        info->part_size = static_cast<uint64_t>(json_integer_value(part_size));
+        if (info->part_size == 0)
+            result = TARVEX_BOX_GENERIC_ERROR("%s", "Invalid part size!");
+    }
+    json_t *total_parts = json_object_get(json, "total_parts");
+    if (json_is_integer(total_parts)) {
+        json_int_t parts = json_integer_value(total_parts);
+        info->num_parts = parts > INT32_MAX ? INT32_MAX : static_cast<int>(parts);
+        if (parts < 1) {
+            /* The more telling of the two complaints. */
+            tarvex_box_discard(result);
+            result = TARVEX_BOX_GENERIC_ERROR("%s", "Invalid number of parts!");
+        }
+    }
+    return result;
+}
+
+tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_session_t *box,
+                                          tarvex_gfs_transfer_info_t *info,
+                                          tarvex_box_upload_session_t *upload)
+{
+    tarvex_off_t offset = 0, length = -1;
+    tarvex_gridftp_server_get_write_range(op, &offset, &length);
+
+    /* Box takes whole parts only: a store continues a broken one at a part
+     * boundary (where the restart marker of a part that went through
+     * lies), and anything else, an append or a range inside a part, is
+     * refused. */
+    uint64_t part_size = upload->part_size;
+    if ((length != -1 && length != info->alloc_size) || offset < 0 ||
+        static_cast<uint64_t>(offset) % part_size != 0)
+        return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 553, "APPEND_NOT_SUPPORTED", nullptr));
+
+    uint64_t first_part = static_cast<uint64_t>(offset) / part_size;
+    tarvex_box_cstr_ptr url(tarvex_common_create_string(
+        "%s/api/2.0/files/upload_sessions/%s", tarvex_box_upload_base(), upload->id));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    tarvex_gridftp_server_begin_transfer(op, 0, 0);
+    /* The only copy of the client's data held: one part at a time. */
+    std::unique_ptr<tarvex_byte_t, void (*)(void *)> buffer(
+        static_cast<tarvex_byte_t *>(malloc(part_size)), free);
+    if (buffer == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    /* A restart past the last part sends nothing and answers the bare
+     * failure value, with no error object: the client sees the server's
+     * plain "451 Operation failed." as it always has. */
+    if (first_part >= static_cast<uint64_t>(upload->num_parts))
+        return TARVEX_FAILURE;
+
+    tarvex_l_box_monitor_t monitor = {};
+    tarvex_mutex_init(&monitor.mutex, nullptr);
+    tarvex_cond_init(&monitor.cond, nullptr);
+    struct monitor_guard {
+        tarvex_l_box_monitor_t *m;
+        ~monitor_guard()
+        {
+            tarvex_cond_destroy(&m->cond);
+            tarvex_mutex_destroy(&m->mutex);
+        }
+    } monitor_guard{&monitor};
+
+    /* A part whose answer lacks "part" is left out of the commit's list;
+     * the complaint is kept only when it is the last part's (the next
+     * part's read replaces it), which is how clients have always seen it.
+     * An earlier part missing makes Box refuse the commit instead. */
+    tarvex_result_t result = TARVEX_SUCCESS;
+    for (int index = static_cast<int>(first_part); index < upload->num_parts; index++) {
+        bool last = index == upload->num_parts - 1;
+        tarvex_box_discard(result);
+        result = tarvex_l_box_fill_part(op, &monitor, buffer.get(), part_size, last);
+        if (result != TARVEX_SUCCESS)
+            break;
+        bool unlisted = false;
+        result = tarvex_l_box_send_part(op, box, upload, url.get(), index, buffer.get(),
+                                        monitor.length, &unlisted);
+        if (result != TARVEX_SUCCESS)
+            break;
+        if (unlisted)
+            result = TARVEX_BOX_GENERIC_ERROR("%s", "invalid part upload response");
+    }
+    return result;
+}
+
+tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box_session_t *box,
+                                           tarvex_box_path_info_t *parent,
+                                           tarvex_box_upload_session_t *upload)
+{
+    time_t modtime = -1;
+    tarvex_result_t result = tarvex_gridftp_server_get_recv_modification_time(op, &modtime);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    char modtime_str[64];
+    tarvex_l_box_format_modtime(modtime, modtime_str);
+
+    char md5_str[33];
+    char digest[tarvex_l_box_digest_size];
+    result = tarvex_l_box_file_digests(upload, md5_str, digest);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_box_cstr_ptr body;
+    result = tarvex_l_box_commit_body(upload, modtime_str, &body);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_box_cstr_ptr url(tarvex_common_create_string(
+        "%s/api/2.0/files/upload_sessions/%s/commit", tarvex_box_upload_base(), upload->id));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    size_t length = strlen(body.get());
+    char length_text[24];
+    tarvex_l_box_length_text(length, length_text);
+    tarvex_dsi_rest_key_value_t headers[] = {
+        {"Content-Type", "application/json"},
+        {"Content-Length", length_text},
+        {"Transfer-Encoding", ""},
+        {"digest", digest},
+    };
+    tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_upload_fields}};
+    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
+    tarvex_dsi_rest_write_block_arg_t block = {body.get(), length};
+
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    request.caller = "tarvex_i_box_commit_upload";
+    request.method = "POST";
+    request.url = url.get();
+    request.query = &query;
+    request.headers = headers;
+    request.header_count = 4;
+    request.write_callback = tarvex_dsi_rest_write_block;
+    request.write_callback_arg = &block;
+    request.attempts = 5;
+    /* No shared pacing: the commit waits only as Box or its 202s ask. */
+    request.retry = nullptr;
+    request.check_answer = tarvex_l_box_commit_check;
+    result = tarvex_box_request(box, &request);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    if (request.json == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "No metadata response after upload.");
+    return tarvex_l_box_take_entries(box, request.json, parent, md5_str);
+}
+
+} // namespace
+
+/* ---- the receive operation and its steps ---- */
 
 extern "C" void tarvex_i_box_recv(tarvex_gfs_operation_t op,
-                                  tarvex_gfs_transfer_info_t *, void *)
+                                  tarvex_gfs_transfer_info_t *transfer_info, void *user_arg)
 {
     TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result = tarvex_box_not_implemented_yet("STOR (upload)");
+    auto *box = static_cast<tarvex_box_session_t *>(user_arg);
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_recv(op, transfer_info, box); });
     tarvex_gridftp_server_finished_transfer(op, result);
     TARVEX_BOX_TRACE_RESULT(result);
+}
+
+extern "C" tarvex_result_t tarvex_i_box_recv_small(tarvex_gfs_operation_t op,
+                                                   tarvex_gfs_transfer_info_t *info,
+                                                   tarvex_box_session_t *box,
+                                                   tarvex_box_path_info_t *parent)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_recv_small(op, info, box, parent); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_recv_chunked(tarvex_gfs_operation_t op,
+                                                     tarvex_gfs_transfer_info_t *info,
+                                                     tarvex_box_session_t *box,
+                                                     tarvex_box_path_info_t *parent)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_recv_chunked(op, info, box, parent); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_create_upload_session(
+    tarvex_box_session_t *box, tarvex_gfs_transfer_info_t *info, tarvex_box_path_info_t *parent,
+    tarvex_box_upload_session_t **upload)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = tarvex_box_guarded(
+        [&] { return tarvex_l_box_create_upload_session(box, info, parent, upload); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_box_upload_session_parse(json_t *json,
+                                                          tarvex_box_upload_session_t *info)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_upload_session_parse(json, info); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_upload_parts(tarvex_gfs_operation_t op,
+                                                     tarvex_box_session_t *box,
+                                                     tarvex_gfs_transfer_info_t *info,
+                                                     tarvex_box_upload_session_t *upload)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_upload_parts(op, box, info, upload); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
+}
+
+extern "C" tarvex_result_t tarvex_i_box_commit_upload(tarvex_gfs_operation_t op,
+                                                      tarvex_box_session_t *box,
+                                                      tarvex_gfs_transfer_info_t *,
+                                                      tarvex_box_path_info_t *parent,
+                                                      tarvex_box_upload_session_t *upload)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result =
+        tarvex_box_guarded([&] { return tarvex_l_box_commit_upload(op, box, parent, upload); });
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
 }
