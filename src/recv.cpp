@@ -243,6 +243,16 @@ tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer
     if (result != TARVEX_SUCCESS)
         return result;
 
+    /* A restarted store can only continue an upload session.  The
+     * one-request upload cannot continue a file: it would store the bytes
+     * sent from the restart offset as the whole file, after deleting the
+     * old one.  Refused before anything is deleted. */
+    bool one_request =
+        static_cast<int64_t>(info->alloc_size) <= static_cast<int64_t>(tarvex_i_box_chunked_minimum);
+    if (!info->truncate && info->partial_offset != 0 && one_request)
+        return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 553, "APPEND_NOT_SUPPORTED", nullptr));
+
     tarvex_box_path_info_t *path_info = nullptr;
     tarvex_box_path_info_t *parent_info = nullptr;
     result = tarvex_box_path_resolve(box, info->pathname, &path_info, &parent_info);
@@ -272,7 +282,7 @@ tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer
 
     /* A client that announces no size (no ALLO) always gets the one-request
      * upload, whatever it then sends. */
-    if (static_cast<int64_t>(info->alloc_size) > static_cast<int64_t>(tarvex_i_box_chunked_minimum))
+    if (!one_request)
         return tarvex_i_box_recv_chunked(op, info, box, parent_info);
     return tarvex_i_box_recv_small(op, info, box, parent_info);
 }

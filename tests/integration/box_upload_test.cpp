@@ -205,6 +205,14 @@ TEST_F(upload_test, ExistingNameIsDeletedFirst)
     EXPECT_EQ(reply, "451-Path is a folder.\r\n451 " + details + "\r\n");
     EXPECT_EQ(take_requests().size(), 1u); /* the refused DELETE alone */
     EXPECT_EQ(emulator().content("/d/old.txt"), "new");
+
+    /* A restart cannot continue a one-request upload: it is refused before
+     * the old file is touched, not stored as a file of its tail alone. */
+    driver_.set_receive_data("w");
+    driver_.add_write_range(3, -1);
+    EXPECT_EQ(store(driver_, "/d/old.txt", 0, false), "553 APPEND_NOT_SUPPORTED\r\n");
+    EXPECT_TRUE(take_requests().empty());
+    EXPECT_EQ(emulator().content("/d/old.txt"), "new");
 }
 
 /* Bytes stored as sent, in pieces of odd sizes, in one attempt whatever

@@ -903,11 +903,20 @@ tarvex_result_t driver::recv(const tarvex_gfs_storage_iface_t *iface, void *sess
         std::lock_guard lock(s_->m);
         s_->received = 0;
     }
+    /* A restarted store starts where its first write range does, as the
+     * server's REST offset does. */
+    tarvex_off_t restart = 0;
+    {
+        std::lock_guard lock(s_->m);
+        if (!truncate && !s_->write_ranges.empty())
+            restart = s_->write_ranges.front().first;
+    }
     std::string p = path;
     return run([&](operation_state &o) {
         tarvex_gfs_transfer_info_t info = transfer_info(p);
         info.alloc_size = alloc_size;
         info.truncate = truncate;
+        info.partial_offset = restart;
         iface->recv_func(o.op, &info, session);
     });
 }
