@@ -180,6 +180,10 @@ void Transfer::serve()
             complete(r, true, r.len, 0, false);
             continue;
         }
+        if (r.len == 0) {
+            await_end(r);
+            continue;
+        }
         // A read fills the whole buffer unless the client's data ends first:
         // fewer, larger completions are what keeps a store fast.
         tarvex_size_t got = 0;
@@ -212,6 +216,30 @@ void Transfer::serve()
         thread_done_ = true;
     }
     p_.notify();
+}
+
+// A read of nothing: the plug-in has every byte it expects and waits for
+// the end of the client's data.  It completes at the end of data; a byte
+// instead means the client sends more than it announced, and the transfer
+// fails rather than store a file cut short.  (Completing at once would have
+// the plug-in ask again and again, spinning, without ever seeing the end.)
+void Transfer::await_end(const Request &r)
+{
+    Io io = Io::eof;
+    if (!eof_) {
+        char extra;
+        size_t n = 0;
+        io = conn_->read_some(&extra, 1, n, p_.io_timeout_ms, cancel_fd_);
+    }
+    if (io == Io::eof) {
+        eof_ = true;
+        complete(r, true, 0, stream_offset_, true);
+        return;
+    }
+    fail(aborted_           ? "426 Connection closed; transfer aborted."
+         : io == Io::ok     ? "426 More data than announced; transfer aborted."
+                            : "426 Data connection failed; transfer aborted.");
+    complete(r, false, 0, stream_offset_, false);
 }
 
 void Transfer::abort()

@@ -82,6 +82,7 @@ private:
         void *arg;
     };
     void serve();
+    void await_end(const Request &r);
     void complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof);
     void fail(const std::string &reply);
     bool usable();
