@@ -1,0 +1,21 @@
+# End-to-end runs of the Box plug-in: real FTP clients (curl, lftp, wget,
+# Python's ftplib) against tarvex-gridftp-server --dsi box, which talks to
+# the Box emulator; both on 127.0.0.1.
+if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
+  # Gives the server a home of its own for the plug-in's per-user files
+  # (see the source).
+  add_library(tarvex_e2e_home_preload MODULE ${CMAKE_CURRENT_LIST_DIR}/box_home_preload.cpp)
+  target_link_libraries(tarvex_e2e_home_preload PRIVATE ${CMAKE_DL_LIBS})
+  set_target_properties(tarvex_e2e_home_preload PROPERTIES PREFIX "lib")
+  foreach(suite test_box_commands test_box_transfers test_box_faults)
+    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
+      add_test(NAME e2e_${suite}
+               COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}
+               WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
+      set_tests_properties(e2e_${suite} PROPERTIES
+        LABELS e2e
+        TIMEOUT 600
+        ENVIRONMENT "TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>;TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_box>;TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py;TARVEX_E2E_HOME_PRELOAD=$<TARGET_FILE:tarvex_e2e_home_preload>;PYTHONDONTWRITEBYTECODE=1")
+    endif()
+  endforeach()
+endif()
