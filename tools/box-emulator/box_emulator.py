@@ -326,7 +326,10 @@ class Handler(BaseHTTPRequestHandler):
         state = self.state
         fault = state.take_fault(self.command, path, raw_query)
         if fault is not None:
-            body.drain()
+            # A fault that answers by itself reads the whole request first;
+            # one that only shapes the answer leaves the body to the handler.
+            if fault.get("drop") or fault.get("status"):
+                body.drain()
             if fault.get("delay_ms"):
                 time.sleep(fault["delay_ms"] / 1000.0)
             if fault.get("drop"):
