@@ -30,6 +30,11 @@ MIB = 1 << 20
 # Announced sizes above this take the plug-in's chunked upload.
 CHUNKED_MINIMUM = 52428800
 
+# What the server's log shows when a session process did not end on its own
+# terms: killed by a signal, or stopped by a sanitizer.
+CRASH_SIGNS = ("ended by signal", "ERROR: AddressSanitizer", "runtime error:",
+               "ERROR: LeakSanitizer")
+
 __all__ = ["BoxTest", "Emulator", "BoxServer", "sha256_file", "write_random", "sha256",
            "run", "MIB", "CHUNKED_MINIMUM", "TOKEN"]
 
@@ -354,8 +359,8 @@ class BoxTest(unittest.TestCase):
             raise
 
     @classmethod
-    def start_server(cls, **kw):
-        return BoxServer(cls.emu, tls=cls.tls, extra=cls.server_extra, **kw)
+    def start_server(cls, extra=(), **kw):
+        return BoxServer(cls.emu, tls=cls.tls, extra=list(cls.server_extra) + list(extra), **kw)
 
     @classmethod
     def tearDownClass(cls):
@@ -368,6 +373,9 @@ class BoxTest(unittest.TestCase):
 
     def tearDown(self):
         self.assertTrue(self.server.alive(), "the server died:\n" + self.server.read_log())
+        log = self.server.read_log()
+        for sign in CRASH_SIGNS:
+            self.assertNotIn(sign, log, "a session did not end cleanly" + self.diagnostics())
 
     def diagnostics(self):
         return "\n--- server log:\n" + self.server.read_log()[-6000:]
