@@ -1,8 +1,11 @@
 /*
  * The storage gateway policy and the plug-in's process-wide settings.
  */
+#include <arpa/inet.h>
 #include <errno.h>
 #include <stdlib.h>
+#include <string.h>
+#include <strings.h>
 
 #include <mutex>
 #include <string>
@@ -98,6 +101,57 @@ extern "C" void tarvex_box_set_bases(const char *api_base, const char *upload_ba
         b.upload = origin(upload_base);
 }
 
+namespace {
+
+/* The host of an http URL: what lies between the scheme and the path,
+ * port and brackets kept.  Empty when the URL names a user. */
+std::string http_host(const char *url)
+{
+    std::string rest = url + strlen("http://");
+    std::string authority = rest.substr(0, rest.find_first_of("/?#"));
+    if (authority.find('@') != std::string::npos)
+        return "";
+    if (!authority.empty() && authority[0] == '[')
+        return authority.substr(0, authority.find(']') + 1);
+    return authority.substr(0, authority.find(':'));
+}
+
+bool is_loopback_host(const std::string &host)
+{
+    if (strcasecmp(host.c_str(), "localhost") == 0 || host == "[::1]")
+        return true;
+    struct in_addr address;
+    return inet_pton(AF_INET, host.c_str(), &address) == 1 &&
+           (ntohl(address.s_addr) >> 24) == 127;
+}
+
+tarvex_result_t refuse_base(const char *base)
+{
+    tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 500, "INTERNAL_ERROR",
+        "GridFTP-Error: Box base URL %s refused: the credential goes only over https, or "
+        "plain http to a loopback address.",
+        base);
+    return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+}
+
+} // namespace
+
+extern "C" bool tarvex_box_url_may_carry_token(const char *url)
+{
+    if (url == nullptr)
+        return false;
+    if (strncasecmp(url, "https://", strlen("https://")) == 0)
+        return url[strlen("https://")] != '\0';
+    if (strncasecmp(url, "http://", strlen("http://")) != 0)
+        return false;
+    try {
+        return is_loopback_host(http_host(url));
+    } catch (...) {
+        return false;
+    }
+}
+
 /*
  * A policy that is not JSON is a generic error while a key of the wrong
  * type is an FTP 500: the two are told apart on purpose.  A rate of 0 (or
@@ -134,6 +188,12 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
      * key the plug-in does not know. */
     tarvex_box_set_bases(json_string_value(json_object_get(policy.get(), "box_api_base")),
                          json_string_value(json_object_get(policy.get(), "box_upload_base")));
-    TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
-    return TARVEX_SUCCESS;
+    /* The bearer token goes with every request: a base that would send it
+     * in the clear across a network stops the session here, before any. */
+    tarvex_result_t result = TARVEX_SUCCESS;
+    for (const char *base : {tarvex_box_api_base(), tarvex_box_upload_base()})
+        if (result == TARVEX_SUCCESS && !tarvex_box_url_may_carry_token(base))
+            result = refuse_base(base);
+    TARVEX_BOX_TRACE_RESULT(result);
+    return result;
 }

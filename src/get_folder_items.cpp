@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <unordered_set>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "get_folder_items"
@@ -104,25 +106,41 @@ tarvex_result_t tarvex_l_box_take_page(tarvex_box_session_t *box, json_t *page,
     return TARVEX_SUCCESS;
 }
 
-} // namespace
+/*
+ * A listing that would never end: Box handing back a marker it gave
+ * earlier in the same listing (its pages would repeat for ever, or an
+ * empty page with the marker "" would be asked for again and again), or
+ * more pages than any real folder has.  Box keeps folders far below a
+ * million items; 20,000 pages of 300 is six million.
+ */
+constexpr int tarvex_l_box_page_budget = 20000;
 
-extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box,
-                                                      const char *folder_id,
-                                                      const char *path,
-                                                      tarvex_box_list_entry_cb_t callback,
-                                                      void *callback_arg)
+tarvex_result_t tarvex_l_box_check_marker(std::unordered_set<std::string> *seen,
+                                          const char *marker, const char *folder_id)
 {
-    TARVEX_BOX_TRACE_ENTER();
+    if (seen->size() >= static_cast<size_t>(tarvex_l_box_page_budget))
+        return TARVEX_BOX_GENERIC_ERROR(
+            "The listing of Box folder %s was stopped after %d pages.", folder_id,
+            tarvex_l_box_page_budget);
+    if (!seen->insert(marker).second)
+        return TARVEX_BOX_GENERIC_ERROR(
+            "Box repeated a listing marker; the listing of folder %s was stopped.", folder_id);
+    return TARVEX_SUCCESS;
+}
+
+tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const char *folder_id,
+                                              const char *path,
+                                              tarvex_box_list_entry_cb_t callback,
+                                              void *callback_arg)
+{
     tarvex_box_cstr_ptr url(tarvex_common_create_string(
         "%s/2.0/folders/%s/items", tarvex_box_api_base(), folder_id));
-    if (url == nullptr) {
-        tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
-    }
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
 
     tarvex_result_t result = TARVEX_SUCCESS;
     tarvex_box_cstr_ptr marker;
+    std::unordered_set<std::string> seen;
     do {
         /* The first page goes without a marker: the REST client leaves a
          * key without a value out of the query. */
@@ -136,14 +154,30 @@ extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box
 
         tarvex_box_request_t request = {};
         tarvex_box_request_guard guard{&request};
-        result = tarvex_l_box_get(box, __func__, url.get(), &query, &request);
+        result = tarvex_l_box_get(box, "tarvex_box_get_folder_items", url.get(), &query, &request);
         marker.reset();
         if (result != TARVEX_SUCCESS)
             break;
         result = tarvex_l_box_take_page(box, request.json, path, callback, callback_arg,
                                         &marker);
+        if (result == TARVEX_SUCCESS && marker != nullptr)
+            result = tarvex_l_box_check_marker(&seen, marker.get(), folder_id);
     } while (result == TARVEX_SUCCESS && marker != nullptr);
+    return result;
+}
 
+} // namespace
+
+extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box,
+                                                      const char *folder_id,
+                                                      const char *path,
+                                                      tarvex_box_list_entry_cb_t callback,
+                                                      void *callback_arg)
+{
+    TARVEX_BOX_TRACE_ENTER();
+    tarvex_result_t result = tarvex_box_guarded([&] {
+        return tarvex_l_box_get_folder_items(box, folder_id, path, callback, callback_arg);
+    });
     TARVEX_BOX_TRACE_RESULT(result);
     return result;
 }

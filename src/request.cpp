@@ -82,6 +82,13 @@ void clear_attempt(tarvex_box_request_t *request)
 tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request,
                         bool *retry, unsigned long *retry_after)
 {
+    /* Whatever named the URL (a setting, or a redirect Box answered), the
+     * token never goes out in the clear across a network. */
+    if (box != nullptr && !tarvex_box_url_may_carry_token(request->url))
+        return tarvex_error_put(tarvex_error_construct_error(
+            nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request",
+            __LINE__, "Refusing to send the Box credential to %s: only https, or plain "
+            "http to a loopback address.", request->url ? request->url : "(none)"));
     attempt_headers headers(box, request);
 
     tarvex_dsi_rest_callbacks_t callbacks = {};

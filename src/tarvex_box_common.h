@@ -79,6 +79,9 @@ extern const char *tarvex_i_box_upload_path;  /* "$HOME/.tarvex/box-u" */
 const char *tarvex_box_api_base(void);
 const char *tarvex_box_upload_base(void);
 void tarvex_box_set_bases(const char *api_base, const char *upload_base);
+/* Whether a request to `url` may carry the user's bearer token: https, or
+ * plain http to a loopback address (127.0.0.0/8, [::1], localhost). */
+bool tarvex_box_url_may_carry_token(const char *url);
 
 /* ---- error object ---- */
 

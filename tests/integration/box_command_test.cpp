@@ -369,6 +369,15 @@ TEST_F(command_test, ChecksumOfARangeRecordsNothing)
     fault("GET", "^/d/", 1, R"("status":429,"body":null)");
     EXPECT_NE(cksm("SHA1", "/f.txt", 10, -1), "");
     EXPECT_EQ(take_requests().size(), 3u);
+
+    /* A redirect that would carry the token in the clear across a network
+     * is not followed. */
+    fault("GET", "/content$", 1,
+          R"("status":302,"headers":{"Location":"http://198.51.100.7/d/x"},"body":null)");
+    EXPECT_NE(cksm("SHA1", "/f.txt", 10, -1).find("Refusing to send the Box credential to "
+                                                  "http://198.51.100.7/d/x"),
+              std::string::npos);
+    EXPECT_EQ(take_requests().size(), 1u);
 }
 
 TEST_F(command_test, AnExplicitLengthRepeatsItsRangeUntilARequestFails)

@@ -100,5 +100,26 @@ TEST_F(listing_test, PagesFollowTheMarker)
     EXPECT_NE(log[1].query_value("marker"), "");
 }
 
+/* A listing Box would keep going for ever ends with a clear error: pages
+ * that hand back the same marker, or empty pages asking for one more. */
+TEST_F(listing_test, AMarkerSeenBeforeEndsTheListing)
+{
+    auto ids = seed(R"([{"path":"/loop","type":"folder"}])");
+    ASSERT_NE(start(), nullptr);
+    take_requests();
+    for (const std::string page : {R"({"entries":[{"type":"file","id":"7","name":"again"}],)"
+                                   R"("next_marker":"m1"})",
+                                   R"({"entries":[],"next_marker":""})"}) {
+        emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + ids["/loop"] +
+                         R"(/items$","count":-1,"status":200,"body":)" + page + "}");
+        tarvex_result_t result = driver_.stat(&box_table, session_, "/loop", false);
+        EXPECT_NE(tarvex_test::ftp_reply(result).find("repeated a listing marker"),
+                  std::string::npos)
+            << tarvex_test::ftp_reply(result);
+        EXPECT_EQ(take_requests().size(), 2u);
+        emulator().control("DELETE", "/_emulator/faults");
+    }
+}
+
 } // namespace
 } // namespace box_session_test

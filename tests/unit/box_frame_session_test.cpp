@@ -64,6 +64,31 @@ TEST_F(BoxFrameSession, PolicyRate)
     }
 }
 
+/* The bearer token goes over https, or plain http to this host only. */
+TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
+{
+    const struct { const char *url; bool allowed; } urls[] = {
+        {"https://api.box.com", true},          {"HTTPS://upload.box.com/x", true},
+        {"http://127.0.0.1:8080", true},        {"http://127.200.0.1/", true},
+        {"http://[::1]:80/2.0", true},          {"http://localhost", true},
+        {"http://api.box.com", false},          {"http://10.0.0.1", false},
+        {"http://127.0.0.1.evil.example", false}, {"http://user@127.0.0.1", false},
+        {"ftp://127.0.0.1", false},             {"https://", false},
+        {"api.box.com", false},                 {"", false},
+    };
+    for (const auto &u : urls)
+        EXPECT_EQ(tarvex_box_url_may_carry_token(u.url), u.allowed) << u.url;
+
+    int rate = 16;
+    std::string got = failure(tarvex_box_config_parse_json(
+        R"({"box_api_base": "http://api.box.com"})", &rate));
+    EXPECT_EQ(got.substr(0, 43), "500 GridFTP-Error: Box base URL http://api.");
+    EXPECT_EQ(failure(tarvex_box_config_parse_json(
+                  R"({"box_api_base": "http://127.0.0.1:9"})", &rate)),
+              "");
+    tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
+}
+
 TEST_F(BoxFrameSession, DatesWithOffsets)
 {
     const struct { const char *text; time_t utc; } cases[] = {
