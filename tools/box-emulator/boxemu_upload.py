@@ -10,6 +10,7 @@ import re
 import secrets
 import shutil
 import tempfile
+import threading
 import time
 
 from boxemu_api import JSON_LIMIT, Response, first, parse_time_attr, read_json
@@ -36,21 +37,37 @@ def parse_digest(value):
     raise bad_request("Missing or unsupported digest header; use sha=<base64>")
 
 
-def spool(chunks, directory):
-    """Write chunks to a new file in directory -> (path, size, sha1 hex)."""
+def spool(chunks, directory, hashed=True):
+    """Write chunks to a new file in directory -> (path, size, sha1 hex, or
+    None when not hashed: a caller whose chunks are a whole request body
+    has their SHA-1 from the body already)."""
     fd, path = tempfile.mkstemp(prefix="spool-", dir=directory)
-    h = hashlib.sha1()
+    h = hashlib.sha1() if hashed else None
     size = 0
     try:
         with os.fdopen(fd, "wb") as f:
             for chunk in chunks:
                 f.write(chunk)
-                h.update(chunk)
+                if h is not None:
+                    h.update(chunk)
                 size += len(chunk)
     except BaseException:
         os.unlink(path)
         raise
-    return path, size, h.hexdigest()
+    return path, size, h.hexdigest() if h is not None else None
+
+
+def file_sha1(paths, into=None):
+    """SHA-1 of the files' bytes one after the other (added to `into`)."""
+    h = into if into is not None else hashlib.sha1()
+    for path in paths:
+        with open(path, "rb") as f:
+            while True:
+                data = f.read(CHUNK)
+                if not data:
+                    break
+                h.update(data)
+    return h
 
 
 def body_chunks(body):
@@ -72,6 +89,30 @@ class Session:
         self.directory = directory
         self.parts = {}          # offset -> part dict (+ "path")
         self.expires_at = time.time() + SESSION_LIFETIME
+        # SHA-1 of the parts from offset 0 up to `hashed`, taken in the
+        # background as parts arrive (hashlib lets go of the GIL), so that
+        # the commit need not read the whole file again: that read was most
+        # of a 1 GiB commit's time while the uploader waited for it.
+        self.hash_lock = threading.Lock()
+        self.sha1 = hashlib.sha1()
+        self.hashed = 0
+
+    def hash_parts(self, store_lock):
+        """Adds the parts that follow the hashed prefix, as far as they
+        go without a gap.  Held under hash_lock; a part file that went away
+        (an abort) ends it."""
+        with self.hash_lock:
+            while self.hashed < self.size:
+                with store_lock:
+                    part = self.parts.get(self.hashed)
+                    path = part and part["path"]
+                if part is None:
+                    return
+                try:
+                    file_sha1([path], self.sha1)
+                except OSError:
+                    return
+                self.hashed += part["size"]
 
     def discard(self):
         shutil.rmtree(self.directory, ignore_errors=True)
@@ -238,7 +279,10 @@ class Uploads:
                 session = self._session(sid)
             digest = parse_digest(req.headers.get("digest"))
             start, end = self._check_range(session, req.headers.get("Content-Range"))
-            path, size, sha1 = spool(body_chunks(req.body), session.directory)
+            # The body is the part: its SHA-1, taken for the log as it is
+            # read, is the part's, so the spool does not hash it again.
+            path, size, _ = spool(body_chunks(req.body), session.directory, hashed=False)
+            sha1 = req.body.hexdigest()
         finally:
             req.body.drain()
         try:
@@ -260,7 +304,10 @@ class Uploads:
                 part = {"part_id": secrets.token_hex(4).upper(), "offset": start,
                         "size": size, "sha1": sha1, "path": path}
                 session.parts[start] = part
-                return Response(200, {"part": self._part_json(part)})
+            if start == session.hashed:
+                threading.Thread(target=session.hash_parts, args=(self.store.lock,),
+                                 daemon=True).start()
+            return Response(200, {"part": self._part_json(part)})
         except BaseException:
             if os.path.exists(path) and all(p.get("path") != path for p in session.parts.values()):
                 os.unlink(path)
@@ -298,14 +345,13 @@ class Uploads:
         if not isinstance(doc, dict) or not isinstance(doc.get("parts"), list):
             raise bad_request("'parts' is required")
         ordered = self._check_parts(session, doc["parts"])
-        h = hashlib.sha1()
-        for part in ordered:
-            with open(part["path"], "rb") as f:
-                while True:
-                    data = f.read(CHUNK)
-                    if not data:
-                        break
-                    h.update(data)
+        # The listed parts cover the file without gaps, so they are the
+        # session's parts in offset order: the running SHA-1 is theirs once
+        # it has caught up (it finishes here what the background left).
+        session.hash_parts(self.store.lock)
+        with session.hash_lock:
+            whole = session.sha1.copy() if session.hashed == session.size else None
+        h = whole or file_sha1(part["path"] for part in ordered)
         if h.hexdigest() != digest:
             raise bad_request("The digest header does not match the file's SHA-1", "bad_digest")
         attributes = doc.get("attributes") if isinstance(doc.get("attributes"), dict) else {}

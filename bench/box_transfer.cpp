@@ -1,0 +1,413 @@
+/*
+ * Moves a 1 GiB file each way through tarvex-gridftp-server, the Box
+ * plug-in and the Box emulator with curl, and in the same run measures
+ * what bounds each way:
+ *
+ *   - retr: curl RETR into /dev/null; direct: curl GET of the same file
+ *     straight from the emulator (content request and its redirect) into
+ *     /dev/null.
+ *   - stor: curl STOR of a 1 GiB file, its size announced with ALLO so
+ *     that it goes through a Box upload session part by part; hash: the
+ *     upload's digests alone in this process over the same bytes, part by
+ *     part as the plug-in takes them (SHA-1 of each part, then the part
+ *     added to the whole file's SHA-1 and MD5).
+ *   - the peak resident set (VmHWM) of the server's session process during
+ *     the upload, in MiB.
+ *
+ *   box_transfer: retr_MBps=<a> direct_MBps=<b> ratio_retr=<a/b> stor_MBps=<c> hash_MBps=<d> ratio_stor=<c/d> session_peak_rss_mb=<m>
+ *
+ * then lines starting with "#": each measure's figure in every round
+ * (best first counts), and where the best upload's time went: reading the
+ * client's data, hashing, sending the parts, committing.  The breakdown
+ * comes from the session's own time-stamped debug lines (the REST client
+ * logs the end and duration of every request) and the hashing speed
+ * measured here: the gap before each part request is reading plus
+ * hashing, the known hashing time of the part's bytes is taken out of it.
+ *
+ * Each round runs the measures one after the other (direct, retr, hash,
+ * stor), so a load that comes and goes on the machine weighs on all alike.
+ * The session's home (pacing files) is a scratch folder, through the e2e
+ * suite's account shim.
+ *
+ * usage: box_transfer [SIZE_MIB [ROUNDS]] (default 1024 3); files go to
+ * $TMPDIR or /tmp.
+ */
+#include <openssl/md5.h>
+#include <openssl/sha.h>
+
+#include <atomic>
+#include <cinttypes>
+#include <map>
+#include <sstream>
+
+#include "box_emulator.h"
+#include "box_transfer.h"
+
+using namespace tarvex_bench;
+
+namespace {
+
+constexpr long long default_part_size = 8ll << 20;
+
+struct Digests {
+    std::string sha1;
+    std::string md5;
+};
+
+std::string hex(const unsigned char *bytes, size_t n)
+{
+    std::string text;
+    char pair[3];
+    for (size_t i = 0; i < n; i++) {
+        snprintf(pair, sizeof pair, "%02x", bytes[i]);
+        text += pair;
+    }
+    return text;
+}
+
+/* The upload's hashing over the file, part by part: seconds spent hashing
+ * (reading the file is not counted), -1 when the file cannot be read. */
+double hash_seconds(const std::string &path, long long part_size, Digests *digests)
+{
+    int fd = open(path.c_str(), O_RDONLY);
+    if (fd < 0)
+        return -1;
+    std::vector<unsigned char> part(static_cast<size_t>(part_size));
+    SHA_CTX sha;
+    MD5_CTX md5;
+    SHA1_Init(&sha);
+    MD5_Init(&md5);
+    std::chrono::steady_clock::duration spent{};
+    for (;;) {
+        size_t length = 0;
+        ssize_t n = 0;
+        while (length < part.size() && (n = read(fd, part.data() + length, part.size() - length)) > 0)
+            length += static_cast<size_t>(n);
+        if (n < 0) {
+            close(fd);
+            return -1;
+        }
+        if (length == 0)
+            break;
+        auto t0 = std::chrono::steady_clock::now();
+        unsigned char part_sha[SHA_DIGEST_LENGTH];
+        SHA1(part.data(), length, part_sha);
+        SHA1_Update(&sha, part.data(), length);
+        MD5_Update(&md5, part.data(), length);
+        spent += std::chrono::steady_clock::now() - t0;
+    }
+    close(fd);
+    unsigned char sha_out[SHA_DIGEST_LENGTH], md5_out[MD5_DIGEST_LENGTH];
+    SHA1_Final(sha_out, &sha);
+    MD5_Final(md5_out, &md5);
+    digests->sha1 = hex(sha_out, sizeof sha_out);
+    digests->md5 = hex(md5_out, sizeof md5_out);
+    return std::chrono::duration<double>(spent).count();
+}
+
+/* Watches the server's session processes while a transfer runs and keeps
+ * the highest VmHWM seen (the kernel's own peak, so sampling only has to
+ * catch it before the process ends) and which process it was. */
+class SessionPeak {
+public:
+    explicit SessionPeak(pid_t server) : thread_([this, server] {
+        while (!stop_) {
+            for (pid_t pid : children_of(server)) {
+                long kb = status_kb(pid, "VmHWM:");
+                if (kb > peak_kb_) {
+                    peak_kb_ = kb;
+                    pid_ = pid;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }) {}
+    ~SessionPeak() { stop(); }
+    void stop()
+    {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    long peak_kb() const { return peak_kb_; }
+    pid_t pid() const { return pid_; }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<long> peak_kb_{0};
+    std::atomic<pid_t> pid_{0};
+    std::thread thread_;
+};
+
+/* One request as the REST client's debug line tells it. */
+struct Logged {
+    double end = 0;      /* wall-clock seconds */
+    double seconds = 0;  /* duration */
+    std::string method;
+    std::string url;
+    unsigned long long bytes_out = 0;
+};
+
+/* "<sec>.<nsec>::dsi_rest: DEBUG: <pid>: <METHOD> <url> -> <status>, <in>
+ * bytes in, <out> out, <seconds> s" */
+std::vector<Logged> read_rest_log(const std::string &path)
+{
+    std::vector<Logged> requests;
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        Logged r;
+        char method[16], url[1024];
+        int status = 0;
+        unsigned long long bytes_in = 0;
+        if (sscanf(line.c_str(), "%lf::dsi_rest: DEBUG: %*d: %15s %1023s -> %d, %llu bytes in, %llu out, %lf s",
+                   &r.end, method, url, &status, &bytes_in, &r.bytes_out, &r.seconds) == 7) {
+            r.method = method;
+            r.url = url;
+            requests.push_back(r);
+        }
+    }
+    return requests;
+}
+
+/* Where an upload's time went, in seconds. */
+struct Breakdown {
+    double reading = 0, hashing = 0, sending = 0, committing = 0;
+    int parts = 0;
+    bool ok = false;
+};
+
+/* From the upload session's requests: after the upload session is made,
+ * each part's request is preceded by filling the part (reading) and
+ * digesting it (hashing, at the measured speed); the part requests are
+ * the sending; what follows the last part (commit, the MD5 property) is
+ * the committing. */
+Breakdown upload_breakdown(const std::vector<Logged> &requests, double hash_bytes_per_s)
+{
+    Breakdown b;
+    double mark = -1;
+    double last_end = -1;
+    for (const Logged &r : requests) {
+        bool part = r.method == "PUT" && r.url.find("/upload_sessions/") != std::string::npos;
+        if (r.method == "POST" && r.url.size() >= 16 &&
+            r.url.compare(r.url.size() - 16, 16, "/upload_sessions") == 0) {
+            mark = r.end;
+        } else if (part && mark >= 0) {
+            double gap = std::max(0.0, r.end - r.seconds - mark);
+            double hashing = std::min(gap, static_cast<double>(r.bytes_out) / hash_bytes_per_s);
+            b.hashing += hashing;
+            b.reading += gap - hashing;
+            b.sending += r.seconds;
+            b.parts++;
+            mark = r.end;
+        }
+        last_end = r.end;
+    }
+    if (b.parts > 0) {
+        b.committing = last_end - mark;
+        b.ok = true;
+    }
+    return b;
+}
+
+/* curl's -w answer, e.g. "1073741824 0.125" (size, time of the first byte). */
+struct CurlSays {
+    long long size = -1;
+    double first_byte = 0;
+};
+
+CurlSays curl_says(const std::string &path)
+{
+    CurlSays says;
+    std::istringstream(read_text(path)) >> says.size >> says.first_byte;
+    return says;
+}
+
+std::string item_id(tarvex_test::BoxEmulator &emulator, const std::string &path)
+{
+    std::string item = emulator.item(path);
+    size_t at = item.find("\"id\"");
+    size_t open = at == std::string::npos ? at : item.find('"', item.find(':', at));
+    size_t close = open == std::string::npos ? open : item.find('"', open + 1);
+    return close == std::string::npos ? "" : item.substr(open + 1, close - open - 1);
+}
+
+struct Run {
+    long long size = 0;
+    int rounds = 3;
+    std::string dir;
+};
+
+int bench(const Run &run)
+{
+    const std::string source = run.dir + "/upload.bin";
+    const std::string home = run.dir + "/home";
+    const std::string logs = run.dir + "/logs";
+    mkdir(home.c_str(), 0700);
+    mkdir(logs.c_str(), 0700);
+    if (!write_random_file(source, run.size)) {
+        fprintf(stderr, "box_transfer: cannot write %s\n", source.c_str());
+        return 1;
+    }
+    std::ofstream(run.dir + "/policy.json") << R"({"user_api_rate_limit": 16})";
+    std::ofstream(run.dir + "/creds.json")
+        << R"({"access_token": "test-token", "token_expiry": "2099-01-01T00:00:00.000000+00:00",)"
+        << R"( "sub": "bench-user", "max_upload": 53687091200})";
+
+    tarvex_test::BoxEmulator emulator;
+    emulator.seed(R"({"entries":[{"path":"/bench/download.bin","size":)" +
+                  std::to_string(run.size) + "}]}");
+    const std::string content_url = emulator.api_base() + "/2.0/files/" +
+                                    item_id(emulator, "/bench/download.bin") + "/content";
+    Server server(run.dir,
+                  {"--dsi", "box", "--dsi-path", TARVEX_LIB_DIR, "--config-file",
+                   "config=" + run.dir + "/policy.json", "--config-file",
+                   "creds=" + run.dir + "/creds.json"},
+                  {{"HOME", home},
+                   {"TARVEX_TEST_HOME", home},
+                   {"LD_PRELOAD", TARVEX_HOME_PRELOAD},
+                   {"TARVEX_BOX_API_BASE", emulator.api_base()},
+                   {"TARVEX_BOX_UPLOAD_BASE", emulator.upload_base()},
+                   {"TARVEX_DSI_REST_DEBUG", "DEBUG," + logs + "/rest-%p.log,DEBUG"}});
+    if (server.port() == 0) {
+        fprintf(stderr, "box_transfer: the server did not start\n");
+        return 1;
+    }
+
+    const std::string says = run.dir + "/curl.out";
+    const std::string size_text = std::to_string(run.size);
+    const std::string write_out = "%{size_download} %{time_starttransfer}";
+    Rounds direct, retr, stor, hash;
+    std::vector<double> retr_first_byte;
+    double best_stor_s = 0, best_hash_s = 0;
+    long peak_kb = 0;
+    pid_t best_session = 0;
+    Digests digests;
+    for (int round = 0; round < run.rounds; round++) {
+        double s = timed({"curl", "-sS", "-L", "-H", "Authorization: Bearer test-token", "-o",
+                          "/dev/null", "-w", write_out, content_url},
+                         says);
+        if (s < 0 || curl_says(says).size != run.size) {
+            fprintf(stderr, "box_transfer: the direct download failed\n");
+            return 1;
+        }
+        direct.add(mbps(run.size, s));
+
+        s = timed({"curl", "-sS", "-u", "bench:bench", "-o", "/dev/null", "-w", write_out,
+                   server.url("/bench/download.bin")},
+                  says);
+        CurlSays got = curl_says(says);
+        if (s < 0 || got.size != run.size) {
+            fprintf(stderr, "box_transfer: RETR failed or was cut short\n");
+            return 1;
+        }
+        retr.add(mbps(run.size, s));
+        retr_first_byte.push_back(got.first_byte);
+
+        double hs = hash_seconds(source, default_part_size, &digests);
+        if (hs <= 0) {
+            fprintf(stderr, "box_transfer: cannot read %s\n", source.c_str());
+            return 1;
+        }
+        hash.add(mbps(run.size, hs));
+        if (best_hash_s == 0 || hs < best_hash_s)
+            best_hash_s = hs;
+
+        // A new name each round: storing onto an existing file would add its
+        // deletion to the upload's time.
+        std::string target = "/bench/upload-" + std::to_string(round) + ".bin";
+        SessionPeak peak(server.pid());
+        s = timed({"curl", "-sS", "-u", "bench:bench", "-Q", "ALLO " + size_text, "-T", source,
+                   server.url(target)});
+        peak.stop();
+        if (s < 0) {
+            fprintf(stderr, "box_transfer: STOR of %s failed\n", target.c_str());
+            return 1;
+        }
+        stor.add(mbps(run.size, s));
+        peak_kb = std::max(peak_kb, peak.peak_kb());
+        if (best_stor_s == 0 || s < best_stor_s) {
+            best_stor_s = s;
+            best_session = peak.pid();
+        }
+    }
+
+    // Box's own record of every upload: its size, SHA-1 and the MD5
+    // property must be those of the file sent.
+    int stored = 0;
+    for (const auto &e : emulator.tree()) {
+        if (e.path.rfind("/bench/upload-", 0) != 0)
+            continue;
+        if (static_cast<long long>(e.size) != run.size || e.sha1 != digests.sha1 ||
+            e.md5 != digests.md5) {
+            fprintf(stderr, "box_transfer: %s differs from the file sent\n", e.path.c_str());
+            return 1;
+        }
+        stored++;
+    }
+    if (stored != run.rounds) {
+        fprintf(stderr, "box_transfer: %d of %d uploads are in Box\n", stored, run.rounds);
+        return 1;
+    }
+
+    double a = retr.best(), b = direct.best(), c = stor.best(), d = hash.best();
+    printf("box_transfer: retr_MBps=%.1f direct_MBps=%.1f ratio_retr=%.2f stor_MBps=%.1f "
+           "hash_MBps=%.1f ratio_stor=%.2f session_peak_rss_mb=%.1f\n",
+           a, b, a / b, c, d, c / d, peak_kb / 1024.0);
+    printf("# %lld MiB each way, %d rounds; MB/s in each round: direct %s; retr %s; hash %s; "
+           "stor %s\n",
+           run.size >> 20, run.rounds, direct.spread().c_str(), retr.spread().c_str(),
+           hash.spread().c_str(), stor.spread().c_str());
+    std::string first_bytes;
+    for (double t : retr_first_byte)
+        first_bytes += (first_bytes.empty() ? "" : " ") + std::to_string(t).substr(0, 5);
+    printf("# retr: first byte after %s s (login, path lookup, paced content request)\n",
+           first_bytes.c_str());
+    printf("# session memory: peak %.1f MiB against a limit of one part plus 32 MB = %.1f MiB\n",
+           peak_kb / 1024.0, (default_part_size + 32e6) / 1048576.0);
+
+    Breakdown bd = upload_breakdown(
+        read_rest_log(logs + "/rest-" + std::to_string(best_session) + ".log"),
+        static_cast<double>(run.size) / best_hash_s);
+    if (!bd.ok) {
+        printf("# upload breakdown: no part requests found in the session's log\n");
+        return 0;
+    }
+    double other = best_stor_s - bd.reading - bd.hashing - bd.sending - bd.committing;
+    auto share = [&](double part) { return 100.0 * part / best_stor_s; };
+    printf("# best upload %.2f s, %d parts: reading %.2f s (%.0f%%), hashing %.2f s (%.0f%%), "
+           "sending %.2f s (%.0f%%), committing %.2f s (%.0f%%), other %.2f s (%.0f%%: login, "
+           "lookup, upload session, end of transfer)\n",
+           best_stor_s, bd.parts, bd.reading, share(bd.reading), bd.hashing, share(bd.hashing),
+           bd.sending, share(bd.sending), bd.committing, share(bd.committing), other,
+           share(other));
+    printf("# per part: reading %.1f ms, hashing %.1f ms, sending %.1f ms (%.0f MB/s to the "
+           "emulator)\n",
+           1e3 * bd.reading / bd.parts, 1e3 * bd.hashing / bd.parts, 1e3 * bd.sending / bd.parts,
+           mbps(run.size, bd.sending));
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    Run run;
+    long long mib = argc > 1 ? atoll(argv[1]) : 1024;
+    run.rounds = argc > 2 ? atoi(argv[2]) : 3;
+    if (mib <= 50 || run.rounds <= 0) {
+        fprintf(stderr, "usage: box_transfer [SIZE_MIB [ROUNDS]] (SIZE_MIB above 50: the upload "
+                        "must go through an upload session)\n");
+        return 2;
+    }
+    run.size = mib << 20;
+    run.dir = scratch_dir("tarvex-box-bench");
+    int rc = 1;
+    try {
+        rc = bench(run);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "box_transfer: %s\n", e.what());
+    }
+    timed({"rm", "-rf", run.dir});
+    return rc;
+}

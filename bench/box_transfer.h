@@ -1,0 +1,227 @@
+/*
+ * Helpers of the transfer benchmarks (box_transfer.cpp, server_transfer.cpp):
+ * a scratch folder, a file of incompressible bytes, child processes run
+ * with a timer, the server started on a free port, and a few /proc
+ * readings.  Header-only: each benchmark is one program.
+ */
+#ifndef TARVEX_BENCH_BOX_TRANSFER_H
+#define TARVEX_BENCH_BOX_TRANSFER_H
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace tarvex_bench {
+
+using Env = std::vector<std::pair<std::string, std::string>>;
+
+/* A new folder under $TMPDIR (or /tmp); exits the program when it cannot. */
+inline std::string scratch_dir(const char *prefix)
+{
+    const char *t = getenv("TMPDIR");
+    std::string tmpl = std::string(t != nullptr && *t != '\0' ? t : "/tmp") + "/" + prefix +
+                       "-XXXXXX";
+    if (mkdtemp(tmpl.data()) == nullptr) {
+        perror("mkdtemp");
+        exit(1);
+    }
+    return tmpl;
+}
+
+/* `size` bytes of a xorshift sequence: nothing on the way can compress
+ * them or find them all zero. */
+inline bool write_random_file(const std::string &path, long long size)
+{
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0)
+        return false;
+    std::vector<unsigned char> block(1 << 20);
+    unsigned long long x = 88172645463325252ull;
+    for (long long done = 0; done < size;) {
+        for (size_t i = 0; i < block.size(); i += 8) {
+            x ^= x << 13;
+            x ^= x >> 7;
+            x ^= x << 17;
+            memcpy(&block[i], &x, 8);
+        }
+        size_t n = static_cast<size_t>(std::min<long long>(size - done, static_cast<long long>(block.size())));
+        if (write(fd, block.data(), n) != static_cast<ssize_t>(n)) {
+            close(fd);
+            return false;
+        }
+        done += static_cast<long long>(n);
+    }
+    return close(fd) == 0;
+}
+
+/* Starts a program with `env` added to ours; its standard output goes to
+ * `out` (a path) when given, its standard error to /dev/null when `quiet`. */
+inline pid_t spawn(const std::vector<std::string> &args, const Env &env = {},
+                   const std::string &out = "", bool quiet = false)
+{
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    for (const auto &[name, value] : env)
+        setenv(name.c_str(), value.c_str(), 1);
+    if (!out.empty()) {
+        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (fd >= 0)
+            dup2(fd, STDOUT_FILENO);
+    }
+    if (quiet) {
+        int null = open("/dev/null", O_WRONLY);
+        if (null >= 0)
+            dup2(null, STDERR_FILENO);
+    }
+    std::vector<char *> argv;
+    for (const std::string &a : args)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    execvp(argv[0], argv.data());
+    _exit(127);
+}
+
+inline bool exited_well(pid_t pid)
+{
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/* Runs a program to its end; its wall-clock seconds, or -1 when it failed. */
+inline double timed(const std::vector<std::string> &args, const std::string &out = "")
+{
+    auto t0 = std::chrono::steady_clock::now();
+    bool ok = exited_well(spawn(args, {}, out));
+    double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    return ok ? s : -1;
+}
+
+inline std::string read_text(const std::string &path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+/* tarvex-gridftp-server on a free loopback port, stopped at destruction. */
+class Server {
+public:
+    Server(const std::string &dir, std::vector<std::string> args, const Env &env)
+    {
+        std::string port_file = dir + "/server.port";
+        args.insert(args.begin(), {TARVEX_SERVER_BIN, "--port", "0", "--bind", "127.0.0.1",
+                                   "--anonymous-map", "--foreground", "--port-file", port_file});
+        pid_ = spawn(args, env, "", true);
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (port_ == 0 && std::chrono::steady_clock::now() < deadline &&
+               waitpid(pid_, nullptr, WNOHANG) == 0) {
+            port_ = atoi(read_text(port_file).c_str());
+            if (port_ == 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    }
+    ~Server()
+    {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    /* 0 when the server did not start. */
+    int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    std::string url(const std::string &path) const
+    {
+        return "ftp://127.0.0.1:" + std::to_string(port_) + path;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int port_ = 0;
+};
+
+/* A "Vm...:" figure of /proc/PID/status in kB, or -1. */
+inline long status_kb(pid_t pid, const char *field)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    size_t length = strlen(field);
+    while (std::getline(status, line))
+        if (line.compare(0, length, field) == 0)
+            return strtol(line.c_str() + length, nullptr, 10);
+    return -1;
+}
+
+/* The processes whose parent is `parent` (the server's sessions). */
+inline std::vector<pid_t> children_of(pid_t parent)
+{
+    std::vector<pid_t> found;
+    DIR *proc = opendir("/proc");
+    if (proc == nullptr)
+        return found;
+    while (const dirent *e = readdir(proc)) {
+        pid_t pid = atoi(e->d_name);
+        if (pid <= 0)
+            continue;
+        // "pid (comm) state ppid ...": comm may hold spaces, so read after
+        // the last ')'.
+        std::string stat = read_text("/proc/" + std::string(e->d_name) + "/stat");
+        size_t close = stat.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        char state = 0;
+        int ppid = 0;
+        if (sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == parent)
+            found.push_back(pid);
+    }
+    closedir(proc);
+    return found;
+}
+
+inline double mbps(long long bytes, double seconds)
+{
+    return seconds > 0 ? static_cast<double>(bytes) / 1e6 / seconds : 0;
+}
+
+/* The figures of one measure over the rounds: the best counts, the others
+ * show how much the machine's load moved it. */
+class Rounds {
+public:
+    void add(double value) { values_.push_back(value); }
+    double best() const
+    {
+        return values_.empty() ? 0 : *std::max_element(values_.begin(), values_.end());
+    }
+    std::string spread() const
+    {
+        std::string text;
+        char item[32];
+        for (double v : values_) {
+            snprintf(item, sizeof item, "%s%.0f", text.empty() ? "" : " ", v);
+            text += item;
+        }
+        return text;
+    }
+
+private:
+    std::vector<double> values_;
+};
+
+} // namespace tarvex_bench
+
+#endif
