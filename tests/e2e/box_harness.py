@@ -6,18 +6,24 @@ Run as a program, this file is the credential helper of the token tests:
     box_harness.py creds|renew-creds
 prints a credential for the server's --config-command, registering its
 token with the emulator first (see CredentialHelper)."""
+import base64
 import contextlib
+import ftplib
 import hashlib
 import http.client
+import io
 import json
 import os
 import shutil
+import socket
 import ssl
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+from urllib.parse import quote
 
 from server_harness import LIBDIR, SERVER, Server, make_tls_files, sha256_file, write_random
 
@@ -35,12 +41,34 @@ CHUNKED_MINIMUM = 52428800
 CRASH_SIGNS = ("ended by signal", "ERROR: AddressSanitizer", "runtime error:",
                "ERROR: LeakSanitizer")
 
-__all__ = ["BoxTest", "Emulator", "BoxServer", "sha256_file", "write_random", "sha256",
-           "run", "MIB", "CHUNKED_MINIMUM", "TOKEN"]
 
 
 def sha256(data):
     return hashlib.sha256(data).hexdigest()
+
+
+def b64(data):
+    return base64.b64encode(data).decode()
+
+
+def pattern(size):
+    """The emulator's synthetic content of a seeded "size": byte i is i % 251."""
+    block = bytes(i % 251 for i in range(251 * 4096))
+    return (block * (size // len(block) + 1))[:size]
+
+
+def reply_of(call, *args):
+    """The reply text of an ftplib call, error replies included."""
+    try:
+        return call(*args)
+    except ftplib.Error as e:
+        return str(e)
+
+
+def tear_down(sock):
+    """Ends a connection with a TCP reset: the peer sees no end of data."""
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    sock.close()
 
 
 def run(args, timeout=180, **kw):
@@ -168,9 +196,6 @@ class Emulator:
     def fault(self, *faults):
         self.control("POST", "faults", list(faults))
 
-    def pending_faults(self):
-        return self.control("GET", "faults")
-
     def clear_faults(self):
         self.control("DELETE", "faults")
 
@@ -181,10 +206,10 @@ class Emulator:
         self.control("DELETE", "log")
 
     def item(self, path):
-        return self.control("GET", "item", query="path=" + _quote(path))
+        return self.control("GET", "item", query="path=" + quote(path, safe="/"))
 
     def content(self, path):
-        return self.control("GET", "content", query="path=" + _quote(path))
+        return self.control("GET", "content", query="path=" + quote(path, safe="/"))
 
     def tokens(self, doc):
         return self.control("POST", "tokens", doc)
@@ -209,11 +234,6 @@ class Emulator:
         return out
 
 
-def _quote(path):
-    from urllib.parse import quote
-    return quote(path, safe="/")
-
-
 class CredentialHelper:
     """The credential helper's side in the tests: the server runs
     `box_harness.py creds` and `box_harness.py renew-creds` with these
@@ -234,7 +254,9 @@ class CredentialHelper:
             "TARVEX_E2E_CREDS_EMULATOR_LIFETIME":
                 "" if emulator_lifetime is None else str(emulator_lifetime),
         }
-        command = "%s %s" % (sys.executable, os.path.abspath(__file__))
+        # The server's preloads (the sanitizer runtime among them) are for
+        # the server: the helper runs without them.
+        command = "env -u LD_PRELOAD %s %s" % (sys.executable, os.path.abspath(__file__))
         self.args = ["--config-command", "creds=%s creds" % command,
                      "--config-command", "renew-creds=%s renew-creds" % command]
 
@@ -436,6 +458,23 @@ class BoxTest(unittest.TestCase):
     def requests(self, method=None, path_part=""):
         return [e for e in self.emu.log()
                 if (method is None or e["method"] == method) and path_part in e["path"]]
+
+    def part_puts(self, status=200):
+        """The upload parts Box answered with `status` (None: all)."""
+        return [e for e in self.requests("PUT", "/upload_sessions/")
+                if status is None or e["status"] == status]
+
+    def paths(self):
+        return {e["path"] for e in self.emu.tree()}
+
+    def md5_property(self, path):
+        return {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
+
+    def store(self, f, path, data, allo=True):
+        """STOR through ftplib, announced with ALLO; the reply text."""
+        if allo:
+            f.sendcmd("ALLO %d" % len(data))
+        return reply_of(f.storbinary, "STOR " + path, io.BytesIO(data), 256 * 1024)
 
 
 if __name__ == "__main__":

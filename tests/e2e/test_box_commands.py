@@ -3,14 +3,13 @@ Python's ftplib), in the clear and over explicit TLS with Box over HTTPS:
 after every step the emulator's tree must be what the client did, bad input
 must get a clear reply and change nothing, and the replies (checksum
 progress, multi-line errors) must read well in each client."""
-import ftplib
 import hashlib
 import re
 import subprocess
 import time
 import unittest
 
-from box_harness import TOKEN, BoxServer, BoxTest, credential
+from box_harness import TOKEN, BoxServer, BoxTest, b64, credential, reply_of
 
 EMPTY_MD5 = "d41d8cd98f00b204e9800998ecf8427e"
 
@@ -37,14 +36,6 @@ def moved(model, src, dst):
 
 def removed(model, top):
     return {p: v for p, v in model.items() if p != top and not p.startswith(top + "/")}
-
-
-def reply_of(call, *args):
-    """The reply text of an ftplib call, error replies included."""
-    try:
-        return call(*args)
-    except ftplib.Error as e:
-        return str(e)
 
 
 class Commands:
@@ -136,8 +127,8 @@ class Commands:
 
     def test_ftplib_checksums(self):
         data = bytes(range(256)) * 40
-        self.emu.seed({"path": "/c/one.bin", "content_base64": _b64(data)},
-                      {"path": "/c/two.bin", "content_base64": _b64(data[::-1])})
+        self.emu.seed({"path": "/c/one.bin", "content_base64": b64(data)},
+                      {"path": "/c/two.bin", "content_base64": b64(data[::-1])})
         f = self.ftp()
         self.addCleanup(f.close)
         self.emu.clear_log()
@@ -159,7 +150,7 @@ class Commands:
         self.assertEqual(f.sendcmd("CKSM MD5 0 -1 /c/one.bin"), "213 " + md5)
         downloads = self.requests("GET", "/d/")
         self.assertEqual([e["headers"].get("range") for e in downloads], [None])
-        self.assertEqual(self.tree_md5("/c/one.bin"), md5)
+        self.assertEqual(self.md5_property("/c/one.bin"), md5)
         self.emu.clear_log()
         self.assertEqual(f.sendcmd("CKSM MD5 0 -1 /c/one.bin"), "213 " + md5)
         self.assertEqual(self.requests(), [])
@@ -257,9 +248,6 @@ class Commands:
         self.assertIn("\n".join("<--- " + l for l in expected("/q-lftp.bin")), r.stderr)
         self.assertFiles({})
 
-    def tree_md5(self, path):
-        return {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
-
     def test_refused_delete_leaves_the_folder_reachable(self):
         model = seed_tree(self.emu)
         f = self.ftp()
@@ -315,11 +303,6 @@ class Commands:
                 self.assertFiles(model)
         self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
         self.assertEqual(self.changes(), [], "bad input changed something on Box")
-
-
-def _b64(data):
-    import base64
-    return base64.b64encode(data).decode()
 
 
 class CommandsPlain(Commands, BoxTest):

@@ -3,38 +3,18 @@ an upload, a token running out in the middle of a long upload, clients that
 tear down their data connection.  Each must end with a clear reply, the
 session alive (or ended cleanly when the client left), and never a partial
 file on Box presented as complete."""
-import ftplib
 import hashlib
 import io
 import os
-import socket
-import struct
+import re
 import time
 import unittest
 
-from box_harness import (MIB, BoxServer, BoxTest, CredentialHelper, run, sha256, wait_for,
-                         write_random)
+from box_harness import (MIB, BoxTest, CredentialHelper, pattern, reply_of, sha256, tear_down,
+                         wait_for, write_random)
 
 PART = 2 * MIB
 SIZE = 26 * PART + 1     # above the chunked minimum; the last part is one byte
-
-
-def pattern(size):
-    block = bytes(i % 251 for i in range(251 * 4096))
-    return (block * (size // len(block) + 1))[:size]
-
-
-def reply_of(call, *args):
-    try:
-        return call(*args)
-    except ftplib.Error as e:
-        return str(e)
-
-
-def tear_down(conn):
-    """Ends a data connection with a TCP reset: no end of data is seen."""
-    conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    conn.close()
 
 
 class Faults(BoxTest):
@@ -48,21 +28,9 @@ class Faults(BoxTest):
         with open(path, "rb") as f:
             cls.data = f.read()
 
-    def paths(self):
-        return {e["path"] for e in self.emu.tree()}
-
-    def store(self, f, path, data, allo=True):
-        if allo:
-            f.sendcmd("ALLO %d" % len(data))
-        return reply_of(f.storbinary, "STOR " + path, io.BytesIO(data), 256 * 1024)
-
-    def part_puts(self):
-        return [e for e in self.requests("PUT", "/upload_sessions/")]
-
     def assertStoredWhole(self, path, data):
         self.assertEqual(sha256(self.emu.content(path)), sha256(data))
-        md5 = {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
-        self.assertEqual(md5, hashlib.md5(data).hexdigest())
+        self.assertEqual(self.md5_property(path), hashlib.md5(data).hexdigest())
 
     # -- downloads --------------------------------------------------------
 
@@ -121,7 +89,7 @@ class Faults(BoxTest):
         self.assertEqual([e["status"] for e in creates], [429, 201])
         # The session request waits as Box asked before it tries again.
         self.assertGreaterEqual(creates[1]["time"] - creates[0]["time"], 1.0)
-        statuses = [e["status"] for e in self.part_puts()]
+        statuses = [e["status"] for e in self.part_puts(None)]
         self.assertEqual((statuses[0], statuses[1:]), (429, [200] * (SIZE // PART + 1)))
 
     def test_failed_commit(self):
@@ -148,12 +116,12 @@ class Faults(BoxTest):
         self.assertStoredWhole("/later.bin", self.data)
 
     def test_token_renewed_during_a_long_upload(self):
-        # The first token has 3 s left before the plug-in wants a new one
-        # and runs out on Box 1.5 s later; the parts take about 7 s.
-        helper = CredentialHelper(self.emu, self.work, lifetime=102, emulator_lifetime=4.5)
+        # The first token has 5 s left before the plug-in wants a new one
+        # and runs out on Box 1.5 s later; the parts take about 8 s.
+        helper = CredentialHelper(self.emu, self.work, lifetime=104, emulator_lifetime=6.5)
         server = self.start_server(creds=helper)
         self.addCleanup(server.stop)
-        self.emu.fault({"method": "PUT", "path_regex": "/upload_sessions/", "delay_ms": 250,
+        self.emu.fault({"method": "PUT", "path_regex": "/upload_sessions/", "delay_ms": 300,
                         "count": -1})
         f = server.ftp()
         self.addCleanup(f.close)
@@ -193,7 +161,6 @@ class Faults(BoxTest):
 
     def taken(self, f):
         """Bytes of the running transfer so far, as STAT tells them."""
-        import re
         m = re.search(r"(\d+) bytes so far", f.sendcmd("STAT"))
         return int(m.group(1)) if m else 0
 
@@ -229,7 +196,6 @@ class Faults(BoxTest):
         self.assertEqual(g.sendcmd("NOOP"), "200 NOOP ok.")
 
     def session_pids(self):
-        import re
         return [int(p) for p in re.findall(r"\[(\d+)\]: connection from", self.server.read_log())]
 
 

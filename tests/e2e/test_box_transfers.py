@@ -10,20 +10,12 @@ Without ALLO every upload, however large, is one request."""
 import hashlib
 import io
 import os
-import socket
-import struct
 import unittest
 
-from box_harness import (CHUNKED_MINIMUM, MIB, BoxTest, sha256, sha256_file, wait_for,
-                         write_random)
+from box_harness import (CHUNKED_MINIMUM, MIB, BoxTest, b64, pattern, reply_of, run, sha256,
+                         sha256_file, tear_down, wait_for, write_random)
 
 PART = 2 * MIB   # the emulator's upload part size here
-
-
-def pattern(size):
-    """The emulator's synthetic content: byte i is i % 251."""
-    block = bytes(i % 251 for i in range(251 * 4096))
-    return (block * (size // len(block) + 1))[:size]
 
 
 class Transfers:
@@ -46,9 +38,6 @@ class Transfers:
         return [e for e in self.requests("POST", "/upload_sessions")
                 if e["path"].endswith("/upload_sessions") and e["status"] == 201]
 
-    def part_puts(self):
-        return [e for e in self.requests("PUT", "/upload_sessions/") if e["status"] == 200]
-
     def assertChunked(self, path, data):
         """`data` went up through one upload session, part by part, and Box
         keeps its MD5."""
@@ -57,9 +46,6 @@ class Transfers:
         self.assertEqual(self.requests("POST", "/files/content"), [])
         self.assertEqual(self.stored(path), sha256(data))
         self.assertEqual(self.md5_property(path), hashlib.md5(data).hexdigest())
-
-    def md5_property(self, path):
-        return {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
 
     # -- curl and wget ----------------------------------------------------
 
@@ -106,10 +92,9 @@ class Transfers:
         whole = self.local_file("whole.bin", 3000, seed=3)
         with open(whole, "rb") as f:
             data = f.read()
-        self.emu.seed({"path": "/up.bin", "content_base64": _b64(data[:1000])})
+        self.emu.seed({"path": "/up.bin", "content_base64": b64(data[:1000])})
         r = self.curl("-C", "-", "-T", whole, self.server.url("/up.bin"), ok=False)
-        present = "/up.bin" in {e["path"] for e in self.emu.tree()}
-        stored = self.emu.content("/up.bin") if present else b""
+        stored = self.emu.content("/up.bin") if "/up.bin" in self.paths() else b""
         # Compared by length and digest: the bytes themselves say little.
         got = (len(stored), sha256(stored))
         if r.returncode == 0:
@@ -125,7 +110,6 @@ class Transfers:
                     "ftps://anonymous:x@127.0.0.1:%d/w/file.bin" % self.server.port]
         else:
             args = ["wget", "-q", "-O", out, self.server.url("/w/file.bin", "anonymous:x")]
-        from box_harness import run
         r = run(args)
         self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
         self.assertEqual(sha256_file(out), sha256(pattern(1500000)))
@@ -160,11 +144,6 @@ class Transfers:
 
     # -- ftplib -----------------------------------------------------------
 
-    def store(self, f, path, data, allo=True):
-        if allo:
-            f.sendcmd("ALLO %d" % len(data))
-        return f.storbinary("STOR " + path, io.BytesIO(data), blocksize=256 * 1024)
-
     def test_ftplib_store_path_follows_the_announced_size(self):
         f = self.ftp()
         self.addCleanup(f.close)
@@ -197,12 +176,10 @@ class Transfers:
         sent = 6 * PART + PART // 2
         conn.sendall(data[:sent])
         wait_for(lambda: len(self.part_puts()) >= 3, "three parts on Box")
-        # Torn down, not closed: a close would say the file ends here.
-        conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        conn.close()
-        text = _reply(f.voidresp)
+        tear_down(conn)   # not closed: a close would say the file ends here
+        text = reply_of(f.voidresp)
         self.assertRegex(text, r"^4\d\d ")
-        self.assertFalse([e for e in self.emu.tree() if e["path"] == "/resumed.bin"])
+        self.assertNotIn("/resumed.bin", self.paths())
         done = len(self.part_puts()) * PART
         self.assertLessEqual(done, sent)
         # The same login goes on from the last part Box has.
@@ -213,19 +190,6 @@ class Transfers:
         self.assertEqual(len(self.sessions_made()), 1)
         self.assertEqual(self.stored("/resumed.bin"), sha256(data))
         self.assertEqual(self.md5_property("/resumed.bin"), hashlib.md5(data).hexdigest())
-
-
-def _b64(data):
-    import base64
-    return base64.b64encode(data).decode()
-
-
-def _reply(call):
-    import ftplib
-    try:
-        return call()
-    except ftplib.Error as e:
-        return str(e)
 
 
 class TransfersPlain(Transfers, BoxTest):
