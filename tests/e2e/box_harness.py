@@ -42,7 +42,6 @@ CRASH_SIGNS = ("ended by signal", "ERROR: AddressSanitizer", "runtime error:",
                "ERROR: LeakSanitizer")
 
 
-
 def sha256(data):
     return hashlib.sha256(data).hexdigest()
 
@@ -324,7 +323,8 @@ class BoxServer(Server):
         else:
             creds_file = os.path.join(self.work, "creds.json")
             with open(creds_file, "w") as f:
-                f.write(creds if creds is not None else credential(TOKEN, time.time() + 86400 * 365))
+                f.write(creds if creds is not None
+                        else credential(TOKEN, time.time() + 86400 * 365))
             args += ["--config-file", "creds=" + creds_file]
         changes = {"TARVEX_BOX_API_BASE": emulator.base, "TARVEX_BOX_UPLOAD_BASE": emulator.base,
                    "TARVEX_DSI_REST_CA_FILE": emulator.ca, "HOME": self.home,
@@ -370,7 +370,8 @@ class BoxTest(unittest.TestCase):
     def setUpClass(cls):
         if not SERVER or not os.path.exists(SERVER):
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
-        if not LIBDIR or not os.path.exists(os.path.join(LIBDIR, "libtarvex_gridftp_server_box.so")):
+        plugin = os.path.join(LIBDIR, "libtarvex_gridftp_server_box.so")
+        if not LIBDIR or not os.path.exists(plugin):
             raise unittest.SkipTest("the Box plug-in is not built")
         cls.work = tempfile.mkdtemp(prefix="tarvex-e2e-boxclient-")
         cls.emu = Emulator(part_size=cls.part_size, https=cls.https)
