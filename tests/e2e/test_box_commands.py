@@ -105,7 +105,9 @@ class Commands:
         f = self.ftp()
         self.addCleanup(f.close)
         self.assertEqual(f.mkd("/docs/made"), "/docs/made")
-        self.assertEqual(f.mkd("/docs/made"), "/docs/made")   # exists: no request, success
+        self.emu.clear_log()
+        self.assertEqual(f.mkd("/docs/made"), "/docs/made")   # there already: success
+        self.assertEqual(self.requests("POST"), [])
         model["/docs/made"] = "folder"
         self.assertFiles(model, "MKD")
         self.assertTrue(f.rmd("/docs/made").startswith("250"))
@@ -266,13 +268,14 @@ class Commands:
         cases = [
             (["MKD /docs/a\x00b"], "500", "NUL"),
             (["MKD /docs/" + "n" * 1000], "553", "INVALID_PATH_NAME"),
-            (["MKD /docs/bad\xc3(name"], "553", ""),                   # not UTF-8
-            (["MKD /docs/no/such"], "553", "NOT_A_DIRECTORY"),        # "/" inside the name
+            (["MKD /docs/bad\xc3(name"], "553", "INVALID_PATH_NAME"),  # not UTF-8
+            # A "/" inside a name makes a path through a folder not there.
+            (["MKD /docs/no/such"], "553", "NOT_A_DIRECTORY"),
             (["MKD /docs/a.txt/x"], "553", "NOT_A_DIRECTORY"),
             (["MKD /docs/a.txt"], "553", "NOT_A_DIRECTORY"),
             (["MKD /"], "550", "root"),
             (["RNFR /"], "550", "root"),
-            (["RNFR /docs", "RNTO /docs/sub/inner"], "553", ""),      # below itself
+            (["RNFR /docs", "RNTO /docs/sub/inner"], "553", "INVALID_PATH_NAME"),  # below itself
             (["RNFR /docs/a.txt", "RNTO /docs/old.txt"], "553", "PATH_EXISTS"),
             (["RNFR /docs/a.txt", "RNTO /docs/a.txt"], "553", "PATH_EXISTS"),
             (["RNFR /docs/a.txt", "RNTO /nowhere/a.txt"], "553", "NOT_A_DIRECTORY"),
