@@ -18,6 +18,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "command"
+#include "digest_pipe.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -242,8 +243,17 @@ tarvex_result_t tarvex_l_box_delete_object(tarvex_box_session_t *box,
     request.refusal_is_final = true;
     result = tarvex_box_request(box, &request);
 
-    /* Whatever Box answered, the next use of the path asks it again. */
-    tarvex_box_path_cache_remove(&box->cache, path_info->name);
+    /* The entry goes so that the next use of the path asks Box again,
+     * unless Box said plainly that it kept the item (a 4xx other than "not
+     * found": a folder not empty, no permission, too many requests).  Its
+     * folder counts as listed, and the root always does, so a dropped
+     * entry is not looked for again: after such a refusal the item and
+     * everything below it would read as gone for the rest of the log-in. */
+    int status = request.response.response_code;
+    bool kept = result != TARVEX_SUCCESS && status >= 400 && status < 500 && status != 404 &&
+                status != 410;
+    if (!kept)
+        tarvex_box_path_cache_remove(&box->cache, path_info->name);
     return result;
 }
 
@@ -349,17 +359,22 @@ void tarvex_l_box_cksm_progress(tarvex_i_box_cksm_state_t *state)
 /* What the data request's callbacks share. */
 struct tarvex_l_box_cksm_download {
     tarvex_i_box_cksm_state_t *state;
+    tarvex_box_digest_pipe *pipe;
     tarvex_box_request_t *request;
 };
 
-/* Only the file's bytes are hashed: the page of an error answer is not
- * (its status fails the attempt anyway). */
+/* Does what tarvex_i_box_cksm_cb does, with the digests on the pipe's
+ * thread.  Only the file's bytes are hashed: the page of an error answer
+ * is not (its status fails the attempt anyway). */
 tarvex_result_t tarvex_l_box_cksm_body(void *arg, void *buffer, size_t length)
 {
     auto *download = static_cast<tarvex_l_box_cksm_download *>(arg);
     if (download->request->response.response_code >= 300)
         return TARVEX_SUCCESS;
-    return tarvex_i_box_cksm_cb(download->state, buffer, length);
+    download->state->total_bytes += static_cast<tarvex_off_t>(length);
+    tarvex_l_box_cksm_progress(download->state);
+    download->pipe->feed(buffer, length);
+    return TARVEX_SUCCESS;
 }
 
 tarvex_result_t tarvex_l_box_cksm_before_attempt(tarvex_box_request_t *, void *arg)
@@ -391,7 +406,8 @@ std::string tarvex_l_box_range(tarvex_off_t offset, tarvex_off_t length)
 tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
                                         const tarvex_box_path_info_t *path_info,
                                         tarvex_off_t offset, tarvex_off_t length,
-                                        tarvex_i_box_cksm_state_t *state)
+                                        tarvex_i_box_cksm_state_t *state,
+                                        tarvex_box_digest_pipe *pipe)
 {
     std::string range = tarvex_l_box_range(offset, length);
     tarvex_box_cstr_ptr url(tarvex_common_create_string(
@@ -425,7 +441,7 @@ tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
 
     tarvex_box_request_t data = {};
     tarvex_box_request_guard data_guard{&data};
-    tarvex_l_box_cksm_download download = {state, &data};
+    tarvex_l_box_cksm_download download = {state, pipe, &data};
     data.caller = "tarvex_i_box_cksm";
     data.method = "GET";
     data.url = location;
@@ -507,6 +523,7 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
         state.response_due = tarvex_l_box_now() + state.response_freq;
     MD5_Init(&state.md5_ctx);
     SHA1_Init(&state.sha_ctx);
+    tarvex_box_digest_pipe pipe(&state.md5_ctx, &state.sha_ctx);
 
     /* With an explicit length the range is downloaded and hashed again and
      * again into the same digests until a request fails: clients have
@@ -514,13 +531,14 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
      * length of 0 hashes no bytes and asks Box nothing. */
     while (cmd_info->cksm_length != 0) {
         result = tarvex_l_box_cksm_range(box, path_info, cmd_info->cksm_offset,
-                                         cmd_info->cksm_length, &state);
+                                         cmd_info->cksm_length, &state, &pipe);
         if (result != TARVEX_SUCCESS)
             return result;
         if (cmd_info->cksm_length < 0)
             break;
     }
 
+    pipe.finish();
     unsigned char md5[MD5_DIGEST_LENGTH], sha1[SHA_DIGEST_LENGTH];
     char sha1sum[tarvex_l_box_cksum_size];
     MD5_Final(md5, &state.md5_ctx);

@@ -378,9 +378,9 @@ void tarvex_i_box_cksm(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *cmd
  * Deletes the Box item of a resolved record with one DELETE: `type` is the
  * command type (TARVEX_GFS_CMD_DELE needs a file, TARVEX_GFS_CMD_RMD a
  * folder, TARVEX_GFS_CMD_SITE_RDEL a folder and deletes its tree).  Once a
- * request has been sent the record's cache entry is removed (and the
- * record freed), whatever the outcome: the caller must not use
- * `path_info` afterwards.  A refusal by Box is never retried.
+ * request has been sent the record's cache entry may have been removed
+ * (and the record freed): the caller must not use `path_info` afterwards.
+ * A refusal by Box is never retried.
  */
 tarvex_result_t tarvex_i_box_delete_object(tarvex_box_session_t *box,
                                            tarvex_box_path_info_t *path_info, int type);
