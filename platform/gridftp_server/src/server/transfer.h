@@ -8,6 +8,9 @@
 // callback never runs inside the register call.  Every registered buffer
 // gets exactly one completion: after an abort or a failure the rest complete
 // with an error and no I/O.
+//
+// A store's data is read ahead into a buffer of the transfer's own while
+// the plug-in has no read registered (see read_ahead()).
 #pragma once
 
 #include <atomic>
@@ -82,6 +85,10 @@ private:
         void *arg;
     };
     void serve();
+    bool may_read_ahead() const;
+    void read_ahead();
+    tarvex_size_t take_ahead(tarvex_byte_t *buf, tarvex_size_t len);
+    void serve_read(const Request &r);
     void await_end(const Request &r);
     void complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof);
     void fail(const std::string &reply);
@@ -93,6 +100,7 @@ private:
     TransferParams p_;
     std::unique_ptr<Conn> conn_;
     int cancel_fd_ = -1;
+    int wake_fd_ = -1; // a registration or the plug-in's end, for read-ahead
 
     mutable std::mutex mu_;
     std::condition_variable cv_;
@@ -110,6 +118,14 @@ private:
     bool read_range_given_ = false;
     bool eof_ = false;
     tarvex_off_t stream_offset_ = 0;
+
+    // Data thread only: the client's data read ahead, [ahead_begin_,
+    // ahead_end_) of ahead_, and how the read-ahead ended when it failed.
+    bool receiving_ = false;
+    std::unique_ptr<tarvex_byte_t[]> ahead_;
+    size_t ahead_begin_ = 0;
+    size_t ahead_end_ = 0;
+    Io ahead_io_ = Io::ok;
 };
 
 // An error result for a data-connection failure.
