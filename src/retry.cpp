@@ -5,7 +5,6 @@
  * file's write lock, waits until the spacing has passed since the last
  * request of anyone, stamps the time and lets go.
  */
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -17,26 +16,13 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "tarvex_box_common.h"
-#include "tarvex_box_raii.h"
+#include "state_file.h"
 
 static_assert(sizeof(struct tarvex_box_retry_shared_s) == 24, "pacing record layout");
-
-/* Stays on in release builds: a template without a directory is a bug
- * that must not pass silently. */
-#define TARVEX_L_BOX_CHECK(condition)                                           \
-    do {                                                                        \
-        if (!(condition)) {                                                     \
-            fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", __FILE__,    \
-                    __LINE__, __func__, #condition);                            \
-            abort();                                                            \
-        }                                                                       \
-    } while (0)
 
 namespace {
 
 constexpr off_t record_size = sizeof(struct tarvex_box_retry_shared_s);
-constexpr int open_attempts = 10;
 
 /* DEBUG lines fall back to TRACE should the level lose its name. */
 unsigned debug_level()
@@ -57,49 +43,12 @@ struct tarvex_box_retry_shared_s *private_record()
  * unmaps such a record, so it is a mapping too (anonymous, zero-filled). */
 struct tarvex_box_retry_shared_s *private_mapped_record(tarvex_box_retry_t *retry)
 {
-    void *record = mmap(nullptr, sizeof(struct tarvex_box_retry_shared_s),
-                        PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void *record = tarvex_box_state_file_anonymous(sizeof(struct tarvex_box_retry_shared_s));
     if (record != MAP_FAILED)
         return static_cast<struct tarvex_box_retry_shared_s *>(record);
     /* Out of mappings: forget the descriptor so destroy frees instead. */
     retry->fd = -1;
     return private_record();
-}
-
-int lock_file(int fd, short type, int command)
-{
-    struct flock lock = {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = 0;
-    lock.l_len = 0;
-    int rc;
-    do
-        rc = fcntl(fd, command, &lock);
-    while (rc == -1 && errno == EINTR);
-    return rc;
-}
-
-/* Creates the last directory of `path` when it is missing. */
-void make_parent_dir(char *path)
-{
-    char *slash = strrchr(path, '/');
-    TARVEX_L_BOX_CHECK(slash != NULL);
-    *slash = '\0';
-    DIR *dir = opendir(path);
-    if (dir != nullptr)
-        closedir(dir);
-    else if (errno == ENOENT)
-        mkdir(path, 0700);
-    *slash = '/';
-}
-
-int open_file(const char *path)
-{
-    int fd = -1;
-    for (int i = 0; i < open_attempts && fd == -1; i++)
-        fd = open(path, O_RDWR | O_CREAT, 0600);
-    return fd;
 }
 
 void *map_record(int fd)
@@ -118,7 +67,7 @@ setup prepare_file(int fd)
 {
     for (;;) {
         struct stat st;
-        if (lock_file(fd, F_WRLCK, F_SETLK) != 0) {
+        if (tarvex_box_state_file_lock(fd, F_WRLCK, F_SETLK) != 0) {
             if (fstat(fd, &st) != 0)
                 continue;
             if (st.st_size == record_size)
@@ -127,7 +76,7 @@ setup prepare_file(int fd)
             continue;
         }
         if (fstat(fd, &st) == 0 && st.st_size == record_size) {
-            lock_file(fd, F_UNLCK, F_SETLK);
+            tarvex_box_state_file_lock(fd, F_UNLCK, F_SETLK);
             return setup::map;
         }
         while (ftruncate(fd, record_size) != 0) {
@@ -145,7 +94,7 @@ setup prepare_file(int fd)
             if (errno != EINTR)
                 return setup::private_closed;
         }
-        lock_file(fd, F_UNLCK, F_SETLK);
+        tarvex_box_state_file_lock(fd, F_UNLCK, F_SETLK);
         return setup::map;
     }
 }
@@ -161,21 +110,12 @@ extern "C" void tarvex_i_box_retry_state_create(const char *name, int per_second
     retry->fd = -1;
     retry->shared = nullptr;
 
-    char *pattern = tarvex_common_create_string("%s/%s", tarvex_i_box_retry_path, name);
-    char *path = nullptr;
-    if (pattern != nullptr)
-        (void)tarvex_box_evaluate_path(pattern, &path);
-    free(pattern);
-
     int fd = -1;
-    if (path != nullptr) {
-        make_parent_dir(path);
-        fd = open_file(path);
-        free(path);
+    if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(tarvex_i_box_retry_path, name)) {
+        tarvex_box_state_file_make_parent(path.get());
+        fd = tarvex_box_state_file_open(path.get());
     }
-
-    struct stat st;
-    if (fd != -1 && (fstat(fd, &st) != 0 || st.st_uid != geteuid())) {
+    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
         /* Someone else's file must not steer our pacing. */
         close(fd);
         fd = -1;
@@ -228,17 +168,15 @@ extern "C" void tarvex_i_box_retry_state_destroy(tarvex_box_retry_t *retry)
 extern "C" tarvex_result_t tarvex_i_box_retry_state_lock(tarvex_box_retry_t *retry,
                                                         bool wait)
 {
-    if (lock_file(retry->fd, F_WRLCK, wait ? F_SETLKW : F_SETLK) != 0)
-        return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ",
-                                         "fnctl");
+    if (tarvex_box_state_file_lock(retry->fd, F_WRLCK, wait ? F_SETLKW : F_SETLK) != 0)
+        return tarvex_box_state_file_lock_error();
     return TARVEX_SUCCESS;
 }
 
 extern "C" tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *retry)
 {
-    if (lock_file(retry->fd, F_UNLCK, F_SETLK) != 0)
-        return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ",
-                                         "fnctl");
+    if (tarvex_box_state_file_lock(retry->fd, F_UNLCK, F_SETLK) != 0)
+        return tarvex_box_state_file_lock_error();
     return TARVEX_SUCCESS;
 }
 

@@ -4,7 +4,6 @@
  * by an fcntl write lock over the whole file.  Creating a handle never
  * fails: whatever goes wrong leaves it on private, zero-filled memory.
  */
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stddef.h>
@@ -15,8 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "tarvex_box_common.h"
-#include "tarvex_box_raii.h"
+#include "state_file.h"
 
 /* The file is read by every process of the user, whatever it was built
  * from: the layout must not move. */
@@ -29,17 +27,6 @@ static_assert(offsetof(struct tarvex_box_upload_state_shared_s, sha1_ctx) == 244
 static_assert(offsetof(struct tarvex_box_upload_state_shared_s, name) == 340, "layout");
 static_assert(offsetof(struct tarvex_box_upload_state_shared_s, part_array) == 4436, "layout");
 
-/* Stays on in release builds: a path without a directory is a bug that
- * must not pass silently. */
-#define TARVEX_L_BOX_CHECK(condition)                                           \
-    do {                                                                        \
-        if (!(condition)) {                                                     \
-            fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", __FILE__,    \
-                    __LINE__, __func__, #condition);                            \
-            abort();                                                            \
-        }                                                                       \
-    } while (0)
-
 namespace {
 
 using shared_t = struct tarvex_box_upload_state_shared_s;
@@ -47,73 +34,6 @@ using shared_t = struct tarvex_box_upload_state_shared_s;
 constexpr off_t state_size = sizeof(shared_t);
 /* What creation maps while it sizes a new file, and what destroy unmaps. */
 constexpr size_t probe_size = 16;
-constexpr int open_attempts = 10;
-
-int lock_file(int fd, short type, int command)
-{
-    struct flock lock = {};
-    lock.l_type = type;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = 0;
-    lock.l_len = 0;
-    lock.l_pid = 0;
-    int rc;
-    do
-        rc = fcntl(fd, command, &lock);
-    while (rc == -1 && errno == EINTR);
-    return rc;
-}
-
-/* The call is named "fnctl", not "fcntl": the pacing lock's failures have
- * always read so, and a client sees the same words from both locks. */
-tarvex_result_t fcntl_error()
-{
-    return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ", "fnctl");
-}
-
-/* The state file's path for `name`, expanded; none when it cannot be made
- * (creation then falls back to private memory, so the reason is dropped). */
-tarvex_box_cstr_ptr state_path(const char *name)
-{
-    tarvex_box_cstr_ptr pattern(
-        tarvex_common_create_string("%s/%s", tarvex_i_box_upload_path, name));
-    char *path = nullptr;
-    if (pattern != nullptr)
-        tarvex_box_discard(tarvex_box_evaluate_path(pattern.get(), &path));
-    return tarvex_box_cstr_ptr(path);
-}
-
-/* Creates the last directory of `path` when it is missing; only that
- * level, so a user without "$HOME/.tarvex" gets no file at all. */
-void make_parent_dir(char *path)
-{
-    char *slash = strrchr(path, '/');
-    TARVEX_L_BOX_CHECK(slash != NULL);
-    *slash = '\0';
-    DIR *dir = opendir(path);
-    if (dir != nullptr)
-        closedir(dir);
-    else if (errno == ENOENT)
-        mkdir(path, 0700);
-    *slash = '/';
-}
-
-int open_file(const char *path)
-{
-    int fd = -1;
-    for (int i = 0; i < open_attempts && fd == -1; i++)
-        fd = open(path, O_RDWR | O_CREAT, 0600);
-    return fd;
-}
-
-/* A file that is not ours must not carry our uploads; one that is not a
- * regular file (a FIFO, a device) could never be sized and would keep
- * creation waiting for ever. */
-bool usable(int fd)
-{
-    struct stat st;
-    return fstat(fd, &st) == 0 && st.st_uid == geteuid() && S_ISREG(st.st_mode);
-}
 
 void fall_back_closed(tarvex_box_upload_state_t *upload_state)
 {
@@ -128,8 +48,7 @@ void fall_back_closed(tarvex_box_upload_state_t *upload_state)
  */
 void fall_back_keeping_fd(tarvex_box_upload_state_t *upload_state, bool fd_open)
 {
-    void *block = mmap(nullptr, sizeof(shared_t), PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void *block = tarvex_box_state_file_anonymous(sizeof(shared_t));
     if (block != MAP_FAILED) {
         upload_state->shared = static_cast<shared_t *>(block);
         return;
@@ -152,7 +71,7 @@ sizing size_file(tarvex_box_upload_state_t *upload_state, int fd)
 {
     struct stat st;
     for (;;) {
-        if (lock_file(fd, F_WRLCK, F_SETLK) == 0)
+        if (tarvex_box_state_file_lock(fd, F_WRLCK, F_SETLK) == 0)
             break;
         if (errno != EAGAIN && errno != EACCES) {
             close(fd);
@@ -167,7 +86,7 @@ sizing size_file(tarvex_box_upload_state_t *upload_state, int fd)
     }
 
     if (fstat(fd, &st) == 0 && st.st_size == state_size) {
-        lock_file(fd, F_UNLCK, F_SETLK);
+        tarvex_box_state_file_lock(fd, F_UNLCK, F_SETLK);
         return sizing::map;
     }
     /* The first sizing gives up only when interrupted and retries every
@@ -198,7 +117,7 @@ sizing size_file(tarvex_box_upload_state_t *upload_state, int fd)
             return sizing::gave_up;
         }
     }
-    lock_file(fd, F_UNLCK, F_SETLK);
+    tarvex_box_state_file_lock(fd, F_UNLCK, F_SETLK);
     return sizing::map;
 }
 
@@ -226,11 +145,11 @@ extern "C" void tarvex_i_box_upload_state_create(const char *name,
     upload_state->shared = nullptr;
 
     int fd = -1;
-    if (tarvex_box_cstr_ptr path = state_path(name)) {
-        make_parent_dir(path.get());
-        fd = open_file(path.get());
+    if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(tarvex_i_box_upload_path, name)) {
+        tarvex_box_state_file_make_parent(path.get());
+        fd = tarvex_box_state_file_open(path.get());
     }
-    if (fd != -1 && !usable(fd)) {
+    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
         close(fd);
         fd = -1;
     }
@@ -245,15 +164,15 @@ extern "C" void tarvex_i_box_upload_state_create(const char *name,
 extern "C" tarvex_result_t tarvex_i_box_upload_state_lock(tarvex_box_upload_state_t *upload_state,
                                                          bool blocking)
 {
-    if (lock_file(upload_state->fd, F_WRLCK, blocking ? F_SETLKW : F_SETLK) != 0)
-        return fcntl_error();
+    if (tarvex_box_state_file_lock(upload_state->fd, F_WRLCK, blocking ? F_SETLKW : F_SETLK) != 0)
+        return tarvex_box_state_file_lock_error();
     return TARVEX_SUCCESS;
 }
 
 extern "C" tarvex_result_t tarvex_i_box_upload_state_unlock(tarvex_box_upload_state_t *upload_state)
 {
-    if (lock_file(upload_state->fd, F_UNLCK, F_SETLK) != 0)
-        return fcntl_error();
+    if (tarvex_box_state_file_lock(upload_state->fd, F_UNLCK, F_SETLK) != 0)
+        return tarvex_box_state_file_lock_error();
     return TARVEX_SUCCESS;
 }
 
