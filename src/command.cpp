@@ -592,11 +592,7 @@ extern "C" tarvex_result_t tarvex_i_box_delete_object(tarvex_box_session_t *box,
                                                      tarvex_box_path_info_t *path_info,
                                                      int type)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result = tarvex_box_guarded(
-        [&] { return tarvex_l_box_delete_object(box, path_info, type); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_delete_object(box, path_info, type));
 }
 
 extern "C" void tarvex_i_box_mkdir(tarvex_gfs_operation_t op,

@@ -166,6 +166,31 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
     return result;
 }
 
+tarvex_result_t tarvex_l_box_get_file_info(tarvex_box_session_t *box, const char *file_id,
+                                           const char *parent_path,
+                                           tarvex_box_list_entry_cb_t callback,
+                                           void *callback_arg)
+{
+    /* The trailing "/" is what Box's file endpoint has always been called
+     * with here; keep it. */
+    tarvex_box_cstr_ptr url(
+        tarvex_common_create_string("%s/2.0/files/%s/", tarvex_box_api_base(), file_id));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_file_fields}};
+    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    tarvex_result_t result =
+        tarvex_l_box_get(box, "tarvex_box_get_file_info", url.get(), &query, &request);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    if (request.json == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+    return tarvex_l_box_take_item(box, request.json, parent_path, callback, callback_arg);
+}
+
 } // namespace
 
 extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box,
@@ -174,12 +199,8 @@ extern "C" tarvex_result_t tarvex_box_get_folder_items(tarvex_box_session_t *box
                                                       tarvex_box_list_entry_cb_t callback,
                                                       void *callback_arg)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result = tarvex_box_guarded([&] {
-        return tarvex_l_box_get_folder_items(box, folder_id, path, callback, callback_arg);
-    });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(
+        tarvex_l_box_get_folder_items(box, folder_id, path, callback, callback_arg));
 }
 
 extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
@@ -188,30 +209,6 @@ extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
                                                    tarvex_box_list_entry_cb_t callback,
                                                    void *callback_arg)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    /* The trailing "/" is what Box's file endpoint has always been called
-     * with here; keep it. */
-    tarvex_box_cstr_ptr url(
-        tarvex_common_create_string("%s/2.0/files/%s/", tarvex_box_api_base(), file_id));
-    if (url == nullptr) {
-        tarvex_result_t result = TARVEX_BOX_MALLOC_ERROR();
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
-    }
-
-    tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_file_fields}};
-    tarvex_dsi_rest_key_array_t query = {1, query_pairs};
-    tarvex_box_request_t request = {};
-    tarvex_box_request_guard guard{&request};
-
-    tarvex_result_t result = tarvex_l_box_get(box, __func__, url.get(), &query, &request);
-    if (result == TARVEX_SUCCESS) {
-        if (request.json == nullptr)
-            result = TARVEX_BOX_MALLOC_ERROR();
-        else
-            result = tarvex_l_box_take_item(box, request.json, parent_path, callback,
-                                            callback_arg);
-    }
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(
+        tarvex_l_box_get_file_info(box, file_id, parent_path, callback, callback_arg));
 }

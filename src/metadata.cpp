@@ -82,9 +82,5 @@ extern "C" tarvex_result_t tarvex_i_box_set_metadata(tarvex_box_session_t *box,
                                                      tarvex_box_path_info_t *path_info,
                                                      const char *key, const char *value)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result = tarvex_box_guarded(
-        [&] { return tarvex_l_box_set_metadata(box, path_info, key, value); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_set_metadata(box, path_info, key, value));
 }

@@ -948,11 +948,7 @@ extern "C" tarvex_result_t tarvex_i_box_recv_small(tarvex_gfs_operation_t op,
                                                    tarvex_box_session_t *box,
                                                    tarvex_box_path_info_t *parent)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_recv_small(op, info, box, parent); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_recv_small(op, info, box, parent));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_recv_chunked(tarvex_gfs_operation_t op,
@@ -960,32 +956,20 @@ extern "C" tarvex_result_t tarvex_i_box_recv_chunked(tarvex_gfs_operation_t op,
                                                      tarvex_box_session_t *box,
                                                      tarvex_box_path_info_t *parent)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_recv_chunked(op, info, box, parent); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_recv_chunked(op, info, box, parent));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_create_upload_session(
     tarvex_box_session_t *box, tarvex_gfs_transfer_info_t *info, tarvex_box_path_info_t *parent,
     tarvex_box_upload_session_t **upload)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result = tarvex_box_guarded(
-        [&] { return tarvex_l_box_create_upload_session(box, info, parent, upload); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_create_upload_session(box, info, parent, upload));
 }
 
 extern "C" tarvex_result_t tarvex_box_upload_session_parse(json_t *json,
                                                           tarvex_box_upload_session_t *info)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_upload_session_parse(json, info); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_upload_session_parse(json, info));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_upload_parts(tarvex_gfs_operation_t op,
@@ -993,11 +977,7 @@ extern "C" tarvex_result_t tarvex_i_box_upload_parts(tarvex_gfs_operation_t op,
                                                      tarvex_gfs_transfer_info_t *info,
                                                      tarvex_box_upload_session_t *upload)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_upload_parts(op, box, info, upload); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_upload_parts(op, box, info, upload));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_commit_upload(tarvex_gfs_operation_t op,
@@ -1006,9 +986,5 @@ extern "C" tarvex_result_t tarvex_i_box_commit_upload(tarvex_gfs_operation_t op,
                                                       tarvex_box_path_info_t *parent,
                                                       tarvex_box_upload_session_t *upload)
 {
-    TARVEX_BOX_TRACE_ENTER();
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_commit_upload(op, box, parent, upload); });
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return TARVEX_BOX_TRACED(tarvex_l_box_commit_upload(op, box, parent, upload));
 }

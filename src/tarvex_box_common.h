@@ -49,11 +49,12 @@ void tarvex_i_TARVEX_BOX_debug_fwrite(const void *buffer, size_t size, size_t co
 void tarvex_box_debug_line(unsigned level, const char *function,
                            const char *format, ...)
     __attribute__((format(printf, 3, 4)));
-#define TARVEX_BOX_LOG(level, ...)                                              \
+#define TARVEX_BOX_LOG_AS(level, function, ...)                                 \
     do {                                                                        \
         if (tarvex_i_TARVEX_BOX_debug_handle.levels & (level))                  \
-            tarvex_box_debug_line((level), __func__, __VA_ARGS__);              \
+            tarvex_box_debug_line((level), (function), __VA_ARGS__);            \
     } while (0)
+#define TARVEX_BOX_LOG(level, ...) TARVEX_BOX_LOG_AS(level, __func__, __VA_ARGS__)
 #define TARVEX_BOX_TRACE_ENTER() TARVEX_BOX_LOG(TARVEX_BOX_TRACE, "enter\n")
 #define TARVEX_BOX_TRACE_EXIT() TARVEX_BOX_LOG(TARVEX_BOX_TRACE, "exit\n")
 /* "exit: result=TARVEX_SUCCESS\n" at TRACE, or

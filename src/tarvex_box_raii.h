@@ -66,4 +66,19 @@ tarvex_result_t tarvex_box_guarded(Body &&body) noexcept
     }
 }
 
+/*
+ * The body of an entry point that returns a result: traced in and out
+ * under the entry point's name, and guarded.  Use as
+ *     return TARVEX_BOX_TRACED(tarvex_l_box_work(a, b));
+ */
+template <class Body>
+tarvex_result_t tarvex_box_traced(const char *function, Body &&body) noexcept
+{
+    TARVEX_BOX_LOG_AS(TARVEX_BOX_TRACE, function, "enter\n");
+    tarvex_result_t result = tarvex_box_guarded(body);
+    tarvex_box_trace_exit_result(function, result);
+    return result;
+}
+#define TARVEX_BOX_TRACED(...) tarvex_box_traced(__func__, [&] { return __VA_ARGS__; })
+
 #endif
