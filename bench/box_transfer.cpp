@@ -266,6 +266,20 @@ bool stored_intact(tarvex_test::BoxEmulator &emulator, const std::string &path,
     return false;
 }
 
+/* CPU seconds of a measure, summed over its rounds. */
+struct CpuUse {
+    double client = 0, session = 0, emulator = 0;
+};
+
+/* Waits until the server has no session left (each ends after its client's
+ * QUIT), so that their CPU time has reached the server's children's. */
+void sessions_ended(pid_t server)
+{
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!children_of(server).empty() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
 struct Run {
     long long size = 0;
     int rounds = 3;
@@ -309,6 +323,21 @@ int bench(const Run &run)
     }
 
     const std::string says = run.dir + "/curl.out";
+    /* Runs a curl and adds the CPU time of the curl, the server's session
+     * and the emulator to `use`. */
+    auto measure = [&](CpuUse &use, const std::vector<std::string> &args,
+                       const std::string &out = "") {
+        double emulator0 = cpu_seconds(emulator.pid(), false);
+        double server0 = cpu_seconds(server.pid(), true);
+        double client = 0;
+        double s = timed(args, out, &client);
+        sessions_ended(server.pid());
+        use.client += client;
+        use.session += cpu_seconds(server.pid(), true) - server0;
+        use.emulator += cpu_seconds(emulator.pid(), false) - emulator0;
+        return s;
+    };
+    CpuUse direct_cpu, retr_cpu, stor_cpu;
     const std::string size_text = std::to_string(run.size);
     const std::string write_out = "%{size_download} %{time_starttransfer}";
     Rounds direct, retr, stor, hash;
@@ -319,9 +348,10 @@ int bench(const Run &run)
     pid_t best_session = 0;
     Digests digests;
     for (int round = 0; round < run.rounds; round++) {
-        double s = timed({"curl", "-sS", "-L", "-H", "Authorization: Bearer test-token", "-o",
-                          "/dev/null", "-w", write_out, content_url},
-                         says);
+        double s = measure(direct_cpu,
+                           {"curl", "-sS", "-L", "-H", "Authorization: Bearer test-token", "-o",
+                            "/dev/null", "-w", write_out, content_url},
+                           says);
         CurlSays got = curl_says(says);
         if (s < 0 || got.size != run.size) {
             fprintf(stderr, "box_transfer: the direct download failed\n");
@@ -330,9 +360,10 @@ int bench(const Run &run)
         direct.add(mbps(run.size, s));
         direct_stream.add(mbps(run.size, s - got.first_byte));
 
-        s = timed({"curl", "-sS", "-u", "bench:bench", "-o", "/dev/null", "-w", write_out,
-                   server.url("/bench/download.bin")},
-                  says);
+        s = measure(retr_cpu,
+                    {"curl", "-sS", "-u", "bench:bench", "-o", "/dev/null", "-w", write_out,
+                     server.url("/bench/download.bin")},
+                    says);
         got = curl_says(says);
         if (s < 0 || got.size != run.size) {
             fprintf(stderr, "box_transfer: RETR failed or was cut short\n");
@@ -355,8 +386,8 @@ int bench(const Run &run)
         // deletion to the upload's time.
         std::string target = "/bench/upload-" + std::to_string(round) + ".bin";
         SessionPeak peak(server.pid());
-        s = timed({"curl", "-sS", "-u", "bench:bench", "-Q", "ALLO " + size_text, "-T", source,
-                   server.url(target)});
+        s = measure(stor_cpu, {"curl", "-sS", "-u", "bench:bench", "-Q", "ALLO " + size_text,
+                               "-T", source, server.url(target)});
         peak.stop();
         if (s < 0) {
             fprintf(stderr, "box_transfer: STOR of %s failed\n", target.c_str());
@@ -388,6 +419,15 @@ int bench(const Run &run)
            first_bytes.c_str(), retr_stream.best(), direct_stream.best(),
            retr_stream.best() / direct_stream.best(), direct_stream.spread().c_str(),
            retr_stream.spread().c_str());
+    double per_gib = static_cast<double>(run.rounds) * static_cast<double>(run.size) /
+                     static_cast<double>(1ll << 30);
+    printf("# CPU seconds per GiB, mean of the rounds (the machine has %ld cores): direct: "
+           "client %.2f, emulator %.2f; retr: client %.2f, session %.2f, emulator %.2f; stor: "
+           "client %.2f, session %.2f, emulator %.2f\n",
+           sysconf(_SC_NPROCESSORS_ONLN), direct_cpu.client / per_gib,
+           direct_cpu.emulator / per_gib, retr_cpu.client / per_gib, retr_cpu.session / per_gib,
+           retr_cpu.emulator / per_gib, stor_cpu.client / per_gib, stor_cpu.session / per_gib,
+           stor_cpu.emulator / per_gib);
     printf("# session memory: peak %.1f MiB against a limit of one part plus 32 MB = %.1f MiB\n",
            peak_kb / 1024.0, (default_part_size + 32e6) / 1048576.0);
 

@@ -10,6 +10,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -96,17 +97,26 @@ inline pid_t spawn(const std::vector<std::string> &args, const Env &env = {},
     _exit(127);
 }
 
-inline bool exited_well(pid_t pid)
+/* Waits for a child; whether it exited with 0, and the CPU seconds (user
+ * and system) it used when `cpu` is given. */
+inline bool exited_well(pid_t pid, double *cpu = nullptr)
 {
     int status = 0;
-    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    rusage usage{};
+    bool ok = wait4(pid, &status, 0, &usage) == pid && WIFEXITED(status) &&
+              WEXITSTATUS(status) == 0;
+    if (cpu != nullptr)
+        *cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+               static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    return ok;
 }
 
 /* Runs a program to its end; its wall-clock seconds, or -1 when it failed. */
-inline double timed(const std::vector<std::string> &args, const std::string &out = "")
+inline double timed(const std::vector<std::string> &args, const std::string &out = "",
+                    double *cpu = nullptr)
 {
     auto t0 = std::chrono::steady_clock::now();
-    bool ok = exited_well(spawn(args, {}, out));
+    bool ok = exited_well(spawn(args, {}, out), cpu);
     double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     return ok ? s : -1;
 }
@@ -165,6 +175,28 @@ inline long status_kb(pid_t pid, const char *field)
         if (line.compare(0, length, field) == 0)
             return strtol(line.c_str() + length, nullptr, 10);
     return -1;
+}
+
+/* CPU seconds a process has used, with those of its children that ended
+ * and were waited for when `children` (the server's sessions); 0 when it
+ * cannot be read. */
+inline double cpu_seconds(pid_t pid, bool children)
+{
+    std::string stat = read_text("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos)
+        return 0;
+    // After the command: state, then fields 4 to 17 of proc(5); utime,
+    // stime, cutime and cstime are 14 to 17.
+    unsigned long long f[14] = {};
+    char state = 0;
+    if (sscanf(stat.c_str() + close + 1,
+               " %c %llu %llu %llu %llu %llu %llu %llu %llu %llu %llu %llu %llu %llu %llu", &state,
+               &f[0], &f[1], &f[2], &f[3], &f[4], &f[5], &f[6], &f[7], &f[8], &f[9], &f[10],
+               &f[11], &f[12], &f[13]) != 15)
+        return 0;
+    unsigned long long ticks = f[10] + f[11] + (children ? f[12] + f[13] : 0);
+    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 /* The processes whose parent is `parent` (the server's sessions). */
