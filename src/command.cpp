@@ -65,7 +65,7 @@ void tarvex_l_box_resolve_target(tarvex_box_session_t *box, const char *path,
 {
     *entry = nullptr;
     *parent = nullptr;
-    tarvex_box_discard(tarvex_box_path_resolve(box, path, entry, parent));
+    tarvex_error_discard(tarvex_box_path_resolve(box, path, entry, parent));
 }
 
 bool tarvex_l_box_is_folder(const tarvex_box_path_info_t *info)
@@ -100,12 +100,12 @@ tarvex_result_t tarvex_l_box_cache_answer(tarvex_box_session_t *box, json_t *ans
     tarvex_box_info_guard guard{&entry};
     tarvex_result_t result = tarvex_box_object_info_parse(answer, &entry);
     if (result != TARVEX_SUCCESS) {
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     }
     result = tarvex_box_path_cache_update(&box->cache, &entry, folder_path);
     if (result != TARVEX_SUCCESS) {
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
     }
     return TARVEX_SUCCESS;
@@ -468,7 +468,7 @@ tarvex_result_t tarvex_l_box_known_md5(tarvex_box_session_t *box, const char *pa
     /* The file's record with its metadata properties: the MD5 may have been
      * stored by another session.  If the fetch fails the MD5 is computed. */
     std::string file_id = (*path_info)->id;
-    tarvex_box_discard(
+    tarvex_error_discard(
         tarvex_box_get_file_info(box, file_id.c_str(), parent->name, nullptr, nullptr));
     return tarvex_box_path_resolve(box, pathname, path_info, nullptr);
 }
@@ -558,7 +558,7 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
         if (result != TARVEX_SUCCESS) {
             TARVEX_BOX_LOG(TARVEX_BOX_DEBUG, "cksm metadata set failed: path=%s\n",
                            cmd_info->pathname);
-            tarvex_box_discard(result);
+            tarvex_error_discard(result);
         }
     }
     if (alg == TARVEX_L_BOX_CKSM_SHA1)

@@ -57,12 +57,12 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
 
     tarvex_result_t result = tarvex_box_object_info_parse(item, &info);
     if (result != TARVEX_SUCCESS) {
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     }
     result = tarvex_box_path_cache_update(&box->cache, &info, path);
     if (result != TARVEX_SUCCESS) {
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
     }
     if (callback == nullptr)

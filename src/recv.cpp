@@ -167,7 +167,7 @@ tarvex_result_t tarvex_l_box_take_entries(tarvex_box_session_t *box, json_t *ans
         /* An entry without an id or a name cannot be addressed or cached:
          * as unusable as one that does not parse. */
         if (result != TARVEX_SUCCESS || entry.id == nullptr || entry.name == nullptr) {
-            tarvex_box_discard(result);
+            tarvex_error_discard(result);
             return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
         }
         if (md5_str != nullptr) {
@@ -180,7 +180,7 @@ tarvex_result_t tarvex_l_box_take_entries(tarvex_box_session_t *box, json_t *ans
         }
         result = tarvex_box_path_cache_update(&box->cache, &entry, parent->name);
         if (result != TARVEX_SUCCESS) {
-            tarvex_box_discard(result);
+            tarvex_error_discard(result);
             return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
         }
     }
@@ -274,7 +274,7 @@ tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer
             return result;
     } else {
         /* The usual case: a new file in an existing folder. */
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
     }
 
     /* So a client whose store is refused for its size has already lost
@@ -511,7 +511,7 @@ tarvex_result_t tarvex_l_box_send_part(tarvex_gfs_operation_t op, tarvex_box_ses
     result = tarvex_box_request(box, &request);
     tarvex_result_t digested = file_digests.finish();
     if (digested != TARVEX_SUCCESS) {
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         return digested;
     }
     if (result != TARVEX_SUCCESS)
@@ -761,7 +761,7 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
      * here, after Box has opened the new session. */
     result = tarvex_box_upload_state_update(&box->upload_state, upload, upload->name);
     if (result != TARVEX_SUCCESS) {
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         tarvex_box_upload_session_free(upload);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
     }
@@ -792,7 +792,7 @@ tarvex_result_t tarvex_l_box_upload_session_parse(json_t *json,
         info->num_parts = parts > INT32_MAX ? INT32_MAX : static_cast<int>(parts);
         if (parts < 1) {
             /* The more telling of the two complaints. */
-            tarvex_box_discard(result);
+            tarvex_error_discard(result);
             result = TARVEX_BOX_GENERIC_ERROR("%s", "Invalid number of parts!");
         }
     }
@@ -853,7 +853,7 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     tarvex_result_t result = TARVEX_SUCCESS;
     for (int index = static_cast<int>(first_part); index < upload->num_parts; index++) {
         bool last = index == upload->num_parts - 1;
-        tarvex_box_discard(result);
+        tarvex_error_discard(result);
         result = tarvex_l_box_fill_part(op, &monitor, buffer.get(), part_size, last);
         if (result != TARVEX_SUCCESS)
             break;

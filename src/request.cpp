@@ -63,12 +63,6 @@ struct attempt_headers {
     }
 };
 
-void drop_result(tarvex_result_t result)
-{
-    if (result != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(result));
-}
-
 void clear_attempt(tarvex_box_request_t *request)
 {
     tarvex_dsi_rest_response_arg_clear(&request->response);
@@ -184,7 +178,7 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
         request->json = nullptr;
         if (!retry || request->attempts_made >= budget)
             break;
-        drop_result(result);
+        tarvex_error_discard(result);
     }
     return result;
 }

@@ -216,7 +216,7 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
 
     tarvex_result_t locked = tarvex_i_box_retry_state_lock(retry, true);
     if (locked != TARVEX_SUCCESS) {
-        tarvex_box_discard(locked);
+        tarvex_error_discard(locked);
         TARVEX_L_BOX_DEBUG("sleep=%u lockfailed\n", retry->delay);
         sleep_usec(retry->delay);
         return;
@@ -251,6 +251,6 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
 
     wall_clock(&retry->shared->last.tv_sec, &retry->shared->last.tv_nsec);
     tarvex_result_t unlocked = tarvex_i_box_retry_state_unlock(retry);
-    tarvex_box_discard(unlocked);
+    tarvex_error_discard(unlocked);
     TARVEX_BOX_TRACE_EXIT();
 }

@@ -29,7 +29,7 @@ tarvex_result_t tarvex_l_box_internal_error(const char *message)
 void tarvex_l_box_make_home_dir()
 {
     char *path = nullptr;
-    tarvex_box_discard(tarvex_box_evaluate_path("$HOME/.tarvex", &path));
+    tarvex_error_discard(tarvex_box_evaluate_path("$HOME/.tarvex", &path));
     if (path == nullptr)
         return;
     DIR *dir = opendir(path);
@@ -45,7 +45,7 @@ tarvex_result_t tarvex_l_box_read_policy(tarvex_gfs_operation_t op)
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, "config", &text);
     /* Only the policy's absence is reported, not why it is absent. */
-    tarvex_box_discard(result);
+    tarvex_error_discard(result);
     if (result != TARVEX_SUCCESS || text == nullptr) {
         free(text);
         return tarvex_l_box_internal_error("Missing storage gateway policy.");

@@ -19,7 +19,7 @@ tarvex_box_cstr_ptr tarvex_box_state_file_path(const char *dir_template, const c
     tarvex_box_cstr_ptr pattern(tarvex_common_create_string("%s/%s", dir_template, name));
     char *path = nullptr;
     if (pattern != nullptr)
-        tarvex_box_discard(tarvex_box_evaluate_path(pattern.get(), &path));
+        tarvex_error_discard(tarvex_box_evaluate_path(pattern.get(), &path));
     return tarvex_box_cstr_ptr(path);
 }
 

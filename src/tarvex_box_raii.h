@@ -38,14 +38,6 @@ struct tarvex_box_info_guard {
     ~tarvex_box_info_guard() { tarvex_box_path_info_free(info); }
 };
 
-/* Drops an error that is replaced by another or deliberately not reported,
- * so that it does not stay in the runtime's error table. */
-inline void tarvex_box_discard(tarvex_result_t result)
-{
-    if (result != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(result));
-}
-
 /*
  * Runs `body` (returning a tarvex_result_t) so that no exception crosses
  * into the C callers: the standard library's only one here is bad_alloc,

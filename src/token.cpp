@@ -122,7 +122,7 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
     /* Only the text counts; an error that came with it is dropped, not
      * leaked. */
-    tarvex_box_discard(result);
+    tarvex_error_discard(result);
     /* No credential is not an error here: the caller decides what a
      * session without a token may do. */
     if (text == nullptr) {

@@ -61,6 +61,11 @@ tarvex_object_t *tarvex_error_peek(tarvex_result_t result);
 /* Takes the error out of the table: the caller owns it now. */
 tarvex_object_t *tarvex_error_get(tarvex_result_t result);
 
+/* Takes the error out of the table and frees it: for a result that is
+ * replaced by another or deliberately not reported.  Does nothing for
+ * TARVEX_SUCCESS, TARVEX_FAILURE and unknown handles. */
+void tarvex_error_discard(tarvex_result_t result);
+
 /* Number of errors the table holds now (for tests and diagnostics). */
 size_t tarvex_error_table_count(void);
 

@@ -158,6 +158,12 @@ tarvex_object_t *tarvex_error_get(tarvex_result_t result)
     return error;
 }
 
+void tarvex_error_discard(tarvex_result_t result)
+{
+    if (result != TARVEX_SUCCESS)
+        tarvex_object_free(tarvex_error_get(result));
+}
+
 size_t tarvex_error_table_count(void)
 {
     table &t = the_table();
