@@ -121,10 +121,21 @@ inline double timed(const std::vector<std::string> &args, const std::string &out
     return ok ? s : -1;
 }
 
+/* A file's text, "" when it cannot be read.  Plain read(2): a /proc file
+ * of a process that ends while it is read fails with ESRCH, which a
+ * stream's buffer reports by throwing. */
 inline std::string read_text(const std::string &path)
 {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    std::string text;
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0)
+        text.append(buf, static_cast<size_t>(n));
+    close(fd);
+    return text;
 }
 
 /* tarvex-gridftp-server on a free loopback port, stopped at destruction. */
@@ -168,13 +179,11 @@ private:
 /* A "Vm...:" figure of /proc/PID/status in kB, or -1. */
 inline long status_kb(pid_t pid, const char *field)
 {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    size_t length = strlen(field);
-    while (std::getline(status, line))
-        if (line.compare(0, length, field) == 0)
-            return strtol(line.c_str() + length, nullptr, 10);
-    return -1;
+    std::string status = read_text("/proc/" + std::to_string(pid) + "/status");
+    size_t at = status.find(std::string("\n") + field);
+    if (at == std::string::npos)
+        return -1;
+    return strtol(status.c_str() + at + 1 + strlen(field), nullptr, 10);
 }
 
 /* CPU seconds a process has used, with those of its children that ended
