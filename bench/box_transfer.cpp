@@ -16,18 +16,25 @@
  *
  *   box_transfer: retr_MBps=<a> direct_MBps=<b> ratio_retr=<a/b> stor_MBps=<c> hash_MBps=<d> ratio_stor=<c/d> session_peak_rss_mb=<m>
  *
- * then lines starting with "#": each measure's figure in every round
- * (best first counts), and where the best upload's time went: reading the
- * client's data, hashing, sending the parts, committing.  The breakdown
- * comes from the session's own time-stamped debug lines (the REST client
- * logs the end and duration of every request) and the hashing speed
- * measured here: the gap before each part request is reading plus
- * hashing, the known hashing time of the part's bytes is taken out of it.
+ * The best round of each measure counts.  Then lines starting with "#":
+ * every round's figures; the download's time to its first byte (login,
+ * path lookup and the plug-in's paced requests) and its speed after it
+ * beside the emulator's; the CPU seconds per GiB of the curl, the server's
+ * session and the emulator for each way; the session's memory against its
+ * limit; and where the best upload's time went: reading the client's data,
+ * hashing the parts, sending them (the whole file's SHA-1 and MD5 run
+ * beside the part requests), committing.  The breakdown comes from the
+ * session's own time-stamped debug lines (the REST client logs the end and
+ * duration of every request) and the hashing speed measured here: the gap
+ * before each part request is reading plus the part's SHA-1, whose known
+ * time is taken out of it.
  *
  * Each round runs the measures one after the other (direct, retr, hash,
  * stor), so a load that comes and goes on the machine weighs on all alike.
- * The session's home (pacing files) is a scratch folder, through the e2e
- * suite's account shim.
+ * Each upload is checked against Box's record (size, SHA-1, MD5 property)
+ * and deleted.  The policy is the plug-in's default pace of 16 requests a
+ * second.  The session's home (pacing files) is a scratch folder, through
+ * the e2e suite's account shim.
  *
  * usage: box_transfer [SIZE_MIB [ROUNDS]] (default 1024 3); files go to
  * $TMPDIR or /tmp.
@@ -36,8 +43,6 @@
 #include <openssl/sha.h>
 
 #include <atomic>
-#include <cinttypes>
-#include <map>
 #include <sstream>
 
 #include "box_emulator.h"
