@@ -10,13 +10,13 @@ add_executable(box_frame_test
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_cache_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_digest_pipe_test.cpp)
 target_link_libraries(box_frame_test PRIVATE tarvex_box_internal tarvex_test_driver
-  GTest::gtest_main)
+  tarvex_test_error_check GTest::gtest_main)
 gtest_discover_tests(box_frame_test PROPERTIES LABELS unit)
 
 # The plug-in loaded by name, as the server does: not linked in.
 add_executable(box_frame_load_test ${CMAKE_CURRENT_LIST_DIR}/box_frame_load_test.cpp)
 target_link_libraries(box_frame_load_test PRIVATE
-  tarvex_gridftp_server tarvex_dsi_rest tarvex_common GTest::gtest_main)
+  tarvex_gridftp_server tarvex_dsi_rest tarvex_common tarvex_test_error_check GTest::gtest_main)
 target_compile_definitions(box_frame_load_test PRIVATE
   TARVEX_BOX_LIB_DIR="$<TARGET_FILE_DIR:tarvex_gridftp_server_box>")
 add_dependencies(box_frame_load_test tarvex_gridftp_server_box)

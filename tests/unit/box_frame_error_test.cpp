@@ -103,8 +103,10 @@ void check(const translation &t)
     json_t *doc = t.body ? json_loads(t.body, 0, nullptr) : nullptr;
     bool retry = !t.retry_after; /* something the call must overwrite */
     unsigned long seconds = 99;
-    tarvex_object_t *error =
-        tarvex_error_peek(tarvex_box_translate_response(&response, doc, &retry, &seconds));
+    object_ptr taken(
+        tarvex_error_get(tarvex_box_translate_response(&response, doc, &retry, &seconds)),
+        tarvex_object_free);
+    tarvex_object_t *error = taken.get();
     json_decref(doc);
     EXPECT_EQ(retry, t.retry);
     EXPECT_EQ(seconds, t.seconds);

@@ -1,71 +1,144 @@
 /*
  * Request pacing: processes sharing one pacing file keep their requests at
- * least `delay` apart; files that are not ours are not used.
+ * least `delay` apart, a call waits for the file's lock and keeps its
+ * distance from the stamp made while it waited, and files that are not
+ * ours are not used.
  */
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "box_scratch.h"
+#include "box_wait.h"
 
 namespace {
 
 using tarvex_test::box_scratch;
+using tarvex_test::child;
 
-/* Four processes, 200 paced calls each, one file: sorted together, no two
- * stamps are closer than the spacing.  A child reads the stamp after the
- * lock is released, so it may read a later one of another child instead of
- * its own: the stamps collected are some of the stamps made, which only
- * ever lie further apart.  That all 800 calls were spaced shows in the
- * time they took together. */
+/* Stamps written by forked children, read by the test. */
+class shared_stamps {
+public:
+    explicit shared_stamps(size_t count)
+        : bytes_(count * sizeof(int64_t)),
+          data_(static_cast<int64_t *>(mmap(nullptr, bytes_, PROT_READ | PROT_WRITE,
+                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+    {
+        if (data_ == MAP_FAILED)
+            throw std::runtime_error("no shared memory for the stamps");
+    }
+    ~shared_stamps() { munmap(data_, bytes_); }
+    shared_stamps(const shared_stamps &) = delete;
+    shared_stamps &operator=(const shared_stamps &) = delete;
+
+    int64_t &operator[](size_t i) { return data_[i]; }
+    std::vector<int64_t> sorted() const
+    {
+        std::vector<int64_t> all(data_, data_ + bytes_ / sizeof(int64_t));
+        std::sort(all.begin(), all.end());
+        return all;
+    }
+
+private:
+    size_t bytes_;
+    int64_t *data_;
+};
+
+/* The last stamp of a pacing record, in nanoseconds. */
+int64_t last_stamp(const tarvex_box_retry_t &retry)
+{
+    return retry.shared->last.tv_sec * 1000000000LL + retry.shared->last.tv_nsec;
+}
+
+/* Four processes, 200 paced calls each, on one pacing file.  Each process
+ * makes every call while it holds the pacing file's lock and reads the
+ * stamp before letting go: no other call can run in between, so what it
+ * reads is exactly the stamp of its own call.  The call itself locks a file
+ * of its process alone (the handle's descriptor), so the calls are ordered
+ * by their callers' lock; that a call takes the pacing file's lock by
+ * itself is the next test's.  Sorted together, no two of the 800 stamps
+ * are closer than the spacing. */
 TEST(BoxFrameRetry, ProcessesSharingAFileKeepTheirSpacing)
 {
     box_scratch scratch;
     constexpr int processes = 4, calls = 200, per_second = 250;
-    size_t bytes = sizeof(int64_t) * processes * calls;
-    auto *stamps = static_cast<int64_t *>(
-        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(stamps, MAP_FAILED);
-    std::vector<pid_t> children;
-    auto started = std::chrono::steady_clock::now();
+    shared_stamps stamps(processes * calls);
+    std::vector<std::unique_ptr<child>> children;
     for (int p = 0; p < processes; p++) {
-        pid_t pid = fork();
-        ASSERT_NE(pid, -1);
-        if (pid == 0) {
-            tarvex_box_retry_t retry{};
-            tarvex_i_box_retry_state_create("shared", per_second, &retry);
-            if (retry.fd == -1)
-                _exit(2);
+        children.push_back(std::make_unique<child>([&, p] {
+            tarvex_box_retry_t file{};
+            tarvex_i_box_retry_state_create("shared", per_second, &file);
+            if (file.fd == -1)
+                return 2;
+            tarvex_box_retry_t call = file;
+            std::string own = scratch.retry_path() + "/own-" + std::to_string(p);
+            call.fd = open(own.c_str(), O_RDWR | O_CREAT, 0600);
+            if (call.fd == -1)
+                return 3;
             for (int i = 0; i < calls; i++) {
-                tarvex_i_box_retry_delay(0, &retry);
-                stamps[p * calls + i] =
-                    retry.shared->last.tv_sec * 1000000000LL + retry.shared->last.tv_nsec;
+                if (tarvex_i_box_retry_state_lock(&file, true) != TARVEX_SUCCESS)
+                    return 4;
+                tarvex_i_box_retry_delay(0, &call);
+                stamps[p * calls + i] = last_stamp(file);
+                if (tarvex_i_box_retry_state_unlock(&file) != TARVEX_SUCCESS)
+                    return 5;
             }
-            _exit(0);
-        }
-        children.push_back(pid);
+            return 0;
+        }));
     }
-    for (pid_t pid : children) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    }
-    auto took = std::chrono::steady_clock::now() - started;
-    EXPECT_GE(took, std::chrono::microseconds((processes * calls - 1) * (1000000 / per_second)));
-    std::vector<int64_t> all(stamps, stamps + processes * calls);
-    munmap(stamps, bytes);
-    std::sort(all.begin(), all.end());
-    all.erase(std::unique(all.begin(), all.end()), all.end());
+    for (auto &c : children)
+        EXPECT_EQ(c->status(), 0);
+
+    std::vector<int64_t> all = stamps.sorted();
     EXPECT_GT(all.front(), 0);
     for (size_t i = 1; i < all.size(); i++)
         ASSERT_GE(all[i] - all[i - 1], 1000000000LL / per_second) << i;
+}
+
+/* While another process holds the pacing file's lock, a call waits for it;
+ * the stamp that process makes meanwhile is the one the call keeps its
+ * distance from. */
+TEST(BoxFrameRetry, ACallWaitsForTheLockAndKeepsItsDistanceFromTheStampMadeMeanwhile)
+{
+    box_scratch scratch;
+    constexpr int per_second = 4;
+    tarvex_box_retry_t held{};
+    tarvex_i_box_retry_state_create("held", per_second, &held);
+    ASSERT_NE(held.fd, -1);
+    ASSERT_EQ(tarvex_i_box_retry_state_lock(&held, true), TARVEX_SUCCESS);
+    shared_stamps stamp(1);
+    child caller([&] {
+        tarvex_box_retry_t retry{};
+        tarvex_i_box_retry_state_create("held", per_second, &retry);
+        if (retry.fd == -1)
+            return 2;
+        tarvex_i_box_retry_delay(0, &retry);
+        /* Nobody else makes a call: the stamp is this one's. */
+        stamp[0] = last_stamp(retry);
+        return 0;
+    });
+    ASSERT_TRUE(tarvex_test::eventually(
+        [&] { return tarvex_test::waiting_for_lock(caller.pid()); }));
+
+    /* At the microsecond grain of the stamps the call makes itself. */
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    held.shared->last.tv_sec = now.tv_sec;
+    held.shared->last.tv_nsec = now.tv_nsec - now.tv_nsec % 1000;
+    const int64_t made_meanwhile = last_stamp(held);
+    ASSERT_EQ(tarvex_i_box_retry_state_unlock(&held), TARVEX_SUCCESS);
+    ASSERT_EQ(caller.status(), 0);
+    EXPECT_GE(stamp[0] - made_meanwhile, 1000000000LL / per_second);
+    tarvex_i_box_retry_state_destroy(&held);
 }
 
 /* A pacing file of ours is used; once it belongs to someone else it is not,

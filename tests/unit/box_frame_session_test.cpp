@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -29,17 +30,19 @@ protected:
 };
 
 /* "code message" of a failure: "0 source: message" of the outermost error
- * unless it is an FTP response error; "" for success. */
+ * unless it is an FTP response error; "" for success.  The error is taken
+ * out of the table and freed. */
 std::string failure(tarvex_result_t result)
 {
-    tarvex_object_t *error = tarvex_error_peek(result);
+    std::unique_ptr<tarvex_object_t, void (*)(tarvex_object_t *)> error(tarvex_error_get(result),
+                                                                       tarvex_object_free);
     if (error == nullptr)
         return "";
-    int code = tarvex_gfs_ftp_response_error_get_code(error);
+    int code = tarvex_gfs_ftp_response_error_get_code(error.get());
     if (code == 0)
-        return std::string("0 ") + tarvex_error_get_file(error) + ": " +
-               tarvex_error_get_message(error);
-    return std::to_string(code) + " " + tarvex_gfs_ftp_response_error_get_message(error);
+        return std::string("0 ") + tarvex_error_get_file(error.get()) + ": " +
+               tarvex_error_get_message(error.get());
+    return std::to_string(code) + " " + tarvex_gfs_ftp_response_error_get_message(error.get());
 }
 
 /* Not JSON is a generic error, a key of the wrong type an FTP 500. */

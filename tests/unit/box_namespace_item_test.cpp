@@ -14,12 +14,13 @@ std::string parse(const std::string &text)
 {
     tarvex_box_path_info_t i = {};
     json_t *json = json_loads(text.c_str(), 0, nullptr);
-    const char *error =
-        tarvex_error_get_message(tarvex_error_peek(tarvex_box_object_info_parse(json, &i)));
-    json_decref(json);
     auto s = [](const char *t) { return std::string(t ? t : "-"); };
+    tarvex_object_t *failure = tarvex_error_get(tarvex_box_object_info_parse(json, &i));
+    const std::string error = s(tarvex_error_get_message(failure));
+    tarvex_object_free(failure);
+    json_decref(json);
     const char *types[] = {"none", "folder", "file", "unknown"};
-    std::string line = s(error) + "|" + (i.type >= 0 && i.type <= 3 ? types[i.type] : "?") +
+    std::string line = error + "|" + (i.type >= 0 && i.type <= 3 ? types[i.type] : "?") +
                        " " + s(i.id) + " " + s(i.parent_id) + " " + s(i.sha1) +
                        " " + s(i.md5) + " " + std::to_string(i.size) + " " +
                        std::to_string(i.modtime) + (i.has_metadata ? " meta" : "");

@@ -3,5 +3,5 @@
 add_executable(tarvex_box_upload_lock_tests
   ${CMAKE_CURRENT_LIST_DIR}/box_upload_lock_test.cpp)
 target_link_libraries(tarvex_box_upload_lock_tests PRIVATE tarvex_box_internal
-  GTest::gtest_main)
+  tarvex_test_error_check GTest::gtest_main)
 gtest_discover_tests(tarvex_box_upload_lock_tests PROPERTIES LABELS unit)

@@ -8,12 +8,10 @@
 #include <poll.h>
 #include <pwd.h>
 #include <sched.h>
-#include <signal.h>
 #include <stddef.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,13 +19,17 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <thread>
 
 #include "box_scratch.h"
+#include "box_wait.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using tarvex_test::child;
+using tarvex_test::eventually;
+using tarvex_test::in_syscall;
+using tarvex_test::waiting_for_lock;
 using state_t = tarvex_box_upload_state_t;
 constexpr size_t state_size = 4440;
 
@@ -48,65 +50,6 @@ std::string contents(const std::string &path)
 {
     std::ifstream in(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-bool eventually(const std::function<bool()> &condition)
-{
-    auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
-
-/* A forked process running `body`, whose value is its exit status; killed
- * if the test ends before it has been waited for. */
-class child {
-public:
-    explicit child(const std::function<int()> &body) : pid_(fork())
-    {
-        if (pid_ == 0)
-            _exit(body());
-    }
-    ~child()
-    {
-        if (pid_ > 0 && kill(pid_, SIGKILL) == 0)
-            waitpid(pid_, nullptr, 0);
-    }
-    pid_t pid() const { return pid_; }
-    /* The exit status, or -1 when it does not end in time or is killed. */
-    int status()
-    {
-        int status = 0;
-        if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }))
-            return -1;
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t pid_;
-};
-
-/* Whether `pid` is in the middle of the system call `number`. */
-bool in_syscall(pid_t pid, long number)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/syscall");
-    long current = -1;
-    return bool(in >> current) && current == number;
-}
-
-/* Whether `pid` waits for a record lock that someone else holds. */
-bool waiting_for_lock(pid_t pid)
-{
-    std::ifstream in("/proc/locks");
-    std::string needle = " " + std::to_string(pid) + " ";
-    for (std::string line; std::getline(in, line);)
-        if (line.find("->") != std::string::npos && line.find(needle) != std::string::npos)
-            return true;
-    return false;
 }
 
 /* The lock's refusal: the "fnctl" system error carrying `expected` (or, for
@@ -296,7 +239,7 @@ TEST(BoxUploadLock, WaitsForTheHolderOfTheLock)
     ASSERT_EQ(pwrite(fd, "sized", 6, offsetof(struct tarvex_box_upload_state_shared_s, name)), 6);
 
     struct pollfd reported = {report[0], POLLIN, 0};
-    ASSERT_EQ(poll(&reported, 1, 10000), 1) << "no non-blocking attempt";
+    ASSERT_EQ(poll(&reported, 1, 60000), 1) << "no non-blocking attempt";
     ASSERT_TRUE(eventually([&] { return waiting_for_lock(waiter.pid()); }));
     ASSERT_EQ(pwrite(fd, "released", 9, 0), 9);
     lock.l_type = F_UNLCK;
