@@ -4,8 +4,10 @@ faults, limits, tokens, uploads, commits and the request log."""
 import hashlib
 import http.client
 import json
+import threading
 import time
 import unittest
+from urllib.parse import urlencode
 
 from emulator_process import PART, EmulatorCase, digest, pattern, upload_body
 
@@ -202,6 +204,131 @@ class EmulatorTest(EmulatorCase):
         self.assertGreater(log[1]["response_length"], 0)
         self.emu.control("DELETE", "log")
         self.assertEqual(self.emu.control("GET", "log"), [])
+
+
+def form(**params):
+    """A token endpoint request body and its headers."""
+    return (urlencode(params).encode(),
+            {"Content-Type": "application/x-www-form-urlencoded"})
+
+
+class OAuthTest(EmulatorCase):
+    """The token endpoint, users/me and the upload preflight."""
+    CLIENT = {"client_id": "app", "client_secret": "app-secret"}
+
+    def setUp(self):
+        super().setUp()
+        self.emu.control("POST", "oauth", {
+            "clients": [self.CLIENT], "users": [{"id": "77", "max_upload_size": 1000}],
+            "refresh_tokens": [{"refresh_token": "r0", "client_id": "app", "user_id": "77"}]})
+
+    def token(self, **params):
+        return self.emu.json("POST", "/oauth2/token", *form(**params), token=None)[:2]
+
+    def refresh(self, token, **client):
+        return self.token(grant_type="refresh_token", refresh_token=token,
+                          **(client or self.CLIENT))
+
+    def states(self):
+        return {t: r["state"] for t, r in self.emu.control("GET", "oauth")["refresh_tokens"].items()}
+
+    def test_refresh_tokens_rotate_and_are_spent(self):
+        status, first = self.refresh("r0")
+        self.assertEqual((status, first["token_type"], first["expires_in"]), (200, "bearer", 3600))
+        self.assertNotEqual(first["refresh_token"], "r0")
+        self.assertEqual(self.states(), {"r0": "spent", first["refresh_token"]: "active"})
+        # The issued token works on the API and speaks for its user.
+        self.assertEqual(self.emu.json("GET", "/2.0/folders/0/items",
+                                       token=first["access_token"])[0], 200)
+        me = self.emu.json("GET", "/2.0/users/me?fields=id,max_upload_size",
+                           token=first["access_token"])[1]
+        self.assertEqual(me, {"type": "user", "id": "77", "name": "User 77",
+                              "login": "user77@example.com", "max_upload_size": 1000})
+        status, second = self.refresh(first["refresh_token"])
+        self.assertEqual(status, 200)
+        # A refused request spends nothing.
+        status, doc = self.refresh(second["refresh_token"], client_id="app", client_secret="x")
+        self.assertEqual((status, doc["error"]), (400, "invalid_client"))
+        self.assertEqual(self.states()[second["refresh_token"]], "active")
+        self.emu.control("POST", "oauth", {"revoke": [second["refresh_token"]]})
+        refused = [("spent", self.refresh("r0")),
+                   ("revoked", self.refresh(second["refresh_token"])),
+                   ("unknown", self.refresh("nothing")),
+                   ("no grant", self.token(**self.CLIENT))]
+        self.assertEqual([(why, status, doc["error"]) for why, (status, doc) in refused],
+                         [("spent", 400, "invalid_grant"), ("revoked", 400, "invalid_grant"),
+                          ("unknown", 400, "invalid_grant"), ("no grant", 400, "invalid_grant")])
+
+    def test_one_refresh_token_serves_one_of_two_racing_requests(self):
+        body, headers = form(grant_type="refresh_token", refresh_token="r0", **self.CLIENT)
+        statuses = []
+
+        def use():
+            conn = http.client.HTTPConnection("127.0.0.1", self.emu.port, timeout=30)
+            conn.request("POST", "/oauth2/token", body, headers)
+            statuses.append(conn.getresponse().status)
+            conn.close()
+
+        threads = [threading.Thread(target=use) for _ in range(8)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        self.assertEqual(sorted(statuses), [200] + [400] * 7)
+
+    def test_client_credentials_act_as_a_named_user(self):
+        grant = dict(grant_type="client_credentials", box_subject_type="user", **self.CLIENT)
+        status, doc = self.token(box_subject_id="77", **grant)
+        self.assertEqual(status, 200)
+        self.assertNotIn("refresh_token", doc)
+        self.assertEqual(self.emu.json("GET", "/2.0/users/me", token=doc["access_token"])[1]["id"],
+                         "77")
+        cases = [({"box_subject_id": "78"}, "invalid_grant"),
+                 ({}, "invalid_request"),
+                 ({"box_subject_id": "77", "client_secret": "x"}, "invalid_client"),
+                 ({"box_subject_id": "77", "box_subject_type": "enterprise"},
+                  "unauthorized_client")]
+        for change, error in cases:
+            with self.subTest(change):
+                status, doc = self.token(**dict(grant, **change))
+                self.assertEqual((status, doc["error"]), (400, error))
+
+    def test_issued_tokens_expire_as_set(self):
+        self.emu.control("POST", "oauth", {"next_lifetimes": [1], "access_token_lifetime": 50})
+        short = self.refresh("r0")[1]
+        later = self.refresh(short["refresh_token"])[1]
+        self.assertEqual((short["expires_in"], later["expires_in"]), (1, 50))
+        deadline = time.monotonic() + 10
+        while self.emu.request("GET", "/2.0/users/me", token=short["access_token"])[0] == 200:
+            self.assertLess(time.monotonic(), deadline, "the 1 s token never expired")
+            time.sleep(0.05)
+        self.assertEqual(self.emu.request("GET", "/2.0/users/me",
+                                          token=later["access_token"])[0], 200)
+
+    def test_upload_preflight(self):
+        ids = self.emu.seed({"path": "/d/taken.txt", "content": "x"})
+        token = self.refresh("r0")[1]["access_token"]   # user 77: 1000 bytes at most
+        url = "/2.0/files/content"
+        cases = [({"name": "new.txt", "size": 1000, "parent": {"id": ids["/d"]}}, 200, None),
+                 ({"name": "TAKEN.txt", "size": 1, "parent": {"id": ids["/d"]}}, 409,
+                  "item_name_in_use"),
+                 ({"name": "big", "size": 1001, "parent": {"id": ids["/d"]}}, 413,
+                  "file_size_limit_exceeded"),
+                 ({"name": "a/b", "parent": {"id": ids["/d"]}}, 400, "item_name_invalid"),
+                 ({"name": "x", "parent": {"id": "999999"}}, 404, "not_found"),
+                 ({"name": "x"}, 400, "bad_request")]
+        for doc, status, code in cases:
+            with self.subTest(doc):
+                got, answer, _ = self.emu.json("OPTIONS", url, doc, token=token)
+                self.assertEqual((got, answer.get("code")), (status, code))
+        answer = self.emu.json("OPTIONS", url, cases[1][0], token=token)[1]
+        self.assertEqual([c["id"] for c in answer["context_info"]["conflicts"]],
+                         [ids["/d/taken.txt"]])
+        self.assertEqual(self.emu.json("OPTIONS", url, cases[0][0], token=token)[1],
+                         {"upload_url": self.emu.base + "/api/2.0/files/content"})
+        # The default user (test-token) may send more.
+        self.assertEqual(self.emu.json("OPTIONS", url, cases[2][0])[0], 200)
+        self.assertEqual(self.emu.request("OPTIONS", url, b"{}", token=None)[0], 401)
 
 
 if __name__ == "__main__":

@@ -30,6 +30,7 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from boxemu_api import Api, Response  # noqa: E402
 from boxemu_body import Body, BodyError  # noqa: E402
 from boxemu_control import Control, ControlError  # noqa: E402
+from boxemu_oauth import OAuth, bearer  # noqa: E402
 from boxemu_store import BoxError, Clock, Store  # noqa: E402
 from boxemu_upload import Uploads  # noqa: E402
 
@@ -49,6 +50,7 @@ class State:
         self.scheme = "https" if args.tls_cert else "http"
         self.host = "[%s]" % args.host if ":" in args.host else args.host
         self.port = 0
+        self.oauth = OAuth(self)
         self.reset()
         self.api = Api(self)
         self.uploads = Uploads(self)
@@ -62,6 +64,7 @@ class State:
             self.faults = []
             self.rate = {"per_second": 0, "retry_after": 1, "recent": collections.deque()}
             self.tokens = {t: None for t in (self.args.token or ["test-token"])}
+            self.oauth.reset_locked()
             self.commit_pending = {"count": 0, "retry_after": 1}
             self.config = {"part_size": self.args.part_size,
                            "min_session_size": self.args.min_session_size}
@@ -102,9 +105,8 @@ class State:
     def check_token(self, header):
         """None when the Authorization header carries a valid token, else the
         WWW-Authenticate value of the 401 answer."""
-        scheme, _, token = (header or "").strip().partition(" ")
-        token = token.strip()
-        if scheme.lower() != "bearer" or not token:
+        token = bearer(header)
+        if not token:
             return ('Bearer realm="Service", error="invalid_request", '
                     'error_description="The access token was not found."')
         with self.lock:
@@ -129,6 +131,8 @@ def build_routes(state):
         ("PUT", r"/2\.0/files/%s" % item, lambda r, i: api.update(r, "file", i)),
         ("DELETE", r"/2\.0/files/%s" % item, lambda r, i: api.delete(r, "file", i)),
         ("GET", r"/2\.0/files/%s/content" % item, api.content_redirect),
+        ("OPTIONS", r"/2\.0/files/content", up.preflight),
+        ("GET", r"/2\.0/users/me", state.oauth.users_me),
     ] + [
         (method, r"/2\.0/(files|folders)/%s/metadata/%s/%s" % (item, item, item), api.metadata)
         for method in ("GET", "POST", "PUT", "DELETE")
@@ -145,6 +149,9 @@ def build_routes(state):
 
 
 DOWNLOAD_PATH = re.compile(r"/d/1/([^/]+)/download")
+# The token endpoints take no bearer token and are not rate limited with
+# the API.
+OAUTH_PATHS = {"/oauth2/token": "token", "/oauth2/revoke": "revoke_request"}
 
 
 class Throttle:
@@ -368,6 +375,11 @@ class Handler(BaseHTTPRequestHandler):
         path = req.path
         if len(path) > 1 and path.endswith("/"):
             path = path[:-1]   # Box accepts "/2.0/files/ID/" too
+        if path in OAUTH_PATHS:
+            if req.method != "POST":
+                body.drain()
+                raise BoxError(405, "method_not_allowed", "Method Not Allowed")
+            return getattr(self.state.oauth, OAUTH_PATHS[path])(req)
         if not path.startswith(("/2.0/", "/api/2.0/")):
             body.drain()
             raise BoxError(404, "not_found", "Not Found")

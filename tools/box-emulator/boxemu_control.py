@@ -8,7 +8,9 @@ import time
 from urllib.parse import parse_qs
 
 from boxemu_content import BytesContent, SyntheticContent
-from boxemu_store import BoxError, Clock
+from boxemu_store import USER, BoxError, Clock
+
+USER_ID = USER["id"]
 
 CONTROL_LIMIT = 64 << 20
 
@@ -23,6 +25,20 @@ def _int(doc, key, default, minimum=0):
         value = default
     if not isinstance(value, int) or isinstance(value, bool) or value < minimum:
         raise ControlError("'%s' must be an integer >= %d" % (key, minimum))
+    return value
+
+
+def _text(doc, key):
+    value = doc.get(key)
+    if not isinstance(value, str) or not value:
+        raise ControlError("'%s' must be a non-empty string" % key)
+    return value
+
+
+def _objects(doc, key):
+    value = doc.get(key, [])
+    if not isinstance(value, list) or not all(isinstance(v, dict) for v in value):
+        raise ControlError("'%s' must be an array of objects" % key)
     return value
 
 
@@ -46,6 +62,8 @@ class Control:
             ("DELETE", "faults"): self.clear_faults,
             ("POST", "rate_limit"): self.rate_limit,
             ("POST", "tokens"): self.tokens,
+            ("POST", "oauth"): self.oauth,
+            ("GET", "oauth"): self.oauth_view,
             ("POST", "commit_pending"): self.commit_pending,
             ("POST", "config"): self.config,
             ("GET", "log"): self.log,
@@ -245,6 +263,57 @@ class Control:
                 self.state.tokens[doc["token"]] = (
                     None if expires_in is None else time.time() + expires_in)
             return 200, {"tokens": sorted(self.state.tokens)}, None
+
+    def oauth(self, doc):
+        """Clients, users and refresh tokens of the token endpoint, the
+        lifetime of the access tokens it issues, revocations.  Everything is
+        checked before anything changes."""
+        if not isinstance(doc, dict):
+            raise ControlError("oauth takes a JSON object")
+        clients = [(_text(c, "client_id"), _text(c, "client_secret"))
+                   for c in _objects(doc, "clients")]
+        users = [self._user(u) for u in _objects(doc, "users")]
+        refresh = [(_text(r, "refresh_token"), _text(r, "client_id"),
+                    _text(r, "user_id") if "user_id" in r else USER_ID)
+                   for r in _objects(doc, "refresh_tokens")]
+        revoke = doc.get("revoke", [])
+        if not isinstance(revoke, list) or not all(isinstance(t, str) for t in revoke):
+            raise ControlError("'revoke' must be an array of tokens")
+        lifetime = _int(doc, "access_token_lifetime", None, minimum=1) \
+            if doc.get("access_token_lifetime") is not None else None
+        upcoming = doc.get("next_lifetimes")
+        if upcoming is not None and (not isinstance(upcoming, list) or not all(
+                isinstance(s, int) and not isinstance(s, bool) and s >= 1 for s in upcoming)):
+            raise ControlError("'next_lifetimes' must be an array of integers >= 1")
+        oauth = self.state.oauth
+        with self.state.lock:
+            for client_id, secret in clients:
+                oauth.add_client(client_id, secret)
+            for user in users:
+                oauth.add_user(user)
+            for token, client_id, user_id in refresh:
+                oauth.add_refresh_token(token, client_id, user_id)
+            for token in revoke:
+                oauth.revoke(token)
+            if lifetime is not None:
+                oauth.lifetime = lifetime
+            if upcoming is not None:
+                oauth.next_lifetimes = list(upcoming)
+            return 200, oauth.view(), None
+
+    def oauth_view(self, query):
+        with self.state.lock:
+            return 200, self.state.oauth.view(), None
+
+    @staticmethod
+    def _user(doc):
+        user = {"id": _text(doc, "id")}
+        for key in ("name", "login"):
+            if key in doc:
+                user[key] = _text(doc, key)
+        if "max_upload_size" in doc:
+            user["max_upload_size"] = _int(doc, "max_upload_size", 0)
+        return user
 
     def commit_pending(self, doc):
         count = _int(doc, "count", 0)

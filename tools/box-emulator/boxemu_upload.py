@@ -13,7 +13,8 @@ import tempfile
 import threading
 import time
 
-from boxemu_api import JSON_LIMIT, Response, first, parse_time_attr, read_json
+from boxemu_api import JSON_LIMIT, Response, first, parent_id_of, parse_time_attr, read_json
+from boxemu_oauth import bearer
 from boxemu_body import Multipart, MultipartError, header_params
 from boxemu_content import CHUNK, FileContent
 from boxemu_store import BoxError, bad_request, check_name
@@ -193,6 +194,38 @@ class Uploads:
                                           modified)
             entry = self.store.item_json(item, first(req.query, "fields"))
         return Response(201, {"total_count": 1, "entries": [entry]})
+
+    # -- preflight -------------------------------------------------------
+
+    def preflight(self, req):
+        """OPTIONS /2.0/files/content: would an upload of this name and size
+        into this folder be taken?  The same checks as the upload itself,
+        plus the user's upload limit."""
+        doc = read_json(req)
+        if not isinstance(doc, dict) or "name" not in doc:
+            raise bad_request("'name' is required")
+        parent_id = parent_id_of(doc)
+        if parent_id is None:
+            raise bad_request("'parent' with 'id' is required")
+        size = doc.get("size")
+        if size is not None and (not isinstance(size, int) or isinstance(size, bool)
+                                 or size < 0):
+            raise bad_request("Invalid value for 'size'")
+        user = self.state.oauth.user_of(bearer(req.headers.get("Authorization")))
+        if size is not None and size > user["max_upload_size"]:
+            raise BoxError(413, "file_size_limit_exceeded",
+                           "File size %d exceeds the user's upload limit of %d bytes"
+                           % (size, user["max_upload_size"]))
+        check_name(doc["name"])
+        with self.store.lock:
+            parent = self.store.get(parent_id, "folder", name="parent", location="body")
+            other = self.store.child_named(parent, doc["name"])
+            if other is not None:
+                # Here the conflicts come as a list, as Box documents the
+                # preflight's answer.
+                raise BoxError(409, "item_name_in_use", "Item with the same name already exists",
+                               {"conflicts": [self.store.mini(other)]})
+        return Response(200, {"upload_url": "%s/api/2.0/files/content" % req.base_url})
 
     # -- upload sessions -------------------------------------------------
 
