@@ -7,6 +7,37 @@
 
 namespace tarvex_dsi_rest_internal {
 
+namespace {
+
+bool has_line_break(const char *text)
+{
+    return text != nullptr && strpbrk(text, "\r\n") != nullptr;
+}
+
+// A part header that holds a CR or LF would end its header block early or
+// add header lines of its own (an upload's file name comes from the
+// client), so it is never written and the writer refuses the body.
+bool header_breaks_frame(const tarvex_dsi_rest_key_value_t &pair)
+{
+    return has_line_break(pair.key) || has_line_break(pair.value);
+}
+
+// The first part header that would break the framing, or nullptr.
+const tarvex_dsi_rest_key_value_t *unframable_header(const tarvex_dsi_rest_multipart_arg_t *arg)
+{
+    if (arg == nullptr || arg->parts == nullptr)
+        return nullptr;
+    for (size_t index = 0; index < arg->num_parts; index++) {
+        const tarvex_dsi_rest_key_array_t &headers = arg->parts[index].part_header;
+        for (size_t i = 0; headers.key_value != nullptr && i < headers.count; i++)
+            if (header_breaks_frame(headers.key_value[i]))
+                return &headers.key_value[i];
+    }
+    return nullptr;
+}
+
+} // namespace
+
 std::string multipart_delimiter(const std::string &boundary,
                                 const tarvex_dsi_rest_multipart_arg_t *arg, size_t index)
 {
@@ -27,7 +58,7 @@ std::string multipart_delimiter(const std::string &boundary,
     const tarvex_dsi_rest_key_array_t &headers = arg->parts[index].part_header;
     for (size_t i = 0; headers.key_value != nullptr && i < headers.count; i++) {
         const tarvex_dsi_rest_key_value_t &pair = headers.key_value[i];
-        if (pair.key == nullptr)
+        if (pair.key == nullptr || header_breaks_frame(pair))
             continue;
         text += pair.key;
         text += ": ";
@@ -43,7 +74,7 @@ namespace {
 class MultipartWriter : public Stream {
 public:
     MultipartWriter(const tarvex_dsi_rest_multipart_arg_t *arg, std::string boundary)
-        : arg_(arg), boundary_(std::move(boundary))
+        : arg_(arg), boundary_(std::move(boundary)), unframable_(unframable_header(arg))
     {
         rewind();
     }
@@ -62,6 +93,11 @@ public:
 
     tarvex_result_t read(char *buffer, size_t length, size_t *produced)
     {
+        if (unframable_ != nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "Multipart part header %s with a line break",
+                                         unframable_->key != nullptr ? unframable_->key
+                                                                     : "(null)");
         size_t n = 0;
         while (n < length) {
             if (!in_data_) {
@@ -115,6 +151,7 @@ private:
 
     const tarvex_dsi_rest_multipart_arg_t *arg_;
     std::string boundary_;
+    const tarvex_dsi_rest_key_value_t *unframable_;
     size_t index_ = 0;
     std::string text_;
     size_t position_ = 0;
@@ -137,7 +174,8 @@ std::optional<uint64_t> multipart_length(RequestContext &ctx, void *arg)
 {
     auto *multipart = static_cast<const tarvex_dsi_rest_multipart_arg_t *>(arg);
     MultipartWriter *writer = multipart_writer(ctx, arg);
-    if (writer->boundary().empty() || (writer->parts() > 0 && multipart->parts == nullptr))
+    if (writer->boundary().empty() || (writer->parts() > 0 && multipart->parts == nullptr) ||
+        unframable_header(multipart) != nullptr)
         return std::nullopt;
     uint64_t total = 0;
     for (size_t i = 0; i <= writer->parts(); i++) {

@@ -1,0 +1,84 @@
+/*
+ * The storage gateway policy (the API rate and the two Box origins), and
+ * the rule that decides which URLs may carry the user's bearer token: any
+ * https URL, plain http only to a loopback host.  The rule is checked
+ * against where libcurl itself would connect, on the origins a policy sets
+ * and on the whole input taken as a URL (Box's redirects go through the
+ * same rule).
+ */
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <string>
+
+#include "fuzz_support.h"
+#include "tarvex_box_common.h"
+
+using namespace tarvex_fuzz;
+
+namespace {
+
+std::string curl_part(CURLU *url, CURLUPart part)
+{
+    char *value = nullptr;
+    if (curl_url_get(url, part, &value, 0) != CURLUE_OK || value == nullptr)
+        return "";
+    std::string text = value;
+    curl_free(value);
+    return text;
+}
+
+bool loopback(const std::string &host)
+{
+    struct in_addr address;
+    return strcasecmp(host.c_str(), "localhost") == 0 || host == "[::1]" ||
+           (inet_pton(AF_INET, host.c_str(), &address) == 1 &&
+            (ntohl(address.s_addr) >> 24) == 127);
+}
+
+/* A URL the rule lets the token go to must, as libcurl reads it, be
+ * https, or http to a loopback host, or no URL libcurl would send at all. */
+void check_token_rule(const char *text)
+{
+    if (!tarvex_box_url_may_carry_token(text))
+        return;
+    CURLU *url = curl_url();
+    check(url != nullptr, "out of memory");
+    if (curl_url_set(url, CURLUPART_URL, text, 0) == CURLUE_OK) {
+        std::string scheme = curl_part(url, CURLUPART_SCHEME);
+        std::string host = curl_part(url, CURLUPART_HOST);
+        check(strcasecmp(scheme.c_str(), "https") == 0 ||
+                  (strcasecmp(scheme.c_str(), "http") == 0 && loopback(host)),
+              "the bearer token would go in the clear to", scheme + "://" + host);
+    }
+    curl_url_cleanup(url);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    activate_runtime();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string text = c_text(data, size);
+    check_token_rule(text.c_str());
+
+    // The origins are process-wide: each input starts from the defaults, so
+    // that an input's outcome does not hang on the one before it.
+    tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
+    int rate = 16;
+    tarvex_result_t result = tarvex_box_config_parse_json(text.c_str(), &rate);
+    if (result == TARVEX_SUCCESS) {
+        // Requests go to the origin followed by a path.
+        check_token_rule((std::string(tarvex_box_api_base()) + "/2.0/folders/0").c_str());
+        check_token_rule((std::string(tarvex_box_upload_base()) + "/api/2.0/files/content").c_str());
+    }
+    release(result);
+    check_error_table_empty();
+    return 0;
+}

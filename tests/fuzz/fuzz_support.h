@@ -1,0 +1,107 @@
+/*
+ * What every fuzz harness shares: the runtime brought up once, a failed
+ * result rendered the way a client would read it and then released, and
+ * the checks that stop a run (libFuzzer keeps the input that stopped it).
+ *
+ * A harness defines LLVMFuzzerTestOneInput and, when it needs set-up,
+ * LLVMFuzzerInitialize.  Built with TARVEX_FUZZ it is a libFuzzer program;
+ * otherwise replay_main.cpp runs it over the files of its corpus.
+ */
+#ifndef TARVEX_FUZZ_SUPPORT_H
+#define TARVEX_FUZZ_SUPPORT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "tarvex_common.h"
+#include "tarvex_gridftp_server.h"
+
+namespace tarvex_fuzz {
+
+/* Ends the run: the input broke a rule that holds for every input. */
+[[noreturn]] inline void fail(const char *what, std::string_view detail = {})
+{
+    fprintf(stderr, "fuzz check failed: %s%s%.*s\n", what, detail.empty() ? "" : ": ",
+            static_cast<int>(detail.size()), detail.data());
+    abort();
+}
+
+inline void check(bool ok, const char *what, std::string_view detail = {})
+{
+    if (!ok)
+        fail(what, detail);
+}
+
+/* The runtime every parser reports through, activated once per process. */
+inline void activate_runtime()
+{
+    static const int rc = tarvex_module_activate(&tarvex_i_common_module);
+    check(rc == 0, "the runtime module did not activate");
+}
+
+/* The input as text.  Callers hand parsers C strings, so whatever follows
+ * a NUL byte never reaches them. */
+inline std::string c_text(const uint8_t *data, size_t size)
+{
+    std::string text(reinterpret_cast<const char *>(data), size);
+    return text.substr(0, text.find('\0'));
+}
+
+/* An FTP reply as the server sends it: one or more lines "CCC-text" and a
+ * last "CCC text", each ending in CR LF, one code throughout and no control
+ * byte inside a line.  Parsers put text from remote services and from
+ * clients into error messages; none of it may break the reply's frame. */
+inline void check_ftp_reply(const char *reply)
+{
+    check(reply != nullptr, "no FTP reply for a failed result");
+    std::string_view rest(reply);
+    std::string_view code;
+    while (!rest.empty()) {
+        size_t end = rest.find("\r\n");
+        check(end != std::string_view::npos, "reply line without CR LF", reply);
+        std::string_view line = rest.substr(0, end);
+        rest.remove_prefix(end + 2);
+        check(line.size() >= 4 && line[0] >= '1' && line[0] <= '5' &&
+                  line.find_first_not_of("0123456789") == 3,
+              "reply line without a code", reply);
+        if (code.empty())
+            code = line.substr(0, 3);
+        check(line.substr(0, 3) == code, "reply lines with different codes", reply);
+        check(line[3] == (rest.empty() ? ' ' : '-'), "reply line with a wrong separator",
+              reply);
+        for (unsigned char c : line)
+            check(c >= 0x20 && c != 0x7f && c != 0xff, "control byte in a reply line", reply);
+    }
+    check(!code.empty(), "empty FTP reply");
+}
+
+/* Renders a failed result as the client's reply and as the printed cause
+ * chain, then takes the error out of the table and frees it. */
+inline void release(tarvex_result_t result)
+{
+    if (result == TARVEX_SUCCESS)
+        return;
+    char *reply = tarvex_gfs_error_to_ftp_reply(result, 0);
+    check_ftp_reply(reply);
+    free(reply);
+    tarvex_object_t *error = tarvex_error_get(result);
+    check(error != nullptr, "a failed result that names no error in the table");
+    free(tarvex_error_print_chain(error));
+    tarvex_object_free(error);
+}
+
+/* An input must not leave errors behind: in a long-lived server the table
+ * would evict them silently and their memory would never be seen as lost. */
+inline void check_error_table_empty()
+{
+    size_t count = tarvex_error_table_count();
+    check(count == 0, "errors left in the runtime's error table", std::to_string(count));
+}
+
+} // namespace tarvex_fuzz
+
+#endif
