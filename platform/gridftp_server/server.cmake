@@ -1,5 +1,13 @@
 # The server program tarvex-gridftp-server.
 find_library(TARVEX_LIBCRYPT crypt REQUIRED)
+
+# What clients send, parsed, and log fields, escaped: plain functions
+# without a session, linked by the program, its unit tests and fuzz
+# harnesses (include directory src/server).
+add_library(tarvex_server_parse STATIC
+  src/server/parse.cpp
+  src/server/log.cpp)
+target_include_directories(tarvex_server_parse PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src/server)
 add_executable(tarvex-gridftp-server
   src/server/main.cpp
   src/server/options.cpp
@@ -21,7 +29,7 @@ add_executable(tarvex-gridftp-server
   src/server/config_data.cpp
   src/server/tls.cpp)
 target_link_libraries(tarvex-gridftp-server PRIVATE
-  tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
+  tarvex_server_parse tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
   Threads::Threads)
 # Plug-ins are found in ../lib beside the program (see --dsi-path).
 set_target_properties(tarvex-gridftp-server PROPERTIES

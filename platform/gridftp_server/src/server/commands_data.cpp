@@ -9,6 +9,7 @@
 #include <ctime>
 #include <strings.h>
 
+#include "parse.h"
 #include "path.h"
 #include "session.h"
 
@@ -17,19 +18,6 @@ namespace tarvex_server {
 namespace {
 
 enum ListKind { kind_list, kind_nlst, kind_mlsd };
-
-bool parse_offset(const std::string &s, tarvex_off_t &out)
-{
-    if (s.empty() || !isdigit(static_cast<unsigned char>(s[0])))
-        return false;
-    char *end = nullptr;
-    errno = 0;
-    long long v = strtoll(s.c_str(), &end, 10);
-    if (errno != 0 || (*end != '\0' && *end != ' '))
-        return false;
-    out = v;
-    return true;
-}
 
 void free_result(tarvex_result_t result)
 {
@@ -91,13 +79,15 @@ void Session::cmd_pasv(const std::string &)
 
 void Session::cmd_epsv(const std::string &arg)
 {
-    if (strcasecmp(arg.c_str(), "ALL") == 0) {
-        epsv_all_ = true; // the client's NAT or firewall only lets EPSV through
-        reply(200, "EPSV ALL ok.");
+    EpsvArg which = EpsvArg::any;
+    std::string why;
+    if (int code = parse_epsv(arg, which, why)) {
+        reply(code, why);
         return;
     }
-    if (!arg.empty() && arg != "1" && arg != "2") {
-        reply(522, "Network protocol not supported, use (1,2)");
+    if (which == EpsvArg::all) {
+        epsv_all_ = true; // the client's NAT or firewall only lets EPSV through
+        reply(200, "EPSV ALL ok.");
         return;
     }
     std::string text;
@@ -108,35 +98,39 @@ void Session::cmd_epsv(const std::string &arg)
     reply(229, text);
 }
 
-void Session::cmd_port(const std::string &arg)
+// PORT and EPRT: the address parsed, then checked against the client's.
+void Session::active_data(const std::string &arg, bool extended)
 {
     if (refused_after_epsv_all())
         return;
+    sockaddr_storage target{};
     std::string why;
-    if (!data_.active(ep_, arg, false, why)) {
-        reply(501, why + ".");
+    int code = extended ? parse_eprt(arg, target, why) : parse_port(arg, target, why);
+    if (code == 0 && !data_.active(ep_, target, why))
+        code = 501;
+    if (code != 0) {
+        reply(code, why.empty() || why.back() == '.' ? why : why + ".");
         return;
     }
-    reply(200, "PORT command successful.");
+    reply(200, extended ? "EPRT command successful." : "PORT command successful.");
+}
+
+void Session::cmd_port(const std::string &arg)
+{
+    active_data(arg, false);
 }
 
 void Session::cmd_eprt(const std::string &arg)
 {
-    if (refused_after_epsv_all())
-        return;
-    std::string why;
-    if (!data_.active(ep_, arg, true, why)) {
-        reply(why.rfind("Network protocol", 0) == 0 ? 522 : 501, why + ".");
-        return;
-    }
-    reply(200, "EPRT command successful.");
+    active_data(arg, true);
 }
 
 void Session::cmd_rest(const std::string &arg)
 {
-    tarvex_off_t v = 0;
-    if (!parse_offset(arg, v)) {
-        reply(501, "REST needs a byte offset.");
+    int64_t v = 0;
+    std::string why;
+    if (int code = parse_rest(arg, v, why)) {
+        reply(code, why);
         return;
     }
     rest_ = v;
@@ -145,9 +139,10 @@ void Session::cmd_rest(const std::string &arg)
 
 void Session::cmd_allo(const std::string &arg)
 {
-    tarvex_off_t v = 0;
-    if (!parse_offset(arg, v)) {
-        reply(501, "ALLO needs a size in bytes.");
+    int64_t v = 0;
+    std::string why;
+    if (int code = parse_allo(arg, v, why)) {
+        reply(code, why);
         return;
     }
     alloc_ = v;

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <sstream>
 
+#include "parse.h"
 #include "path.h"
 #include "session.h"
 
@@ -193,29 +193,19 @@ void Session::cmd_mlst(const std::string &arg)
 
 void Session::cmd_cksm(const std::string &arg)
 {
-    // CKSM <algorithm> <offset> <length> <path>; length -1 is to the end.
-    std::istringstream in(arg);
-    std::string alg;
-    long long offset = 0;
-    long long length = 0;
-    if (!(in >> alg >> offset >> length) || offset < 0 || length < -1) {
-        reply(501, "Syntax: CKSM <algorithm> <offset> <length> <path>");
+    CksmArgs a;
+    std::string why;
+    if (int code = parse_cksm(arg, a, why)) {
+        reply(code, why);
         return;
     }
-    std::string rest;
-    std::getline(in, rest);
-    size_t start = rest.find_first_not_of(' ');
-    if (start == std::string::npos) {
-        reply(501, "Syntax: CKSM <algorithm> <offset> <length> <path>");
-        return;
-    }
-    std::string path = path_arg(rest.substr(start));
+    std::string path = path_arg(a.path);
     tarvex_gfs_command_info_t info{};
     info.command = TARVEX_GFS_CMD_CKSM;
-    info.pathname = const_cast<char *>(path.c_str());
-    info.cksm_alg = alg.data();
-    info.cksm_offset = offset;
-    info.cksm_length = length;
+    info.pathname = path.data();
+    info.cksm_alg = a.algorithm.data();
+    info.cksm_offset = a.offset;
+    info.cksm_length = a.length;
     std::string response;
     tarvex_result_t r;
     if (!run_command(info, response, r)) {
@@ -223,7 +213,7 @@ void Session::cmd_cksm(const std::string &arg)
         return;
     }
     if (response.empty()) {
-        reply(504, "Checksum algorithm " + alg + " is not supported.");
+        reply(504, "Checksum algorithm " + a.algorithm + " is not supported.");
         return;
     }
     reply(213, response);

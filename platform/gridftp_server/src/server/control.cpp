@@ -10,7 +10,6 @@ namespace tarvex_server {
 namespace {
 
 constexpr int write_timeout_ms = 60000;
-constexpr unsigned char IAC = 255;
 
 } // namespace
 
@@ -24,56 +23,22 @@ ControlChannel::ControlChannel(int fd)
     conn_ = std::make_unique<Conn>(fd);
 }
 
-void ControlChannel::feed(const char *p, size_t n)
-{
-    for (size_t i = 0; i < n; ++i) {
-        auto c = static_cast<unsigned char>(p[i]);
-        if (telnet_state_ == 1) {
-            telnet_state_ = (c >= 251 && c <= 254) ? 2 : 0;
-            if (c == IAC)
-                buf_ += static_cast<char>(c); // IAC IAC is a literal 255
-            continue;
-        }
-        if (telnet_state_ == 2) {
-            telnet_state_ = 0; // the option byte of WILL/WONT/DO/DONT
-            continue;
-        }
-        if (c == IAC) {
-            telnet_state_ = 1;
-            continue;
-        }
-        if (discarding_) {
-            if (c == '\n')
-                discarding_ = false;
-            continue;
-        }
-        buf_ += static_cast<char>(c);
-    }
-}
-
 bool ControlChannel::take_line(std::string &line, Event &ev)
 {
-    size_t nl = buf_.find('\n');
-    if (nl == std::string::npos) {
-        if (buf_.size() <= max_command_line)
-            return false;
-        // Too long: answer once and drop everything up to the next line end.
-        buf_.clear();
-        discarding_ = true;
+    switch (lines_.next(line)) {
+    case LineReader::Event::none:
+        return false;
+    case LineReader::Event::line:
+        ev = Event::line;
+        return true;
+    case LineReader::Event::too_long:
         ev = Event::too_long;
         return true;
-    }
-    if (nl > max_command_line) {
-        buf_.erase(0, nl + 1);
-        ev = Event::too_long;
+    case LineReader::Event::nul:
+        ev = Event::nul;
         return true;
     }
-    line.assign(buf_, 0, nl);
-    buf_.erase(0, nl + 1);
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    ev = line.find('\0') != std::string::npos ? Event::nul : Event::line;
-    return true;
+    return false;
 }
 
 ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, int wake_fd)
@@ -88,7 +53,7 @@ ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, in
         // Try at once (TLS may hold decrypted bytes the socket no longer shows).
         Io r = conn_->read_some(tmp, sizeof tmp, got, 0, -1);
         if (r == Io::ok) {
-            feed(tmp, got);
+            lines_.feed(tmp, got);
             continue;
         }
         if (r == Io::eof)
@@ -115,7 +80,7 @@ ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, in
 
 bool ControlChannel::start_tls(SSL_CTX *ctx, std::string &err)
 {
-    buf_.clear();
+    lines_.clear();
     return conn_->start_tls(ctx, 30000, -1, err) == Io::ok;
 }
 
@@ -149,10 +114,10 @@ bool ControlChannel::reply(int code, std::string_view text)
             out += c + (last ? " " : "-");
         else
             out += ' ';
-        // Names from storage may hold control characters; a CR or LF
-        // inside a line would end it early and forge a reply.
-        for (char ch : lines[k])
-            out += static_cast<unsigned char>(ch) < 0x20 || ch == 0x7f ? '?' : ch;
+        // Names from storage and paths from the client may hold control
+        // characters; a CR or LF inside a line would end it early and forge
+        // a reply.
+        out += printable(lines[k]);
         out += "\r\n";
     }
     return send_raw(out);

@@ -1,7 +1,8 @@
 // The control connection: command lines in, replies out.
 //
-// Lines are read with a hard limit; Telnet commands (IAC sequences, as sent
-// with an urgent ABOR) are stripped; replies may be written from any thread.
+// Lines are taken by a LineReader (parse.h: a hard limit, Telnet commands
+// stripped); replies may be written from any thread, and never carry a
+// control character inside a line.
 #pragma once
 
 #include <memory>
@@ -11,10 +12,9 @@
 #include <vector>
 
 #include "conn.h"
+#include "parse.h"
 
 namespace tarvex_server {
-
-constexpr size_t max_command_line = 4096;
 
 class ControlChannel {
 public:
@@ -38,13 +38,10 @@ public:
 
 private:
     bool take_line(std::string &line, Event &ev);
-    void feed(const char *p, size_t n);
 
     std::unique_ptr<Conn> conn_;
     std::mutex write_mu_; // one reply at a time, whichever thread sends it
-    std::string buf_;     // cleaned bytes not yet taken as lines
-    bool discarding_ = false;
-    int telnet_state_ = 0; // 0 plain, 1 after IAC, 2 after IAC WILL/WONT/DO/DONT
+    LineReader lines_;
 };
 
 } // namespace tarvex_server

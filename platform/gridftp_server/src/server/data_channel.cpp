@@ -161,73 +161,11 @@ bool DataSetup::passive(const Endpoints &ep, bool extended, int low, int high, s
     return true;
 }
 
-bool DataSetup::active(const Endpoints &ep, std::string_view arg, bool extended, std::string &why)
+bool DataSetup::active(const Endpoints &ep, const sockaddr_storage &address, std::string &why)
 {
     reset();
-    sockaddr_storage target{};
-    int port = 0;
-    if (!extended) {
-        unsigned v[6];
-        char tail;
-        std::string a(arg);
-        if (sscanf(a.c_str(), "%u,%u,%u,%u,%u,%u%c", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5],
-                   &tail) != 6) {
-            why = "Syntax: PORT h1,h2,h3,h4,p1,p2";
-            return false;
-        }
-        for (unsigned x : v)
-            if (x > 255) {
-                why = "Syntax: PORT h1,h2,h3,h4,p1,p2";
-                return false;
-            }
-        auto *s4 = reinterpret_cast<sockaddr_in *>(&target);
-        s4->sin_family = AF_INET;
-        s4->sin_addr.s_addr = htonl(v[0] << 24 | v[1] << 16 | v[2] << 8 | v[3]);
-        port = static_cast<int>(v[4] * 256 + v[5]);
-    } else {
-        // |af|address|port| with any printable delimiter
-        if (arg.size() < 7) {
-            why = "Syntax: EPRT |af|address|port|";
-            return false;
-        }
-        char d = arg[0];
-        std::string s(arg.substr(1));
-        size_t p1 = s.find(d);
-        size_t p2 = p1 == std::string::npos ? p1 : s.find(d, p1 + 1);
-        size_t p3 = p2 == std::string::npos ? p2 : s.find(d, p2 + 1);
-        if (p3 == std::string::npos || p3 + 1 != s.size()) {
-            why = "Syntax: EPRT |af|address|port|";
-            return false;
-        }
-        std::string af = s.substr(0, p1);
-        std::string host = s.substr(p1 + 1, p2 - p1 - 1);
-        std::string portstr = s.substr(p2 + 1, p3 - p2 - 1);
-        char *end = nullptr;
-        long pv = strtol(portstr.c_str(), &end, 10);
-        if (portstr.empty() || *end != '\0' || pv < 0 || pv > 65535) {
-            why = "Bad port in EPRT";
-            return false;
-        }
-        port = static_cast<int>(pv);
-        if (af == "1") {
-            auto *s4 = reinterpret_cast<sockaddr_in *>(&target);
-            s4->sin_family = AF_INET;
-            if (inet_pton(AF_INET, host.c_str(), &s4->sin_addr) != 1) {
-                why = "Bad address in EPRT";
-                return false;
-            }
-        } else if (af == "2") {
-            auto *s6 = reinterpret_cast<sockaddr_in6 *>(&target);
-            s6->sin6_family = AF_INET6;
-            if (inet_pton(AF_INET6, host.c_str(), &s6->sin6_addr) != 1) {
-                why = "Bad address in EPRT";
-                return false;
-            }
-        } else {
-            why = "Network protocol not supported, use (1,2)";
-            return false;
-        }
-    }
+    sockaddr_storage target = address;
+    int port = port_of(target);
     if (!same_host(target, ep.peer)) {
         why = "Data connections go only to the client's own address";
         return false;

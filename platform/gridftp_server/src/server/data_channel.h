@@ -27,8 +27,9 @@ public:
 
     // Opens a passive listener; `reply` becomes the 227 or 229 text.
     bool passive(const Endpoints &ep, bool extended, int low, int high, std::string &reply);
-    // Parses "h1,h2,h3,h4,p1,p2" or "|af|addr|port|"; false with a reason.
-    bool active(const Endpoints &ep, std::string_view arg, bool extended, std::string &why);
+    // The client's address of a PORT or EPRT (parse.h); false with a reason
+    // when it is not the client's own host or names a privileged port.
+    bool active(const Endpoints &ep, const sockaddr_storage &target, std::string &why);
 
     bool ready() const { return listen_fd_ >= 0 || have_target_; }
     void reset();

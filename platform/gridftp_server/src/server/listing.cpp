@@ -4,7 +4,8 @@
 
 #include <cstdio>
 #include <cstring>
-#include <sstream>
+
+#include "parse.h"
 
 namespace tarvex_server {
 
@@ -69,24 +70,13 @@ std::string FactSet::feat_list() const
 
 void FactSet::select(const std::string &list)
 {
-    FactSet none{false, false, false, false, false, false};
-    *this = none;
-    std::stringstream ss(list);
-    std::string f;
-    while (std::getline(ss, f, ';')) {
-        if (strcasecmp(f.c_str(), "type") == 0)
-            type = true;
-        else if (strcasecmp(f.c_str(), "size") == 0)
-            size = true;
-        else if (strcasecmp(f.c_str(), "modify") == 0)
-            modify = true;
-        else if (strcasecmp(f.c_str(), "perm") == 0)
-            perm = true;
-        else if (strcasecmp(f.c_str(), "unique") == 0)
-            unique = true;
-        else if (strcasecmp(f.c_str(), "UNIX.mode") == 0)
-            unix_mode = true;
-    }
+    unsigned mask = parse_fact_list(list);
+    type = mask & fact_type;
+    size = mask & fact_size;
+    modify = mask & fact_modify;
+    perm = mask & fact_perm;
+    unique = mask & fact_unique;
+    unix_mode = mask & fact_unix_mode;
 }
 
 namespace {

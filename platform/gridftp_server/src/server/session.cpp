@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "parse.h"
 #include "path.h"
 #include "provider.h"
 
@@ -25,15 +26,6 @@ void free_result(tarvex_result_t result)
 {
     if (result != TARVEX_SUCCESS)
         tarvex_object_free(tarvex_error_get(result));
-}
-
-// The command word of a control line, in capitals.
-std::string verb_of(const std::string &line)
-{
-    std::string verb = line.substr(0, line.find(' '));
-    for (char &ch : verb)
-        ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
-    return verb;
 }
 
 } // namespace
@@ -164,9 +156,7 @@ void Session::dispatch(const std::string &line)
 {
     // The client has read the reply that retired the setup.
     retired_data_.reset();
-    size_t sp = line.find(' ');
-    std::string verb = verb_of(line);
-    std::string arg = sp == std::string::npos ? "" : line.substr(sp + 1);
+    auto [verb, arg] = split_command(line);
 
     auto it = commands().find(verb);
     if (it == commands().end()) {
@@ -282,9 +272,8 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
 
 void Session::reply_busy_line(const std::string &line, PluginCall &c)
 {
-    size_t sp = line.find(' ');
-    std::string verb = verb_of(line);
-    bool has_arg = sp != std::string::npos && line.find_first_not_of(' ', sp) != std::string::npos;
+    auto [verb, arg] = split_command(line);
+    bool has_arg = arg.find_first_not_of(' ') != std::string::npos;
     if (verb == "ABOR" && c.transfer != nullptr) {
         c.transfer->abort(); // answered when the plug-in has stopped
         return;

@@ -136,6 +136,7 @@ private:
     void cmd_epsv(const std::string &arg);
     void cmd_port(const std::string &arg);
     void cmd_eprt(const std::string &arg);
+    void active_data(const std::string &arg, bool extended);
     void cmd_rest(const std::string &arg);
     void cmd_allo(const std::string &arg);
     void cmd_abor(const std::string &arg);

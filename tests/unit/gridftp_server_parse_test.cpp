@@ -1,0 +1,261 @@
+// The server's parsers of client input (command lines, REST, ALLO, CKSM,
+// PORT, EPRT, EPSV, MLST facts) and its escaping of log fields.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "log.h"
+#include "parse.h"
+
+using namespace tarvex_server;
+
+namespace {
+
+using Event = LineReader::Event;
+
+// Every event and line the reader gives for `input` fed in pieces of
+// `step` bytes, draining after each piece as the control channel does.
+std::vector<std::string> read_lines(const std::string &input, size_t step)
+{
+    LineReader r;
+    std::vector<std::string> out;
+    for (size_t i = 0; i < input.size(); i += step) {
+        r.feed(input.data() + i, std::min(step, input.size() - i));
+        std::string line;
+        for (Event ev; (ev = r.next(line)) != Event::none;)
+            out.push_back(ev == Event::line ? line : ev == Event::too_long ? "<long>" : "<nul>");
+    }
+    return out;
+}
+
+const std::string max_line(max_command_line, 'a');
+
+TEST(ServerParse, LineReaderSplitsCleansAndLimitsLines)
+{
+    struct Case {
+        std::string input;
+        std::vector<std::string> lines;
+    } cases[] = {
+        {"NOOP\r\nPWD\n", {"NOOP", "PWD"}},
+        {"NOOP\r", {}},                                          // no line end yet
+        {"\xff\xf4\xff\xf2" "ABOR\r\n", {"ABOR"}},               // Telnet IP, Synch
+        {"\xff\xfb\x01NOOP\r\n", {"NOOP"}},                     // IAC WILL <option>
+        {"STOR a\xff\xff" "b\r\n", {"STOR a\xff" "b"}},          // IAC IAC is 0xFF
+        {std::string("NO\0OP\r\nPWD\r\n", 12), {"<nul>", "PWD"}},
+        {max_line + "\r\nPWD\r\n", {max_line, "PWD"}},           // exactly the limit
+        {max_line + "b\r\nPWD\r\n", {"<long>", "PWD"}},
+        {std::string(20000, 'x') + "\r\nPWD\r\n", {"<long>", "PWD"}},
+        {"a\rb\r\n", {"a\rb"}},                                  // only the last CR goes
+    };
+    for (const auto &c : cases)
+        for (size_t step : {size_t(1), size_t(7), size_t(4096), c.input.size()})
+            EXPECT_EQ(read_lines(c.input, step), c.lines)
+                << "step " << step << ": " << c.input.substr(0, 40);
+}
+
+TEST(ServerParse, LineReaderForgetsBytesSentBeforeTls)
+{
+    LineReader r;
+    r.feed("USER a\r\nPASS", 12);
+    r.clear();
+    r.feed("NOOP\r\n", 6);
+    std::string line;
+    EXPECT_EQ(r.next(line), Event::line);
+    EXPECT_EQ(line, "NOOP");
+    EXPECT_EQ(r.next(line), Event::none);
+}
+
+TEST(ServerParse, CommandWordAndArgument)
+{
+    auto c = split_command("retr a  b");
+    EXPECT_EQ(c.verb, "RETR");
+    EXPECT_EQ(c.arg, "a  b");
+    c = split_command("NOOP");
+    EXPECT_EQ(c.verb, "NOOP");
+    EXPECT_EQ(c.arg, "");
+}
+
+TEST(ServerParse, OffsetsAndSizesAreRangeChecked)
+{
+    const std::string max = std::to_string(max_client_offset);
+    const std::string over = std::to_string(max_client_offset + 1);
+    struct Case {
+        std::string arg;
+        int code;
+        int64_t value;
+    } rest[] = {
+        {"0", 0, 0},
+        {"1099511627776", 0, 1099511627776},
+        {max, 0, max_client_offset},
+        {over, 501, 0},
+        {"9223372036854775807", 501, 0},
+        {"9223372036854775808", 501, 0},
+        {"99999999999999999999999999999999", 501, 0},
+        {"-1", 501, 0},
+        {"+5", 501, 0},
+        {"", 501, 0},
+        {" 5", 501, 0},
+        {"5 ", 501, 0},
+        {"0x10", 501, 0},
+    };
+    for (const auto &c : rest) {
+        int64_t v = -7;
+        std::string why;
+        EXPECT_EQ(parse_rest(c.arg, v, why), c.code) << c.arg;
+        if (c.code == 0) {
+            EXPECT_EQ(v, c.value) << c.arg;
+        } else {
+            EXPECT_FALSE(why.empty()) << c.arg;
+        }
+    }
+    std::string why;
+    int64_t v = 0;
+    EXPECT_EQ(parse_rest("9223372036854775807", v, why), 501);
+    EXPECT_NE(why.find("out of range"), std::string::npos) << why;
+
+    struct AlloCase {
+        std::string arg;
+        int code;
+    } allo[] = {{"100", 0}, {"100 R 10", 0}, {"100 r 10", 0}, {"100 R", 501},
+                {"100 X 5", 501}, {"100 R 5 6", 501}, {over, 501}, {"-5", 501}};
+    for (const auto &c : allo)
+        EXPECT_EQ(parse_allo(c.arg, v, why), c.code) << c.arg;
+}
+
+TEST(ServerParse, ChecksumArguments)
+{
+    const std::string max = std::to_string(max_client_offset);
+    CksmArgs a;
+    std::string why;
+    ASSERT_EQ(parse_cksm("MD5 0 -1 /a  b", a, why), 0) << why;
+    EXPECT_EQ(a.algorithm, "MD5");
+    EXPECT_EQ(a.offset, 0);
+    EXPECT_EQ(a.length, -1);
+    EXPECT_EQ(a.path, "/a  b");
+    // The largest range: its last byte still fits in a signed 64-bit offset.
+    ASSERT_EQ(parse_cksm("SHA1 " + max + " " + max + " x", a, why), 0) << why;
+    EXPECT_GT(a.offset + a.length - 1, a.offset);
+    for (const char *bad : {"MD5 0 -2 /x", "MD5 -1 10 /x", "MD5 0 10", "MD5 0 10 ", "MD5",
+                            "MD5 0 99999999999999999999 /x", "MD5 a 1 /x", "MD5 0 10 /a\rb"})
+        EXPECT_EQ(parse_cksm(bad, a, why), 501) << bad;
+}
+
+std::string address_of(const sockaddr_storage &sa)
+{
+    char host[INET6_ADDRSTRLEN] = "";
+    int port;
+    if (sa.ss_family == AF_INET) {
+        auto *s4 = reinterpret_cast<const sockaddr_in *>(&sa);
+        inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
+        port = ntohs(s4->sin_port);
+    } else {
+        auto *s6 = reinterpret_cast<const sockaddr_in6 *>(&sa);
+        inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
+        port = ntohs(s6->sin6_port);
+    }
+    return std::string(host) + " " + std::to_string(port);
+}
+
+TEST(ServerParse, DataAddresses)
+{
+    struct Case {
+        bool extended;
+        std::string arg;
+        int code;
+        std::string address;
+    } cases[] = {
+        {false, "127,0,0,1,4,1", 0, "127.0.0.1 1025"},
+        {false, "255,255,255,255,255,255", 0, "255.255.255.255 65535"},
+        {false, "127,0,0,1,256,1", 501, ""},
+        {false, "127,0,0,1,4", 501, ""},
+        {false, "127,0,0,1,4,1,5", 501, ""},
+        {false, "4294967297,0,0,1,4,1", 501, ""},
+        {false, "-1,0,0,1,4,1", 501, ""},
+        {false, "127,0,0,1,4,1 ", 501, ""},
+        {false, "127,,0,1,4,1", 501, ""},
+        {true, "|1|127.0.0.1|5000|", 0, "127.0.0.1 5000"},
+        {true, "|2|::1|5000|", 0, "::1 5000"},
+        {true, "!1!10.0.0.1!65535!", 0, "10.0.0.1 65535"},
+        {true, "|3|x|1|", 522, ""},
+        {true, "|1|127.0.0.1|65536|", 501, ""},
+        {true, "|1|127.0.0.1|99999999999999999999|", 501, ""},
+        {true, "|1|127.0.0.1|-1|", 501, ""},
+        {true, "|1|300.0.0.1|5000|", 501, ""},
+        {true, "|1|127.0.0.1|5000", 501, ""},
+        {true, "|1|127.0.0.1|5000|x", 501, ""},
+        {true, " 1 127.0.0.1 5000 ", 501, ""},
+        {true, "|2|" + std::string(100, ':') + "|5000|", 501, ""},
+    };
+    for (const auto &c : cases) {
+        sockaddr_storage sa{};
+        std::string why;
+        int code = c.extended ? parse_eprt(c.arg, sa, why) : parse_port(c.arg, sa, why);
+        EXPECT_EQ(code, c.code) << c.arg;
+        if (code == 0) {
+            EXPECT_EQ(address_of(sa), c.address) << c.arg;
+        }
+    }
+
+    struct EpsvCase {
+        std::string arg;
+        int code;
+        EpsvArg which;
+    } epsv[] = {{"", 0, EpsvArg::any},    {"1", 0, EpsvArg::ipv4},
+                {"2", 0, EpsvArg::ipv6},  {"all", 0, EpsvArg::all},
+                {"3", 522, EpsvArg::any}, {"99999999999999999999", 522, EpsvArg::any},
+                {"foo", 501, EpsvArg::any}};
+    for (const auto &c : epsv) {
+        EpsvArg which = EpsvArg::any;
+        std::string why;
+        EXPECT_EQ(parse_epsv(c.arg, which, why), c.code) << c.arg;
+        if (c.code == 0) {
+            EXPECT_EQ(which, c.which) << c.arg;
+        }
+    }
+}
+
+TEST(ServerParse, NamesFactsAndReplyText)
+{
+    std::string why;
+    EXPECT_EQ(check_argument("/dir/\xc3\xa4 b.txt", why), 0);
+    for (const std::string &bad :
+         std::vector<std::string>{"/a\rb", "/a\x1b[2J", "/a\x7f", std::string("/a\0b", 4)})
+        EXPECT_EQ(check_argument(bad, why), 501);
+
+    EXPECT_EQ(parse_fact_list("type;size;"), unsigned(fact_type | fact_size));
+    EXPECT_EQ(parse_fact_list("TYPE;unix.MODE;bogus;;perm"),
+              unsigned(fact_type | fact_unix_mode | fact_perm));
+    EXPECT_EQ(parse_fact_list(""), 0u);
+
+    EXPECT_EQ(printable("a\rb\n\x1b\xff" "c\xc3\xa4"), "a?b???c\xc3\xa4");
+}
+
+TEST(ServerLog, FieldsAreEscaped)
+{
+    struct Case {
+        std::string in;
+        std::string out;
+    } cases[] = {
+        {"alice", "alice"},
+        {"a b/c.txt", "a b/c.txt"},
+        {"x\r\n226 ok", "x\\x0d\\x0a226 ok"},
+        {"\x1b[31mred", "\\x1b[31mred"},
+        {"back\\slash", "back\\\\slash"},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
+        {"\xc2\x9b" "1m", "\\xc2\\x9b1m"},  // C1 CSI in UTF-8
+        {"\xff\xfe", "\\xff\\xfe"},
+        {"\xc0\xaf", "\\xc0\\xaf"},         // overlong '/'
+        {"\xed\xa0\x80", "\\xed\\xa0\\x80"}, // a surrogate
+        {"\xe2\x82", "\\xe2\\x82"},         // cut short
+        {std::string("n\0l", 3), "n\\x00l"},
+        {"\x7f", "\\x7f"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(log_field(c.in), c.out) << c.in;
+}
+
+} // namespace
