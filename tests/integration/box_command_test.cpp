@@ -6,11 +6,11 @@
 #include <openssl/md5.h>
 #include <openssl/sha.h>
 
-#include <atomic>
-#include <chrono>
+#include <algorithm>
 #include <thread>
 
 #include "box_session_support.h"
+#include "box_wait.h"
 #include "tarvex_box_raii.h"
 
 namespace box_session_test {
@@ -99,7 +99,7 @@ protected:
         auto answers = driver_.events(tarvex_test::event_kind::command);
         EXPECT_EQ(answers.size(), 1u);
         text_ = answers.empty() ? std::nullopt : answers[0].text;
-        return tarvex_test::ftp_reply(result);
+        return take_reply(result);
     }
     tarvex_box_path_info_t *cached(const std::string &path)
     {
@@ -194,7 +194,7 @@ TEST_F(command_test, RetryableFailuresAreTriedExactlyTwice)
 
     tarvex_dsi_rest_close_connections();
     fault("POST", "/metadata/", 2, R"("drop":true)");
-    EXPECT_NE(tarvex_i_box_set_metadata(session_, cached("/f.txt"), "k", "v"), TARVEX_SUCCESS);
+    EXPECT_NE(take_reply(tarvex_i_box_set_metadata(session_, cached("/f.txt"), "k", "v")), "");
     EXPECT_EQ(requests_made().size(), 2u);
     EXPECT_FALSE(cached("/f.txt")->has_metadata);
 
@@ -383,44 +383,49 @@ TEST_F(command_test, ChecksumOfARangeRecordsNothing)
 
 TEST_F(command_test, AnExplicitLengthRepeatsItsRangeUntilARequestFails)
 {
-    std::atomic<bool> done{false};
     std::string reply;
-    std::thread command([&] {
-        reply = cksm("MD5", "/f.txt", 0, 10);
-        done = true;
-    });
+    std::thread command([&] { reply = cksm("MD5", "/f.txt", 0, 10); });
     /* Two downloads of the range, then Box stops answering. */
-    size_t downloads = 0;
-    std::vector<log_entry> log;
-    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-         downloads < 2 && std::chrono::steady_clock::now() < deadline;) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        log = emulator().log();
-        downloads = 0;
-        for (const auto &e : log)
-            downloads += e.path.rfind("/d/", 0) == 0 && e.header("Range") == "bytes=0-9";
-    }
+    auto range_downloads = [] {
+        size_t count = 0;
+        for (const auto &e : emulator().log())
+            count += e.path.rfind("/d/", 0) == 0 && e.header("Range") == "bytes=0-9";
+        return count;
+    };
+    EXPECT_TRUE(tarvex_test::eventually([&] { return range_downloads() >= 2; }));
     fault("GET", "/content$", -1, R"("status":404,"body":null)");
     command.join();
-    EXPECT_GE(downloads, 2u);
-    EXPECT_TRUE(done);
     EXPECT_EQ(reply.rfind("550 PATH_NOT_FOUND", 0), 0u);
 }
 
+/* Progress replies go out at the interval the server asks for and carry
+ * the bytes hashed so far: none yet while Box is slow to name where the
+ * bytes are, then more and more as they come in.  The throttled download
+ * of 59999 bytes lasts 2.95 s at least, so replies with bytes are due. */
 TEST_F(command_test, ProgressRepliesCarryTheBytesHashedSoFar)
 {
     seed(R"([{"path":"/e/slow.bin","size":60000}])");
-    fault("GET", "^/d/", 1, R"("throttle_bps":20000)");
     driver_.set_update_interval(1);
-    EXPECT_EQ(cksm("SHA1", "/e/slow.bin", 1, -1), "");
-    auto progress = driver_.events(tarvex_test::event_kind::command_intermediate);
-    ASSERT_GE(progress.size(), 1u);
-    long last = 0;
-    for (const auto &p : progress) {
-        long bytes = std::stol(p.text.value_or("0"));
-        EXPECT_GT(bytes, last);
-        EXPECT_LE(bytes, 59999);
-        last = bytes;
+    for (bool slow_location : {false, true}) {
+        SCOPED_TRACE(slow_location ? "content request slower than the interval" : "throttled");
+        fault("GET", "^/d/", 1, R"("throttle_bps":20000)");
+        if (slow_location)
+            fault("GET", "/content$", 1, R"("delay_ms":1100)");
+        EXPECT_EQ(cksm("SHA1", "/e/slow.bin", 1, -1), "");
+        std::vector<long> bytes;
+        std::string seen;
+        for (const auto &p : driver_.events(tarvex_test::event_kind::command_intermediate)) {
+            bytes.push_back(std::stol(p.text.value_or("-1")));
+            seen += " " + std::to_string(bytes.back());
+        }
+        ASSERT_FALSE(bytes.empty());
+        EXPECT_TRUE(std::is_sorted(bytes.begin(), bytes.end())) << seen;
+        EXPECT_GE(bytes.front(), 0) << seen;
+        EXPECT_GT(bytes.back(), 0) << seen;
+        EXPECT_LE(bytes.back(), 59999) << seen;
+        if (slow_location) {
+            EXPECT_EQ(bytes.front(), 0) << seen;
+        }
     }
 }
 

@@ -16,7 +16,6 @@ namespace box_session_test {
 namespace {
 
 using tarvex_test::event_kind;
-using tarvex_test::ftp_reply;
 using tarvex_test::pattern;
 using range_list = std::vector<std::pair<tarvex_off_t, tarvex_off_t>>;
 
@@ -43,7 +42,7 @@ protected:
     {
         for (const auto &[offset, length] : ranges)
             driver_.add_read_range(offset, length);
-        return ftp_reply(driver_.send(&box_table, session_, path));
+        return take_reply(driver_.send(&box_table, session_, path));
     }
     void fault_content(const std::string &fields)
     {

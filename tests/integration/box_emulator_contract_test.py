@@ -5,6 +5,7 @@ documented shape."""
 
 import json
 import os
+import sys
 import unittest
 from urllib.parse import urlencode
 
@@ -15,12 +16,20 @@ from emulator_process import PART, REQUESTS, EmulatorCase, digest, pattern, uplo
 UNDOCUMENTED_CODES = {"rate_limit_exceeded", "bad_digest", "file_size_limit_exceeded"}
 FRAMING_HEADERS = {"content-length", "transfer-encoding"}
 HAVE_API = os.path.exists(openapi_path())
+# Without Box's API description nothing here is checked.  That is said where
+# any runner shows it, and run as a program the suite then exits with
+# SKIPPED, which ctest reports as a skipped test instead of a pass.
+SKIPPED = 77
+MISSING_API = ("Box's API description is missing: %s (set TARVEX_BOX_OPENAPI); the request "
+               "tables and the emulator's answers are NOT checked against it" % openapi_path())
+if not HAVE_API:
+    sys.stderr.write("*** %s\n" % MISSING_API)
 with open(os.path.join(os.path.dirname(os.path.abspath(__file__)),
                        "box_credential_requests.json")) as f:
     CREDENTIAL_REQUESTS = json.load(f)["requests"]
 
 
-@unittest.skipUnless(HAVE_API, "box-openapi.json not available")
+@unittest.skipUnless(HAVE_API, MISSING_API)
 class RequestTableTest(unittest.TestCase):
     def test_every_request_is_documented(self):
         api = OpenApi()
@@ -57,7 +66,7 @@ class RequestTableTest(unittest.TestCase):
                         self.assertIn(top, folder_props, field)
 
 
-@unittest.skipUnless(HAVE_API, "box-openapi.json not available")
+@unittest.skipUnless(HAVE_API, MISSING_API)
 class CredentialRequestTableTest(unittest.TestCase):
     def test_every_helper_request_is_documented(self):
         api = OpenApi()
@@ -88,7 +97,7 @@ class CredentialRequestTableTest(unittest.TestCase):
                                                       ["application/json"]["schema"]))
 
 
-@unittest.skipUnless(HAVE_API, "box-openapi.json not available")
+@unittest.skipUnless(HAVE_API, MISSING_API)
 class AnswerSchemaTest(EmulatorCase):
     @classmethod
     def setUpClass(cls):
@@ -230,4 +239,5 @@ class AnswerSchemaTest(EmulatorCase):
 
 
 if __name__ == "__main__":
-    unittest.main()
+    outcome = unittest.main(exit=False).result
+    sys.exit(1 if not outcome.wasSuccessful() else 0 if HAVE_API else SKIPPED)

@@ -87,6 +87,7 @@ TEST_F(request_test, NotFoundWithABoxBodyIsNotRetried)
     EXPECT_EQ(request_.attempts_made, 1);
     EXPECT_EQ(request_.json, nullptr);
     EXPECT_EQ(take_requests().size(), 1u);
+    tarvex_error_discard(result);
 }
 
 TEST_F(request_test, RetryableTransportFailureUsesTheBudget)
@@ -106,6 +107,7 @@ TEST_F(request_test, RetryableTransportFailureUsesTheBudget)
     EXPECT_TRUE(tarvex_dsi_rest_error_is_retryable(result));
     EXPECT_EQ(request_.attempts_made, 3);
     EXPECT_EQ(take_requests().size(), 3u);
+    tarvex_error_discard(result);
 }
 
 } // namespace

@@ -112,10 +112,8 @@ TEST_F(listing_test, AMarkerSeenBeforeEndsTheListing)
                                    R"({"entries":[],"next_marker":""})"}) {
         emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + ids["/loop"] +
                          R"(/items$","count":-1,"status":200,"body":)" + page + "}");
-        tarvex_result_t result = driver_.stat(&box_table, session_, "/loop", false);
-        EXPECT_NE(tarvex_test::ftp_reply(result).find("repeated a listing marker"),
-                  std::string::npos)
-            << tarvex_test::ftp_reply(result);
+        std::string reply = take_reply(driver_.stat(&box_table, session_, "/loop", false));
+        EXPECT_NE(reply.find("repeated a listing marker"), std::string::npos) << reply;
         EXPECT_EQ(take_requests().size(), 2u);
         emulator().control("DELETE", "/_emulator/faults");
     }

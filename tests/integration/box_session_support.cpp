@@ -1,13 +1,9 @@
 #include "box_session_support.h"
 
-#include <pwd.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdint>
 #include <memory>
-#include <thread>
 
 #include "box_scratch.h"
 
@@ -17,19 +13,21 @@ namespace {
 class environment : public ::testing::Environment {
     void SetUp() override
     {
-        home_dot_existed();
         ASSERT_EQ(tarvex_module_activate(&tarvex_i_box_common_module), 0);
         tarvex_box_set_bases(emulator().api_base().c_str(), emulator().upload_base().c_str());
         scratch_ = std::make_unique<tarvex_test::box_scratch>();
+        const std::string home = scratch_->dir() + "/home";
+        ASSERT_EQ(mkdir(home.c_str(), 0700), 0);
+        home_ = std::make_unique<tarvex_test::box_home>(home);
     }
     void TearDown() override
     {
+        home_.reset();
         scratch_.reset();
         tarvex_module_deactivate(&tarvex_i_box_common_module);
-        if (!home_dot_existed())
-            rmdir(home_dot().c_str()); /* every session start makes it; only when empty */
     }
     std::unique_ptr<tarvex_test::box_scratch> scratch_;
+    std::unique_ptr<tarvex_test::box_home> home_;
 };
 
 [[maybe_unused]] ::testing::Environment *const registered =
@@ -56,25 +54,21 @@ tarvex_test::BoxEmulator &emulator()
 
 std::string home_dot()
 {
-    const struct passwd *pw = getpwuid(getuid());
-    return std::string(pw ? pw->pw_dir : "") + "/.tarvex";
-}
-
-bool home_dot_existed()
-{
-    static const bool existed = access(home_dot().c_str(), F_OK) == 0;
-    return existed;
+    return tarvex_test::box_home::dir() + "/.tarvex";
 }
 
 std::vector<log_entry> take_requests()
 {
     std::vector<log_entry> log = emulator().log();
-    for (size_t seen = SIZE_MAX; seen != log.size(); log = emulator().log()) {
-        seen = log.size();
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-    }
     emulator().clear_log();
     return log;
+}
+
+std::string take_reply(tarvex_result_t result)
+{
+    std::string reply = tarvex_test::ftp_reply(result);
+    tarvex_error_discard(result);
+    return reply;
 }
 
 strings listings()
@@ -113,7 +107,10 @@ tarvex_box_session_t *session_test::start(const std::string &user_id)
     driver_.set_config("creds", R"({"access_token":"test-token","token_expiry":)"
                                 R"("2099-01-01T00:00:00.000000+00:00","sub":")" +
                                     user_id + R"(","max_upload":53687091200})");
-    return session_ = static_cast<tarvex_box_session_t *>(driver_.start(&box_table, "alice"));
+    session_ = static_cast<tarvex_box_session_t *>(driver_.start(&box_table, "alice"));
+    if (session_ == nullptr)
+        tarvex_error_discard(driver_.last_result()); /* its reply is in the event */
+    return session_;
 }
 
 void session_test::script_page(const std::string &id, const std::string &page)

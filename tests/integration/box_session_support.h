@@ -1,7 +1,8 @@
 /*
  * Shared set-up of the Box session and request tests: one emulator per test
- * program, the plug-in pointed at it with its pacing files in a scratch
- * directory, a driver per test, and readers of the emulator's request log.
+ * program, the plug-in pointed at it with its pacing files and its "$HOME"
+ * in a scratch directory, a driver per test, and readers of the emulator's
+ * request log.
  */
 #ifndef TARVEX_BOX_SESSION_SUPPORT_H
 #define TARVEX_BOX_SESSION_SUPPORT_H
@@ -24,13 +25,16 @@ using strings = std::vector<std::string>;
 tarvex_test::BoxEmulator &emulator();
 /* The plug-in's table as the server would hold it. */
 extern const tarvex_gfs_storage_iface_t box_table;
-/* "$HOME/.tarvex" of the password entry, and whether it was there before
- * this program started (the program removes it again if it was not). */
+/* "$HOME/.tarvex" as the plug-in sees it: in this program's scratch home,
+ * made by every session start. */
 std::string home_dot();
-bool home_dot_existed();
-/* The emulator's requests since the last call (it logs a request just
- * after answering it, so this waits until the log is still). */
+/* The emulator's requests since the last call.  The emulator logs a
+ * request before its answer goes out (and before it drops a connection), so
+ * every request whose answer the code under test has had is there; call it
+ * while none of its requests is in flight. */
 std::vector<log_entry> take_requests();
+/* The result as its FTP reply ("" for success); its error is released. */
+std::string take_reply(tarvex_result_t result);
 /* The folder ids of the listing requests among take_requests() (other
  * requests as ""). */
 strings listings();

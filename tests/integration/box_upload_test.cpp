@@ -121,7 +121,7 @@ protected:
                       bool truncate = true)
     {
         d.clear_events();
-        d.recv(&box_table, session_, path, alloc_size, truncate);
+        tarvex_error_discard(d.recv(&box_table, session_, path, alloc_size, truncate));
         auto finished = d.events(event_kind::finished_transfer);
         EXPECT_EQ(finished.size(), 1u) << path;
         return finished.empty() ? "<no answer>" : finished[0].reply;

@@ -107,6 +107,20 @@ class EmulatorCase(unittest.TestCase):
         self.emu.control("POST", "reset")
 
 
+def wait_for(condition, timeout=60.0, interval=0.02):
+    """Polls condition() until it gives a true value, which is returned;
+    AssertionError after `timeout` seconds (a deadline far beyond what the
+    condition needs, so that only a broken test meets it)."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError("condition not met within %g s" % timeout)
+        time.sleep(interval)
+
+
 def pattern(offset, length):
     """The emulator's synthetic content: byte i is i % 251."""
     return bytes((offset + i) % 251 for i in range(length))

@@ -18,9 +18,6 @@
 #include "box_scratch.h"
 #include "tarvex_box_common.h"
 
-extern "C" int (*tarvex_i_box_getpwuid_r)(uid_t, struct passwd *, char *, size_t,
-                                         struct passwd **);
-
 namespace {
 
 class BoxFrameSession : public ::testing::Test {
