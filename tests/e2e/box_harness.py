@@ -14,6 +14,7 @@ import http.client
 import io
 import json
 import os
+import shlex
 import shutil
 import socket
 import ssl
@@ -31,6 +32,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 EMULATOR = os.environ.get("TARVEX_BOX_EMULATOR") or os.path.join(
     HERE, "..", "..", "tools", "box-emulator", "box_emulator.py")
 HOME_PRELOAD = os.environ.get("TARVEX_E2E_HOME_PRELOAD", "")
+BOX_CREDENTIAL = os.environ.get("TARVEX_BOX_CREDENTIAL", "")
 TOKEN = "test-token"
 MIB = 1 << 20
 # Announced sizes above this take the plug-in's chunked upload.
@@ -265,6 +267,47 @@ class CredentialHelper:
             return []
         with open(self.calls) as f:
             return [tuple(line.split()) for line in f if line.strip()]
+
+
+class BoxCredentialTool(CredentialHelper):
+    """tarvex-box-credential as the server's creds and renew-creds commands
+    (`tool.args` and `tool.env` go to BoxServer as `creds`), keeping its
+    state under `folder` and asking the emulator's token endpoint and API,
+    TLS verified with the emulator's CA.  Every call the server makes is
+    noted in the calls file first: call_log() gives [("creds",), ...].
+    A CredentialHelper, so that BoxServer hands the server its commands."""
+
+    def __init__(self, emulator, folder):
+        self.emulator = emulator
+        self.state_dir = os.path.join(folder, "credential-state")
+        self.calls = os.path.join(folder, "credential-calls")
+        self.settings = ["--state-dir", self.state_dir,
+                         "--token-url", emulator.base + "/oauth2/token",
+                         "--api-base", emulator.base]
+        self.env = {}
+        # The server's preloads (the sanitizer runtime among them) are for
+        # the server: the helper runs without them.
+        helper = " ".join(shlex.quote(a) for a in [BOX_CREDENTIAL] + self.settings)
+        self.args = []
+        for key, flags in (("creds", ""), ("renew-creds", "--renew ")):
+            command = 'echo %s >> %s; env -u LD_PRELOAD %s %s"$TARVEX_USER"' % (
+                key, shlex.quote(self.calls), helper, flags)
+            self.args += ["--config-command", key + "=" + command]
+
+    def run(self, *args):
+        env = dict(os.environ, TARVEX_DSI_REST_CA_FILE=self.emulator.ca or "")
+        env.pop("LD_PRELOAD", None)
+        return run([BOX_CREDENTIAL] + self.settings + list(args), timeout=60, env=env)
+
+    def enrol(self, user, client_file, refresh_token):
+        r = self.run("--enrol", user, "--client", client_file, "--refresh-token", refresh_token)
+        if r.returncode != 0:
+            raise AssertionError("enrolment failed: " + r.stderr)
+        return r
+
+    def stored(self, user):
+        with open(os.path.join(self.state_dir, user, "credential.json")) as f:
+            return json.load(f)
 
 
 def expiry_text(epoch):

@@ -1,0 +1,134 @@
+"""The Box plug-in with its credential from tarvex-box-credential: the server
+runs the helper for "creds" and "renew-creds", the helper asks the
+emulator's token endpoint (HTTPS, verified with the test CA), and a session
+whose first token runs out renews it on the way.  Nothing secret reaches
+the server's log, whatever the debug settings."""
+import json
+import os
+import tempfile
+import unittest
+
+from box_harness import (BOX_CREDENTIAL, CRASH_SIGNS, BoxCredentialTool, BoxTest, reply_of,
+                         wait_for)
+
+CLIENT = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
+# The plug-in asks for renew-creds when fewer than 100 s remain: a first
+# token of 120 s is renewed by an operation about 20 s into the session.
+FIRST_LIFETIME = 120
+
+
+@unittest.skipUnless(BOX_CREDENTIAL and os.path.exists(BOX_CREDENTIAL),
+                     "TARVEX_BOX_CREDENTIAL not built")
+class CredentialHelperSession(BoxTest):
+    https = True
+
+    def setUp(self):
+        super().setUp()
+        self.emu.control("POST", "oauth", {
+            "clients": [CLIENT], "users": [{"id": "4242", "max_upload_size": 1 << 30}],
+            "refresh_tokens": [{"refresh_token": "r-e2e-first", "client_id": CLIENT["client_id"],
+                                "user_id": "4242"}],
+            "next_lifetimes": [FIRST_LIFETIME]})
+        # Each test keeps the helper's state, calls and logs apart.
+        self.folder = tempfile.mkdtemp(dir=self.work)
+        client = os.path.join(self.folder, "client.json")
+        with open(client, "w") as f:
+            json.dump(CLIENT, f)
+        os.chmod(client, 0o600)
+        self.tool = BoxCredentialTool(self.emu, self.folder)
+        self.tool.enrol("anonymous", client, "r-e2e-first")
+
+    def api_tokens(self):
+        """The bearer token of every API request, in order."""
+        return [e["headers"]["authorization"].split()[-1] for e in self.emu.log()
+                if e["path"].startswith("/2.0/") and e["path"] != "/2.0/users/me"]
+
+    def secrets(self):
+        doc = self.tool.stored("anonymous")
+        return {"access token": doc["access_token"], "refresh token": doc["refresh_token"],
+                "enrolment refresh token": "r-e2e-first",
+                "client secret": CLIENT["client_secret"]}
+
+    def start_logging_server(self, box_levels, rest_levels):
+        """A server using the helper whose plug-in and REST client write
+        their debug lines to files of their own: {name: path}, the
+        server's log (with the helper's standard error) among them."""
+        logs = {"plug-in debug": os.path.join(self.folder, "box-debug.log"),
+                "REST client debug": os.path.join(self.folder, "rest-debug.log")}
+        for path in logs.values():
+            open(path, "w").close()
+        server = self.start_server(creds=self.tool, env={
+            "TARVEX_BOX_DEBUG": box_levels + "," + logs["plug-in debug"],
+            "TARVEX_DSI_REST_DEBUG": rest_levels + "," + logs["REST client debug"]})
+        self.addCleanup(server.stop)
+        logs["server"] = server.log_path
+        return server, logs
+
+    def assertNoSecrets(self, logs, secrets):
+        """No secret in any log; each log shows it was written to."""
+        texts = {}
+        for name, path in logs.items():
+            with open(path, errors="replace") as f:
+                texts[name] = f.read()
+        self.assertIn("box: TRACE", texts["plug-in debug"])
+        self.assertIn("/2.0/folders/", texts["REST client debug"])
+        for sign in CRASH_SIGNS:
+            self.assertNotIn(sign, texts["server"])
+        leaks = {}
+        for log, text in texts.items():
+            for name, value in secrets.items():
+                lines = [line.replace(value, "<%s>" % name)
+                         for line in text.splitlines() if value in line]
+                if lines:
+                    leaks["%s in the %s log" % (name, log)] = lines[:2]
+        self.assertEqual(leaks, {})
+
+    def test_session_renews_through_the_helper_and_logs_no_secret(self):
+        secrets = self.secrets()
+        first = secrets["access token"]
+        # Every level of the plug-in's debug output; the REST client's
+        # every level but its trace (see the next test).
+        server, logs = self.start_logging_server("ALL", "ERROR|WARN|INFO|DEBUG")
+        self.emu.seed({"path": "/keep/a.txt", "content": "hello"})
+        f = server.ftp()
+        self.addCleanup(f.close)
+        self.assertEqual(f.size("/keep/a.txt"), 5)
+
+        def renewed():
+            self.assertEqual(reply_of(f.sendcmd, "MDTM /keep/a.txt")[:4], "213 ")
+            return len(self.tool.call_log()) > 1
+        wait_for(renewed, "the session to ask for renew-creds", timeout=FIRST_LIFETIME, step=1.0)
+        self.assertEqual(f.mkd("/after"), "/after")
+        self.assertEqual(self.tool.call_log(), [("creds",), ("renew-creds",)])
+
+        renewal = self.secrets()
+        second = renewal["access token"]
+        self.assertNotEqual(second, first)
+        self.assertEqual([e["status"] for e in self.emu.log() if e["path"] == "/oauth2/token"],
+                         [200, 200])
+        # Every API request carried the first token until the renewal, then
+        # the second; the folder made after it, the second.
+        tokens = self.api_tokens()
+        self.assertEqual(tokens, sorted(tokens, key=[first, second].index))
+        self.assertEqual((tokens[0], tokens[-1]), (first, second))
+        self.assertEqual([e for e in self.emu.log() if e["status"] == 401], [])
+        self.assertIn("/after", self.paths())
+        self.assertNoSecrets(logs, dict(secrets, **{"second " + k: v
+                                                     for k, v in renewal.items()}))
+
+    # The REST client's trace level turns on libcurl's verbose output,
+    # which prints every request header, "Authorization: Bearer <token>"
+    # included (platform/dsi_rest/src/request.cpp, set_transport).  Drop
+    # the mark once the trace leaves the token out.
+    @unittest.expectedFailure
+    def test_rest_client_trace_keeps_the_token_out(self):
+        secrets = self.secrets()
+        server, logs = self.start_logging_server("ALL", "ALL")
+        f = server.ftp()
+        self.addCleanup(f.close)
+        self.assertEqual(f.mkd("/made"), "/made")
+        self.assertNoSecrets(logs, secrets)
+
+
+if __name__ == "__main__":
+    unittest.main()
