@@ -3,6 +3,8 @@
 add_executable(tarvex_dsi_rest_integration_tests
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_request_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_failure_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_json_limit_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_resend_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_stream_test.cpp)
 target_link_libraries(tarvex_dsi_rest_integration_tests PRIVATE
   tarvex_dsi_rest OpenSSL::Crypto Threads::Threads GTest::gtest_main)

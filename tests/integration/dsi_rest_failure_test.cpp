@@ -1,5 +1,9 @@
 // Transport failures and their classification; refused arguments; TLS
 // verification.
+#include <functional>
+#include <new>
+#include <stdexcept>
+
 #include "dsi_rest_fixture.h"
 
 using namespace dsi_rest_test;
@@ -54,6 +58,83 @@ TEST(RestFailure, BadArgumentsAreRefused)
         EXPECT_EQ(ex.error_type(), TARVEX_DSI_REST_ERROR_ARGUMENT) << r.method;
         EXPECT_FALSE(ex.retryable());
     }
+}
+
+// A callback written in C++ may throw: the exception stops at the client's
+// edge (it must never unwind through libcurl) and fails the request as a
+// callback error, and the thread's connection serves the next request.
+TEST(RestFailure, ExceptionsFromCallbacksFailTheRequest)
+{
+    ScriptServer server;
+    ASSERT_TRUE(server.running());
+    struct Thrower {
+        const char *where;
+        std::function<void()> raise;
+    };
+    const Thrower throwers[] = {
+        {"response", [] { throw std::runtime_error("boom"); }},
+        {"read", [] { throw std::bad_alloc(); }},
+        {"write", [] { throw std::runtime_error("boom"); }},
+        {"progress", [] { throw 42; }},
+    };
+    static const Thrower *current = nullptr;
+    for (const Thrower &t : throwers) {
+        SCOPED_TRACE(t.where);
+        current = &t;
+        std::string where = t.where;
+        tarvex_dsi_rest_callbacks_t callbacks{};
+        callbacks.response_callback = [](void *, int, const char *,
+                                         const tarvex_dsi_rest_key_array_t *) -> tarvex_result_t {
+            if (std::string(current->where) == "response")
+                current->raise();
+            return TARVEX_SUCCESS;
+        };
+        callbacks.data_read_callback = [](void *, void *, size_t) -> tarvex_result_t {
+            if (std::string(current->where) == "read")
+                current->raise();
+            return TARVEX_SUCCESS;
+        };
+        callbacks.data_write_callback = [](void *, char *, size_t,
+                                            size_t *written) -> tarvex_result_t {
+            *written = 0;
+            if (std::string(current->where) == "write")
+                current->raise();
+            return TARVEX_SUCCESS;
+        };
+        callbacks.progress_callback = [](void *, uint64_t, uint64_t, uint64_t,
+                                          uint64_t) -> tarvex_result_t {
+            if (std::string(current->where) == "progress")
+                current->raise();
+            return TARVEX_SUCCESS;
+        };
+        tarvex_result_t result = tarvex_dsi_rest_request(
+            "PUT", server.url("/bytes?n=1000").c_str(), nullptr, nullptr, &callbacks);
+        const tarvex_object_t *error = tarvex_error_peek(result);
+        ASSERT_NE(error, nullptr);
+        std::string message = tarvex_error_get_message(error);
+        EXPECT_FALSE(tarvex_dsi_rest_error_is_retryable(result));
+        if (where == "read") { // out of memory
+            EXPECT_EQ(tarvex_error_get_type(error), TARVEX_DSI_REST_ERROR_FATAL);
+            EXPECT_EQ(message, "Out of memory in the read callback");
+        } else {
+            EXPECT_EQ(tarvex_error_get_type(error), TARVEX_DSI_REST_ERROR_CALLBACK);
+            EXPECT_EQ(message.rfind("Exception ", 0), 0u) << message;
+            EXPECT_NE(message.find("the " + where + " callback"), std::string::npos) << message;
+            EXPECT_EQ(message.find("boom") != std::string::npos, where != "progress") << message;
+        }
+        tarvex_error_discard(result);
+        EXPECT_EQ(Exchange({.url = server.url("/echo")}).text("method"), "GET");
+    }
+
+    // The complete callback comes last: its exception cannot change the
+    // result any more, and is dropped.
+    tarvex_dsi_rest_callbacks_t callbacks{};
+    callbacks.complete_callback = [](void *, tarvex_result_t) {
+        throw std::runtime_error("late");
+    };
+    EXPECT_EQ(tarvex_dsi_rest_request("GET", server.url("/echo").c_str(), nullptr, nullptr,
+                                      &callbacks),
+              TARVEX_SUCCESS);
 }
 
 TEST(RestTls, VerifiesAgainstTheConfiguredCa)

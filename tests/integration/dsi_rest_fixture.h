@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -42,6 +43,14 @@ inline std::string make_temp_dir()
     return mkdtemp(pattern) != nullptr ? pattern : "";
 }
 
+/* One line of the scripted server's log: a request once its body was read,
+ * or (method "") the end of connection `conn`. */
+struct LogLine {
+    std::string method, path, body_sha1;
+    int conn = 0;
+    uint64_t body_length = 0;
+};
+
 /* The scripted server (tests/support/http_script_server.py) on a free
  * port; HTTPS when given a certificate and its key.  It ends when its
  * standard input closes, so it never outlives the test. */
@@ -51,7 +60,7 @@ public:
         : dir_(make_temp_dir()), scheme_(cert.empty() ? "http" : "https")
     {
         std::string command = std::string(TARVEX_PYTHON " " TARVEX_HTTP_SCRIPT_SERVER) +
-                              " --port-file " + dir_ + "/port";
+                              " --port-file " + dir_ + "/port --log-file " + dir_ + "/log";
         if (!cert.empty())
             command += " --tls-cert " + cert + " --tls-key " + key;
         pipe_ = popen(command.c_str(), "w");
@@ -65,6 +74,46 @@ public:
         std::filesystem::remove_all(dir_);
     }
     bool running() const { return port_ != 0; }
+    /* Every line logged so far, oldest first. */
+    std::vector<LogLine> log() const
+    {
+        std::vector<LogLine> lines;
+        std::ifstream in(dir_ + "/log");
+        for (std::string text; std::getline(in, text);) {
+            json_t *line = json_loads(text.c_str(), 0, nullptr);
+            auto str = [line](const char *key) {
+                const char *value = json_string_value(json_object_get(line, key));
+                return std::string(value != nullptr ? value : "");
+            };
+            LogLine entry{str("method"), str("path"), str("body_sha1")};
+            json_t *closed = json_object_get(line, "closed");
+            entry.conn = int(json_integer_value(closed ? closed : json_object_get(line, "conn")));
+            entry.body_length = uint64_t(json_integer_value(json_object_get(line, "body_length")));
+            lines.push_back(entry);
+            json_decref(line);
+        }
+        return lines;
+    }
+    /* The requests logged after the first `mark` lines. */
+    std::vector<LogLine> requests_since(size_t mark) const
+    {
+        std::vector<LogLine> lines = log(), requests;
+        for (size_t i = mark; i < lines.size(); i++)
+            if (!lines[i].method.empty())
+                requests.push_back(lines[i]);
+        return requests;
+    }
+    /* Waits until the server has closed connection `conn` (at most 10 s). */
+    bool wait_closed(int conn) const
+    {
+        for (int i = 0; i < 1000; i++) {
+            for (const LogLine &line : log())
+                if (line.method.empty() && line.conn == conn)
+                    return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return false;
+    }
     std::string url(const std::string &path) const
     {
         return scheme_ + "://127.0.0.1:" + std::to_string(port_) + path;
@@ -115,7 +164,7 @@ struct Exchange {
     tarvex_result_t result = TARVEX_SUCCESS;
     tarvex_result_t completed = 1; // what the complete callback was given
     int status = 0;
-    uint64_t uploaded = 0;
+    uint64_t uploaded = 0, downloaded = 0;
     json_t *json = nullptr;
     std::map<std::string, std::string> wanted; // desired header -> value ("" = absent)
 
@@ -147,6 +196,7 @@ struct Exchange {
                                          headers.or_null(), &callbacks);
         status = record.response_code;
         uploaded = record.request_bytes_uploaded;
+        downloaded = record.response_bytes_downloaded;
         for (auto &pair : want)
             wanted[pair.key] = pair.value != nullptr ? pair.value : "";
         tarvex_dsi_rest_response_arg_clear(&record);
@@ -158,6 +208,11 @@ struct Exchange {
         return error != nullptr ? tarvex_error_get_type(error) : 0;
     }
     bool retryable() const { return tarvex_dsi_rest_error_is_retryable(result); }
+    std::string message() const
+    {
+        const tarvex_object_t *error = tarvex_error_peek(result);
+        return error != nullptr ? tarvex_error_get_message(error) : "";
+    }
     std::string cause() const
     {
         const tarvex_object_t *cause = tarvex_error_get_cause(tarvex_error_peek(result));

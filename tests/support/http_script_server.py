@@ -10,10 +10,21 @@
   /stall?ms=M&after=P   sends the head and P bytes of a longer body (P
                         absent: nothing at all), waits M ms and closes
                         (ms=0 and no P: a dropped request)
+  /json?shape=S&n=N&chunked=1
+                        200 with a JSON body: S "string" ({"s":"xx..."}, N
+                        bytes in all), "arrays" ([[],[],...], N bytes) or
+                        "nest" (N arrays inside each other); chunked without
+                        a Content-Length when asked
+Any route with close=1 in its query closes the connection after answering,
+without saying so ("Connection: close" is not sent), as a server does with
+an idle kept-alive connection.
 
 Options: --port-file PATH (written once listening), --tls-cert PEM
---tls-key PEM (serve HTTPS).  Only 127.0.0.1 is served.  The server exits
-when its standard input closes.
+--tls-key PEM (serve HTTPS), --log-file PATH (one JSON line per request,
+written once its body has been read and before it is answered: method,
+path, conn (the client's port), body_length, body_sha1; and {"closed": conn}
+when a connection ends).  Only 127.0.0.1 is served.  The server exits when
+its standard input closes.
 """
 import argparse
 import hashlib
@@ -28,6 +39,34 @@ import urllib.parse
 
 PERIOD = 251
 PATTERN = bytes(i % PERIOD for i in range(PERIOD * 4200))  # ~1 MiB + one period
+
+
+class Log:
+    """The --log-file, shared by the connection threads."""
+    path = None
+    lock = threading.Lock()
+
+    @classmethod
+    def write(cls, record):
+        if cls.path is None:
+            return
+        with cls.lock, open(cls.path, "a") as f:
+            f.write(json.dumps(record) + "\n")
+
+
+def json_pieces(shape, n):
+    """The body of /json in pieces of about 1 MiB, and its exact length."""
+    if shape == "nest":
+        return [b"[" * n, b"]" * n], 2 * n
+    if shape == "arrays":
+        count = max(n // 3, 1)
+        piece = b"[]," * 349525
+        full, rest = divmod(count - 1, 349525)
+        return [b"["] + [piece] * full + [b"[]," * rest, b"[]]"], 3 * count + 1
+    head, tail = b'{"s":"', b'"}'
+    filler = max(n - len(head) - len(tail), 0)
+    full, rest = divmod(filler, 1 << 20)
+    return [head] + [b"x" * (1 << 20)] * full + [b"x" * rest, tail], filler + 8
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -65,7 +104,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
         url = urllib.parse.urlsplit(self.path)
         query = urllib.parse.parse_qs(url.query, keep_blank_values=True)
         body, chunked = self.read_body()
-        getattr(self, "route_" + url.path.strip("/"))(url, query, body, chunked)
+        Log.write({"method": self.command, "path": url.path, "conn": self.client_address[1],
+                   "body_length": len(body), "body_sha1": hashlib.sha1(body).hexdigest()})
+        try:
+            getattr(self, "route_" + url.path.strip("/"))(url, query, body, chunked)
+        except (BrokenPipeError, ConnectionResetError):
+            self.close_connection = True  # the client gave up on a long answer
+        if "close" in query:
+            self.wfile.flush()
+            self.close_connection = True
 
     do_GET = do_PUT = do_POST = do_DELETE = route
 
@@ -96,6 +143,23 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.answer(201, json.dumps({"length": len(body),
                                      "sha1": hashlib.sha1(body).hexdigest()}).encode())
 
+    def route_json(self, url, query, body, chunked):
+        pieces, length = json_pieces(query["shape"][0], int(query["n"][0]))
+        self.send_response(200)
+        self.send_header("Content-Type", "application/json")
+        if "chunked" in query:
+            self.send_header("Transfer-Encoding", "chunked")
+        else:
+            self.send_header("Content-Length", str(length))
+        self.end_headers()
+        self.wfile.flush()
+        for piece in pieces:
+            if "chunked" in query:
+                piece = b"%x\r\n%s\r\n" % (len(piece), piece) if piece else b""
+            self.connection.sendall(piece)
+        if "chunked" in query:
+            self.connection.sendall(b"0\r\n\r\n")
+
     def route_stall(self, url, query, body, chunked):
         if "after" in query:
             sent = int(query["after"][0])
@@ -108,13 +172,33 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
 
 
+class Server(http.server.ThreadingHTTPServer):
+    def handle_error(self, request, client_address):
+        # A client that gives up on an answer (a refused body, a failed
+        # write) resets its connection: nothing to report.
+        if not isinstance(sys.exc_info()[1], (ConnectionResetError, BrokenPipeError)):
+            super().handle_error(request, client_address)
+
+    def shutdown_request(self, request):
+        try:
+            conn = request.getpeername()[1]
+        except OSError:
+            conn = None  # reset by the client
+        super().shutdown_request(request)
+        # Logged once the connection is closed here: a client that reads
+        # this line next finds the connection's end waiting for it.
+        Log.write({"closed": conn})
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--port-file", required=True)
     parser.add_argument("--tls-cert")
     parser.add_argument("--tls-key")
+    parser.add_argument("--log-file")
     options = parser.parse_args()
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+    Log.path = options.log_file
+    server = Server(("127.0.0.1", 0), Handler)
     if options.tls_cert:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(options.tls_cert, options.tls_key)

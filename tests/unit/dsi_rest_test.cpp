@@ -1,5 +1,6 @@
 // Unit tests of the REST client's pure pieces: multipart framing with the
-// boundary of the Content-Type, response-head parsing.
+// boundary of the Content-Type, response-head parsing, the shape of a JSON
+// text as the limits on JSON answers see it.
 #include <gtest/gtest.h>
 
 #include "dsi_rest_internal.h"
@@ -94,6 +95,37 @@ TEST(RestResponseHead, InterimAnswersAreSkippedAndTheFinalHeadDeliveredOnce)
                              "X-Trailer: late\r\n", "\r\n"})
         ASSERT_EQ(header_callback(line.data(), 1, line.size(), &ctx), line.size());
     EXPECT_EQ(seen, "201|HTTP/1.1 201 Created|Location=/x|X-Long=a b\n");
+}
+
+// Depth and weight (objects and arrays 4, strings and bare words 1) of a
+// text, whole and fed one byte at a time: brackets and quotes inside
+// strings, escapes split across pieces, and stray closers count for nothing.
+TEST(RestJsonShape, DepthAndWeightFollowTheTextNotItsStrings)
+{
+    struct Case {
+        std::string text;
+        unsigned depth;
+        uint64_t weight;
+    };
+    const Case cases[] = {
+        {R"({"a":[1,2,{"b":"[{"}]})", 3, 4 + 1 + 4 + 1 + 1 + 4 + 1 + 1},
+        {R"("\"[\\" )", 0, 1},
+        {R"(["\\\"]{", "x"])", 1, 4 + 1 + 1},
+        {"[true, false,null,-1.5e3 ]", 1, 4 + 4},
+        {"[[[[]]]]", 4, 16},
+        {"]]]}[", 1, 4},
+        {"", 0, 0},
+    };
+    for (const Case &c : cases) {
+        JsonShape whole, bytewise;
+        whole.feed(c.text);
+        for (char ch : c.text)
+            bytewise.feed(std::string_view(&ch, 1));
+        for (const JsonShape *shape : {&whole, &bytewise}) {
+            EXPECT_EQ(shape->max_depth(), c.depth) << c.text;
+            EXPECT_EQ(shape->weight(), c.weight) << c.text;
+        }
+    }
 }
 
 } // namespace

@@ -3,7 +3,12 @@
  * libcurl.
  *
  * One call of tarvex_dsi_rest_request() is one HTTP exchange made on the
- * calling thread.  Connections are kept alive and reused between requests
+ * calling thread, and at most one request goes out for it: when a reused
+ * kept-alive connection closes before answering, the call fails with a
+ * retryable TARVEX_DSI_REST_ERROR_TRANSPORT error instead of sending the
+ * request again by itself, so that the caller decides about (and paces)
+ * every attempt, and no body is ever produced or sent twice within a
+ * call.  Connections are kept alive and reused between requests
  * of the same thread, TLS sessions are reused, redirects are never
  * followed (a 302 and its "Location" reach the caller), and bodies are
  * streamed through callbacks.  TLS peer and host verification are always
@@ -140,8 +145,45 @@ enum {
     TARVEX_DSI_REST_ERROR_FATAL = 2,     /* transport failure not worth retrying */
     TARVEX_DSI_REST_ERROR_TIMEOUT = 3,   /* idle time-out (retryable) */
     TARVEX_DSI_REST_ERROR_CALLBACK = 4,  /* a callback failed (not retryable) */
-    TARVEX_DSI_REST_ERROR_ARGUMENT = 5   /* bad arguments */
+    TARVEX_DSI_REST_ERROR_ARGUMENT = 5, /* bad arguments */
+    TARVEX_DSI_REST_ERROR_TOO_LARGE = 6 /* a JSON answer beyond the limits below
+                                           (not retryable) */
 };
+
+/* ---- limits on JSON answers ----
+ *
+ * tarvex_dsi_rest_read_json keeps a body until it is whole and then parses
+ * it, so without limits a server (or anything posing as one) decides how
+ * much memory a session spends: a 66 MB answer cost 488 MB.
+ *
+ * Size: a body holds at most the JSON limit in bytes, 4 MiB by default (a
+ * Box listing page of 300 items is about 90 KB).  It is set by
+ * tarvex_dsi_rest_set_json_limit() or, while no call has set one, by the
+ * environment variable TARVEX_DSI_REST_JSON_LIMIT: a byte count, optionally
+ * followed by K, M or G (KiB, MiB, GiB), such as "16M"; a value that is not
+ * such a count is ignored with a warning.  An answer that announces a
+ * longer body is refused at its first byte, one that sends more is cut off
+ * at the limit: nothing past it is kept.
+ *
+ * Shape: at most 64 levels of nesting, and at most one value per 16 bytes
+ * of the limit, where an object or an array counts as 4 values (parsed, an
+ * empty object costs about 230 bytes for its 3 bytes of text; Box's
+ * answers hold about one value per 9 bytes, so a real answer of up to
+ * about half the limit always fits).  Parsing thus never takes more than
+ * about 7 times the limit.
+ *
+ * An answer beyond any of these fails the request with a
+ * TARVEX_DSI_REST_ERROR_TOO_LARGE error (not retryable), whatever its
+ * status.  The limit is read at the start of each request. */
+#define TARVEX_DSI_REST_JSON_LIMIT_DEFAULT ((size_t)4 << 20)
+#define TARVEX_DSI_REST_JSON_MAX_DEPTH 64
+
+/* Sets the JSON limit in bytes for the whole process; 0 goes back to the
+ * environment variable, or the default. */
+void tarvex_dsi_rest_set_json_limit(size_t bytes);
+
+/* The JSON limit in force. */
+size_t tarvex_dsi_rest_json_limit(void);
 
 /* ---- stock callbacks ---- */
 
@@ -170,7 +212,9 @@ void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg);
 /* Read callback: parses the whole body as JSON into *(json_t **)arg (NULL
  * for an empty body; an unparsable body fails the request with a
  * callback error, except in an answer with status 300 or above, whose
- * status matters more than its page: there it gives NULL). */
+ * status matters more than its page: there it gives NULL).  A body beyond
+ * the limits on JSON answers (above) fails the request with a
+ * TARVEX_DSI_REST_ERROR_TOO_LARGE error. */
 tarvex_result_t tarvex_dsi_rest_read_json(void *read_callback_arg, void *buffer,
                                           size_t buffer_length);
 

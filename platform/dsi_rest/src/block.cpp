@@ -39,10 +39,12 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_block(void *write_callback_arg,
                                                        size_t *bytes_written)
 {
     *bytes_written = 0;
-    RequestContext *ctx = RequestContext::current();
-    if (ctx == nullptr)
-        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                     "tarvex_dsi_rest_write_block called outside a request");
-    *bytes_written = block_writer(*ctx, write_callback_arg)->read(buffer, buffer_length);
-    return TARVEX_SUCCESS;
+    return guard_result(__func__, [&] {
+        RequestContext *ctx = RequestContext::current();
+        if (ctx == nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "tarvex_dsi_rest_write_block called outside a request");
+        *bytes_written = block_writer(*ctx, write_callback_arg)->read(buffer, buffer_length);
+        return TARVEX_SUCCESS;
+    });
 }

@@ -60,22 +60,27 @@ using namespace tarvex_dsi_rest_internal;
 
 extern "C" void tarvex_dsi_rest_set_ca_file(const char *path)
 {
-    std::lock_guard<std::mutex> lock(g_ca_mutex);
-    g_ca_set = path != nullptr;
-    g_ca_file = path != nullptr ? path : "";
+    guard_quiet(__func__, [path] {
+        std::string file = path != nullptr ? path : "";
+        std::lock_guard<std::mutex> lock(g_ca_mutex);
+        g_ca_set = path != nullptr;
+        g_ca_file.swap(file);
+    });
 }
 
 extern "C" void tarvex_dsi_rest_close_connections(void)
 {
-    if (RequestContext::current() != nullptr)
-        return; // the handle is in use by the request that called us
-    if (t_handle.handle != nullptr) {
-        curl_easy_cleanup(t_handle.handle);
-        t_handle.handle = nullptr;
-    }
+    guard_quiet(__func__, [] {
+        if (RequestContext::current() != nullptr)
+            return; // the handle is in use by the request that called us
+        if (t_handle.handle != nullptr) {
+            curl_easy_cleanup(t_handle.handle);
+            t_handle.handle = nullptr;
+        }
+    });
 }
 
 extern "C" uint64_t tarvex_dsi_rest_connections_opened(void)
 {
-    return g_connections.load();
+    return guard_quiet(__func__, uint64_t{0}, [] { return g_connections.load(); });
 }

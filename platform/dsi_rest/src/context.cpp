@@ -32,6 +32,8 @@ void RequestContext::fail(tarvex_result_t result)
 {
     if (failure == TARVEX_SUCCESS)
         failure = result;
+    else if (result != failure)
+        tarvex_error_discard(result); // only the first is reported
 }
 
 void RequestContext::touch()
@@ -64,16 +66,10 @@ tarvex_result_t RequestContext::finish_streams(bool transferred)
         tarvex_result_t result = entry.stream->finish(*this, transferred);
         if (first == TARVEX_SUCCESS)
             first = result;
+        else if (result != first && result != failure)
+            tarvex_error_discard(result); // only the first is reported
     }
     return first;
-}
-
-bool RequestContext::rewind_streams()
-{
-    bool all = true;
-    for (auto &entry : streams_)
-        all = entry.stream->rewind() && all;
-    return all;
 }
 
 } // namespace tarvex_dsi_rest_internal

@@ -68,6 +68,55 @@ tarvex_result_t transport_error(CURLcode code, const char *detail,
 tarvex_result_t adopt_callback_error(tarvex_result_t result, const char *which,
                                      const std::string &url);
 
+/* ---- C edges (errors.cpp) ----
+ *
+ * No C++ exception may unwind into libcurl, the server framework or a C
+ * caller: C code has no cleanup to run on the way, so an exception through
+ * libcurl would leave its handle (and its locks) half way through a
+ * transfer, and where the C frames carry no unwind tables it ends the
+ * process.  Every extern "C" function and every callback handed to libcurl
+ * or to the framework runs its body through one of the guards below
+ * (guard_callback, for libcurl's, follows RequestContext). */
+
+/* The exception being handled as an error of this module (bad_alloc:
+ * FATAL; anything else: CALLBACK).  Only inside a catch block. */
+tarvex_result_t exception_error(const char *where) noexcept;
+/* The exception being handled, logged at ERROR and dropped. */
+void log_exception(const char *where) noexcept;
+
+/* A body returning tarvex_result_t: an exception becomes its result. */
+template <class Body>
+tarvex_result_t guard_result(const char *where, Body &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        return exception_error(where);
+    }
+}
+
+/* A body with nothing to report an error through: an exception is logged
+ * and `fallback` returned. */
+template <class T, class Body>
+T guard_quiet(const char *where, T fallback, Body &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        log_exception(where);
+        return fallback;
+    }
+}
+template <class Body>
+void guard_quiet(const char *where, Body &&body) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+        log_exception(where);
+    }
+}
+
 /* ---- key arrays (key_array.cpp) ---- */
 
 bool header_name_equals(std::string_view a, std::string_view b);
@@ -98,8 +147,9 @@ bool plan_headers(const tarvex_dsi_rest_key_array_t *headers, HeaderPlan *plan);
 class RequestContext;
 
 /* State of a stock body writer or reader for one request.  Readers finish
- * after the transfer (parse the JSON, wait for writes in flight); writers
- * can be rewound when curl must send the body again on a new connection. */
+ * after the transfer (parse the JSON, wait for writes in flight).  A body
+ * is produced once: a request is never sent twice (request.cpp), so no
+ * stream is ever asked to start over. */
 class Stream {
 public:
     virtual ~Stream() = default;
@@ -111,12 +161,9 @@ public:
         (void)transferred;
         return TARVEX_SUCCESS;
     }
-    /* Back to the first byte; false when the data cannot be produced again. */
-    virtual bool rewind() { return false; }
 };
 
-/* A request body held whole in memory: its length is known, and it can be
- * sent again from the start. */
+/* A request body held whole in memory: its length is known in advance. */
 class MemoryBody : public Stream {
 public:
     size_t size() const { return size_; }
@@ -128,12 +175,6 @@ public:
             memcpy(buffer, data_ + position_, n);
         position_ += n;
         return n;
-    }
-
-    bool rewind() override
-    {
-        position_ = 0;
-        return true;
     }
 
 protected:
@@ -175,6 +216,10 @@ public:
     uint64_t body_bytes_received = 0;
     uint64_t body_bytes_sent = 0;
 
+    /* Requests libcurl set out to send in this exchange (see request.cpp:
+     * only the first may go). */
+    int requests_started = 0;
+
     /* The first failure of a callback; the request returns it. */
     tarvex_result_t failure = TARVEX_SUCCESS;
     void fail(tarvex_result_t result);
@@ -203,7 +248,6 @@ public:
     }
     /* Finishes every stream in the order made; the first failure wins. */
     tarvex_result_t finish_streams(bool transferred);
-    bool rewind_streams();
 
 private:
     struct Entry {
@@ -215,6 +259,19 @@ private:
     int64_t last_activity_usec_;
     RequestContext *outer_;
 };
+
+/* A callback handed to libcurl: an exception fails the request (the
+ * request returns it) and the callback answers libcurl `abort`. */
+template <class T, class Body>
+T guard_callback(RequestContext &ctx, const char *where, T abort, Body &&body) noexcept
+{
+    try {
+        return body();
+    } catch (...) {
+        ctx.fail(exception_error(where));
+        return abort;
+    }
+}
 
 /* ---- stock callbacks' request hooks ---- */
 
@@ -232,6 +289,37 @@ std::optional<uint64_t> multipart_length(RequestContext &ctx, void *arg);
 std::string multipart_delimiter(const std::string &boundary,
                                 const tarvex_dsi_rest_multipart_arg_t *arg,
                                 size_t index);
+
+/* ---- limits on JSON answers (json.cpp) ---- */
+
+/* A TARVEX_DSI_REST_JSON_LIMIT value: a byte count, optionally followed by
+ * K, M or G (binary multiples); nothing for anything else, 0 included. */
+std::optional<size_t> parse_byte_count(std::string_view text);
+
+/* Watches a JSON text go by, piece by piece, for what would make parsing
+ * it costly, without parsing it: the nesting depth, and the number of
+ * values weighted by what jansson spends on each (measured with jansson
+ * 2.14: an empty object about 230 bytes, an empty array 140, a number 48,
+ * a string 90; so objects and arrays weigh `container_weight`, strings,
+ * keys and bare words (numbers, true, false, null) 1).  Syntax is the
+ * parser's business: on a text that is not JSON the counts are only an
+ * estimate, never a crash. */
+class JsonShape {
+public:
+    static constexpr uint64_t container_weight = 4;
+
+    void feed(std::string_view text);
+    unsigned max_depth() const { return max_depth_; }
+    uint64_t weight() const { return weight_; }
+
+private:
+    unsigned depth_ = 0;
+    unsigned max_depth_ = 0;
+    uint64_t weight_ = 0;
+    bool in_string_ = false;
+    bool escaped_ = false;
+    bool in_word_ = false;
+};
 
 /* Readers that need to act before or after the body. */
 void prepare_json_reader(RequestContext &ctx, void *arg);

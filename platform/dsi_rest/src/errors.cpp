@@ -1,5 +1,8 @@
 // The REST client's errors and which of them are worth another attempt.
 #include <cstdarg>
+#include <cstdlib>
+#include <exception>
+#include <new>
 
 #include "dsi_rest_internal.h"
 
@@ -58,15 +61,44 @@ tarvex_result_t adopt_callback_error(tarvex_result_t result, const char *which,
                                  "The %s callback failed: %s", which, url.c_str());
 }
 
+tarvex_result_t exception_error(const char *where) noexcept
+{
+    try {
+        throw;
+    } catch (const std::bad_alloc &) {
+        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_FATAL, nullptr, "Out of memory in %s",
+                                     where);
+    } catch (const std::exception &e) {
+        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_CALLBACK, nullptr,
+                                     "Exception in %s: %s", where, e.what());
+    } catch (...) {
+        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_CALLBACK, nullptr,
+                                     "Exception of an unknown type in %s", where);
+    }
+}
+
+void log_exception(const char *where) noexcept
+{
+    tarvex_result_t result = exception_error(where);
+    if ((debug_handle.levels & DEBUG_ERROR) != 0) {
+        char *text = tarvex_error_print_chain(tarvex_error_peek(result));
+        TARVEX_DSI_REST_LOG(ERROR, "ERROR", "%s\n", text != nullptr ? text : "");
+        free(text);
+    }
+    tarvex_error_discard(result);
+}
+
 } // namespace tarvex_dsi_rest_internal
 
 extern "C" bool tarvex_dsi_rest_error_is_retryable(tarvex_result_t result)
 {
-    // Only the outermost error counts: a callback failure stays final even
-    // when something retryable lies in its cause chain.
-    const tarvex_object_t *error = tarvex_error_peek(result);
-    if (error == nullptr || tarvex_error_get_source(error) != &tarvex_i_dsi_rest_module)
-        return false;
-    int type = tarvex_error_get_type(error);
-    return type == TARVEX_DSI_REST_ERROR_TRANSPORT || type == TARVEX_DSI_REST_ERROR_TIMEOUT;
+    return tarvex_dsi_rest_internal::guard_quiet(__func__, false, [result] {
+        // Only the outermost error counts: a callback failure stays final
+        // even when something retryable lies in its cause chain.
+        const tarvex_object_t *error = tarvex_error_peek(result);
+        if (error == nullptr || tarvex_error_get_source(error) != &tarvex_i_dsi_rest_module)
+            return false;
+        int type = tarvex_error_get_type(error);
+        return type == TARVEX_DSI_REST_ERROR_TRANSPORT || type == TARVEX_DSI_REST_ERROR_TIMEOUT;
+    });
 }

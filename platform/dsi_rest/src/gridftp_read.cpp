@@ -20,11 +20,9 @@ struct OutPool : BufferPool<OutPool, OutSlot> {
     int in_flight = 0;
 };
 
-void write_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *buffer,
-                tarvex_size_t nbytes, void *user_arg)
+void take_write(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_size_t nbytes,
+                OutSlot *slot)
 {
-    (void)buffer;
-    auto *slot = static_cast<OutSlot *>(user_arg);
     OutPool *pool = slot->pool;
     std::shared_ptr<OutPool> keep; // released after the lock below
     std::lock_guard<std::mutex> lock(pool->mutex);
@@ -37,6 +35,16 @@ void write_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t
     pool->in_flight--;
     pool->idle.push_back(slot);
     pool->cond.notify_all();
+}
+
+// A registered write's completion, on the operation's thread.
+void write_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *buffer,
+                tarvex_size_t nbytes, void *user_arg)
+{
+    (void)buffer;
+    guard_quiet("a registered write's completion", [&] {
+        take_write(op, result, nbytes, static_cast<OutSlot *>(user_arg));
+    });
 }
 
 class GridftpReader : public Stream {
@@ -95,8 +103,6 @@ public:
         return result;
     }
 
-    bool rewind() override { return !submitted_; }
-
 private:
     tarvex_result_t take_idle(RequestContext &ctx)
     {
@@ -126,7 +132,6 @@ private:
             pool_->in_flight++;
             slot->keep = pool_;
         }
-        submitted_ = true;
         // Not under the lock: a provider may complete the write at once,
         // on this very thread.
         tarvex_result_t result = tarvex_gridftp_server_register_write(
@@ -146,7 +151,6 @@ private:
     tarvex_dsi_rest_gridftp_op_arg_t *arg_;
     std::shared_ptr<OutPool> pool_;
     OutSlot *filling_ = nullptr;
-    bool submitted_ = false;
 };
 
 GridftpReader *gridftp_reader(RequestContext &ctx, void *arg)
@@ -173,12 +177,14 @@ using namespace tarvex_dsi_rest_internal;
 extern "C" tarvex_result_t tarvex_dsi_rest_read_gridftp_op(void *read_callback_arg,
                                                            void *buffer, size_t buffer_length)
 {
-    RequestContext *ctx = RequestContext::current();
-    auto *arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(read_callback_arg);
-    if (ctx == nullptr || arg == nullptr)
-        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                     "tarvex_dsi_rest_read_gridftp_op needs a request and an "
-                                     "operation record");
-    return gridftp_reader(*ctx, arg)->write(*ctx, static_cast<const tarvex_byte_t *>(buffer),
-                                            buffer_length);
+    return guard_result(__func__, [&] {
+        RequestContext *ctx = RequestContext::current();
+        auto *arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(read_callback_arg);
+        if (ctx == nullptr || arg == nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "tarvex_dsi_rest_read_gridftp_op needs a request and an "
+                                         "operation record");
+        return gridftp_reader(*ctx, arg)->write(*ctx, static_cast<const tarvex_byte_t *>(buffer),
+                                                buffer_length);
+    });
 }

@@ -26,12 +26,9 @@ struct InPool : BufferPool<InPool, InSlot> {
     bool eof = false;
 };
 
-void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *buffer,
-               tarvex_size_t nbytes, tarvex_off_t offset, bool eof, void *user_arg)
+void take_read(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_size_t nbytes,
+               bool eof, InSlot *slot)
 {
-    (void)buffer;
-    (void)offset; // the data are where the buffer was, in registration order
-    auto *slot = static_cast<InSlot *>(user_arg);
     InPool *pool = slot->pool;
     std::shared_ptr<InPool> keep;
     std::lock_guard<std::mutex> lock(pool->mutex);
@@ -53,6 +50,17 @@ void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t 
         pool->idle.push_back(slot);
     }
     pool->cond.notify_all();
+}
+
+// A registered read's completion, on the operation's thread.
+void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *buffer,
+               tarvex_size_t nbytes, tarvex_off_t offset, bool eof, void *user_arg)
+{
+    (void)buffer;
+    (void)offset; // the data are where the buffer was, in registration order
+    guard_quiet("a registered read's completion", [&] {
+        take_read(op, result, nbytes, eof, static_cast<InSlot *>(user_arg));
+    });
 }
 
 class GridftpWriter : public Stream {
@@ -84,7 +92,6 @@ public:
                 size_t n = std::min(length, head->got - head->position);
                 memcpy(buffer, head->data.get() + head->position, n);
                 head->position += n;
-                sent_ += n;
                 arg_->offset += static_cast<tarvex_off_t>(n);
                 if (head->position == head->got) {
                     pool_->order.pop_front();
@@ -117,8 +124,6 @@ public:
         std::erase_if(pool_->order, [](InSlot *slot) { return slot->ready; });
         return pool_->take_error();
     }
-
-    bool rewind() override { return sent_ == 0; }
 
 private:
     // Bytes that may still be asked of the operation.
@@ -163,7 +168,6 @@ private:
 
     tarvex_dsi_rest_gridftp_op_arg_t *arg_;
     std::shared_ptr<InPool> pool_;
-    uint64_t sent_ = 0;
 };
 
 } // namespace
@@ -177,14 +181,16 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_gridftp_op(void *write_callback
                                                             size_t *bytes_written)
 {
     *bytes_written = 0;
-    RequestContext *ctx = RequestContext::current();
-    auto *arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(write_callback_arg);
-    if (ctx == nullptr || arg == nullptr)
-        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                     "tarvex_dsi_rest_write_gridftp_op needs a request and an "
-                                     "operation record");
-    auto *writer = ctx->stream<GridftpWriter>(
-        reinterpret_cast<const void *>(&tarvex_dsi_rest_write_gridftp_op), arg,
-        [arg] { return std::make_unique<GridftpWriter>(arg); });
-    return writer->read(*ctx, buffer, buffer_length, bytes_written);
+    return guard_result(__func__, [&] {
+        RequestContext *ctx = RequestContext::current();
+        auto *arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(write_callback_arg);
+        if (ctx == nullptr || arg == nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "tarvex_dsi_rest_write_gridftp_op needs a request and an "
+                                         "operation record");
+        auto *writer = ctx->stream<GridftpWriter>(
+            reinterpret_cast<const void *>(&tarvex_dsi_rest_write_gridftp_op), arg,
+            [arg] { return std::make_unique<GridftpWriter>(arg); });
+        return writer->read(*ctx, buffer, buffer_length, bytes_written);
+    });
 }

@@ -20,7 +20,7 @@ bool curl_ready()
 
 namespace {
 
-int activate()
+int start()
 {
     int rc = tarvex_module_activate(&tarvex_i_common_module);
     if (rc != 0)
@@ -36,11 +36,22 @@ int activate()
 
 // libcurl stays initialised: easy handles of other threads may outlive the
 // last deactivation, and curl_global_cleanup under them is not safe.
-int deactivate()
+int stop()
 {
     tarvex_debug_close(&tarvex_dsi_rest_internal::debug_handle);
     tarvex_module_deactivate(&tarvex_i_common_module);
     return 0;
+}
+
+// The runtime calls these through the descriptor.
+int activate()
+{
+    return tarvex_dsi_rest_internal::guard_quiet("activating tarvex_dsi_rest", 1, start);
+}
+
+int deactivate()
+{
+    return tarvex_dsi_rest_internal::guard_quiet("deactivating tarvex_dsi_rest", 1, stop);
 }
 
 const tarvex_version_t version = {0, 26, 0, 0};

@@ -74,22 +74,13 @@ namespace {
 class MultipartWriter : public Stream {
 public:
     MultipartWriter(const tarvex_dsi_rest_multipart_arg_t *arg, std::string boundary)
-        : arg_(arg), boundary_(std::move(boundary)), unframable_(unframable_header(arg))
+        : arg_(arg), boundary_(std::move(boundary)), unframable_(unframable_header(arg)),
+          text_(multipart_delimiter(boundary_, arg_, 0))
     {
-        rewind();
     }
 
     const std::string &boundary() const { return boundary_; }
     size_t parts() const { return arg_ != nullptr ? arg_->num_parts : 0; }
-
-    bool rewind() override
-    {
-        index_ = 0;
-        text_ = multipart_delimiter(boundary_, arg_, 0);
-        position_ = 0;
-        in_data_ = false;
-        return true;
-    }
 
     tarvex_result_t read(char *buffer, size_t length, size_t *produced)
     {
@@ -203,14 +194,17 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_multipart(void *write_callback_
                                                            size_t *bytes_written)
 {
     *bytes_written = 0;
-    RequestContext *ctx = RequestContext::current();
-    if (ctx == nullptr)
-        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                     "tarvex_dsi_rest_write_multipart called outside a request");
-    MultipartWriter *writer = multipart_writer(*ctx, write_callback_arg);
-    if (writer->boundary().empty())
-        return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                     "Multipart body without a boundary in Content-Type: %s",
-                                     ctx->url.c_str());
-    return writer->read(buffer, buffer_length, bytes_written);
+    return guard_result(__func__, [&] {
+        RequestContext *ctx = RequestContext::current();
+        if (ctx == nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "tarvex_dsi_rest_write_multipart called outside a "
+                                         "request");
+        MultipartWriter *writer = multipart_writer(*ctx, write_callback_arg);
+        if (writer->boundary().empty())
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "Multipart body without a boundary in Content-Type: %s",
+                                         ctx->url.c_str());
+        return writer->read(buffer, buffer_length, bytes_written);
+    });
 }

@@ -8,6 +8,10 @@
 
 #include "dsi_rest_internal.h"
 
+#if LIBCURL_VERSION_NUM < 0x075000
+#error "libcurl 7.80 or later is needed: CURLOPT_PREREQFUNCTION keeps one request per exchange"
+#endif
+
 namespace tarvex_dsi_rest_internal {
 
 std::optional<uint64_t> known_body_length(RequestContext &ctx,
@@ -30,6 +34,11 @@ namespace {
 constexpr long receive_buffer_size = 64L * 1024;
 constexpr long send_buffer_size = 512L * 1024;
 
+struct HandleReset {
+    CURL *curl;
+    ~HandleReset() { curl_easy_reset(curl); }
+};
+
 class HeaderList {
 public:
     ~HeaderList() { curl_slist_free_all(list_); }
@@ -47,10 +56,9 @@ private:
     curl_slist *list_ = nullptr;
 };
 
-size_t write_callback(char *data, size_t size, size_t count, void *userdata)
+// The response body, piece by piece, to the caller's read callback.
+size_t receive_body(RequestContext &ctx, char *data, size_t length)
 {
-    auto &ctx = *static_cast<RequestContext *>(userdata);
-    size_t length = size * count;
     ctx.touch();
     if (!deliver_response(ctx))
         return 0;
@@ -68,10 +76,16 @@ size_t write_callback(char *data, size_t size, size_t count, void *userdata)
     return 0;
 }
 
-size_t read_callback(char *buffer, size_t size, size_t count, void *userdata)
+size_t write_callback(char *data, size_t size, size_t count, void *userdata)
 {
     auto &ctx = *static_cast<RequestContext *>(userdata);
-    size_t room = size * count;
+    return guard_callback(ctx, "the read callback", size_t{0},
+                          [&] { return receive_body(ctx, data, size * count); });
+}
+
+// The request body, piece by piece, from the caller's write callback.
+size_t send_body(RequestContext &ctx, char *buffer, size_t room)
+{
     size_t produced = 0;
     tarvex_result_t result = ctx.callbacks.data_write_callback(
         ctx.callbacks.data_write_callback_arg, buffer, room, &produced);
@@ -89,15 +103,50 @@ size_t read_callback(char *buffer, size_t size, size_t count, void *userdata)
     return produced;
 }
 
-// curl asks to start the body over when a kept-alive connection turned out
-// to be closed and the request goes out again on a new one.
-int seek_callback(void *userdata, curl_off_t offset, int origin)
+size_t read_callback(char *buffer, size_t size, size_t count, void *userdata)
 {
     auto &ctx = *static_cast<RequestContext *>(userdata);
-    if (offset != 0 || origin != SEEK_SET || !ctx.rewind_streams())
-        return CURL_SEEKFUNC_CANTSEEK;
-    ctx.body_bytes_sent = 0;
-    return CURL_SEEKFUNC_OK;
+    return guard_callback(ctx, "the write callback", size_t{CURL_READFUNC_ABORT},
+                          [&] { return send_body(ctx, buffer, size * count); });
+}
+
+tarvex_result_t refused_resend(const RequestContext &ctx)
+{
+    return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_TRANSPORT, nullptr,
+                                 "The kept-alive connection closed before answering; the "
+                                 "request is not sent again: %s %s",
+                                 ctx.method.c_str(), ctx.url.c_str());
+}
+
+// libcurl sends a request again by itself when a reused kept-alive
+// connection closes before any answer: on a new connection, with the body
+// rewound, 1 ms after the first and unpaced (measured with 7.88).  Every
+// attempt is the caller's to decide and to pace, and a body streamed from
+// a data channel cannot be produced twice, so the second request of one
+// exchange is stopped before any of its bytes go out, and the exchange
+// fails as the dead connection did: retryable.  A request with a body is
+// stopped where libcurl asks to rewind it (7.88 asks before the
+// pre-request call), one without at the pre-request call.
+int prerequest_callback(void *userdata, char *, char *, int, int)
+{
+    auto &ctx = *static_cast<RequestContext *>(userdata);
+    return guard_callback(ctx, "the pre-request callback", int{CURL_PREREQFUNC_ABORT}, [&] {
+        if (++ctx.requests_started == 1)
+            return int{CURL_PREREQFUNC_OK};
+        ctx.fail(refused_resend(ctx));
+        return int{CURL_PREREQFUNC_ABORT};
+    });
+}
+
+// A body is produced once: libcurl rewinds one only to send its request
+// again.
+int seek_callback(void *userdata, curl_off_t, int)
+{
+    auto &ctx = *static_cast<RequestContext *>(userdata);
+    return guard_callback(ctx, "the seek callback", int{CURL_SEEKFUNC_FAIL}, [&] {
+        ctx.fail(refused_resend(ctx));
+        return int{CURL_SEEKFUNC_CANTSEEK};
+    });
 }
 
 // A method goes into the request line as it is: only token characters.
@@ -183,6 +232,8 @@ void set_transport(CURL *curl, RequestContext &ctx, const std::string &full_url,
     curl_easy_setopt(curl, CURLOPT_HEADERDATA, &ctx);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, write_callback);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &ctx);
+    curl_easy_setopt(curl, CURLOPT_PREREQFUNCTION, prerequest_callback);
+    curl_easy_setopt(curl, CURLOPT_PREREQDATA, &ctx);
     if (ctx.callbacks.progress_callback != nullptr) {
         curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
         curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, xferinfo_callback);
@@ -215,6 +266,9 @@ tarvex_result_t perform(CURL *curl, RequestContext &ctx, const std::string &full
 
     char error_buffer[CURL_ERROR_SIZE] = "";
     curl_easy_reset(curl);
+    // Nothing of this request (buffers, header list, the context) may stay
+    // referenced by the handle the thread keeps, however this ends.
+    HandleReset reset_on_exit{curl};
     set_transport(curl, ctx, full_url, error_buffer);
     prepare_readers(ctx);
     if (!set_body(curl, ctx, plan, headers))
@@ -227,19 +281,21 @@ tarvex_result_t perform(CURL *curl, RequestContext &ctx, const std::string &full
     long status = 0;
     if (curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK && ctx.status == 0)
         ctx.status = static_cast<int>(status);
-    // Nothing of this request (buffers, header list) may stay referenced
-    // by the handle the thread keeps.
-    curl_easy_reset(curl);
 
     bool transferred = code == CURLE_OK && ctx.failure == TARVEX_SUCCESS;
-    if (transferred)
-        transferred = deliver_response(ctx); // an answer without a body
+    if (transferred) // an answer without a body has not been delivered yet
+        transferred = guard_callback(ctx, "the response callback", false,
+                                     [&] { return deliver_response(ctx); });
     tarvex_result_t streams = ctx.finish_streams(transferred);
+    if (ctx.failure == TARVEX_SUCCESS && code == CURLE_OK)
+        return adopt_callback_error(streams, "read", ctx.url);
+    // The transfer's own failure explains the streams' (a stream may have
+    // recorded its failure as the request's too).
+    if (streams != ctx.failure)
+        tarvex_error_discard(streams);
     if (ctx.failure != TARVEX_SUCCESS)
         return ctx.failure;
-    if (code != CURLE_OK)
-        return transport_error(code, error_buffer, ctx.method, ctx.url);
-    return adopt_callback_error(streams, "read", ctx.url);
+    return transport_error(code, error_buffer, ctx.method, ctx.url);
 }
 
 void record_byte_counts(const RequestContext &ctx)
@@ -291,14 +347,18 @@ tarvex_result_t request(const char *method, const char *url,
 
 } // namespace tarvex_dsi_rest_internal
 
+using namespace tarvex_dsi_rest_internal;
+
 extern "C" tarvex_result_t tarvex_dsi_rest_request(const char *method, const char *url,
                                                    const tarvex_dsi_rest_key_array_t *query,
                                                    const tarvex_dsi_rest_key_array_t *headers,
                                                    const tarvex_dsi_rest_callbacks_t *callbacks)
 {
-    tarvex_result_t result =
-        tarvex_dsi_rest_internal::request(method, url, query, headers, callbacks);
+    tarvex_result_t result = guard_result(
+        __func__, [&] { return request(method, url, query, headers, callbacks); });
     if (callbacks != nullptr && callbacks->complete_callback != nullptr)
-        callbacks->complete_callback(callbacks->complete_callback_arg, result);
+        guard_quiet("the complete callback", [&] {
+            callbacks->complete_callback(callbacks->complete_callback_arg, result);
+        });
     return result;
 }

@@ -65,10 +65,10 @@ bool deliver_response(RequestContext &ctx)
     return false;
 }
 
-size_t header_callback(char *data, size_t size, size_t count, void *userdata)
+namespace {
+
+size_t receive_header(RequestContext &ctx, char *data, size_t length)
 {
-    auto &ctx = *static_cast<RequestContext *>(userdata);
-    size_t length = size * count;
     ctx.touch();
     std::string_view raw(data, length);
     std::string_view line = trim(raw);
@@ -93,16 +93,21 @@ size_t header_callback(char *data, size_t size, size_t count, void *userdata)
     return length;
 }
 
-} // namespace tarvex_dsi_rest_internal
+} // namespace
 
-extern "C" tarvex_result_t tarvex_dsi_rest_response(
-    void *response_callback_arg, int response_code, const char *response_status,
-    const tarvex_dsi_rest_key_array_t *response_headers)
+size_t header_callback(char *data, size_t size, size_t count, void *userdata)
 {
-    (void)response_status;
-    auto *record = static_cast<tarvex_dsi_rest_response_arg_t *>(response_callback_arg);
-    if (record == nullptr)
-        return TARVEX_SUCCESS;
+    auto &ctx = *static_cast<RequestContext *>(userdata);
+    return guard_callback(ctx, "the response callback", size_t{0},
+                          [&] { return receive_header(ctx, data, size * count); });
+}
+
+namespace {
+
+// The stock response callback's work: the code and each wanted header.
+tarvex_result_t fill_record(tarvex_dsi_rest_response_arg_t *record, int response_code,
+                            const tarvex_dsi_rest_key_array_t *response_headers)
+{
     record->response_code = response_code;
     tarvex_dsi_rest_key_array_t &wanted = record->desired_headers;
     if (wanted.key_value == nullptr)
@@ -116,10 +121,9 @@ extern "C" tarvex_result_t tarvex_dsi_rest_response(
             continue;
         for (size_t j = 0; j < response_headers->count; j++) {
             const tarvex_dsi_rest_key_value_t &got = response_headers->key_value[j];
-            if (got.key == nullptr ||
-                !tarvex_dsi_rest_internal::header_name_equals(got.key, slot.key))
+            if (got.key == nullptr || !header_name_equals(got.key, slot.key))
                 continue;
-            std::string_view value = tarvex_dsi_rest_internal::trim(got.value ? got.value : "");
+            std::string_view value = trim(got.value ? got.value : "");
             slot.value = strndup(value.data(), value.size());
             if (slot.value == nullptr)
                 return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_CALLBACK, nullptr,
@@ -130,10 +134,8 @@ extern "C" tarvex_result_t tarvex_dsi_rest_response(
     return TARVEX_SUCCESS;
 }
 
-extern "C" void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg)
+void clear_record(tarvex_dsi_rest_response_arg_t *arg)
 {
-    if (arg == nullptr)
-        return;
     arg->response_code = 0;
     arg->request_bytes_uploaded = 0;
     arg->response_bytes_downloaded = 0;
@@ -143,4 +145,28 @@ extern "C" void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_
         free(const_cast<char *>(arg->desired_headers.key_value[i].value));
         arg->desired_headers.key_value[i].value = nullptr;
     }
+}
+
+} // namespace
+
+} // namespace tarvex_dsi_rest_internal
+
+using namespace tarvex_dsi_rest_internal;
+
+extern "C" tarvex_result_t tarvex_dsi_rest_response(
+    void *response_callback_arg, int response_code, const char *response_status,
+    const tarvex_dsi_rest_key_array_t *response_headers)
+{
+    (void)response_status;
+    auto *record = static_cast<tarvex_dsi_rest_response_arg_t *>(response_callback_arg);
+    if (record == nullptr)
+        return TARVEX_SUCCESS;
+    return guard_result(__func__,
+                        [&] { return fill_record(record, response_code, response_headers); });
+}
+
+extern "C" void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg)
+{
+    if (arg != nullptr)
+        guard_quiet(__func__, [arg] { clear_record(arg); });
 }

@@ -1,0 +1,127 @@
+// The limits on JSON answers: size (announced or streamed), nesting and
+// number of values; what is refused is never kept whole, and the limit
+// comes from the call or the environment.
+#include <fstream>
+
+#include "dsi_rest_fixture.h"
+
+using namespace dsi_rest_test;
+
+namespace {
+
+class RestJsonLimit : public ServerTest {
+protected:
+    void TearDown() override
+    {
+        tarvex_dsi_rest_set_json_limit(0);
+        unsetenv("TARVEX_DSI_REST_JSON_LIMIT");
+    }
+    std::string json_url(const char *shape, size_t n, bool chunked = false)
+    {
+        return server->url("/json?shape=" + std::string(shape) + "&n=" + std::to_string(n) +
+                           (chunked ? "&chunked=1" : ""));
+    }
+    // libcurl hands the body over in pieces of at most this many bytes.
+    static constexpr uint64_t piece = 64 * 1024;
+};
+
+TEST_F(RestJsonLimit, AnswersWithinTheLimitsParseAndOthersAreRefused)
+{
+    const size_t limit = 64 * 1024; // 4096 values, an array counting 4
+    tarvex_dsi_rest_set_json_limit(limit);
+    ASSERT_EQ(tarvex_dsi_rest_json_limit(), limit);
+    struct Case {
+        const char *shape;
+        size_t n;
+        bool chunked, fits;
+    };
+    const Case cases[] = {
+        {"string", limit, false, true},
+        {"string", limit, true, true},
+        {"string", limit + 1, false, false}, // refused on its announced length
+        {"string", limit + 1, true, false},  // cut off where it passes the limit
+        {"nest", 64, false, true},
+        {"nest", 65, false, false},
+        {"arrays", 3000, false, true},  // 1000 arrays in one: 4004 values
+        {"arrays", 3300, false, false}, // 1100: 4404
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.shape) + " " + std::to_string(c.n) +
+                     (c.chunked ? " chunked" : ""));
+        Exchange ex({.url = json_url(c.shape, c.n, c.chunked)});
+        if (c.fits) {
+            EXPECT_EQ(ex.result, TARVEX_SUCCESS) << ex.message();
+            EXPECT_NE(ex.json, nullptr);
+            continue;
+        }
+        EXPECT_EQ(ex.error_type(), TARVEX_DSI_REST_ERROR_TOO_LARGE);
+        EXPECT_FALSE(ex.retryable());
+        EXPECT_EQ(ex.json, nullptr);
+        EXPECT_NE(ex.message().find("TARVEX_DSI_REST_JSON_LIMIT"), std::string::npos);
+        EXPECT_LE(ex.downloaded, limit + piece);
+    }
+    // The thread's connection still serves the next request.
+    EXPECT_EQ(Exchange({.url = server->url("/echo")}).text("method"), "GET");
+}
+
+// A 64 MiB answer against the default limit: the transfer stops at the
+// limit and the session's memory does not follow the answer's size; a
+// dense one stops long before, without a parse.
+TEST_F(RestJsonLimit, AHugeAnswerStopsAtTheLimitAndMemoryStaysFlat)
+{
+    const size_t limit = TARVEX_DSI_REST_JSON_LIMIT_DEFAULT;
+    ASSERT_EQ(tarvex_dsi_rest_json_limit(), limit);
+    bool measured = static_cast<bool>(std::ofstream("/proc/self/clear_refs") << "5" << std::flush);
+    auto status_kb = [](const std::string &field) {
+        std::ifstream in("/proc/self/status");
+        for (std::string line; std::getline(in, line);)
+            if (line.rfind(field + ":", 0) == 0)
+                return std::stol(line.substr(field.size() + 1));
+        return -1L;
+    };
+    long before_kb = status_kb("VmRSS");
+    Exchange huge({.url = json_url("string", 64u << 20, true)});
+    long growth_kb = status_kb("VmHWM") - before_kb;
+    EXPECT_EQ(huge.error_type(), TARVEX_DSI_REST_ERROR_TOO_LARGE);
+    EXPECT_LE(huge.downloaded, limit + piece);
+    if (measured) { // the body kept is at most the limit, with its growth
+        EXPECT_LT(growth_kb, 6 * long(limit / 1024)) << growth_kb << " kB";
+    }
+
+    Exchange dense({.url = json_url("arrays", 64u << 20, true)});
+    EXPECT_EQ(dense.error_type(), TARVEX_DSI_REST_ERROR_TOO_LARGE);
+    EXPECT_LT(dense.downloaded, limit / 16 / 4 * 3 + piece);
+}
+
+TEST_F(RestJsonLimit, TheEnvironmentSetsTheLimitUnlessACallDid)
+{
+    struct Case {
+        const char *env;
+        size_t set, expected;
+    };
+    const Case cases[] = {
+        {"1K", 0, 1024},
+        {" 16M ", 0, 16u << 20},
+        {"2g", 0, size_t(2) << 30},
+        {"2000", 0, 2000},
+        {"12x", 0, TARVEX_DSI_REST_JSON_LIMIT_DEFAULT}, // not a count: ignored
+        {"0", 0, TARVEX_DSI_REST_JSON_LIMIT_DEFAULT},
+        {"-5", 0, TARVEX_DSI_REST_JSON_LIMIT_DEFAULT},
+        {"99999999999999999999", 0, TARVEX_DSI_REST_JSON_LIMIT_DEFAULT},
+        {"1K", 5000, 5000}, // a call wins over the environment
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.env);
+        setenv("TARVEX_DSI_REST_JSON_LIMIT", c.env, 1);
+        tarvex_dsi_rest_set_json_limit(c.set);
+        EXPECT_EQ(tarvex_dsi_rest_json_limit(), c.expected);
+    }
+    tarvex_dsi_rest_set_json_limit(0);
+    setenv("TARVEX_DSI_REST_JSON_LIMIT", "1K", 1);
+    EXPECT_EQ(Exchange({.url = json_url("string", 2000)}).error_type(),
+              TARVEX_DSI_REST_ERROR_TOO_LARGE);
+    unsetenv("TARVEX_DSI_REST_JSON_LIMIT");
+    EXPECT_EQ(Exchange({.url = json_url("string", 2000)}).result, TARVEX_SUCCESS);
+}
+
+} // namespace

@@ -1,0 +1,154 @@
+// Exactly one HTTP request per call: a kept-alive connection that dies
+// before answering costs the call (a retryable failure), and no request,
+// body or stream is ever sent a second time behind the caller's back.
+#include <openssl/sha.h>
+
+#include "dsi_rest_fixture.h"
+
+using namespace dsi_rest_test;
+
+namespace {
+
+class RestResend : public ServerTest {};
+
+std::string sha1_hex(const std::string &data)
+{
+    unsigned char digest[SHA_DIGEST_LENGTH];
+    SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
+    char text[2 * SHA_DIGEST_LENGTH + 1];
+    for (int i = 0; i < SHA_DIGEST_LENGTH; i++)
+        snprintf(text + 2 * i, 3, "%02x", digest[i]);
+    return text;
+}
+
+enum class Kind { none, json, block, stream, multipart_stream };
+
+/* A request body of one kind, with what the server should see of it. */
+struct Body {
+    explicit Body(Kind kind) : kind(kind)
+    {
+        switch (kind) {
+        case Kind::none:
+            method = "GET";
+            break;
+        case Kind::json:
+            method = "POST";
+            document = json_pack("{s:s, s:{s:s}}", "name", "m", "parent", "id", "0");
+            expected = compact();
+            writer = tarvex_dsi_rest_write_json;
+            arg = document;
+            break;
+        case Kind::block:
+            expected = pattern(3, 100000);
+            block = {expected.data(), expected.size()};
+            writer = tarvex_dsi_rest_write_block;
+            arg = &block;
+            break;
+        case Kind::stream:
+        case Kind::multipart_stream:
+            op.source = pattern(11, 300000);
+            stream = {op.op, 0, -1, false};
+            writer = tarvex_dsi_rest_write_gridftp_op;
+            arg = &stream;
+            expected = op.source;
+            if (kind == Kind::stream)
+                break;
+            method = "POST";
+            part = {part_headers.array, tarvex_dsi_rest_write_gridftp_op, &stream};
+            multipart = {1, &part};
+            writer = tarvex_dsi_rest_write_multipart;
+            arg = &multipart;
+            headers = {{"Content-Type", "multipart/form-data; boundary=B"}};
+            expected = "--B\r\nContent-Disposition: form-data; name=\"file\"\r\n\r\n" +
+                       op.source + "\r\n--B--\r\n";
+            break;
+        }
+    }
+    ~Body() { json_decref(document); }
+    Body(const Body &) = delete;
+    Body &operator=(const Body &) = delete;
+
+    Exchange send(const std::string &url)
+    {
+        return Exchange({.method = method, .url = url, .headers = headers, .writer = writer,
+                         .writer_arg = arg});
+    }
+
+    Kind kind;
+    const char *method = "PUT";
+    std::string expected; // the body as the server must receive it
+    tarvex_dsi_rest_data_write_t writer = nullptr;
+    void *arg = nullptr;
+    Pairs headers;
+    json_t *document = nullptr;
+    tarvex_dsi_rest_write_block_arg_t block{};
+    FakeOp op;
+    tarvex_dsi_rest_gridftp_op_arg_t stream{};
+    KeyArray part_headers{Pairs{{"Content-Disposition", "form-data; name=\"file\""}}};
+    tarvex_dsi_rest_write_part_t part{};
+    tarvex_dsi_rest_multipart_arg_t multipart{};
+
+private:
+    std::string compact()
+    {
+        char *text = json_dumps(document, JSON_COMPACT);
+        std::string out = text;
+        free(text);
+        return out;
+    }
+};
+
+const Kind all_kinds[] = {Kind::none, Kind::json, Kind::block, Kind::stream,
+                          Kind::multipart_stream};
+
+// The server reads the request whole, then closes without a word: libcurl
+// would send it again on a fresh connection, 1 ms later and unpaced.
+TEST_F(RestResend, ADroppedRequestOnAKeptAliveConnectionIsSentOnce)
+{
+    for (Kind kind : all_kinds) {
+        SCOPED_TRACE(int(kind));
+        ASSERT_EQ(Exchange({.url = server->url("/echo")}).result, TARVEX_SUCCESS);
+        size_t mark = server->log().size();
+        Body body(kind);
+        Exchange ex = body.send(server->url("/stall?ms=0"));
+        EXPECT_EQ(ex.error_type(), TARVEX_DSI_REST_ERROR_TRANSPORT);
+        EXPECT_TRUE(ex.retryable());
+        auto seen = server->requests_since(mark);
+        EXPECT_EQ(seen.size(), 1u);
+        for (const LogLine &line : seen) {
+            EXPECT_EQ(line.body_length, body.expected.size());
+            EXPECT_EQ(line.body_sha1, sha1_hex(body.expected));
+        }
+        // What the data channel gave was asked for once, not read again.
+        EXPECT_EQ(body.op.recvd.load(), body.op.source.size());
+    }
+}
+
+// The classic case: the server closed the idle connection after its last
+// answer.  The next request notices before sending and goes out once, on a
+// new connection, and succeeds.
+TEST_F(RestResend, AConnectionClosedAfterTheLastAnswerIsReplacedBeforeSending)
+{
+    for (Kind kind : all_kinds) {
+        SCOPED_TRACE(int(kind));
+        size_t mark = server->log().size();
+        ASSERT_EQ(Exchange({.url = server->url("/echo?close=1")}).result, TARVEX_SUCCESS);
+        auto warm = server->requests_since(mark);
+        ASSERT_EQ(warm.size(), 1u);
+        ASSERT_TRUE(server->wait_closed(warm[0].conn));
+
+        mark = server->log().size();
+        uint64_t connections = tarvex_dsi_rest_connections_opened();
+        Body body(kind);
+        Exchange ex = body.send(server->url("/sink"));
+        ASSERT_EQ(ex.result, TARVEX_SUCCESS);
+        EXPECT_EQ(ex.status, 201);
+        EXPECT_EQ(ex.text("sha1"), sha1_hex(body.expected));
+        auto seen = server->requests_since(mark);
+        ASSERT_EQ(seen.size(), 1u);
+        EXPECT_NE(seen[0].conn, warm[0].conn);
+        EXPECT_EQ(tarvex_dsi_rest_connections_opened(), connections + 1);
+    }
+}
+
+} // namespace
