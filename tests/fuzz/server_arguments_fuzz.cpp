@@ -1,0 +1,186 @@
+/*
+ * The arguments of the server's commands that carry numbers and addresses
+ * (REST, ALLO, CKSM, PORT, EPRT, EPSV), the facts of OPTS MLST and the
+ * names every path-taking command checks: any argument is taken or refused
+ * with a reply code and a text, and what is taken reads back as it was
+ * written.
+ *
+ * Input: one command line, "VERB argument".
+ */
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "fuzz_support.h"
+#include "parse.h"
+
+using namespace tarvex_fuzz;
+using namespace tarvex_server;
+
+namespace {
+
+/* Decimal digits without the leading zeros a client may add. */
+std::string canonical_number(std::string_view digits)
+{
+    size_t first = digits.find_first_not_of('0');
+    return first == std::string_view::npos ? "0" : std::string(digits.substr(first));
+}
+
+/* A refusal comes with 501 or 522 and a text that fits in a reply line. */
+void check_refusal(int code, const std::string &why)
+{
+    check(code == 501 || code == 522, "a refusal with an unexpected code",
+          std::to_string(code));
+    check(!why.empty() && printable(why) == why, "a refusal text unfit for a reply", why);
+}
+
+void check_offset(int64_t value, const char *what)
+{
+    check(value >= 0 && value <= max_client_offset, what, std::to_string(value));
+}
+
+void rest(const std::string &arg)
+{
+    int64_t offset = -7;
+    std::string why;
+    int code = parse_rest(arg, offset, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check_offset(offset, "a REST offset out of range");
+    check(std::to_string(offset) == canonical_number(arg), "a REST offset read wrongly", arg);
+}
+
+void allo(const std::string &arg)
+{
+    int64_t size = -7;
+    std::string why;
+    int code = parse_allo(arg, size, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check_offset(size, "an ALLO size out of range");
+}
+
+void cksm(const std::string &arg)
+{
+    CksmArgs out;
+    std::string why;
+    int code = parse_cksm(arg, out, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check_offset(out.offset, "a CKSM offset out of range");
+    if (out.length != -1)
+        check_offset(out.length, "a CKSM length out of range");
+    check(!out.algorithm.empty() && out.algorithm.find(' ') == std::string::npos,
+          "a CKSM algorithm that is no word", out.algorithm);
+    check(!out.path.empty(), "a CKSM argument without a path");
+    for (unsigned char c : out.path)
+        check(!is_control_byte(c), "a CKSM path with control bytes taken", out.path);
+}
+
+std::string port_text(const sockaddr_storage &address)
+{
+    const auto *s4 = reinterpret_cast<const sockaddr_in *>(&address);
+    uint32_t host = ntohl(s4->sin_addr.s_addr);
+    uint16_t port = ntohs(s4->sin_port);
+    return std::to_string(host >> 24) + "," + std::to_string((host >> 16) & 255) + "," +
+           std::to_string((host >> 8) & 255) + "," + std::to_string(host & 255) + "," +
+           std::to_string(port >> 8) + "," + std::to_string(port & 255);
+}
+
+void port(const std::string &arg)
+{
+    sockaddr_storage address;
+    std::string why;
+    int code = parse_port(arg, address, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check(address.ss_family == AF_INET, "PORT gave no IPv4 address");
+    std::string canonical;
+    for (size_t start = 0;;) {
+        size_t comma = arg.find(',', start);
+        canonical += canonical_number(std::string_view(arg).substr(start, comma - start));
+        if (comma == std::string::npos)
+            break;
+        canonical += ',';
+        start = comma + 1;
+    }
+    check(port_text(address) == canonical, "a PORT address read wrongly", arg);
+}
+
+void eprt(const std::string &arg)
+{
+    sockaddr_storage address;
+    std::string why;
+    int code = parse_eprt(arg, address, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    // Written out again in the standard form, the address reads the same.
+    char host[INET6_ADDRSTRLEN] = {};
+    std::string again;
+    if (address.ss_family == AF_INET) {
+        const auto *s4 = reinterpret_cast<const sockaddr_in *>(&address);
+        check(inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host) != nullptr, "inet_ntop");
+        again = "|1|" + std::string(host) + "|" + std::to_string(ntohs(s4->sin_port)) + "|";
+    } else {
+        check(address.ss_family == AF_INET6, "EPRT gave no address family", arg);
+        const auto *s6 = reinterpret_cast<const sockaddr_in6 *>(&address);
+        check(inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host) != nullptr, "inet_ntop");
+        again = "|2|" + std::string(host) + "|" + std::to_string(ntohs(s6->sin6_port)) + "|";
+    }
+    sockaddr_storage reread;
+    check(parse_eprt(again, reread, why) == 0, "an EPRT address refused when written again",
+          again);
+    size_t length = address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    check(memcmp(&address, &reread, length) == 0, "an EPRT address read wrongly", arg);
+}
+
+void epsv(const std::string &arg)
+{
+    EpsvArg out;
+    std::string why;
+    int code = parse_epsv(arg, out, why);
+    if (code != 0)
+        check_refusal(code, why);
+}
+
+void any_name(const std::string &arg)
+{
+    std::string why;
+    int code = check_argument(arg, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    for (unsigned char c : arg)
+        check(!is_control_byte(c), "a name with control bytes taken", arg);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string line(reinterpret_cast<const char *>(data), size);
+    // The line reader hands over no line holding LF or NUL.
+    if (line.find_first_of(std::string("\n\0", 2)) != std::string::npos)
+        return 0;
+    CommandLine command = split_command(line);
+    const std::string &verb = command.verb;
+    if (verb == "REST")
+        rest(command.arg);
+    else if (verb == "ALLO")
+        allo(command.arg);
+    else if (verb == "CKSM")
+        cksm(command.arg);
+    else if (verb == "PORT")
+        port(command.arg);
+    else if (verb == "EPRT")
+        eprt(command.arg);
+    else if (verb == "EPSV")
+        epsv(command.arg);
+    else if (verb == "OPTS")
+        check((parse_fact_list(command.arg) & ~63u) == 0, "an MLST fact beyond the known six");
+    else
+        any_name(command.arg);
+    return 0;
+}
