@@ -1,7 +1,6 @@
 # tarvex-box-credential: the credential helper the server runs for the Box
 # plug-in's "creds" and "renew-creds" (tools/box-credential).  It shares
 # the plug-in's rule on which URLs may carry a credential, and its guards.
-include(GNUInstallDirs)
 add_executable(tarvex-box-credential
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/box_client.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/credential.cpp
@@ -10,6 +9,9 @@ add_executable(tarvex-box-credential
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/settings.cpp)
 target_link_libraries(tarvex-box-credential PRIVATE
   tarvex_box_internal tarvex_dsi_rest tarvex_common PkgConfig::JANSSON)
+# Installed, it finds the platform's libraries beside it, wherever the
+# prefix is; they are installed with it, since it cannot run without them.
 set_target_properties(tarvex-box-credential PROPERTIES
-  INSTALL_RPATH ${CMAKE_INSTALL_FULL_LIBDIR})
-install(TARGETS tarvex-box-credential RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  INSTALL_RPATH "$ORIGIN/../lib")
+install(TARGETS tarvex-box-credential RUNTIME DESTINATION bin)
+install(TARGETS tarvex_dsi_rest tarvex_common tarvex_gridftp_server LIBRARY DESTINATION lib)
