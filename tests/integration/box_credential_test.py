@@ -203,7 +203,7 @@ class CredentialHelperTest(EmulatorCase):
                  ("client", other_secret, (), "invalid_client"),
                  ("box-down", unavailable, (), "answered HTTP 503"),
                  ("network", None, ("--token-url", "http://127.0.0.1:9/oauth2/token"),
-                  "POST http://127.0.0.1:9/oauth2/token failed: .*connect")]
+                  "request failed: .*connect.*POST http://127.0.0.1:9/oauth2/token")]
         for user, prepare, extra, message in cases:
             with self.subTest(user):
                 self.enrol(user, lifetime=60)

@@ -31,8 +31,8 @@ struct exchange {
     }
 };
 
-/* The outermost message of a failed request (the REST client names the
- * transport failure, method and URL without its query). */
+/* The outermost message of a failed request: the REST client's names the
+ * failure, the method and the URL without its query. */
 std::string take_error_text(tarvex_result_t result)
 {
     tarvex_object_t *error = tarvex_error_get(result);
@@ -69,7 +69,7 @@ void perform(const char *method, const std::string &url,
     tarvex_result_t result = tarvex_dsi_rest_request(method, url.c_str(), &query_array,
                                                      &header_array, &callbacks);
     if (result != TARVEX_SUCCESS)
-        throw failure(std::string(method) + " " + url + " failed: " + take_error_text(result));
+        throw failure("request failed: " + take_error_text(result));
 }
 
 std::string text_of(json_t *doc, const char *key)
