@@ -528,8 +528,15 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
     /* With an explicit length the range is downloaded and hashed again and
      * again into the same digests until a request fails: clients have
      * always seen a CKSM with a length end only that way (or by ABOR).  A
-     * length of 0 hashes no bytes and asks Box nothing. */
+     * length of 0 hashes no bytes and asks Box nothing.  ABOR (or the
+     * client leaving) cancels the operation: that ends the repetition here,
+     * even when a small range downloads before any request notices. */
     while (cmd_info->cksm_length != 0) {
+        if (tarvex_gridftp_server_operation_cancelled(op)) {
+            tarvex_object_t *stopped = tarvex_gfs_ftp_response_error_construct(
+                nullptr, nullptr, 426, "CANCELLED", "GridFTP-Error: the checksum was cancelled.");
+            return stopped ? tarvex_error_put(stopped) : TARVEX_BOX_MALLOC_ERROR();
+        }
         result = tarvex_l_box_cksm_range(box, path_info, cmd_info->cksm_offset,
                                          cmd_info->cksm_length, &state, &pipe);
         if (result != TARVEX_SUCCESS)

@@ -9,7 +9,7 @@ import subprocess
 import time
 import unittest
 
-from box_harness import TOKEN, BoxServer, BoxTest, b64, credential, reply_of
+from box_harness import TOKEN, BoxServer, BoxTest, b64, credential, reply_of, wait_for
 
 EMPTY_MD5 = "d41d8cd98f00b204e9800998ecf8427e"
 
@@ -163,6 +163,20 @@ class Commands:
         self.assertEqual(self.requests("GET", "/content"), [])
         self.assertEqual(g.sendcmd("cksm md5 0 -1 /c/two.bin"),
                          "213 " + hashlib.md5(data[::-1]).hexdigest())
+
+    def test_checksum_of_a_length_ends_at_abor(self):
+        # With an explicit length the plug-in downloads the range again and
+        # again until a request fails; ABOR is how a client ends it.
+        self.emu.seed({"path": "/c/loop.bin", "content_base64": b64(bytes(range(256)) * 40)})
+        f = self.ftp()
+        self.addCleanup(f.close)
+        self.emu.clear_log()
+        f.putcmd("CKSM MD5 0 100 /c/loop.bin")
+        wait_for(lambda: len(self.requests("GET", "/d/")) >= 3, "the range downloaded again")
+        f.putcmd("ABOR")
+        self.assertEqual(reply_of(f.getresp), "426 Command aborted.")
+        self.assertEqual(f.getresp(), "226 Abort successful.")
+        self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
 
     def test_checksum_progress_reads_well_in_each_client(self):
         sizes = {"ftplib": 60000, "lftp": 60001, "curl": 60002}

@@ -125,6 +125,9 @@ stat_entry copy_entry(const tarvex_gridftp_server_control_stat_t &in)
     return e;
 }
 
+// What a registered read or write of a cancelled operation completes with.
+const char cancelled_text[] = "the operation was cancelled";
+
 tarvex_result_t driver_error(const std::string &message)
 {
     return tarvex_error_put(tarvex_error_construct_error(
@@ -212,6 +215,9 @@ struct driver::shared {
     bool digest_sink = false;
     bool record_progress = true;
     std::chrono::milliseconds timeout{30000};
+    std::optional<uint64_t> cancel_after;
+    // the operation of the convenience call running now
+    tarvex_gfs_operation_t running = nullptr;
 
     // records
     std::vector<event> events;
@@ -229,6 +235,7 @@ struct driver::shared {
     tarvex_off_t written_total = 0;
     int next_op = 1;
     tarvex_result_t last_result = TARVEX_FAILURE;
+    uint64_t moved = 0; // bytes moved by the running call (cancel_after)
 
     void record(event e)
     {
@@ -372,6 +379,19 @@ struct driver::operation_state {
     // Fills `buffer` with the next piece of the client's data (worker).
     void complete_read(tarvex_byte_t *buffer, tarvex_size_t length,
                        tarvex_gridftp_server_read_cb_t callback, void *user_arg);
+
+    // Counts bytes moved, for the scripted cancel point (worker).
+    void moved(uint64_t n)
+    {
+        bool due;
+        {
+            std::lock_guard lock(s->m);
+            s->moved += n;
+            due = s->cancel_after && s->moved >= *s->cancel_after;
+        }
+        if (due)
+            tarvex_gfs_operation_cancel(op);
+    }
 };
 
 namespace {
@@ -496,7 +516,11 @@ tarvex_result_t p_register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_by
         o->s->max_in_flight = std::max(o->s->max_in_flight, o->s->in_flight);
     }
     o->post([o, op, buffer, length, offset, callback, user_arg] {
-        std::optional<std::string> failure = o->s->sink(buffer, length, offset);
+        std::optional<std::string> failure =
+            tarvex_gridftp_server_operation_cancelled(op) ? std::optional<std::string>(cancelled_text)
+                                                          : o->s->sink(buffer, length, offset);
+        if (!failure)
+            o->moved(length);
         callback(op, failure ? driver_error(*failure) : TARVEX_SUCCESS, buffer, length,
                  user_arg);
         // In flight until its completion has been delivered.
@@ -639,6 +663,11 @@ void driver::operation_state::complete_read(tarvex_byte_t *buffer, tarvex_size_t
     uint64_t n = 0;
     bool eof = false;
     std::optional<std::string> failure;
+    if (tarvex_gridftp_server_operation_cancelled(op)) {
+        callback(op, driver_error(cancelled_text), buffer, 0, base + static_cast<tarvex_off_t>(pos),
+                 false, user_arg);
+        return;
+    }
     {
         std::lock_guard lock(s->m);
         uint64_t total = s->recv_generated ? s->recv_length : s->recv_bytes.size();
@@ -669,6 +698,8 @@ void driver::operation_state::complete_read(tarvex_byte_t *buffer, tarvex_size_t
         std::lock_guard lock(m);
         recv_pos = pos + n;
     }
+    if (!failure)
+        moved(n);
     tarvex_result_t result = failure ? driver_error(*failure) : TARVEX_SUCCESS;
     callback(op, result, buffer, n, base + static_cast<tarvex_off_t>(pos), eof, user_arg);
 }
@@ -783,6 +814,21 @@ void driver::set_answer_timeout(std::chrono::milliseconds timeout)
     s_->timeout = timeout;
 }
 
+void driver::cancel_after_bytes(std::optional<uint64_t> bytes)
+{
+    std::lock_guard lock(s_->m);
+    s_->cancel_after = bytes;
+}
+
+bool driver::cancel()
+{
+    std::lock_guard lock(s_->m);
+    if (s_->running == nullptr)
+        return false;
+    tarvex_gfs_operation_cancel(s_->running);
+    return true;
+}
+
 // Creates an operation, lets `call` hand it to the plug-in and waits for
 // the final answer and every outstanding completion.
 template <typename Call> tarvex_result_t driver::run(Call &&call, void **session_arg)
@@ -798,14 +844,29 @@ template <typename Call> tarvex_result_t driver::run(Call &&call, void **session
     auto o = std::make_unique<operation_state>(s_, number);
     if (o->op == nullptr)
         return TARVEX_FAILURE;
+    {
+        std::lock_guard lock(s_->m);
+        s_->running = o->op;
+        s_->moved = 0;
+    }
+    // Cancelled before it starts when the script says so at 0 bytes.
+    o->moved(0);
+    tarvex_gfs_operation_t previous = tarvex_gfs_operation_set_current(o->op);
     call(*o);
-    if (!o->wait_answer(timeout)) {
+    tarvex_gfs_operation_set_current(previous);
+    bool answered = o->wait_answer(timeout);
+    if (answered)
+        o->drain();
+    {
+        std::lock_guard lock(s_->m);
+        s_->running = nullptr;
+    }
+    if (!answered) {
         // The plug-in may still answer later: the operation must outlive
         // it, so it is left allocated on purpose.
         o.release();
         return TARVEX_FAILURE;
     }
-    o->drain();
     if (session_arg != nullptr)
         *session_arg = o->session_arg;
     std::lock_guard lock(s_->m);

@@ -46,6 +46,14 @@
  * Unscripted calls get defaults: read ranges (0, 0) once the queue is empty
  * (nothing more wanted), write ranges (0, -1), no configuration data,
  * modification time -1, update interval 0, block size 262144, concurrency 4.
+ *
+ * Cancelling.  A convenience call makes its operation the calling thread's
+ * current one (tarvex_gfs_operation_set_current) while the plug-in runs, as
+ * the server does.  cancel() cancels it from any thread, as the server does
+ * on ABOR: tarvex_gridftp_server_operation_cancelled() turns true, new
+ * registered reads and writes are refused, and those already registered
+ * complete with an error (no data moves).  cancel_after_bytes() does the
+ * same at a fixed point of a transfer.
  */
 #ifndef TARVEX_TEST_DRIVER_H
 #define TARVEX_TEST_DRIVER_H
@@ -171,6 +179,17 @@ public:
     /* How long a convenience call waits for the final answer (default 30 s);
      * on time-out it returns TARVEX_FAILURE. */
     void set_answer_timeout(std::chrono::milliseconds timeout);
+    /* Cancels the operation of the next convenience calls once `bytes`
+     * bytes have moved in it (taken into the sink, or handed to the
+     * plug-in by register_read); 0: before the plug-in is called;
+     * std::nullopt: never. */
+    void cancel_after_bytes(std::optional<uint64_t> bytes);
+
+    /* ---- cancelling (any thread) ---- */
+
+    /* Cancels the operation of the convenience call running now; false
+     * when none is running. */
+    bool cancel();
 
     /* ---- convenience calls ---- */
 

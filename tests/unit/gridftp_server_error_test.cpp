@@ -67,7 +67,7 @@ TEST_F(Gfs, SystemErrorNamesTheCallAndKeepsErrno)
     char *reply = tarvex_gfs_error_to_ftp_reply(r, 0);
     EXPECT_EQ(reply, std::string("451 System error in malloc: ") + strerror(ENOMEM) + "\r\n");
     free(reply);
-    tarvex_object_free(tarvex_error_get(r));
+    tarvex_error_discard(r);
 }
 
 // A provider with two slots set, and no operation at all: the slots that are
@@ -115,11 +115,11 @@ TEST_F(Gfs, OperationOverASparseProvider)
         tarvex_result_t r = tarvex_gridftp_server_register_read(
             op, buffer, 4, [](auto...) { ADD_FAILURE(); }, nullptr);
         EXPECT_EQ(tarvex_error_get_type(tarvex_error_peek(r)), TARVEX_GFS_ERROR_DATA);
-        tarvex_object_free(tarvex_error_get(r));
+        tarvex_error_discard(r);
         r = tarvex_gridftp_server_register_write(op, buffer, 4, 0, -1,
                                                  [](auto...) { ADD_FAILURE(); }, nullptr);
         EXPECT_NE(r, TARVEX_SUCCESS);
-        tarvex_object_free(tarvex_error_get(r));
+        tarvex_error_discard(r);
 
         tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, const_cast<char *>("done"));
         tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, nullptr, 0);

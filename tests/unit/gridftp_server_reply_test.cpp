@@ -59,7 +59,7 @@ tarvex_object_t *generic(const char *text, tarvex_object_t *cause = nullptr)
 tarvex_result_t gone()
 {
     tarvex_result_t r = tarvex_error_put(generic("taken"));
-    tarvex_object_free(tarvex_error_get(r));
+    tarvex_error_discard(r);
     return r;
 }
 
@@ -118,7 +118,7 @@ TEST(GfsReply, RendersEveryKindOfResult)
         EXPECT_EQ(text, c.expected);
         free(text);
         EXPECT_EQ(tarvex_error_peek(r), before);   // the error stays where it was
-        tarvex_object_free(tarvex_error_get(r));
+        tarvex_error_discard(r);
     }
     char *text = tarvex_gfs_error_object_to_ftp_reply(nullptr, 0);
     EXPECT_STREQ(text, "451 Operation failed.\r\n");

@@ -317,6 +317,39 @@ void tarvex_gridftp_server_get_block_size(tarvex_gfs_operation_t op,
 void tarvex_gridftp_server_get_optimal_concurrency(tarvex_gfs_operation_t op,
                                                    int *count);
 
+/* ---- cancellation ----
+ *
+ * An operation is cancelled when its client gives up on it: ABOR, the
+ * control connection closing, the server being stopped (SIGTERM).  The
+ * server then waits a grace period (tarvex-gridftp-server --cancel-grace,
+ * a few seconds) for the plug-in function to return, and ends the session
+ * without it when it does not.  A plug-in that wants its session to end
+ * cleanly stops what it does and answers soon, with any error:
+ *
+ * - Long loops (a checksum over a large file, a copy) poll
+ *   tarvex_gridftp_server_operation_cancelled(op) between steps.
+ * - Registered reads and writes fail once the operation is cancelled: the
+ *   register call returns an error, and reads and writes already
+ *   registered complete with one (no more data moves).
+ * - Code that has no operation handle at hand (a progress callback of a
+ *   REST request made inside a table function) asks
+ *   tarvex_gridftp_server_thread_cancelled(): the operation whose table
+ *   function runs on the calling thread, as its caller declared with
+ *   tarvex_gfs_operation_set_current().  The REST client's stock progress
+ *   callback does so: every request made for a cancelled operation ends
+ *   with a non-retryable error.
+ *
+ * Cancellation is a request, never forced: nothing is interrupted, and a
+ * cancelled operation is still answered exactly once.
+ */
+
+/* True once `op` has been cancelled (it never becomes false again).
+ * Cheap: made to be polled.  False for NULL. */
+bool tarvex_gridftp_server_operation_cancelled(tarvex_gfs_operation_t op);
+/* True when the calling thread's current operation has been cancelled;
+ * false when the thread has none. */
+bool tarvex_gridftp_server_thread_cancelled(void);
+
 /* ---- operations and their providers ---- */
 
 /* Whoever creates operations supplies these.  `ctx` is the provider's own
@@ -359,6 +392,17 @@ tarvex_gfs_operation_t tarvex_gfs_operation_create(
     const tarvex_gfs_operation_provider_t *provider, void *ctx);
 void tarvex_gfs_operation_destroy(tarvex_gfs_operation_t op);
 void *tarvex_gfs_operation_get_context(tarvex_gfs_operation_t op);
+
+/* Cancels `op` (see "cancellation" above); any thread, any number of
+ * times.  From then on the library refuses the operation's register_read
+ * and register_write calls itself; the provider fails the ones it already
+ * holds. */
+void tarvex_gfs_operation_cancel(tarvex_gfs_operation_t op);
+/* Makes `op` the calling thread's current operation (NULL: none) and
+ * returns the previous one.  Whoever calls a plug-in's table function sets
+ * it for the duration of the call and restores the previous one after.
+ * The operation must outlive the time it is current. */
+tarvex_gfs_operation_t tarvex_gfs_operation_set_current(tarvex_gfs_operation_t op);
 
 /* ---- errors ---- */
 

@@ -75,6 +75,12 @@ void checksum(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, Sessio
     long long left = info->cksm_length; // -1: to the end
     long long total = 0;
     while (r == TARVEX_SUCCESS && left != 0) {
+        // A range of a sparse file can be huge and cost nothing but time:
+        // a cancelled operation stops between chunks.
+        if (tarvex_gridftp_server_operation_cancelled(op)) {
+            r = cancelled_result("the checksum");
+            break;
+        }
         size_t want = left < 0 || static_cast<unsigned long long>(left) > chunk
                           ? chunk
                           : static_cast<size_t>(left);

@@ -98,7 +98,9 @@ tarvex_result_t rename_item(Session &s, const char *from, const char *to)
 
 } // namespace
 
-void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *arg)
+namespace {
+
+void run_command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *arg)
 {
     auto &s = *static_cast<Session *>(arg);
     const char *path = info->pathname;
@@ -147,6 +149,14 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *a
         break;
     }
     tarvex_gridftp_server_finished_command(op, r, nullptr);
+}
+
+} // namespace
+
+void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *arg)
+{
+    guarded_entry([&] { run_command(op, info, arg); },
+                  [&](tarvex_result_t r) { tarvex_gridftp_server_finished_command(op, r, nullptr); });
 }
 
 } // namespace tarvex_posix

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "posix.h"
 
@@ -103,9 +104,11 @@ tarvex_result_t find_root(tarvex_gfs_operation_t op, std::string &root)
 
 namespace tarvex_posix {
 
-void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *)
+namespace {
+
+void start_session(tarvex_gfs_operation_t op)
 {
-    auto *s = new (std::nothrow) Session;
+    std::unique_ptr<Session> s(new (std::nothrow) Session);
     if (s == nullptr) {
         tarvex_gridftp_server_finished_session_start(
             op, tarvex_i_gfs_error_system(module, ENOMEM, "System error%s%s", " in ", "malloc"),
@@ -121,13 +124,21 @@ void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *)
                                strerror(errno));
     }
     if (r != TARVEX_SUCCESS) {
-        delete s;
         tarvex_gridftp_server_finished_session_start(op, r, nullptr, nullptr, nullptr);
         return;
     }
     tarvex_gridftp_server_set_checksum_support(op, "MD5:1;SHA1:2;");
     char home[] = "/";
-    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, s, nullptr, home);
+    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, s.release(), nullptr, home);
+}
+
+} // namespace
+
+void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *)
+{
+    guarded_entry([&] { start_session(op); }, [&](tarvex_result_t r) {
+        tarvex_gridftp_server_finished_session_start(op, r, nullptr, nullptr, nullptr);
+    });
 }
 
 void destroy(void *arg)

@@ -1,4 +1,6 @@
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "posix.h"
 
@@ -48,10 +50,21 @@ tarvex_result_t errno_result(int err, const char *path)
     return make_error(code, cls, std::string("GridFTP-Path: ") + (path ? path : "") + ": " + what);
 }
 
-void drop_result(tarvex_result_t r)
+tarvex_result_t cancelled_result(const char *what)
 {
-    if (r != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(r));
+    return make_error(426, "CANCELLED", std::string("GridFTP-Error: ") + what + " was cancelled.");
+}
+
+tarvex_result_t exception_result() noexcept
+{
+    try {
+        throw;
+    } catch (const std::bad_alloc &) {
+        return tarvex_i_gfs_error_system(module, ENOMEM, "System error%s%s", " in ", "malloc");
+    } catch (...) {
+        return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+            module, nullptr, 451, "INTERNAL_ERROR", "GridFTP-Error: an unexpected failure."));
+    }
 }
 
 } // namespace tarvex_posix

@@ -32,7 +32,23 @@ int open_parent(const Session &s, const char *path, std::string &name);
 // An FTP response error for a failed system call on `path`.
 tarvex_result_t errno_result(int err, const char *path);
 tarvex_result_t make_error(int code, const char *cls, const std::string &message);
-void drop_result(tarvex_result_t r);
+// The answer of an operation the server cancelled (see the server
+// library's header): `what` ("the checksum") stopped.
+tarvex_result_t cancelled_result(const char *what);
+// The error for the exception being handled (call only in a catch block).
+tarvex_result_t exception_result() noexcept;
+
+// The table's functions are called from C: each runs its body through
+// this, and an exception (out of memory) is answered through `finish` with
+// an error instead of leaving the function.
+template <typename Body, typename Finish> void guarded_entry(Body &&body, Finish &&finish) noexcept
+{
+    try {
+        body();
+    } catch (...) {
+        finish(exception_result());
+    }
+}
 
 // ---- the storage interface ----
 

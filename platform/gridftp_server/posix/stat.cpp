@@ -126,11 +126,19 @@ void stat_listing(tarvex_gfs_operation_t op, const char *path, Session &s)
     batch.push_back(std::move(self));
 
     std::string prefix = rel == "." ? "" : rel + "/";
+    tarvex_result_t result = TARVEX_SUCCESS;
     for (;;) {
+        if (tarvex_gridftp_server_operation_cancelled(op)) {
+            result = cancelled_result("the listing");
+            break;
+        }
         errno = 0;
         dirent *d = readdir(dir);
-        if (d == nullptr)
+        if (d == nullptr) {
+            if (errno != 0)
+                result = errno_result(errno, path);
             break;
+        }
         if (d->d_name[0] == '.' && (d->d_name[1] == '\0' || (d->d_name[1] == '.' && d->d_name[2] == '\0')))
             continue;
         Entry e;
@@ -141,7 +149,6 @@ void stat_listing(tarvex_gfs_operation_t op, const char *path, Session &s)
         if (static_cast<int>(batch.size()) == batch_size)
             send_batch(false, TARVEX_SUCCESS);
     }
-    tarvex_result_t result = errno != 0 ? errno_result(errno, path) : TARVEX_SUCCESS;
     send_batch(true, result);
 }
 
@@ -150,10 +157,14 @@ void stat_listing(tarvex_gfs_operation_t op, const char *path, Session &s)
 void stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *info, void *arg)
 {
     auto &s = *static_cast<Session *>(arg);
-    if (info->file_only)
-        stat_single(op, info->pathname, s);
-    else
-        stat_listing(op, info->pathname, s);
+    guarded_entry(
+        [&] {
+            if (info->file_only)
+                stat_single(op, info->pathname, s);
+            else
+                stat_listing(op, info->pathname, s);
+        },
+        [&](tarvex_result_t r) { tarvex_gridftp_server_finished_stat(op, r, nullptr, 0); });
 }
 
 } // namespace tarvex_posix

@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "posix.h"
@@ -40,7 +41,7 @@ struct Pipeline {
         if (error == TARVEX_SUCCESS)
             error = r;
         else
-            drop_result(r);
+            tarvex_error_discard(r);
     }
     void wait_idle()
     {
@@ -73,6 +74,18 @@ void setup(Pipeline &p, tarvex_gfs_operation_t op)
     }
 }
 
+// Completions are called by the server, from C: nothing may leave them.
+// A slot that cannot be queued (no memory) fails the transfer; the count
+// of outstanding buffers still goes down, so that nobody waits for it.
+void queue_slot(Pipeline &p, std::deque<Slot *> &queue, Slot *slot)
+{
+    try {
+        queue.push_back(slot);
+    } catch (...) {
+        p.note_error(exception_result());
+    }
+}
+
 void write_done(tarvex_gfs_operation_t, tarvex_result_t result, tarvex_byte_t *, tarvex_size_t,
                 void *arg)
 {
@@ -81,7 +94,7 @@ void write_done(tarvex_gfs_operation_t, tarvex_result_t result, tarvex_byte_t *,
     {
         std::lock_guard lock(p.mu);
         p.note_error(result);
-        p.free.push_back(slot);
+        queue_slot(p, p.free, slot);
         --p.outstanding;
     }
     p.cv.notify_all();
@@ -98,7 +111,7 @@ void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t 
         slot->got = nbytes;
         slot->offset = offset;
         slot->eof = eof;
-        p.filled.push_back(slot);
+        queue_slot(p, p.filled, slot);
         --p.outstanding;
     }
     p.cv.notify_all();
@@ -110,6 +123,8 @@ tarvex_result_t send_range(tarvex_gfs_operation_t op, Pipeline &p, int fd, const
                            tarvex_off_t offset, tarvex_off_t length)
 {
     while (length != 0) {
+        if (tarvex_gridftp_server_operation_cancelled(op))
+            return cancelled_result("the transfer");
         Slot *slot;
         {
             std::unique_lock lock(p.mu);
@@ -163,9 +178,32 @@ int open_for_read(Session &s, const char *path)
     return fd;
 }
 
-} // namespace
+// A restarted store may continue a file, never start beyond its end: the
+// gap would be a hole of zero bytes (a REST of 1 TiB made a 1 TiB sparse
+// file of one byte) that no client resuming an upload wants.  Checked
+// before anything is opened for writing, so a refusal leaves no file.
+tarvex_result_t check_restart(Session &s, const char *path, tarvex_off_t start)
+{
+    if (start <= 0)
+        return TARVEX_SUCCESS;
+    int fd = open_beneath(s, relative(path), O_PATH);
+    struct stat st{};
+    bool ok = fd >= 0 && fstat(fd, &st) == 0;
+    int err = errno;
+    if (fd >= 0)
+        close(fd);
+    if (!ok && err != ENOENT)
+        return errno_result(err, path);
+    tarvex_off_t size = ok ? st.st_size : 0;
+    if (start > size)
+        return make_error(554, "BAD_RESTART",
+                          "GridFTP-Error: the restart offset " + std::to_string(start) +
+                              " is beyond the end of " + path + " (" + std::to_string(size) +
+                              " bytes).");
+    return TARVEX_SUCCESS;
+}
 
-void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+void send_file(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
 {
     auto &s = *static_cast<Session *>(arg);
     const char *path = info->pathname;
@@ -194,24 +232,29 @@ void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg
     if (r == TARVEX_SUCCESS)
         r = p.error;
     else
-        drop_result(p.error);
+        tarvex_error_discard(p.error);
     tarvex_gridftp_server_finished_transfer(op, r);
 }
 
-void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+void receive_file(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
 {
     auto &s = *static_cast<Session *>(arg);
     const char *path = info->pathname;
+    tarvex_off_t start = 0;
+    tarvex_off_t length = -1;
+    tarvex_gridftp_server_get_write_range(op, &start, &length);
+    tarvex_off_t end = length < 0 ? -1 : start + length;
+    tarvex_result_t refused = check_restart(s, path, info->truncate ? 0 : start);
+    if (refused != TARVEX_SUCCESS) {
+        tarvex_gridftp_server_finished_transfer(op, refused);
+        return;
+    }
     int flags = O_WRONLY | O_CREAT | (info->truncate ? O_TRUNC : 0);
     int fd = open_beneath(s, relative(path), flags, 0666);
     if (fd < 0) {
         tarvex_gridftp_server_finished_transfer(op, errno_result(errno, path));
         return;
     }
-    tarvex_off_t start = 0;
-    tarvex_off_t length = -1;
-    tarvex_gridftp_server_get_write_range(op, &start, &length);
-    tarvex_off_t end = length < 0 ? -1 : start + length;
 
     Pipeline p;
     setup(p, op);
@@ -260,6 +303,10 @@ void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg
             std::lock_guard lock(p.mu);
             failed = p.error != TARVEX_SUCCESS || r != TARVEX_SUCCESS;
         }
+        if (!failed && tarvex_gridftp_server_operation_cancelled(op)) {
+            r = cancelled_result("the transfer");
+            failed = true;
+        }
         size_t n = done->got;
         if (end >= 0 && done->offset + static_cast<tarvex_off_t>(n) > end)
             n = done->offset >= end ? 0 : static_cast<size_t>(end - done->offset);
@@ -294,8 +341,22 @@ void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg
     if (r == TARVEX_SUCCESS)
         r = p.error;
     else
-        drop_result(p.error);
+        tarvex_error_discard(p.error);
     tarvex_gridftp_server_finished_transfer(op, r);
+}
+
+} // namespace
+
+void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+{
+    guarded_entry([&] { send_file(op, info, arg); },
+                  [&](tarvex_result_t r) { tarvex_gridftp_server_finished_transfer(op, r); });
+}
+
+void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+{
+    guarded_entry([&] { receive_file(op, info, arg); },
+                  [&](tarvex_result_t r) { tarvex_gridftp_server_finished_transfer(op, r); });
 }
 
 } // namespace tarvex_posix

@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "c_edge.h"
 #include "tarvex_gridftp_server.h"
 
 tarvex_extension_registry_t tarvex_i_gfs_dsi_registry = {nullptr};
@@ -33,18 +34,16 @@ std::string extension_name(const char *name)
     return std::string(extension_prefix) + name;
 }
 
-} // namespace
-
-extern "C" const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const char *name)
+const tarvex_gfs_storage_iface_t *load(const char *name)
 {
     if (!plugin_name_valid(name))
         return nullptr;
+    // Made first: nothing below may throw once the module is activated.
+    std::string ext = extension_name(name);
     // The plug-in uses this library's errors and the runtime: keep both up
     // for as long as the plug-in is loaded.
     if (tarvex_module_activate(&tarvex_i_gfs_module) != 0)
         return nullptr;
-
-    std::string ext = extension_name(name);
     if (tarvex_extension_activate(ext.c_str()) != 0) {
         tarvex_module_deactivate(&tarvex_i_gfs_module);
         return nullptr;
@@ -60,7 +59,7 @@ extern "C" const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const ch
     return iface;
 }
 
-extern "C" void tarvex_gfs_dsi_unload(const char *name)
+void unload(const char *name)
 {
     if (!plugin_name_valid(name))
         return;
@@ -69,4 +68,17 @@ extern "C" void tarvex_gfs_dsi_unload(const char *name)
     // was never loaded must not take the runtime down under others.
     if (tarvex_extension_deactivate(ext.c_str()) == 0)
         tarvex_module_deactivate(&tarvex_i_gfs_module);
+}
+
+} // namespace
+
+extern "C" const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const char *name)
+{
+    return tarvex_gfs_internal::guarded_value<const tarvex_gfs_storage_iface_t *>(
+        nullptr, [&] { return load(name); });
+}
+
+extern "C" void tarvex_gfs_dsi_unload(const char *name)
+{
+    tarvex_gfs_internal::guarded([&] { unload(name); });
 }

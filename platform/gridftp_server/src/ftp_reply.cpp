@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "c_edge.h"
 #include "tarvex_gridftp_server.h"
 
 namespace {
@@ -99,10 +100,7 @@ char *render(int code, const std::vector<std::string> &lines)
     return strdup(reply.c_str());
 }
 
-} // namespace
-
-extern "C" char *tarvex_gfs_error_object_to_ftp_reply(const tarvex_object_t *error,
-                                                      int default_code)
+char *object_to_reply(const tarvex_object_t *error, int default_code)
 {
     const int other_code = code_valid(default_code) ? default_code : fallback_code;
     std::vector<std::string> lines;
@@ -119,6 +117,17 @@ extern "C" char *tarvex_gfs_error_object_to_ftp_reply(const tarvex_object_t *err
     }
     add_chain_lines(lines, error);
     return render(other_code, lines);
+}
+
+} // namespace
+
+// Out of memory while rendering: NULL, which callers already handle as
+// an allocation failure.
+extern "C" char *tarvex_gfs_error_object_to_ftp_reply(const tarvex_object_t *error,
+                                                      int default_code)
+{
+    return tarvex_gfs_internal::guarded_value<char *>(
+        nullptr, [&] { return object_to_reply(error, default_code); });
 }
 
 extern "C" char *tarvex_gfs_error_to_ftp_reply(tarvex_result_t result, int default_code)

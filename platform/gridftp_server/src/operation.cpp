@@ -13,14 +13,26 @@
 //   get_optimal_concurrency     1 (also when a provider says less)
 //   every other call            ignored
 // A NULL operation behaves like one whose provider has only NULL slots.
+//
+// Once an operation is cancelled its register_read and register_write
+// calls are refused here, before the provider sees them.  A provider's
+// function that throws is stopped at this edge: calls with a result return
+// an error, the others have no effect.
+#include <atomic>
 #include <cstdlib>
+#include <new>
 
+#include "c_edge.h"
 #include "tarvex_gridftp_server.h"
+
+using tarvex_gfs_internal::guarded;
+using tarvex_gfs_internal::guarded_result;
 
 struct tarvex_gfs_operation_s {
     // A copy, so that a provider may build its table on the stack.
-    tarvex_gfs_operation_provider_t provider;
-    void *ctx;
+    tarvex_gfs_operation_provider_t provider{};
+    void *ctx = nullptr;
+    std::atomic<bool> cancelled{false};
 };
 
 namespace {
@@ -40,11 +52,25 @@ void *ctx_of(tarvex_gfs_operation_t op)
     return op != nullptr ? op->ctx : nullptr;
 }
 
+// The operation whose table function runs on this thread (see
+// tarvex_gfs_operation_set_current).
+thread_local tarvex_gfs_operation_t current_operation = nullptr;
+
+tarvex_result_t data_error(const char *text)
+{
+    return tarvex_error_put(tarvex_error_construct_error(&tarvex_i_gfs_module, nullptr,
+                                                         TARVEX_GFS_ERROR_DATA, __FILE__,
+                                                         __func__, __LINE__, "%s", text));
+}
+
 tarvex_result_t no_data_channel()
 {
-    return tarvex_error_put(tarvex_error_construct_error(
-        &tarvex_i_gfs_module, nullptr, TARVEX_GFS_ERROR_DATA, __FILE__, __func__,
-        __LINE__, "The operation has no data channel."));
+    return data_error("The operation has no data channel.");
+}
+
+bool is_cancelled(tarvex_gfs_operation_t op)
+{
+    return op != nullptr && op->cancelled.load(std::memory_order_acquire);
 }
 
 } // namespace
@@ -54,7 +80,7 @@ extern "C" {
 tarvex_gfs_operation_t tarvex_gfs_operation_create(
     const tarvex_gfs_operation_provider_t *provider, void *ctx)
 {
-    auto *op = static_cast<tarvex_gfs_operation_s *>(calloc(1, sizeof(tarvex_gfs_operation_s)));
+    auto *op = new (std::nothrow) tarvex_gfs_operation_s;
     if (op == nullptr)
         return nullptr;
     if (provider != nullptr)
@@ -65,12 +91,35 @@ tarvex_gfs_operation_t tarvex_gfs_operation_create(
 
 void tarvex_gfs_operation_destroy(tarvex_gfs_operation_t op)
 {
-    free(op);
+    delete op;
 }
 
 void *tarvex_gfs_operation_get_context(tarvex_gfs_operation_t op)
 {
     return ctx_of(op);
+}
+
+void tarvex_gfs_operation_cancel(tarvex_gfs_operation_t op)
+{
+    if (op != nullptr)
+        op->cancelled.store(true, std::memory_order_release);
+}
+
+tarvex_gfs_operation_t tarvex_gfs_operation_set_current(tarvex_gfs_operation_t op)
+{
+    tarvex_gfs_operation_t previous = current_operation;
+    current_operation = op;
+    return previous;
+}
+
+bool tarvex_gridftp_server_operation_cancelled(tarvex_gfs_operation_t op)
+{
+    return is_cancelled(op);
+}
+
+bool tarvex_gridftp_server_thread_cancelled(void)
+{
+    return is_cancelled(current_operation);
 }
 
 void tarvex_gridftp_server_finished_session_start(tarvex_gfs_operation_t op,
@@ -79,7 +128,7 @@ void tarvex_gridftp_server_finished_session_start(tarvex_gfs_operation_t op,
                                                   char *username, char *home_dir)
 {
     if (auto f = provider_of(op).finished_session_start)
-        f(ctx_of(op), result, session_arg, username, home_dir);
+        guarded([&] { f(ctx_of(op), result, session_arg, username, home_dir); });
 }
 
 void tarvex_gridftp_server_finished_stat(tarvex_gfs_operation_t op,
@@ -88,7 +137,7 @@ void tarvex_gridftp_server_finished_stat(tarvex_gfs_operation_t op,
                                          int stat_count)
 {
     if (auto f = provider_of(op).finished_stat)
-        f(ctx_of(op), result, stat_array, stat_count, false);
+        guarded([&] { f(ctx_of(op), result, stat_array, stat_count, false); });
 }
 
 void tarvex_gridftp_server_finished_stat_partial(
@@ -96,7 +145,7 @@ void tarvex_gridftp_server_finished_stat_partial(
     tarvex_gridftp_server_control_stat_t *stat_array, int stat_count)
 {
     if (auto f = provider_of(op).finished_stat)
-        f(ctx_of(op), result, stat_array, stat_count, true);
+        guarded([&] { f(ctx_of(op), result, stat_array, stat_count, true); });
 }
 
 void tarvex_gridftp_server_finished_command(tarvex_gfs_operation_t op,
@@ -104,7 +153,7 @@ void tarvex_gridftp_server_finished_command(tarvex_gfs_operation_t op,
                                             char *command_response)
 {
     if (auto f = provider_of(op).finished_command)
-        f(ctx_of(op), result, command_response, false);
+        guarded([&] { f(ctx_of(op), result, command_response, false); });
 }
 
 void tarvex_gridftp_server_intermediate_command(tarvex_gfs_operation_t op,
@@ -112,21 +161,21 @@ void tarvex_gridftp_server_intermediate_command(tarvex_gfs_operation_t op,
                                                 char *command_response)
 {
     if (auto f = provider_of(op).finished_command)
-        f(ctx_of(op), result, command_response, true);
+        guarded([&] { f(ctx_of(op), result, command_response, true); });
 }
 
 void tarvex_gridftp_server_begin_transfer(tarvex_gfs_operation_t op, int event_mask,
                                           void *event_arg)
 {
     if (auto f = provider_of(op).begin_transfer)
-        f(ctx_of(op), event_mask, event_arg);
+        guarded([&] { f(ctx_of(op), event_mask, event_arg); });
 }
 
 void tarvex_gridftp_server_finished_transfer(tarvex_gfs_operation_t op,
                                              tarvex_result_t result)
 {
     if (auto f = provider_of(op).finished_transfer)
-        f(ctx_of(op), result);
+        guarded([&] { f(ctx_of(op), result); });
 }
 
 void tarvex_gridftp_server_get_read_range(tarvex_gfs_operation_t op,
@@ -135,7 +184,7 @@ void tarvex_gridftp_server_get_read_range(tarvex_gfs_operation_t op,
     tarvex_off_t o = 0;
     tarvex_off_t l = 0;
     if (auto f = provider_of(op).get_read_range)
-        f(ctx_of(op), &o, &l);
+        guarded([&] { f(ctx_of(op), &o, &l); });
     if (offset != nullptr)
         *offset = o;
     if (length != nullptr)
@@ -148,7 +197,7 @@ void tarvex_gridftp_server_get_write_range(tarvex_gfs_operation_t op,
     tarvex_off_t o = 0;
     tarvex_off_t l = -1;
     if (auto f = provider_of(op).get_write_range)
-        f(ctx_of(op), &o, &l);
+        guarded([&] { f(ctx_of(op), &o, &l); });
     if (offset != nullptr)
         *offset = o;
     if (length != nullptr)
@@ -162,7 +211,10 @@ tarvex_result_t tarvex_gridftp_server_register_read(
     auto f = provider_of(op).register_read;
     if (f == nullptr)
         return no_data_channel();
-    return f(ctx_of(op), op, buffer, length, callback, user_arg);
+    if (is_cancelled(op))
+        return data_error("The operation was cancelled.");
+    return guarded_result(__func__,
+                          [&] { return f(ctx_of(op), op, buffer, length, callback, user_arg); });
 }
 
 tarvex_result_t tarvex_gridftp_server_register_write(
@@ -173,21 +225,25 @@ tarvex_result_t tarvex_gridftp_server_register_write(
     auto f = provider_of(op).register_write;
     if (f == nullptr)
         return no_data_channel();
-    return f(ctx_of(op), op, buffer, length, offset, stripe_ndx, callback, user_arg);
+    if (is_cancelled(op))
+        return data_error("The operation was cancelled.");
+    return guarded_result(__func__, [&] {
+        return f(ctx_of(op), op, buffer, length, offset, stripe_ndx, callback, user_arg);
+    });
 }
 
 void tarvex_gridftp_server_update_bytes_recvd(tarvex_gfs_operation_t op,
                                               tarvex_off_t length)
 {
     if (auto f = provider_of(op).update_bytes_recvd)
-        f(ctx_of(op), length);
+        guarded([&] { f(ctx_of(op), length); });
 }
 
 void tarvex_gridftp_server_update_bytes_written(tarvex_gfs_operation_t op,
                                                 tarvex_off_t offset, tarvex_off_t length)
 {
     if (auto f = provider_of(op).update_bytes_written)
-        f(ctx_of(op), offset, length);
+        guarded([&] { f(ctx_of(op), offset, length); });
 }
 
 tarvex_result_t tarvex_gridftp_server_get_config_data(tarvex_gfs_operation_t op,
@@ -196,7 +252,7 @@ tarvex_result_t tarvex_gridftp_server_get_config_data(tarvex_gfs_operation_t op,
     char *value = nullptr;
     tarvex_result_t result = TARVEX_SUCCESS;
     if (auto f = provider_of(op).get_config_data)
-        result = f(ctx_of(op), key, &value);
+        result = guarded_result(__func__, [&] { return f(ctx_of(op), key, &value); });
     if (data != nullptr)
         *data = value;
     else
@@ -208,14 +264,14 @@ void tarvex_gridftp_server_set_checksum_support(tarvex_gfs_operation_t op,
                                                 const char *cksm_str)
 {
     if (auto f = provider_of(op).set_checksum_support)
-        f(ctx_of(op), cksm_str);
+        guarded([&] { f(ctx_of(op), cksm_str); });
 }
 
 void tarvex_gridftp_server_get_update_interval(tarvex_gfs_operation_t op, int *interval)
 {
     int value = 0;
     if (auto f = provider_of(op).get_update_interval)
-        f(ctx_of(op), &value);
+        guarded([&] { f(ctx_of(op), &value); });
     if (interval != nullptr)
         *interval = value;
 }
@@ -226,7 +282,7 @@ tarvex_result_t tarvex_gridftp_server_get_recv_modification_time(
     time_t value = -1;
     tarvex_result_t result = TARVEX_SUCCESS;
     if (auto f = provider_of(op).get_recv_modification_time)
-        result = f(ctx_of(op), &value);
+        result = guarded_result(__func__, [&] { return f(ctx_of(op), &value); });
     if (modtime != nullptr)
         *modtime = value;
     return result;
@@ -237,7 +293,7 @@ void tarvex_gridftp_server_get_block_size(tarvex_gfs_operation_t op,
 {
     tarvex_size_t value = default_block_size;
     if (auto f = provider_of(op).get_block_size)
-        f(ctx_of(op), &value);
+        guarded([&] { f(ctx_of(op), &value); });
     if (value == 0) // plug-ins size buffers by it: never hand out 0
         value = default_block_size;
     if (block_size != nullptr)
@@ -248,7 +304,7 @@ void tarvex_gridftp_server_get_optimal_concurrency(tarvex_gfs_operation_t op, in
 {
     int value = default_concurrency;
     if (auto f = provider_of(op).get_optimal_concurrency)
-        f(ctx_of(op), &value);
+        guarded([&] { f(ctx_of(op), &value); });
     if (value < 1)
         value = default_concurrency;
     if (count != nullptr)

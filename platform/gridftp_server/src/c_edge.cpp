@@ -1,0 +1,21 @@
+#include "c_edge.h"
+
+#include <cerrno>
+
+namespace tarvex_gfs_internal {
+
+tarvex_result_t exception_result(const char *where) noexcept
+{
+    try {
+        throw;
+    } catch (const std::bad_alloc &) {
+        return tarvex_i_gfs_error_system(&tarvex_i_gfs_module, ENOMEM, "System error%s%s",
+                                         " in ", "malloc");
+    } catch (...) {
+        return tarvex_error_put(tarvex_error_construct_error(
+            &tarvex_i_gfs_module, nullptr, TARVEX_GFS_ERROR_GENERIC, __FILE__, where, __LINE__,
+            "An unexpected failure in %s.", where));
+    }
+}
+
+} // namespace tarvex_gfs_internal
