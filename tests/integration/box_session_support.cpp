@@ -89,6 +89,7 @@ void session_test::SetUp()
 {
     emulator().reset();
     driver_.set_config("config", "{}");
+    driver_.set_answer_timeout(answer_timeout);
 }
 
 void session_test::TearDown()

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <string>
 #include <vector>
@@ -23,6 +24,10 @@ using log_entry = tarvex_test::BoxEmulator::LogEntry;
 using strings = std::vector<std::string>;
 
 tarvex_test::BoxEmulator &emulator();
+/* How long a driver waits for the plug-in's final answer: only a guard
+ * against a hang, far beyond what a 100 MiB store takes on a loaded machine
+ * with the sanitizers (the driver's own default is 30 s). */
+constexpr std::chrono::minutes answer_timeout{10};
 /* The plug-in's table as the server would hold it. */
 extern const tarvex_gfs_storage_iface_t box_table;
 /* "$HOME/.tarvex" as the plug-in sees it: in this program's scratch home,

@@ -121,6 +121,7 @@ protected:
                       bool truncate = true)
     {
         d.clear_events();
+        d.set_answer_timeout(answer_timeout);
         tarvex_error_discard(d.recv(&box_table, session_, path, alloc_size, truncate));
         auto finished = d.events(event_kind::finished_transfer);
         EXPECT_EQ(finished.size(), 1u) << path;

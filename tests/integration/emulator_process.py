@@ -30,7 +30,7 @@ class Emulator:
             [sys.executable, SCRIPT, "--port", "0", "--port-file", port_file, "--quiet",
              "--data-dir", os.path.join(self.dir, "data"), *extra_args],
             stdout=subprocess.DEVNULL)
-        deadline = time.monotonic() + 20
+        deadline = time.monotonic() + 120   # a guard against a hang only
         while not os.path.exists(port_file):
             if self.proc.poll() is not None or time.monotonic() > deadline:
                 self.close()

@@ -263,7 +263,9 @@ void BoxEmulator::spawn(const Options &options)
 void BoxEmulator::wait_listening()
 {
     const std::string port_file = dir_ + "/port";
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    /* Only a guard against an emulator that never comes up: a starved
+     * machine can take many seconds to start a Python program. */
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     for (;;) {
         std::ifstream in(port_file);
         if (in && (in >> port_) && port_ > 0)
@@ -274,7 +276,7 @@ void BoxEmulator::wait_listening()
             fail("the emulator exited before listening (status " + std::to_string(status) + ")");
         }
         if (std::chrono::steady_clock::now() > deadline)
-            fail("the emulator did not listen within 30 s");
+            fail("the emulator did not listen within 120 s");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     base_url_ = std::string(ca_file_.empty() ? "http" : "https") + "://127.0.0.1:" +
