@@ -63,6 +63,19 @@ def make_tls_files(folder):
             os.path.join(folder, "server.key"))
 
 
+class ResumingFTP_TLS(ftplib.FTP_TLS):
+    """ftplib over TLS whose data connections resume the control
+    connection's TLS session, as the server requires (and curl, lftp and
+    wget do by themselves); plain FTP_TLS starts a new session on each."""
+
+    def ntransfercmd(self, cmd, rest=None):
+        conn, size = ftplib.FTP.ntransfercmd(self, cmd, rest)
+        if self._prot_p:
+            conn = self.context.wrap_socket(conn, server_hostname=self.host,
+                                            session=self.sock.session)
+        return conn, size
+
+
 class Server:
     """One server process.  `extra` adds command-line options."""
 
@@ -127,7 +140,7 @@ class Server:
     def ftp(self, user="anonymous", password="x", tls=False):
         if tls:
             ctx = ssl.create_default_context(cafile=self.ca)
-            f = ftplib.FTP_TLS(context=ctx, timeout=30)
+            f = ResumingFTP_TLS(context=ctx, timeout=30)
             f.connect("127.0.0.1", self.port)
             f.auth()
             f.login(user, password)

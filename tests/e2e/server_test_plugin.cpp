@@ -6,7 +6,10 @@
 //   stat   /fail-late    a listing that fails after one batch
 //   stat   other         not found, as an FTP response error whose cause
 //                        chain adds lines to the reply
-//   CKSM   any path      three progress replies, then "cafe"
+//   CKSM   /until-cancel waits (up to 60 s) until its operation is
+//                        cancelled, as seen from its thread, then fails
+//   CKSM   /stubborn     ignores cancelling: sleeps 60 s, then "beef"
+//   CKSM   other         three progress replies, then "cafe"
 //   RETR   /async        data sent and the transfer finished from a thread of
 //                        the plug-in after the send function has returned
 //   RETR   /fail-mid     1 MiB sent, then a 451 error
@@ -120,6 +123,22 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *)
 {
     if (info->command != TARVEX_GFS_CMD_CKSM) {
         tarvex_gridftp_server_finished_command(op, ftp_error(500, "NOT_IMPLEMETED", nullptr), nullptr);
+        return;
+    }
+    std::string path = info->pathname;
+    if (path == "/until-cancel" || path == "/stubborn") {
+        bool heeds = path == "/until-cancel";
+        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (std::chrono::steady_clock::now() < until &&
+               !(heeds && tarvex_gridftp_server_thread_cancelled()))
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (heeds) {
+            tarvex_gridftp_server_finished_command(
+                op, ftp_error(451, "CANCELLED", "GridFTP-Error: stopped."), nullptr);
+            return;
+        }
+        char sum[] = "beef";
+        tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);
         return;
     }
     for (int i = 1; i <= 3; ++i) {

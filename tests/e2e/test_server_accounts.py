@@ -9,7 +9,7 @@ import ssl
 import tempfile
 import unittest
 
-from server_harness import SERVER, Server, make_hash
+from server_harness import SERVER, ResumingFTP_TLS, Server, make_hash
 
 
 def needs_server(cls):
@@ -123,7 +123,7 @@ class RequireTls(unittest.TestCase):
 
     def test_data_must_be_protected(self):
         ctx = ssl.create_default_context(cafile=self.server.ca)
-        f = ftplib.FTP_TLS(context=ctx, timeout=30)
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
         f.connect("127.0.0.1", self.server.port)
         f.login("anonymous", "x")  # does AUTH TLS first
         f.sendcmd("PBSZ 0")

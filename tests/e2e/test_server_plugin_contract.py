@@ -5,13 +5,14 @@ thread, a failure after data went out, refused session starts."""
 import ftplib
 import io
 import os
+import time
 import unittest
 
 from server_harness import LIBDIR, SERVER, Server, ServerTest
 
 
 class PluginContract(ServerTest):
-    server_args = {"dsi": "e2etest", "config_file": False}
+    server_args = {"dsi": "e2etest", "config_file": False, "extra": ["--cancel-grace", "1"]}
 
     @classmethod
     def setUpClass(cls):
@@ -63,6 +64,24 @@ class PluginContract(ServerTest):
         replies = [self.f.getresp() for _ in range(4)]
         self.assertEqual(replies, ["113 1000", "113 2000", "113 3000", "213 cafe"])
 
+    def test_abor_cancels_the_operation(self):
+        # The plug-in sees the cancel from its own thread, without its
+        # operation handle, and stops.
+        self.f.putcmd("CKSM CAFE 0 -1 /until-cancel")
+        self.f.putcmd("ABOR")
+        self.assertRaisesRegex(ftplib.error_temp, "^426 Command aborted.$", self.f.getresp)
+        self.assertEqual(self.f.getresp(), "226 Abort successful.")
+        self.assertEqual(self.f.pwd(), "/home")
+
+    def test_a_plugin_that_does_not_stop_ends_its_session(self):
+        self.f.putcmd("CKSM CAFE 0 -1 /stubborn")
+        self.f.putcmd("ABOR")
+        start = time.monotonic()
+        self.assertRaisesRegex(ftplib.error_temp, "^421 The storage did not stop", self.f.getresp)
+        self.assertGreaterEqual(time.monotonic() - start, 0.9)  # the grace period, 1 s
+        self.assertRaises(EOFError, self.f.getresp)
+        self.assertIn("did not stop within 1 s", self.server.read_log())
+
     def test_transfer_finished_from_another_thread(self):
         out = io.BytesIO()
         self.f.retrbinary("RETR /async", out.write)
@@ -109,6 +128,10 @@ class StartUp(unittest.TestCase):
                  ["--port", "0", "--dsi", "no_such_plugin", "--anonymous-map", "--foreground"],
                  ["--port", "0", "--dsi", "posix", "--passwd", "/no/such/file"],
                  ["--port", "0", "--dsi", "posix", "--anonymous-map", "--pasv-range", "9-5"],
+                 ["--port", "0", "--dsi", "posix", "--anonymous-map", "--login-timeout", "0"],
+                 ["--port", "0", "--dsi", "posix", "--anonymous-map",
+                  "--max-sessions-per-address", "x"],
+                 ["--port", "0", "--dsi", "posix", "--anonymous-map", "--cancel-grace", "-1"],
                  ["--bogus"]]
         for args in cases:
             r = subprocess.run([SERVER] + args + (["--dsi-path", LIBDIR] if LIBDIR else []),
@@ -120,7 +143,8 @@ class StartUp(unittest.TestCase):
         for opt in ("--port", "--bind", "--dsi", "--dsi-path", "--passwd", "--anonymous-map",
                     "--tls-cert", "--tls-key", "--require-tls", "--config-file",
                     "--config-command", "--port-file", "--pasv-range", "--max-sessions",
-                    "--idle-timeout", "--foreground"):
+                    "--idle-timeout", "--foreground", "--login-timeout",
+                    "--max-sessions-per-address", "--cancel-grace", "--tls-data-any-session"):
             self.assertIn(opt, r.stdout)
 
 

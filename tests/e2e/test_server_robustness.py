@@ -3,12 +3,93 @@ sessions: the server answers clearly and stays up."""
 import ftplib
 import io
 import os
+import re
 import signal
 import socket
+import ssl
+import threading
 import time
 import unittest
 
 from server_harness import Server, ServerTest, read_reply
+
+HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
+
+
+def wait_for(condition, what, timeout=30.0, step=0.05):
+    """Polls `condition` until it returns a true value, which is returned."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError("timed out waiting for " + what)
+        time.sleep(step)
+
+
+def process_gone(pid):
+    """True once `pid` has exited (a zombie waiting for the listener counts)."""
+    try:
+        with open("/proc/%d/stat" % pid) as f:
+            return f.read().split(")")[-1].split()[0] in ("Z", "X")
+    except FileNotFoundError:
+        return True
+
+
+class Raw:
+    """A control connection driven line by line: replies as raw bytes, so
+    that a stray CR or control byte cannot hide."""
+
+    def __init__(self, server, source=None):
+        self.sock = socket.create_connection(("127.0.0.1", server.port), timeout=30,
+                                             source_address=source)
+        self.f = self.sock.makefile("rb")
+        self.greeting = self.f.readline()
+
+    def reply(self):
+        """One reply, every line, as bytes."""
+        lines = [self.f.readline()]
+        if lines[0][3:4] == b"-":
+            while not lines[-1].startswith(lines[0][:3] + b" ") and lines[-1]:
+                lines.append(self.f.readline())
+        return b"".join(lines)
+
+    def send(self, line):
+        if isinstance(line, str):
+            line = line.encode()
+        self.sock.sendall(line + b"\r\n")
+
+    def cmd(self, line):
+        self.send(line)
+        return self.reply()
+
+    def login(self, user=b"anonymous"):
+        assert self.cmd(b"USER " + user).startswith(b"331")
+        assert self.cmd(b"PASS x").startswith(b"230")
+        return self
+
+    def store(self, path, data, before=()):
+        """EPSV, the commands `before`, then STOR of `data`; the final reply."""
+        port = int(re.search(rb"\|\|\|(\d+)\|", self.cmd("EPSV")).group(1))
+        with socket.create_connection(("127.0.0.1", port), timeout=30) as d:
+            for line in before:
+                self.cmd(line)
+            first = self.cmd("STOR " + path)
+            if not first.startswith(b"150"):
+                return first
+            d.sendall(data)
+        return self.reply()
+
+    def close(self):
+        self.f.close()
+        self.sock.close()
+
+
+def session_pid(server, user):
+    """The pid of the session process that logged `user` in last."""
+    pids = re.findall(r"\[(\d+)\]: %s logged in" % re.escape(user), server.read_log())
+    return int(pids[-1])
 
 
 class BadInput(ServerTest):
@@ -150,6 +231,275 @@ class Limits(unittest.TestCase):
             self.assertTrue(srv.alive())
         finally:
             srv.stop()
+
+
+class ClientNumbers(ServerTest):
+    """Offsets, sizes and addresses from clients are range-checked, and a
+    restart offset is for the very next transfer only."""
+
+    def setUp(self):
+        self.c = Raw(self.server).login()
+        self.addCleanup(self.c.close)
+
+    def test_numbers_out_of_range_are_refused(self):
+        top = "9223372036854775807"
+        cases = [("REST " + top, b"501"), ("REST 99999999999999999999999", b"501"),
+                 ("ALLO " + top, b"501"), ("CKSM MD5 0 %s /x" % top, b"501"),
+                 ("CKSM MD5 %s -1 /x" % top, b"501"), ("PORT 4294967423,0,0,1,4,1", b"501"),
+                 ("EPRT |1|127.0.0.1|99999999999999999999|", b"501"),
+                 ("EPSV 99999999999999999999", b"522")]
+        for line, code in cases:
+            reply = self.c.cmd(line)
+            self.assertTrue(reply.startswith(code), (line, reply))
+        # The refused REST left no offset behind: the store starts at 0.
+        self.assertTrue(self.c.store("/x", b"abc").startswith(b"226"))
+        with open(self.local("x"), "rb") as f:
+            self.assertEqual(f.read(), b"abc")
+        self.assertNotIn("runtime error", self.server.read_log())
+
+    def test_restart_beyond_the_end_is_refused(self):
+        with open(self.local("short.txt"), "wb") as f:
+            f.write(b"12345")
+        for path, offset in (("/h", HUGE), ("/short.txt", 6)):
+            reply = self.c.store(path, b"x", ["REST %d" % offset])
+            self.assertTrue(reply.startswith(b"554"), reply)
+        self.assertFalse(os.path.exists(self.local("h")))
+        with open(self.local("short.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"12345")
+        # At the end exactly it appends, as a resumed upload does.
+        self.assertTrue(self.c.store("/short.txt", b"678", ["REST 5"]).startswith(b"226"))
+        with open(self.local("short.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"12345678")
+
+    def test_restart_offset_is_for_the_next_transfer_only(self):
+        # (A data command in between would take the data connection: the
+        # listing that took it is a command like these.)
+        for between in ("SIZE /old.txt", "MLST /old.txt", "PWD", "NOOP", "TYPE I", "STAT",
+                        "XYZZY"):
+            with open(self.local("old.txt"), "wb") as f:
+                f.write(b"OLD-CONTENT-TAIL")
+            for path in ("/new.txt", "/old.txt"):
+                reply = self.c.store(path, b"NEWDATA", ["REST 5", between])
+                self.assertTrue(reply.startswith(b"226"), reply)
+                with open(self.local(path[1:]), "rb") as f:
+                    self.assertEqual(f.read(), b"NEWDATA", (between, path))
+            os.unlink(self.local("new.txt"))
+
+
+class Cancelling(ServerTest):
+    """ABOR, a client that leaves and SIGTERM stop a long plug-in call: a
+    checksum of a 1 TiB sparse file."""
+    server_args = {"extra": ["--cancel-grace", "3"]}
+
+    def setUp(self):
+        with open(self.local("huge.bin"), "wb") as f:
+            f.truncate(HUGE)
+
+    def start_checksum(self, c):
+        c.cmd("OPTS CKSM INTERVAL=1")
+        c.send("CKSM MD5 0 -1 /huge.bin")
+        # A progress reply: the plug-in is hashing.
+        self.assertTrue(c.reply().startswith(b"113"))
+
+    def test_abor_stops_a_checksum(self):
+        c = Raw(self.server).login()
+        self.addCleanup(c.close)
+        self.start_checksum(c)
+        c.send("ABOR")
+        replies = [c.reply()]
+        while replies[-1].startswith(b"113"):
+            replies.append(c.reply())
+        self.assertTrue(replies[-1].startswith(b"426"), replies)
+        self.assertEqual(c.reply(), b"226 Abort successful.\r\n")
+        self.assertEqual(c.cmd("NOOP"), b"200 NOOP ok.\r\n")
+        self.assertEqual(c.cmd("ABOR"), b"225 No transfer to abort.\r\n")
+
+    def test_a_client_leaving_ends_its_session(self):
+        c = Raw(self.server).login(b"leaver")
+        pid = session_pid(self.server, "leaver")
+        self.start_checksum(c)
+        c.close()
+        wait_for(lambda: process_gone(pid), "the session to end")
+        self.assertNotIn("did not stop", self.server.read_log())
+
+
+class Stopping(unittest.TestCase):
+    def test_sigterm_stops_a_checksum(self):
+        from server_harness import SERVER
+        if not SERVER:
+            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+        srv = Server(extra=["--cancel-grace", "3"])
+        try:
+            with open(os.path.join(srv.root, "huge.bin"), "wb") as f:
+                f.truncate(HUGE)
+            c = Raw(srv).login()
+            c.cmd("OPTS CKSM INTERVAL=1")
+            c.send("CKSM MD5 0 -1 /huge.bin")
+            self.assertTrue(c.reply().startswith(b"113"))
+            srv.proc.terminate()
+            self.assertEqual(srv.proc.wait(timeout=30), 0)
+            # The session stopped the plug-in and ended by itself: the
+            # listener did not have to kill it.
+            self.assertNotRegex(srv.read_log(), "ended by signal")
+            c.close()
+        finally:
+            srv.stop()
+
+
+class Strangers(unittest.TestCase):
+    """Connections that never log in hold a session place only until the
+    login deadline, and only up to their address's share."""
+
+    def test_login_deadline_and_sessions_per_address(self):
+        from server_harness import SERVER
+        if not SERVER:
+            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+        srv = Server(extra=["--login-timeout", "2", "--max-sessions-per-address", "2"])
+        try:
+            member = srv.ftp()
+            stranger = Raw(srv)
+            self.assertTrue(stranger.greeting.startswith(b"220"))
+            refused = Raw(srv)
+            self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
+            self.assertIn(b"address", refused.greeting)
+            refused.close()
+            other = Raw(srv, source=("127.0.0.2", 0))  # another address is served
+            self.assertTrue(other.greeting.startswith(b"220"), other.greeting)
+            other.close()
+            # NOOPs do not keep the stranger's place.
+            start = time.monotonic()
+            reply = b""
+            while not reply.startswith(b"421"):
+                reply = stranger.cmd("NOOP")
+                if reply.startswith(b"200"):
+                    self.assertLess(time.monotonic() - start, 30, "no deadline")
+                    self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+                    time.sleep(0.2)
+            self.assertIn(b"Login time exceeded", reply)
+            self.assertGreaterEqual(time.monotonic() - start, 1.5)
+            stranger.close()
+            # The logged-in session is past the deadline and goes on.
+            self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+            member.quit()
+        finally:
+            srv.stop()
+
+
+class ProtectedData(ServerTest):
+    """Under PROT P the data go only to the client that holds the control
+    connection: its data connection must resume that connection's TLS
+    session."""
+    server_args = {"tls": True}
+
+    def test_data_go_only_to_the_session_holder(self):
+        content = os.urandom(300000)
+        with open(self.local("secret.bin"), "wb") as f:
+            f.write(content)
+        owner = self.server.ftp(tls=True)
+        other = self.server.ftp(tls=True)  # the intruder's own session
+        other.voidcmd("NOOP")
+        for name, session in (("a new TLS session", None),
+                              ("the TLS session of its own login", other.sock.session)):
+            host, port = owner.makepasv()
+            intruder = socket.create_connection((host, port), timeout=30)  # first in line
+            stolen = []
+
+            def intrude():
+                try:
+                    t = other.context.wrap_socket(intruder, server_hostname="127.0.0.1",
+                                                  session=session)
+                    stolen.append(t.recv(65536))
+                except (OSError, ssl.SSLError):
+                    stolen.append(b"")
+
+            thread = threading.Thread(target=intrude)
+            thread.start()
+            conn = socket.create_connection((host, port), timeout=30)
+            self.assertTrue(owner.sendcmd("RETR /secret.bin").startswith("150"))
+            conn = owner.context.wrap_socket(conn, server_hostname="127.0.0.1",
+                                             session=owner.sock.session)
+            got = b""
+            while True:
+                block = conn.recv(65536)
+                if not block:
+                    break
+                got += block
+            conn.close()
+            self.assertTrue(owner.voidresp().startswith("226"))
+            thread.join(timeout=30)
+            intruder.close()
+            self.assertEqual(stolen, [b""], name)
+            self.assertEqual(got, content, name)
+        self.assertIn("data connection refused", self.server.read_log())
+        owner.quit()
+        other.quit()
+
+    def test_a_client_that_cannot_resume(self):
+        with open(self.local("pub.txt"), "wb") as f:
+            f.write(b"public")
+        plain = ftplib.FTP_TLS(context=ssl.create_default_context(cafile=self.server.ca),
+                               timeout=30)
+        plain.connect("127.0.0.1", self.server.port)
+        plain.login("anonymous", "x")
+        plain.prot_p()
+        with self.assertRaisesRegex(ftplib.error_temp, "^425 .*not resumed"):
+            plain.retrbinary("RETR /pub.txt", lambda b: self.fail("data went out"))
+        plain.quit()
+        # An operator can let such clients in.
+        srv = Server(tls=True, extra=["--tls-data-any-session"])
+        try:
+            plain = ftplib.FTP_TLS(context=ssl.create_default_context(cafile=srv.ca),
+                                   timeout=30)
+            plain.connect("127.0.0.1", srv.port)
+            plain.login("anonymous", "x")
+            plain.prot_p()
+            plain.storbinary("STOR /any.txt", io.BytesIO(b"allowed"))
+            with open(os.path.join(srv.root, "any.txt"), "rb") as f:
+                self.assertEqual(f.read(), b"allowed")
+            plain.quit()
+        finally:
+            srv.stop()
+
+
+class Names(ServerTest):
+    """Names that cannot be written on one line stay out of listings;
+    replies and the log never carry a client's control characters."""
+
+    def test_unlistable_names_are_left_out(self):
+        folder = self.local("names")
+        os.mkdir(folder)
+        for name in ("fine.txt", "evil\r\n226 forged.txt", "esc\x1b[2J.txt", "tab\there"):
+            open(os.path.join(folder, name), "wb").close()
+        os.symlink("x\ry", os.path.join(folder, "link"))
+        f = self.server.ftp()
+        lines = []
+        f.retrlines("LIST /names", lines.append)
+        self.assertEqual([l.split()[-1] for l in lines], ["fine.txt"], lines)
+        self.assertEqual(f.nlst("/names"), ["fine.txt"])
+        self.assertEqual([n for n, _ in f.mlsd("/names")], [".", "fine.txt"])
+        self.assertEqual(f.sendcmd("STAT /names").count("fine.txt"), 1)
+        self.assertNotIn("forged", f.sendcmd("STAT /names"))
+        f.quit()
+        log = self.server.read_log()
+        self.assertIn("left out of the listing of /names", log)
+        self.assertIn("evil\\x0d\\x0a226 forged.txt", log)
+        self.assertNotIn("\x1b", log)
+
+    def test_control_characters_from_clients(self):
+        c = Raw(self.server)
+        self.addCleanup(c.close)
+        reply = c.cmd(b"USER e\xc2\x9bvil\xc0\xaf")
+        self.assertTrue(reply.startswith(b"331"), reply)
+        self.assertNotIn(b"\xc2\x9b", reply)
+        self.assertTrue(c.cmd(b"PASS x").startswith(b"230"))
+        for line in (b"RETR /a\rb", b"MKD /x\x1b[2J", b"CWD /\x7f", b"USER a\rb"):
+            reply = c.cmd(line)
+            self.assertTrue(reply.startswith(b"501"), (line, reply))
+            self.assertEqual(reply.count(b"\r"), 1, reply)  # only the line's end
+        self.assertEqual(os.listdir(self.server.root), [])
+        log = self.server.read_log()
+        self.assertIn(r"e\xc2\x9bvil\xc0\xaf logged in", log)
+        self.assertNotIn("\x9b", log)
 
 
 if __name__ == "__main__":

@@ -232,6 +232,7 @@ TEST(ServerParse, NamesFactsAndReplyText)
     EXPECT_EQ(parse_fact_list(""), 0u);
 
     EXPECT_EQ(printable("a\rb\n\x1b\xff" "c\xc3\xa4"), "a?b???c\xc3\xa4");
+    EXPECT_EQ(printable("\xc2\x9b" "1m \xc0\xaf \xe2\x82\xac"), "??1m ?? \xe2\x82\xac");
 }
 
 TEST(ServerLog, FieldsAreEscaped)

@@ -5,7 +5,8 @@ add_executable(tarvex_gridftp_server_transfer_tests
   ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_transfer_test.cpp
   ${server_src}/transfer.cpp
   ${server_src}/data_channel.cpp
-  ${server_src}/conn.cpp)
+  ${server_src}/conn.cpp
+  ${server_src}/tls.cpp)
 target_include_directories(tarvex_gridftp_server_transfer_tests PRIVATE ${server_src})
 target_link_libraries(tarvex_gridftp_server_transfer_tests PRIVATE
   tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto GTest::gtest_main

@@ -43,8 +43,7 @@ public:
         auto *self = static_cast<Reads *>(arg);
         std::lock_guard lock(self->mu_);
         self->got_.push_back({result == TARVEX_SUCCESS, n, offset, eof});
-        if (result != TARVEX_SUCCESS)
-            tarvex_object_free(tarvex_error_get(result));
+        tarvex_error_discard(result);
         self->cv_.notify_all();
     }
     /* Registers a read of `len` bytes at the end of `data` and waits for it. */
@@ -103,7 +102,7 @@ public:
         EXPECT_EQ(connect(client_, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
         TransferParams params;
         params.what = "STOR /t";
-        params.send_reply = [](const std::string &) { return true; };
+        params.send_reply = [](int, const std::string &) { return true; };
         params.notify = [] {};
         transfer_ = std::make_unique<Transfer>(setup_, std::move(params));
         transfer_->begin(true);
@@ -227,7 +226,7 @@ TEST(ServerTransfer, AnIdleClientDoesNotHoldTheTransfer)
         tarvex_result_t refused =
             store.transfer().register_read(nullptr, buf, sizeof buf, Reads::done, &reads);
         EXPECT_NE(refused, TARVEX_SUCCESS);
-        tarvex_object_free(tarvex_error_get(refused));
+        tarvex_error_discard(refused);
         store.transfer().plugin_finished();
         EXPECT_TRUE(ends_within_deadline(store.transfer()));
     }

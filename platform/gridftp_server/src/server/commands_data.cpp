@@ -9,6 +9,7 @@
 #include <ctime>
 #include <strings.h>
 
+#include "log.h"
 #include "parse.h"
 #include "path.h"
 #include "session.h"
@@ -18,12 +19,6 @@ namespace tarvex_server {
 namespace {
 
 enum ListKind { kind_list, kind_nlst, kind_mlsd };
-
-void free_result(tarvex_result_t result)
-{
-    if (result != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(result));
-}
 
 } // namespace
 
@@ -186,8 +181,11 @@ TransferParams Session::transfer_params(const std::string &what)
     TransferParams p;
     p.what = what;
     p.tls = prot_p_ ? ctx_.tls : nullptr;
+    p.tls_session_mark = tls_session_mark_;
+    p.tls_require_resume = !opts_.tls_data_any_session;
+    p.refused = [](const std::string &why) { log_session("data connection refused: " + why); };
     p.io_timeout_ms = opts_.idle_timeout * 1000;
-    p.send_reply = [this](const std::string &t) { return ctl_.send_raw(t); };
+    p.send_reply = [this](int code, const std::string &t) { return ctl_.reply(code, t); };
     p.notify = [this] { wake(); };
     return p;
 }
@@ -207,12 +205,12 @@ void Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
     else
         retire_data();
     if (t.aborted()) {
-        free_result(c.result);
+        tarvex_error_discard(c.result);
         reply(426, "Connection closed; transfer aborted.");
         reply(226, "Abort successful.");
     } else if (!failure.empty()) {
-        free_result(c.result);
-        ctl_.send_raw(failure + "\r\n");
+        tarvex_error_discard(c.result);
+        ctl_.send_raw(printable(failure) + "\r\n");
     } else if (c.result != TARVEX_SUCCESS) {
         reply_error(c.result, default_code);
     } else {
@@ -232,8 +230,16 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     if (append) {
         // APPE is a store that starts at the end of the existing file.
         StatEntry e;
-        tarvex_result_t r;
-        if (stat_one(path, e, r)) {
+        tarvex_result_t r = TARVEX_SUCCESS;
+        bool found = stat_one(path, e, r);
+        if (abort_owed_) {
+            // ABOR while the file was looked up: no store follows.
+            tarvex_error_discard(r);
+            retire_data();
+            reply(426, "APPE aborted.");
+            return;
+        }
+        if (found) {
             if (!S_ISREG(e.mode)) {
                 retire_data();
                 reply(550, path + ": not a regular file.");
@@ -241,7 +247,7 @@ void Session::transfer(bool store, const std::string &arg, bool append)
             }
             rest = e.size;
         } else {
-            free_result(r);
+            tarvex_error_discard(r);
             rest = 0;
         }
     }
@@ -269,9 +275,9 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     std::string note = alloc > 0 ? " (ALLO " + std::to_string(alloc) + ")" : "";
     if (c.result != TARVEX_SUCCESS || !t.failure().empty() || t.aborted())
         note += " (failed)";
-    fprintf(stderr, "tarvex-gridftp-server[%d]: %s %s from %lld: %lld bytes in %lld ms%s\n",
-            getpid(), store ? "STOR" : "RETR", path.c_str(), static_cast<long long>(rest),
-            t.bytes(), ms, note.c_str());
+    log_session(std::string(store ? "STOR " : "RETR ") + log_field(path) + " from " +
+                std::to_string(rest) + ": " + std::to_string(t.bytes()) + " bytes in " +
+                std::to_string(ms) + " ms" + note);
     finish_transfer(c, t, 451);
 }
 
@@ -339,7 +345,7 @@ void Session::listing(const std::string &raw_arg, int kind)
         for (int i = 0; i < n; ++i) {
             StatEntry e = copy_entry(a[i]);
             bool self = e.name == ".";
-            if (e.name == ".." || (self && kind != kind_mlsd) || e.name.empty())
+            if (e.name == ".." || (self && kind != kind_mlsd) || !listable(e, path))
                 continue;
             if (kind == kind_list)
                 text += list_line(e, e.name, now);
@@ -366,21 +372,21 @@ void Session::listing(const std::string &raw_arg, int kind)
     };
     call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->stat_func(op, &info, session_arg_); });
 
-    if (c.result != TARVEX_SUCCESS && !t.began() && kind != kind_mlsd) {
+    if (c.result != TARVEX_SUCCESS && !t.began() && !t.aborted() && kind != kind_mlsd) {
         // LIST and NLST of a file show that file.
         StatEntry e;
         tarvex_result_t r2;
         if (stat_one(path, e, r2) && !is_dir(e)) {
-            free_result(c.result);
+            tarvex_error_discard(c.result);
             c.result = TARVEX_SUCCESS;
             t.begin(false);
             std::string name = arg.empty() ? base_name(path) : arg;
             t.write_text((kind == kind_list ? list_line(e, name, now) : name) + "\r\n");
         } else {
-            free_result(r2);
+            tarvex_error_discard(r2);
         }
     }
-    if (c.result != TARVEX_SUCCESS && !t.began()) {
+    if (c.result != TARVEX_SUCCESS && !t.began() && !t.aborted()) {
         retire_data();
         reply_error(c.result, 550);
         return;

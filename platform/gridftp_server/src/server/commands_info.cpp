@@ -152,23 +152,27 @@ void Session::cmd_stat(const std::string &arg)
             return;
         for (int i = 0; i < n; ++i) {
             StatEntry e = copy_entry(a[i]);
-            if (e.name == "." || e.name == "..")
+            if (e.name == "." || e.name == ".." || !listable(e, path))
                 continue;
             lines += list_line(e, e.name, now) + "\n";
         }
     };
     call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->stat_func(op, &info, session_arg_); });
+    if (c.result != TARVEX_SUCCESS && abort_owed_) {
+        reply_error(c.result, 426); // aborted: no second look
+        return;
+    }
     if (c.result != TARVEX_SUCCESS) {
         // Not a folder: the one item.
         tarvex_result_t first = c.result;
         StatEntry e;
         tarvex_result_t r2;
         if (!stat_one(path, e, r2)) {
-            tarvex_object_free(tarvex_error_get(r2));
+            tarvex_error_discard(r2);
             reply_error(first, 550);
             return;
         }
-        tarvex_object_free(tarvex_error_get(first));
+        tarvex_error_discard(first);
         lines = list_line(e, base_name(path), now) + "\n";
     }
     reply(213, "Status of " + path + ":\n" + lines + "End of status.");

@@ -6,6 +6,7 @@
 #include <strings.h>
 
 #include "auth.h"
+#include "log.h"
 #include "session.h"
 
 namespace tarvex_server {
@@ -78,18 +79,18 @@ void Session::cmd_pass(const std::string &arg)
         std::string err;
         ok = check_password(opts_.passwd_file, login, arg, account, err);
         if (!err.empty())
-            fprintf(stderr, "tarvex-gridftp-server[%d]: %s\n", getpid(), err.c_str());
+            log_session(log_field(err));
         if (ok && geteuid() == 0) {
             ok = lookup_account(account, acct);
             if (!ok)
-                fprintf(stderr, "tarvex-gridftp-server[%d]: login %s: no local account %s\n",
-                        getpid(), login.c_str(), account.c_str());
+                log_session("login " + log_field(login) + ": no local account " +
+                            log_field(account));
         } else if (ok) {
             ok = lookup_own_account(acct); // not root: serve as ourselves
         }
     }
     if (!ok) {
-        fprintf(stderr, "tarvex-gridftp-server[%d]: failed login for %s\n", getpid(), login.c_str());
+        log_session("failed login for " + log_field(login));
         sleep(1); // slows down password guessing
         if (++failed_logins_ >= max_failed_logins) {
             reply(421, "Too many failed logins, closing control connection.");
@@ -103,7 +104,7 @@ void Session::cmd_pass(const std::string &arg)
     if (geteuid() == 0 && acct.uid != 0) {
         std::string err;
         if (!switch_to_account(acct, err)) {
-            fprintf(stderr, "tarvex-gridftp-server[%d]: %s\n", getpid(), err.c_str());
+            log_session(log_field(err));
             reply(421, "Cannot set up the session, closing control connection.");
             quit_ = true;
             return;
@@ -127,8 +128,9 @@ bool Session::start_plugin_session(const std::string &login)
         iface_ = &table_;
     }
     if (iface_ == nullptr || iface_->init_func == nullptr) {
-        fprintf(stderr, "tarvex-gridftp-server[%d]: cannot load storage plug-in %s: %s\n",
-                getpid(), opts_.dsi.c_str(), tarvex_extension_last_error());
+        const char *why = tarvex_extension_last_error();
+        log_session("cannot load storage plug-in " + log_field(opts_.dsi) + ": " +
+                    log_field(why != nullptr ? why : ""));
         reply(421, "Storage is not available, closing control connection.");
         return false;
     }
@@ -139,10 +141,12 @@ bool Session::start_plugin_session(const std::string &login)
     info.username = const_cast<char *>(login.c_str());
     info.host_id = const_cast<char *>(host.c_str());
     PluginCall c;
+    // An ABOR does not stop a login: a session the plug-in has made must be
+    // taken (and later ended) whatever the client sends meanwhile.
+    c.cancellable = false;
     call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->init_func(op, &info); });
     if (c.result != TARVEX_SUCCESS) {
-        fprintf(stderr, "tarvex-gridftp-server[%d]: session start for %s failed\n", getpid(),
-                login.c_str());
+        log_session("session start for " + log_field(login) + " failed");
         reply_error(c.result, 530);
         return false;
     }
@@ -150,7 +154,7 @@ bool Session::start_plugin_session(const std::string &login)
     logged_in_ = true;
     home_ = c.home_dir.empty() || c.home_dir[0] != '/' ? "/" : c.home_dir;
     cwd_ = home_;
-    fprintf(stderr, "tarvex-gridftp-server[%d]: %s logged in\n", getpid(), login.c_str());
+    log_session(log_field(login) + " logged in");
     reply(230, "User " + login + " logged in.");
     return true;
 }
@@ -172,9 +176,8 @@ void Session::cmd_auth(const std::string &arg)
     }
     reply(234, "AUTH TLS successful.");
     std::string err;
-    if (!ctl_.start_tls(ctx_.tls, err)) {
-        fprintf(stderr, "tarvex-gridftp-server[%d]: TLS handshake failed: %s\n", getpid(),
-                err.c_str());
+    if (!ctl_.start_tls(ctx_.tls, tls_session_mark_, err)) {
+        log_session("TLS handshake failed: " + log_field(err));
         control_lost_ = true;
         return;
     }

@@ -1,8 +1,11 @@
 #include "conn.h"
 
+#include "tls.h"
+
 #include <openssl/err.h>
 
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
@@ -62,7 +65,8 @@ Io Conn::wait(short events, int timeout_ms, int cancel_fd)
     }
 }
 
-Io Conn::start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err)
+Io Conn::start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err,
+                   const TlsSetup &setup)
 {
     std::unique_lock lock(ssl_mu_);
     ssl_ = SSL_new(ctx);
@@ -70,12 +74,21 @@ Io Conn::start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err
         err = "cannot set up TLS";
         return Io::error;
     }
+    // Read by the ticket callback (tls.cpp) while the handshake runs.
+    SSL_set_app_data(ssl_, const_cast<std::string *>(setup.mark_sessions));
     long long deadline = now_ms() + timeout_ms;
     for (;;) {
         ERR_clear_error();
         int rc = SSL_accept(ssl_);
-        if (rc == 1)
+        if (rc == 1) {
+            // The session itself too, for clients that resume by session
+            // id (TLS 1.2) rather than by ticket.
+            if (setup.mark_sessions != nullptr && !mark_session(ssl_, *setup.mark_sessions)) {
+                err = "cannot set up TLS";
+                return Io::error;
+            }
             return Io::ok;
+        }
         int e = SSL_get_error(ssl_, rc);
         short ev = e == SSL_ERROR_WANT_READ ? POLLIN : e == SSL_ERROR_WANT_WRITE ? POLLOUT : 0;
         if (ev == 0) {
@@ -234,6 +247,20 @@ void Conn::finish(int timeout_ms)
         if (rest <= 0 || wait(POLLIN, static_cast<int>(rest), -1) != Io::ok)
             return;
     }
+}
+
+bool Conn::tls_session_marked(const std::string &mark)
+{
+    std::lock_guard lock(ssl_mu_);
+    if (ssl_ == nullptr || SSL_session_reused(ssl_) != 1)
+        return false;
+    const SSL_SESSION *session = SSL_get_session(ssl_);
+    void *data = nullptr;
+    size_t length = 0;
+    if (session == nullptr ||
+        SSL_SESSION_get0_ticket_appdata(const_cast<SSL_SESSION *>(session), &data, &length) != 1)
+        return false;
+    return length == mark.size() && length > 0 && memcmp(data, mark.data(), length) == 0;
 }
 
 void Conn::abort()

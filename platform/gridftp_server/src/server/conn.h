@@ -18,6 +18,16 @@ namespace tarvex_server {
 
 enum class Io { ok, eof, timeout, cancelled, error };
 
+// How a TLS session is set up on a connection.
+struct TlsSetup {
+    // The control connection's: every session its handshake makes, and
+    // every session ticket it issues, carries this mark, which a data
+    // connection must show again by resuming one of them (see
+    // tls_session_marked()).  The SSL_CTX must come from
+    // make_tls_context() (tls.h), which puts the mark into tickets.
+    const std::string *mark_sessions = nullptr;
+};
+
 class Conn {
 public:
     explicit Conn(int fd);
@@ -29,7 +39,11 @@ public:
     bool is_tls() const { return ssl_ != nullptr; }
 
     // Server side of a TLS handshake on this connection.
-    Io start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err);
+    Io start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err,
+                 const TlsSetup &setup = TlsSetup());
+    // After start_tls: whether the client resumed a session that carries
+    // `mark` (a session of the control connection that marks with it).
+    bool tls_session_marked(const std::string &mark);
 
     // Reads at most `len` bytes into `buf`; `got` is what arrived.  A
     // timeout of 0 tries once without waiting.

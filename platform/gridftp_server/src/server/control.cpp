@@ -78,10 +78,12 @@ ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, in
     }
 }
 
-bool ControlChannel::start_tls(SSL_CTX *ctx, std::string &err)
+bool ControlChannel::start_tls(SSL_CTX *ctx, const std::string &session_mark, std::string &err)
 {
     lines_.clear();
-    return conn_->start_tls(ctx, 30000, -1, err) == Io::ok;
+    TlsSetup setup;
+    setup.mark_sessions = &session_mark;
+    return conn_->start_tls(ctx, 30000, -1, err, setup) == Io::ok;
 }
 
 bool ControlChannel::send_raw(std::string_view text)

@@ -28,7 +28,9 @@ public:
 
     // Switch to TLS after "234"; any bytes the client sent early are
     // dropped (RFC 4217 forbids pipelining past AUTH).
-    bool start_tls(SSL_CTX *ctx, std::string &err);
+    // `session_mark` marks the sessions of this connection (TlsSetup,
+    // conn.h); it must live as long as the channel.
+    bool start_tls(SSL_CTX *ctx, const std::string &session_mark, std::string &err);
 
     // One reply: `text` may hold several lines (split on '\n'), sent in the
     // RFC 959 multi-line form.  Returns false when the client is gone.

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -16,6 +17,7 @@ namespace tarvex_server {
 namespace {
 
 constexpr int socket_buffer = 4 * 1024 * 1024;
+constexpr long long wait_after_refusal_ms = 2000;
 
 // IPv4-mapped IPv6 addresses become plain IPv4.
 sockaddr_storage unmapped(const sockaddr_storage &sa)
@@ -186,11 +188,13 @@ bool DataSetup::active(const Endpoints &ep, const sockaddr_storage &address, std
     return true;
 }
 
-std::unique_ptr<Conn> DataSetup::open(int timeout_ms, int cancel_fd, std::string &why)
+std::unique_ptr<Conn> DataSetup::open(int timeout_ms, int cancel_fd, std::string &why,
+                                      const Vetter &vet)
 {
     long long deadline = now_ms() + timeout_ms;
     if (listen_fd_ >= 0) {
         int lfd = listen_fd_;
+        std::string refused; // why the last connection was turned away
         for (;;) {
             long long rest = deadline - now_ms();
             pollfd p[2] = {{lfd, POLLIN, 0}, {cancel_fd, POLLIN, 0}};
@@ -198,7 +202,9 @@ std::unique_ptr<Conn> DataSetup::open(int timeout_ms, int cancel_fd, std::string
             if (n < 0 && errno == EINTR)
                 continue;
             if (n <= 0 || (cancel_fd >= 0 && (p[1].revents & POLLIN))) {
-                why = n == 0 ? "the client did not connect" : "cancelled";
+                why = n != 0 ? "cancelled"
+                      : refused.empty() ? "the client did not connect"
+                                        : refused;
                 reset();
                 return nullptr;
             }
@@ -211,8 +217,18 @@ std::unique_ptr<Conn> DataSetup::open(int timeout_ms, int cancel_fd, std::string
                 close(fd); // somebody else raced for the port
                 continue;
             }
+            auto conn = std::make_unique<Conn>(fd);
+            int left = static_cast<int>(std::max(1LL, deadline - now_ms()));
+            if (vet && !vet(*conn, left, refused)) {
+                // Not the client's own connection.  The client connects as
+                // soon as it has the port, so its connection is already
+                // waiting or comes within moments; a client that cannot
+                // pass (no session resumed) is not kept waiting long.
+                deadline = std::min(deadline, now_ms() + wait_after_refusal_ms);
+                continue;
+            }
             reset();
-            return std::make_unique<Conn>(fd);
+            return conn;
         }
     }
     if (!have_target_) {
@@ -243,6 +259,8 @@ std::unique_ptr<Conn> DataSetup::open(int timeout_ms, int cancel_fd, std::string
         why = soerr != 0 ? strerror(soerr) : "cannot connect";
         return nullptr;
     }
+    if (vet && !vet(*conn, static_cast<int>(std::max(1LL, deadline - now_ms())), why))
+        return nullptr;
     return conn;
 }
 

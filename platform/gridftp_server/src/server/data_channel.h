@@ -8,6 +8,7 @@
 
 #include <sys/socket.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -37,9 +38,19 @@ public:
     // already have made to it) into `keeper`, leaving this one unset.
     void hand_over(DataSetup &keeper);
 
+    // Runs on a new data connection before it is taken (a TLS handshake
+    // and its checks, within `timeout_ms`); false with a reason refuses the
+    // connection.
+    using Vetter = std::function<bool(Conn &, int timeout_ms, std::string &why)>;
+
     // Accepts or connects, giving up at `timeout_ms` or when `cancel_fd`
-    // fires.  One use: the setup is reset afterwards.
-    std::unique_ptr<Conn> open(int timeout_ms, int cancel_fd, std::string &why);
+    // fires.  One use: the setup is reset afterwards.  A passive listener
+    // closes an accepted connection that `vet` refuses and goes on waiting
+    // for the client's own until the time is up: another local process
+    // that reached the port first gets nothing, and does not spoil the
+    // transfer either.
+    std::unique_ptr<Conn> open(int timeout_ms, int cancel_fd, std::string &why,
+                               const Vetter &vet = {});
 
 private:
     int listen_fd_ = -1;

@@ -14,7 +14,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <set>
+#include <map>
+
+#include "log.h"
 
 namespace tarvex_server {
 
@@ -72,7 +74,10 @@ void reset_handlers_in_child(int control_fd)
     close(signal_pipe[1]);
 }
 
-void reap(std::set<pid_t> &children)
+// The session processes and the client address each serves.
+using Children = std::map<pid_t, std::string>;
+
+void reap(Children &children)
 {
     for (;;) {
         int status = 0;
@@ -81,9 +86,33 @@ void reap(std::set<pid_t> &children)
             return;
         children.erase(pid);
         if (WIFSIGNALED(status))
-            fprintf(stderr, "tarvex-gridftp-server: session %d ended by signal %d\n", pid,
-                    WTERMSIG(status));
+            log_server("session " + std::to_string(pid) + " ended by signal " +
+                       std::to_string(WTERMSIG(status)));
     }
+}
+
+// Why a new connection from `host` gets no session, or nullptr.  A client
+// that opens connections and never logs in holds its places only until the
+// login deadline, and only up to its own address's share.
+const char *refusal(const Children &children, const std::string &host, const Options &opts)
+{
+    if (static_cast<int>(children.size()) >= opts.max_sessions)
+        return "421 Too many sessions, try again later.\r\n";
+    int from_host = 0;
+    for (const auto &[pid, h] : children)
+        from_host += h == host;
+    if (from_host >= opts.max_per_address)
+        return "421 Too many sessions from your address, try again later.\r\n";
+    return nullptr;
+}
+
+std::string peer_host(int fd)
+{
+    sockaddr_storage peer{};
+    socklen_t len = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &len) != 0)
+        return "";
+    return host_of(peer);
 }
 
 [[noreturn]] void run_session(int fd, const ServerContext &ctx)
@@ -149,7 +178,7 @@ int serve(int listen_fd, const ServerContext &ctx)
 {
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
-    std::set<pid_t> children;
+    Children children;
     while (!stopping) {
         pollfd p[2] = {{listen_fd, POLLIN, 0}, {signal_pipe[0], POLLIN, 0}};
         int n = poll(p, 2, 1000);
@@ -167,9 +196,9 @@ int serve(int listen_fd, const ServerContext &ctx)
                 usleep(100000); // out of resources: let sessions end first
             continue;
         }
-        if (static_cast<int>(children.size()) >= ctx.opts->max_sessions) {
-            static const char busy[] = "421 Too many sessions, try again later.\r\n";
-            if (send(fd, busy, sizeof busy - 1, MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+        std::string host = peer_host(fd);
+        if (const char *busy = refusal(children, host, *ctx.opts)) {
+            if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
                 // the client left already
             }
             close(fd);
@@ -184,18 +213,21 @@ int serve(int listen_fd, const ServerContext &ctx)
         }
         close(fd);
         if (pid > 0)
-            children.insert(pid);
+            children.emplace(pid, host);
         else
-            fprintf(stderr, "tarvex-gridftp-server: fork: %s\n", strerror(errno));
+            log_server(std::string("fork: ") + strerror(errno));
     }
-    fprintf(stderr, "tarvex-gridftp-server: stopping, %zu session(s) open\n", children.size());
-    for (pid_t pid : children)
+    log_server("stopping, " + std::to_string(children.size()) + " session(s) open");
+    for (const auto &[pid, host] : children)
         kill(pid, SIGTERM);
-    for (int i = 0; i < 50 && !children.empty(); ++i) {
+    // Each session cancels what its plug-in does and ends within its grace
+    // period; a little more for closing connections and exiting.
+    int tenths = (ctx.opts->cancel_grace + 2) * 10;
+    for (int i = 0; i < tenths && !children.empty(); ++i) {
         usleep(100000);
         reap(children);
     }
-    for (pid_t pid : children)
+    for (const auto &[pid, host] : children)
         kill(pid, SIGKILL);
     close(listen_fd);
     return 0;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "log.h"
 #include "parse.h"
 
 namespace tarvex_server {
@@ -30,6 +31,19 @@ StatEntry copy_entry(const tarvex_gridftp_server_control_stat_t &s)
 bool is_dir(const StatEntry &e)
 {
     return S_ISDIR(e.mode);
+}
+
+bool listable(const StatEntry &e, const std::string &where)
+{
+    if (e.name.empty())
+        return false;
+    std::string why;
+    bool ok = check_argument(e.name, why) == 0 &&
+              (!S_ISLNK(e.mode) || check_argument(e.symlink_target, why) == 0);
+    if (!ok)
+        log_session("left out of the listing of " + log_field(where) +
+                    ": a name with control characters, " + log_field(e.name));
+    return ok;
 }
 
 std::string FactSet::enabled_list() const

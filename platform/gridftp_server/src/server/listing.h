@@ -37,6 +37,12 @@ struct FactSet {
     void select(const std::string &list);
 };
 
+// Whether the entry can be written as one line of a listing: a name (and
+// the target of a link shown) without control characters.  Those that
+// cannot are left out, with a log line naming the folder `where`; a CR LF
+// in a name would otherwise end the line and start a forged one.
+bool listable(const StatEntry &e, const std::string &where);
+
 std::string list_line(const StatEntry &e, const std::string &name, time_t now);
 // The facts and a space, then `name`; `cdir` marks the listed folder itself.
 std::string mlst_facts(const StatEntry &e, const FactSet &facts, bool cdir,

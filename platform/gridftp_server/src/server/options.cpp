@@ -34,6 +34,10 @@ const char usage[] =
     "  --tls-key PEM         its private key\n"
     "  --require-tls         refuse USER/PASS before AUTH TLS and data\n"
     "                        connections without PROT P\n"
+    "  --tls-data-any-session  accept a protected data connection that does not\n"
+    "                        resume the control connection's TLS session (for\n"
+    "                        clients that cannot; any local process that reaches\n"
+    "                        the passive port first may then take the data)\n"
     "  --config-file KEY=PATH      configuration data KEY for the plug-in is the\n"
     "                              contents of PATH (repeatable)\n"
     "  --config-command KEY=CMD    configuration data KEY is the standard output\n"
@@ -43,8 +47,15 @@ const char usage[] =
     "  --pasv-range LOW-HIGH ports for passive data connections\n"
     "  --max-sessions N      concurrent sessions (default 64); more are refused\n"
     "                        with 421\n"
+    "  --max-sessions-per-address N  concurrent sessions from one client\n"
+    "                        address (default 8); more are refused with 421\n"
     "  --idle-timeout S      seconds a session may sit idle, and a data\n"
     "                        connection may stall (default 900)\n"
+    "  --login-timeout S     seconds from connecting to a completed login\n"
+    "                        (default 60); commands do not extend it\n"
+    "  --cancel-grace S      seconds the storage plug-in gets to stop an\n"
+    "                        operation after ABOR, a lost client or SIGTERM,\n"
+    "                        before the session ends without it (default 5)\n"
     "  --foreground          do not detach from the terminal\n"
     "  --help                this text\n"
     "\n"
@@ -109,6 +120,10 @@ int parse_options(int argc, char **argv, Options &o, std::string &err)
             o.foreground = true;
             continue;
         }
+        if (a == "--tls-data-any-session") {
+            o.tls_data_any_session = true;
+            continue;
+        }
         const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
         if (v == nullptr) {
             err = std::string(a) + ": missing value (see --help)";
@@ -140,8 +155,14 @@ int parse_options(int argc, char **argv, Options &o, std::string &err)
             ok = parse_range(v, o.pasv_low, o.pasv_high);
         else if (a == "--max-sessions")
             ok = parse_int(v, 1, 100000, o.max_sessions);
+        else if (a == "--max-sessions-per-address")
+            ok = parse_int(v, 1, 100000, o.max_per_address);
         else if (a == "--idle-timeout")
             ok = parse_int(v, 1, 86400 * 7, o.idle_timeout);
+        else if (a == "--login-timeout")
+            ok = parse_int(v, 1, 3600, o.login_timeout);
+        else if (a == "--cancel-grace")
+            ok = parse_int(v, 1, 600, o.cancel_grace);
         else {
             err = "unknown option " + std::string(a) + " (see --help)";
             return -1;

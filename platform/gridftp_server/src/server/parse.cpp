@@ -332,14 +332,60 @@ unsigned parse_fact_list(std::string_view list)
     return mask;
 }
 
+size_t utf8_length(std::string_view s)
+{
+    if (s.empty())
+        return 0;
+    auto b = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+    auto cont = [&](size_t i) { return i < s.size() && (b(i) & 0xc0) == 0x80; };
+    unsigned char c = b(0);
+    if (c >= 0xc2 && c <= 0xdf)
+        return cont(1) ? 2 : 0;
+    if (c >= 0xe0 && c <= 0xef) {
+        if (!cont(1) || !cont(2))
+            return 0;
+        if ((c == 0xe0 && b(1) < 0xa0) || (c == 0xed && b(1) >= 0xa0))
+            return 0;
+        return 3;
+    }
+    if (c >= 0xf0 && c <= 0xf4) {
+        if (!cont(1) || !cont(2) || !cont(3))
+            return 0;
+        if ((c == 0xf0 && b(1) < 0x90) || (c == 0xf4 && b(1) >= 0x90))
+            return 0;
+        return 4;
+    }
+    return 0;
+}
+
+bool is_c1_control(std::string_view sequence)
+{
+    return sequence.size() == 2 && static_cast<unsigned char>(sequence[0]) == 0xc2 &&
+           static_cast<unsigned char>(sequence[1]) < 0xa0;
+}
+
 std::string printable(std::string_view text)
 {
-    std::string out(text);
-    for (char &c : out) {
-        auto u = static_cast<unsigned char>(c);
-        // 0xFF would read as the Telnet IAC byte on the control connection.
-        if (is_control_byte(u) || u == 0xff)
-            c = '?';
+    std::string out;
+    out.reserve(text.size());
+    size_t i = 0;
+    while (i < text.size()) {
+        auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x80) {
+            out += is_control_byte(c) ? '?' : static_cast<char>(c);
+            ++i;
+            continue;
+        }
+        // 0xFF among the rest: it would read as the Telnet IAC byte.  One
+        // '?' per byte, so that the text keeps its length.
+        size_t n = utf8_length(text.substr(i));
+        if (n == 0)
+            n = 1;
+        else if (!is_c1_control(text.substr(i, n)))
+            out.append(text.substr(i, n));
+        if (out.size() < i + n)
+            out.append(i + n - out.size(), '?');
+        i += n;
     }
     return out;
 }

@@ -118,8 +118,17 @@ unsigned parse_fact_list(std::string_view list);
 // True for the bytes that cannot stand inside one line of a listing or a
 // reply: the C0 controls and DEL.
 bool is_control_byte(unsigned char c);
-// `text` with every control byte replaced by '?': for reply lines that
-// repeat what a client or a storage named.
+// The length of the valid UTF-8 sequence of a character beyond ASCII at
+// the start of `s`, or 0 (overlong forms, surrogates and values beyond
+// U+10FFFF are not valid).
+size_t utf8_length(std::string_view s);
+// A UTF-8 sequence of U+0080..U+009F, the C1 controls (CSI among them
+// starts an escape sequence on some terminals).
+bool is_c1_control(std::string_view sequence);
+// `text` as valid UTF-8 without control characters: each byte of a control
+// (C0, DEL, C1) and every byte that is not valid UTF-8 becomes '?' (the
+// length stays).  For reply lines that repeat what a client or a storage
+// named.
 std::string printable(std::string_view text);
 
 } // namespace tarvex_server

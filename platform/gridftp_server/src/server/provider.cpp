@@ -11,12 +11,26 @@ PluginCall &call(void *ctx)
     return *static_cast<PluginCall *>(ctx);
 }
 
+// These run on the plug-in's threads, called through the library's C
+// functions: nothing may throw out of them.  A final answer whose handling
+// failed (no memory for a copy) still finishes the call, with an error, so
+// that the session never waits for an answer that was lost.
+tarvex_result_t failed_handling(tarvex_result_t result)
+{
+    tarvex_error_discard(result);
+    return tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
+}
+
 void finished_session_start(void *ctx, tarvex_result_t result, void *session_arg,
                             const char * /*username*/, const char *home_dir)
 {
     PluginCall &c = call(ctx);
     c.session_arg = session_arg;
-    c.home_dir = home_dir != nullptr ? home_dir : "";
+    try {
+        c.home_dir = home_dir != nullptr ? home_dir : "";
+    } catch (...) {
+        c.home_dir.clear(); // the default home then
+    }
     c.session->call_finished(c, result);
 }
 
@@ -24,28 +38,48 @@ void finished_stat(void *ctx, tarvex_result_t result,
                    tarvex_gridftp_server_control_stat_t *stat_array, int stat_count, bool partial)
 {
     PluginCall &c = call(ctx);
-    if (c.on_stat)
-        c.on_stat(result, stat_array, stat_count, partial);
-    if (!partial)
-        c.session->call_finished(c, result);
+    try {
+        if (c.on_stat && !c.stat_failed)
+            c.on_stat(result, stat_array, stat_count, partial);
+    } catch (...) {
+        c.stat_failed = true; // this batch is lost: the listing fails
+    }
+    if (partial)
+        return;
+    if (c.stat_failed)
+        result = failed_handling(result);
+    c.session->call_finished(c, result);
 }
 
 void finished_command(void *ctx, tarvex_result_t result, const char *response, bool intermediate)
 {
     PluginCall &c = call(ctx);
-    if (intermediate) {
-        // Progress of a long command (a checksum): a preliminary reply.
-        if (response != nullptr && result == TARVEX_SUCCESS) {
-            std::string text = response;
-            for (char &ch : text)
-                if (ch == '\r' || ch == '\n')
-                    ch = ' ';
-            c.session->send_reply_text("113 " + text + "\r\n");
+    try {
+        if (intermediate) {
+            // Progress of a long command (a checksum): a preliminary reply.
+            if (response != nullptr && result == TARVEX_SUCCESS)
+                c.session->reply_line(113, response);
+            else
+                tarvex_error_discard(result);
+            return;
         }
-        return;
+        c.response = response != nullptr ? response : "";
+    } catch (...) {
+        if (intermediate)
+            return;
+        result = failed_handling(result);
     }
-    c.response = response != nullptr ? response : "";
     c.session->call_finished(c, result);
+}
+
+// A call with a result whose handling failed returns the failure.
+template <typename F> tarvex_result_t result_of(F &&f) noexcept
+{
+    try {
+        return f();
+    } catch (...) {
+        return failed_handling(TARVEX_SUCCESS);
+    }
 }
 
 void begin_transfer(void *ctx, int, void *)
@@ -84,7 +118,7 @@ tarvex_result_t register_read(void *ctx, tarvex_gfs_operation_t op, tarvex_byte_
     PluginCall &c = call(ctx);
     if (c.transfer == nullptr || cb == nullptr)
         return data_error("This operation has no data channel.");
-    return c.transfer->register_read(op, buffer, length, cb, user_arg);
+    return result_of([&] { return c.transfer->register_read(op, buffer, length, cb, user_arg); });
 }
 
 tarvex_result_t register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_byte_t *buffer,
@@ -94,17 +128,21 @@ tarvex_result_t register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_byte
     PluginCall &c = call(ctx);
     if (c.transfer == nullptr || cb == nullptr)
         return data_error("This operation has no data channel.");
-    return c.transfer->register_write(op, buffer, length, cb, user_arg);
+    return result_of([&] { return c.transfer->register_write(op, buffer, length, cb, user_arg); });
 }
 
 tarvex_result_t get_config_data(void *ctx, const char *key, char **data)
 {
-    return call(ctx).session->config_data(key, data);
+    return result_of([&] { return call(ctx).session->config_data(key, data); });
 }
 
 void set_checksum_support(void *ctx, const char *s)
 {
-    call(ctx).session->set_checksum_support(s);
+    try {
+        call(ctx).session->set_checksum_support(s);
+    } catch (...) {
+        // FEAT then names no algorithms; CKSM still works
+    }
 }
 
 void get_update_interval(void *ctx, int *interval)

@@ -1,5 +1,6 @@
 #include "session.h"
 
+#include <openssl/rand.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "log.h"
 #include "parse.h"
 #include "path.h"
 #include "provider.h"
@@ -20,12 +22,12 @@ namespace {
 // Commands a client may pipeline behind a running transfer; more than this
 // and the client is not speaking FTP.
 constexpr size_t max_pending_lines = 32;
-constexpr int login_timeout_ms = 120000;
 
-void free_result(tarvex_result_t result)
+// The reply to a command whose plug-in call the client aborted.
+tarvex_result_t aborted_error()
 {
-    if (result != TARVEX_SUCCESS)
-        tarvex_object_free(tarvex_error_get(result));
+    return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 426, nullptr, "%s", "Command aborted."));
 }
 
 } // namespace
@@ -35,6 +37,9 @@ Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep)
       config_(ctx.opts->config_files, ctx.opts->config_commands)
 {
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    unsigned char mark[32];
+    if (RAND_bytes(mark, sizeof mark) == 1)
+        tls_session_mark_.assign(reinterpret_cast<char *>(mark), sizeof mark);
 }
 
 Session::~Session()
@@ -68,7 +73,7 @@ void Session::call_finished(PluginCall &c, tarvex_result_t result)
         std::lock_guard lock(mu_);
         if (c.finished) {
             // A second answer to one call is a plug-in bug; keep the first.
-            free_result(result);
+            tarvex_error_discard(result);
             return;
         }
         c.finished = true;
@@ -92,13 +97,17 @@ tarvex_result_t Session::config_data(const char *key, char **data)
             return tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
         return TARVEX_SUCCESS;
     case ConfigData::Status::failed:
-        fprintf(stderr, "tarvex-gridftp-server[%d]: configuration data %s: %s\n", getpid(), key,
-                text.c_str());
+        log_session("configuration data " + log_field(key) + ": " + log_field(text));
         return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
             nullptr, nullptr, 451, "CONFIGURATION_ERROR",
             "Configuration data \"%s\" is not available.", key));
     }
     return TARVEX_SUCCESS;
+}
+
+bool Session::reply_line(int code, const std::string &text)
+{
+    return ctl_.send_raw(std::to_string(code) + " " + printable(text) + "\r\n");
 }
 
 void Session::set_checksum_support(const char *s)
@@ -111,15 +120,12 @@ void Session::set_checksum_support(const char *s)
 
 void Session::run()
 {
-    fprintf(stderr, "tarvex-gridftp-server[%d]: connection from %s\n", getpid(),
-            host_of(ep_.peer).c_str());
+    log_session("connection from " + host_of(ep_.peer));
     reply(220, "tarvex-gridftp-server ready.");
+    // A fixed time to log in: a stranger who never does holds a session
+    // place only this long, however busy it keeps the connection.
+    const long long login_deadline = now_ms() + opts_.login_timeout * 1000LL;
     while (!quit_ && !control_lost_) {
-        // Before login a client gets less time: an idle stranger should not
-        // hold one of the session places for long.
-        int idle_ms = opts_.idle_timeout * 1000;
-        if (!logged_in_ && idle_ms > login_timeout_ms)
-            idle_ms = login_timeout_ms;
         std::string line;
         if (!pending_.empty()) {
             line = std::move(pending_.front());
@@ -127,7 +133,11 @@ void Session::run()
             dispatch(line);
             continue;
         }
-        ControlChannel::Event ev = ctl_.next(line, idle_ms, -1);
+        long long wait_ms = opts_.idle_timeout * 1000LL;
+        bool login_due = !logged_in_ && login_deadline - now_ms() <= wait_ms;
+        if (login_due)
+            wait_ms = std::max(0LL, login_deadline - now_ms());
+        ControlChannel::Event ev = ctl_.next(line, static_cast<int>(wait_ms), -1);
         switch (ev) {
         case ControlChannel::Event::line:
             dispatch(line);
@@ -137,7 +147,12 @@ void Session::run()
             reply_unreadable(ev);
             break;
         case ControlChannel::Event::timeout:
-            reply(421, "Idle timeout, closing control connection.");
+            if (login_due) {
+                log_session("no login within " + std::to_string(opts_.login_timeout) + " s");
+                reply(421, "Login time exceeded, closing control connection.");
+            } else {
+                reply(421, "Idle timeout, closing control connection.");
+            }
             return;
         default:
             return;
@@ -159,6 +174,7 @@ void Session::dispatch(const std::string &line)
     auto [verb, arg] = split_command(line);
 
     auto it = commands().find(verb);
+    std::string why;
     if (it == commands().end()) {
         bool word = !verb.empty() && verb.size() <= 8;
         for (char ch : verb)
@@ -168,12 +184,25 @@ void Session::dispatch(const std::string &line)
         reply(530, "Please log in with USER and PASS.");
     } else if (it->second.needs_arg && arg.empty()) {
         reply(501, "Syntax error in parameters or arguments.");
+    } else if (int code = verb != "PASS" ? check_argument(arg, why) : 0) {
+        reply(code, why);
     } else {
         (this->*(it->second.fn))(arg);
+    }
+    if (abort_owed_) {
+        // The command's own reply went first (426, or its result when it
+        // had finished anyway); this one answers the ABOR.
+        abort_owed_ = false;
+        reply(226, "Abort successful.");
     }
     // RNTO must follow RNFR at once; anything else forgets the source.
     if (verb != "RNFR" && verb != "RNTO")
         rnfr_.clear();
+    // A restart offset is for the next RETR, STOR or APPE only (which take
+    // it): any other command in between drops it, so that it cannot land
+    // on a later, unrelated store and leave a hole or an old tail.
+    if (verb != "REST")
+        rest_ = 0;
 }
 
 const std::map<std::string, Session::Command> &Session::commands()
@@ -238,7 +267,7 @@ void Session::reply_error(tarvex_result_t result, int default_code)
     } else {
         reply(default_code, "Operation failed.");
     }
-    free_result(result);
+    tarvex_error_discard(result);
 }
 
 std::string Session::path_arg(const std::string &arg) const
@@ -258,7 +287,20 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
         return;
     }
     plugin_thread_->post([this, &c, fn] {
-        fn(c.op);
+        // The plug-in's code (and the REST client inside it) finds the
+        // operation it works for, to see whether it was cancelled.
+        tarvex_gfs_operation_t previous = tarvex_gfs_operation_set_current(c.op);
+        try {
+            fn(c.op);
+        } catch (...) {
+            // A plug-in's function must not throw; if it did, the call is
+            // answered here so that the session does not wait for it.
+            log_session("the storage plug-in threw an exception");
+            call_finished(c, tarvex_error_put(tarvex_error_construct_error(
+                                 nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, __FILE__, __func__,
+                                 __LINE__, "The storage failed unexpectedly.")));
+        }
+        tarvex_gfs_operation_set_current(previous);
         {
             std::lock_guard lock(mu_);
             c.returned = true;
@@ -266,16 +308,51 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
         wake();
     });
     wait_for(c);
+    if (c.aborted && c.transfer == nullptr) {
+        // A transfer answers an ABOR itself (finish_transfer); for any other
+        // call the command replies 426 unless it finished anyway, and the
+        // ABOR gets its 226 after that.
+        abort_owed_ = true;
+        if (c.result != TARVEX_SUCCESS) {
+            tarvex_error_discard(c.result);
+            c.result = aborted_error();
+        }
+    }
     tarvex_gfs_operation_destroy(c.op);
     c.op = nullptr;
+}
+
+// Asks the plug-in to stop the call (ABOR, a lost client, SIGTERM); its
+// grace period starts now.
+void Session::cancel(PluginCall &c)
+{
+    if (c.cancelled_at == 0)
+        c.cancelled_at = now_ms();
+    tarvex_gfs_operation_cancel(c.op);
+    if (c.transfer != nullptr)
+        c.transfer->abort();
+}
+
+// The plug-in did not return within its grace period after being
+// cancelled: the thread it runs on cannot be taken back, so the session
+// process ends here, and with it everything the plug-in held.
+[[noreturn]] void Session::give_up()
+{
+    log_session("the storage plug-in did not stop within " + std::to_string(opts_.cancel_grace) +
+                " s of being cancelled; ending the session");
+    if (!control_lost_)
+        reply(421, "The storage did not stop in time, closing control connection.");
+    fflush(stderr);
+    _exit(1);
 }
 
 void Session::reply_busy_line(const std::string &line, PluginCall &c)
 {
     auto [verb, arg] = split_command(line);
     bool has_arg = arg.find_first_not_of(' ') != std::string::npos;
-    if (verb == "ABOR" && c.transfer != nullptr) {
-        c.transfer->abort(); // answered when the plug-in has stopped
+    if (verb == "ABOR" && c.cancellable) {
+        c.aborted = true;
+        cancel(c); // answered when the plug-in has stopped
         return;
     }
     // While data flow, NOOP and STAT are answered at once; at any other
@@ -306,19 +383,28 @@ void Session::wait_for(PluginCall &c)
             if (c.finished && c.returned && (c.transfer == nullptr || c.transfer->done()))
                 break;
         }
+        int wait_ms = -1;
+        if (c.cancelled_at != 0) {
+            long long left = c.cancelled_at + opts_.cancel_grace * 1000LL - now_ms();
+            if (left <= 0)
+                give_up();
+            wait_ms = static_cast<int>(left);
+        }
         std::string line;
         ControlChannel::Event ev;
         if (control_lost_) {
             pollfd p{wake_fd_, POLLIN, 0};
-            poll(&p, 1, 1000);
-            ev = ControlChannel::Event::woken;
+            ev = poll(&p, 1, wait_ms) > 0 ? ControlChannel::Event::woken
+                                          : ControlChannel::Event::timeout;
         } else {
-            ev = ctl_.next(line, -1, wake_fd_);
+            ev = ctl_.next(line, wait_ms, wake_fd_);
         }
         switch (ev) {
         case ControlChannel::Event::woken:
             drain_wake();
             break;
+        case ControlChannel::Event::timeout:
+            break; // the grace period is looked at above
         case ControlChannel::Event::line:
             reply_busy_line(line, c);
             break;
@@ -327,10 +413,11 @@ void Session::wait_for(PluginCall &c)
             reply_unreadable(ev);
             break;
         default:
-            // The client is gone: stop the transfer, let the plug-in finish.
+            // The client is gone (or SIGTERM shut the connection): stop the
+            // call, let the plug-in finish.
             control_lost_ = true;
-            if (c.transfer != nullptr)
-                c.transfer->abort();
+            if (c.cancellable)
+                cancel(c);
             break;
         }
     }

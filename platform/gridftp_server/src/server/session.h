@@ -42,11 +42,17 @@ struct PluginCall {
     bool returned = false;
     tarvex_result_t result = TARVEX_SUCCESS;
 
+    // cancelling (the session thread only)
+    bool cancellable = true;   // false for session start and end
+    bool aborted = false;      // by the client's ABOR
+    long long cancelled_at = 0; // now_ms() of the first cancel, 0: none
+
     // session start
     void *session_arg = nullptr;
     std::string home_dir;
     // stat: every batch, partial or final, goes here (on the plug-in's thread)
     std::function<void(tarvex_result_t, tarvex_gridftp_server_control_stat_t *, int, bool)> on_stat;
+    bool stat_failed = false; // a batch could not be handled: the stat fails
     // command
     std::string response;
     // transfer (and listings, for their data connection)
@@ -62,7 +68,8 @@ public:
     // ---- used by the provider (any thread) ----
     void call_finished(PluginCall &c, tarvex_result_t result);
     void wake();
-    bool send_reply_text(const std::string &text) { return ctl_.send_raw(text); }
+    // One reply line; control characters in `text` become '?'.
+    bool reply_line(int code, const std::string &text);
     tarvex_result_t config_data(const char *key, char **data);
     void set_checksum_support(const char *s);
     int update_interval() const { return update_interval_; }
@@ -86,6 +93,8 @@ private:
     // calling the plug-in
     void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
     void wait_for(PluginCall &c);
+    void cancel(PluginCall &c);
+    [[noreturn]] void give_up();
     void drain_wake();
     bool stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result);
     bool stat_or_reply(const std::string &path, StatEntry &e);
@@ -165,6 +174,7 @@ private:
     // connection state
     bool quit_ = false;
     bool control_lost_ = false;
+    bool abort_owed_ = false; // an ABOR stopped a command: 226 after its reply
     std::deque<std::string> pending_; // lines that came while the plug-in worked
 
     // login
@@ -174,6 +184,10 @@ private:
     bool tls_ = false;
     bool pbsz_ = false;
     bool prot_p_ = false;
+    // Random per session: marks the TLS sessions of the control connection
+    // (TlsSetup, conn.h).  Every session process shares the ticket key, so
+    // only this mark tells this client's sessions from another's.
+    std::string tls_session_mark_;
 
     // the plug-in
     const tarvex_gfs_storage_iface_t *iface_ = nullptr; // &table_ once loaded

@@ -16,7 +16,26 @@ std::string last_ssl_error()
     return buf;
 }
 
+// OpenSSL calls this (from C) just before it makes a session ticket: a
+// ticket of the control connection gets its mark.  A data connection's SSL
+// carries no mark: the session it resumed keeps the mark it had, and a
+// session of a full handshake there (somebody else's) gets none.
+int mark_ticket(SSL *ssl, void *) noexcept
+{
+    const auto *mark = static_cast<const std::string *>(SSL_get_app_data(ssl));
+    if (mark == nullptr)
+        return 1;
+    return mark_session(ssl, *mark) ? 1 : 0;
+}
+
 } // namespace
+
+bool mark_session(SSL *ssl, const std::string &mark)
+{
+    SSL_SESSION *session = SSL_get_session(ssl);
+    return session != nullptr &&
+           SSL_SESSION_set1_ticket_appdata(session, mark.data(), mark.size()) == 1;
+}
 
 SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::string &err)
 {
@@ -37,6 +56,9 @@ SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::
     SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_SERVER);
     static const unsigned char sid_ctx[] = "tarvex-gridftp-server";
     SSL_CTX_set_session_id_context(ctx, sid_ctx, sizeof sid_ctx - 1);
+    // Data connections prove they come from the client that holds the
+    // control connection by resuming its session: its tickets are marked.
+    SSL_CTX_set_session_ticket_cb(ctx, mark_ticket, nullptr, nullptr);
 
     if (SSL_CTX_use_certificate_chain_file(ctx, cert.c_str()) != 1) {
         err = cert + ": " + last_ssl_error();

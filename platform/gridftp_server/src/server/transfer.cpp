@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 
 namespace tarvex_server {
 
@@ -69,25 +70,52 @@ void Transfer::begin(bool with_thread)
 {
     if (began_.exchange(true))
         return;
-    p_.send_reply("150 Opening BINARY mode data connection for " + p_.what + ".\r\n");
+    p_.send_reply(150, "Opening BINARY mode data connection for " + p_.what + ".");
     announced_ = true;
     std::string why;
-    conn_ = setup_.open(connect_timeout_ms, cancel_fd_, why);
+    conn_ = setup_.open(connect_timeout_ms, cancel_fd_, why,
+                        p_.tls != nullptr ? DataSetup::Vetter([this](Conn &c, int timeout_ms,
+                                                                     std::string &reason) {
+                            return secure(c, timeout_ms, reason);
+                        })
+                                          : DataSetup::Vetter());
     if (!conn_) {
         fail(aborted_ ? "426 Connection closed; transfer aborted."
                       : "425 Can't open data connection: " + why + ".");
         return;
     }
-    if (p_.tls != nullptr && conn_->start_tls(p_.tls, connect_timeout_ms, cancel_fd_, why) != Io::ok) {
-        fail("425 Can't secure the data connection: " + why + ".");
-        conn_.reset();
-        return;
-    }
     if (!with_thread)
         return;
     std::lock_guard lock(mu_);
-    serving_ = true;
-    thread_ = std::thread([this] { serve(); });
+    try {
+        thread_ = std::thread([this] { serve(); });
+        serving_ = true;
+    } catch (const std::system_error &) {
+        // No thread: every registration is refused (usable() is false).
+        failure_ = "425 Can't serve the data connection: out of resources.";
+    }
+}
+
+// PROT P: the handshake on a new data connection, which must resume a
+// session of the control connection.  A connection that does not is from
+// somebody else (another local process that reached the passive port
+// first) or from a client that cannot resume; it gets no data.  A session
+// its full handshake made carries no mark, so it cannot come back with it.
+bool Transfer::secure(Conn &c, int timeout_ms, std::string &why)
+{
+    std::string err;
+    if (c.start_tls(p_.tls, std::min(timeout_ms, connect_timeout_ms), cancel_fd_, err) != Io::ok) {
+        why = "TLS handshake failed";
+        return false;
+    }
+    if (p_.tls_require_resume && !c.tls_session_marked(p_.tls_session_mark)) {
+        c.finish(0); // an orderly end: the client reads the 425 that follows
+        why = "the TLS session of the control connection was not resumed";
+        if (p_.refused)
+            p_.refused(why);
+        return false;
+    }
+    return true;
 }
 
 void Transfer::read_range(tarvex_off_t *offset, tarvex_off_t *length)
@@ -166,10 +194,16 @@ void Transfer::complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t
     tarvex_result_t res = ok ? TARVEX_SUCCESS
                              : data_error(aborted_ ? "The transfer was aborted."
                                                    : "The data connection failed.");
-    if (r.is_write)
-        r.wcb(r.op, res, r.buf, n, r.arg);
-    else
-        r.rcb(r.op, res, r.buf, n, offset, eof, r.arg);
+    // The plug-in's completion is C; should a C++ plug-in's throw anyway,
+    // the data thread stays up and the transfer fails.
+    try {
+        if (r.is_write)
+            r.wcb(r.op, res, r.buf, n, r.arg);
+        else
+            r.rcb(r.op, res, r.buf, n, offset, eof, r.arg);
+    } catch (...) {
+        fail("451 The storage failed unexpectedly.");
+    }
 }
 
 void Transfer::serve()

@@ -31,11 +31,17 @@ namespace tarvex_server {
 struct TransferParams {
     std::string what;            // for the 150 reply: "RETR /a/b", "LIST /"
     SSL_CTX *tls = nullptr;      // PROT P: TLS on the data connection
+    // The mark of the control connection's TLS sessions: a protected data
+    // connection must resume one of them (RFC 4217's practice), which only
+    // the client that holds the control connection can.
+    std::string tls_session_mark;
+    bool tls_require_resume = true;
     int io_timeout_ms = 900000;
     tarvex_off_t range_offset = 0; // REST offset
     tarvex_off_t range_length = -1;
-    std::function<bool(const std::string &)> send_reply; // control replies
+    std::function<bool(int, const std::string &)> send_reply; // control replies
     std::function<void()> notify;                         // wakes the session
+    std::function<void(const std::string &)> refused;     // a data connection turned away
 };
 
 class Transfer {
@@ -85,6 +91,7 @@ private:
         void *arg;
     };
     void serve();
+    bool secure(Conn &c, int timeout_ms, std::string &why);
     bool may_read_ahead() const;
     void read_ahead();
     tarvex_size_t take_ahead(tarvex_byte_t *buf, tarvex_size_t len);
