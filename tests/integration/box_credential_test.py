@@ -257,11 +257,19 @@ class CredentialHelperTest(EmulatorCase):
         self.assertIn("Box user 77 through the client_credentials grant", enrolled.stdout)
         stored = self.stored("svc")
         self.assertNotIn("refresh_token", stored)
+        self.emu.control("POST", "oauth", {"next_lifetimes": [60]})
         r = self.helper("svc")           # 60 s left: renewed with the same grant
         self.assertEqual(r.returncode, 0, r.stderr)
         doc = json.loads(r.stdout)
         self.assertNotEqual(doc["access_token"], stored["access_token"])
         self.assertEqual((doc["sub"], doc["max_upload"]), ("77", 123456))
+        # A token that users/me says is someone else's is never kept.
+        before = self.snapshot("svc")
+        self.emu.control("POST", "faults", {"path_regex": "^/2.0/users/me$", "status": 200,
+                                            "body": {"type": "user", "id": "99",
+                                                     "max_upload_size": 1}})
+        self.assertFailsCleanly(self.helper("svc"), "token for user 99 instead of 77")
+        self.assertEqual(self.snapshot("svc"), before)
         r = self.helper("--enrol", "nobody", "--client", self.client, "--box-user-id", "78")
         self.assertFailsCleanly(r, "invalid_grant.*act as user 78")
         self.assertFalse(os.path.exists(self.state_file("nobody")))

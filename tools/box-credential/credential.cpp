@@ -2,6 +2,8 @@
 
 #include <time.h>
 
+#include <algorithm>
+
 #include <jansson.h>
 
 #include "box_client.h"
@@ -11,6 +13,10 @@
 namespace box_credential {
 
 namespace {
+
+/* Box's tokens last about an hour; a lifetime beyond this is taken as
+ * this, so that no answer can push the expiry past what a date holds. */
+constexpr int64_t longest_lifetime = 30 * 24 * 3600;
 
 int64_t now()
 {
@@ -54,7 +60,8 @@ form_fields grant_form(const credential &c)
 
 /* One grant, under the user's lock.  A rotated refresh token is stored
  * before anything else happens: the one sent is spent now, and losing the
- * new one would lose the user's credential. */
+ * new one would lose the user's credential.  Without a rotation nothing
+ * is stored before users/me has confirmed whom the token is for. */
 void renew(const settings &s, const credential_store &store, credential &c)
 {
     int64_t asked = now();
@@ -71,11 +78,12 @@ void renew(const settings &s, const credential_store &store, credential &c)
                            : "; Box does not let this client act as user " + c.box_user_id));
     }
     c.access_token = answer.access_token;
-    c.expires_at = asked + answer.expires_in;
+    c.expires_at = asked + std::min(answer.expires_in, longest_lifetime);
     c.obtained_at = asked;
-    if (!answer.refresh_token.empty())
+    if (!answer.refresh_token.empty() && answer.refresh_token != c.refresh_token) {
         c.refresh_token = answer.refresh_token;
-    store.write(c);
+        store.write(c);
+    }
 
     box_user user = users_me(s, c.access_token);
     if (c.grant == client_credentials_grant && user.id != c.box_user_id)
