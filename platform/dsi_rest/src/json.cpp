@@ -288,7 +288,7 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_json(void *write_callback_arg, 
 
 extern "C" void tarvex_dsi_rest_set_json_limit(size_t bytes)
 {
-    g_json_limit.store(bytes);
+    guard_quiet(__func__, [bytes] { g_json_limit.store(bytes); });
 }
 
 extern "C" size_t tarvex_dsi_rest_json_limit(void)
