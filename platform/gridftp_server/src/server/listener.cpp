@@ -227,6 +227,11 @@ int serve(int listen_fd, const ServerContext &ctx)
         usleep(100000);
         reap(children);
     }
+    if (children.empty())
+        log_server("stopped, every session ended");
+    else
+        log_server("stopped, killing " + std::to_string(children.size()) +
+                   " session(s) that did not end");
     for (const auto &[pid, host] : children)
         kill(pid, SIGKILL);
     close(listen_fd);
