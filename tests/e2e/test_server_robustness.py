@@ -496,6 +496,10 @@ class Names(ServerTest):
             reply = c.cmd(line)
             self.assertTrue(reply.startswith(b"501"), (line, reply))
             self.assertEqual(reply.count(b"\r"), 1, reply)  # only the line's end
+        # A path the storage repeats in its error reply (C1 CSI in UTF-8).
+        reply = c.cmd(b"DELE /x\xc2\x9b1m")
+        self.assertTrue(reply.startswith(b"550"), reply)
+        self.assertNotIn(b"\xc2\x9b", reply)
         self.assertEqual(os.listdir(self.server.root), [])
         log = self.server.read_log()
         self.assertIn(r"e\xc2\x9bvil\xc0\xaf logged in", log)

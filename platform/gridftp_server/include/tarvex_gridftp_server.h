@@ -353,7 +353,11 @@ bool tarvex_gridftp_server_thread_cancelled(void);
 /* ---- operations and their providers ---- */
 
 /* Whoever creates operations supplies these.  `ctx` is the provider's own
- * argument given to tarvex_gfs_operation_create(). */
+ * argument given to tarvex_gfs_operation_create().  They are called from
+ * plug-ins, which may be C: they must not throw.  (No function of this
+ * library lets an exception out; one that a provider's function throws is
+ * stopped at the library's edge: a call with a result returns an error,
+ * any other call has no effect.) */
 typedef struct tarvex_gfs_operation_provider_s {
     void (*finished_session_start)(void *ctx, tarvex_result_t result,
                                    void *session_arg, const char *username,

@@ -262,7 +262,14 @@ void Session::reply_error(tarvex_result_t result, int default_code)
 {
     char *text = tarvex_gfs_error_to_ftp_reply(result, default_code);
     if (text != nullptr) {
-        ctl_.send_raw(text);
+        // The rendering drops C0 controls; a path the client named may
+        // still hold C1 controls or bytes that are not UTF-8.
+        std::string out;
+        std::string_view rest = text;
+        for (size_t end; (end = rest.find("\r\n")) != std::string_view::npos;
+             rest.remove_prefix(end + 2))
+            out += printable(rest.substr(0, end)) + "\r\n";
+        ctl_.send_raw(out);
         free(text);
     } else {
         reply(default_code, "Operation failed.");
@@ -464,7 +471,11 @@ void Session::destroy_plugin_session()
         c.session = this;
         void *arg = session_arg_;
         plugin_thread_->post([this, &c, arg] {
-            iface_->destroy_func(arg);
+            try {
+                iface_->destroy_func(arg);
+            } catch (...) {
+                log_session("the storage plug-in threw an exception");
+            }
             {
                 std::lock_guard lock(mu_);
                 c.returned = true;
