@@ -11,7 +11,7 @@ import threading
 import time
 import unittest
 
-from server_harness import Server, ServerTest, read_reply
+from server_harness import ResumingFTP_TLS, Server, ServerTest, read_reply
 
 HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
 
@@ -391,48 +391,65 @@ class ProtectedData(ServerTest):
     session."""
     server_args = {"tls": True}
 
+    def tls_login(self, version):
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        ctx.maximum_version = version
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        f.auth()
+        f.login("anonymous", "x")
+        f.prot_p()
+        return f
+
     def test_data_go_only_to_the_session_holder(self):
         content = os.urandom(300000)
         with open(self.local("secret.bin"), "wb") as f:
             f.write(content)
-        owner = self.server.ftp(tls=True)
-        other = self.server.ftp(tls=True)  # the intruder's own session
-        other.voidcmd("NOOP")
-        for name, session in (("a new TLS session", None),
-                              ("the TLS session of its own login", other.sock.session)):
-            host, port = owner.makepasv()
-            intruder = socket.create_connection((host, port), timeout=30)  # first in line
-            stolen = []
-
-            def intrude():
-                try:
-                    t = other.context.wrap_socket(intruder, server_hostname="127.0.0.1",
-                                                  session=session)
-                    stolen.append(t.recv(65536))
-                except (OSError, ssl.SSLError):
-                    stolen.append(b"")
-
-            thread = threading.Thread(target=intrude)
-            thread.start()
-            conn = socket.create_connection((host, port), timeout=30)
-            self.assertTrue(owner.sendcmd("RETR /secret.bin").startswith("150"))
-            conn = owner.context.wrap_socket(conn, server_hostname="127.0.0.1",
-                                             session=owner.sock.session)
-            got = b""
-            while True:
-                block = conn.recv(65536)
-                if not block:
-                    break
-                got += block
-            conn.close()
-            self.assertTrue(owner.voidresp().startswith("226"))
-            thread.join(timeout=30)
-            intruder.close()
-            self.assertEqual(stolen, [b""], name)
-            self.assertEqual(got, content, name)
+        # TLS 1.3 resumes by ticket; TLS 1.2 by ticket or by session id.
+        for version in (ssl.TLSVersion.TLSv1_3, ssl.TLSVersion.TLSv1_2):
+            owner = self.tls_login(version)
+            other = self.tls_login(version)  # the intruder's own login
+            other.voidcmd("NOOP")
+            for name, session in (("a new TLS session", None),
+                                  ("the TLS session of its own login", other.sock.session)):
+                got, stolen = self.retrieve_beside_an_intruder(owner, other.context, session)
+                self.assertEqual(stolen, [b""], (version, name))
+                self.assertEqual(got, content, (version, name))
+            owner.quit()
+            other.quit()
         self.assertIn("data connection refused", self.server.read_log())
-        owner.quit()
-        other.quit()
+
+    def retrieve_beside_an_intruder(self, owner, context, session):
+        """RETR /secret.bin by `owner` while another connection, made
+        first, handshakes with `context` and `session`: what each got."""
+        host, port = owner.makepasv()
+        intruder = socket.create_connection((host, port), timeout=30)  # first in line
+        stolen = []
+
+        def intrude():
+            try:
+                t = context.wrap_socket(intruder, server_hostname="127.0.0.1", session=session)
+                stolen.append(t.recv(65536))
+            except (OSError, ssl.SSLError):
+                stolen.append(b"")
+
+        thread = threading.Thread(target=intrude)
+        thread.start()
+        conn = socket.create_connection((host, port), timeout=30)
+        self.assertTrue(owner.sendcmd("RETR /secret.bin").startswith("150"))
+        conn = owner.context.wrap_socket(conn, server_hostname="127.0.0.1",
+                                         session=owner.sock.session)
+        got = b""
+        while True:
+            block = conn.recv(65536)
+            if not block:
+                break
+            got += block
+        conn.close()
+        self.assertTrue(owner.voidresp().startswith("226"))
+        thread.join(timeout=30)
+        intruder.close()
+        return got, stolen
 
     def test_a_client_that_cannot_resume(self):
         with open(self.local("pub.txt"), "wb") as f:
