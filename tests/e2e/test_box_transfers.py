@@ -183,9 +183,10 @@ class Transfers:
         done = len(self.part_puts()) * PART
         self.assertLessEqual(done, sent)
         # The same login goes on from the last part Box has.
+        # REST goes right before STOR (ftplib sends it after TYPE and PASV):
+        # any other command in between clears the offset.
         f.sendcmd("ALLO %d" % len(data))
-        f.sendcmd("REST %d" % done)
-        self.assertEqual(f.storbinary("STOR /resumed.bin", io.BytesIO(data[done:])),
+        self.assertEqual(f.storbinary("STOR /resumed.bin", io.BytesIO(data[done:]), rest=done),
                          "226 Transfer complete.")
         self.assertEqual(len(self.sessions_made()), 1)
         self.assertEqual(self.stored("/resumed.bin"), sha256(data))

@@ -181,18 +181,15 @@ TEST_F(command_test, RetryableFailuresAreTriedExactlyTwice)
 {
     /* MKD, rename and the property store: a dropped connection is tried
      * once more, a refusal Box explains is not. */
-    tarvex_dsi_rest_close_connections();
     fault("POST", "^/2.0/folders$", 2, R"("drop":true)");
     EXPECT_NE(run(TARVEX_GFS_CMD_MKD, "/m"), "");
     EXPECT_EQ(requests_made(), (strings{"POST /2.0/folders", "POST /2.0/folders"}));
 
-    tarvex_dsi_rest_close_connections();
     fault("PUT", "^/2.0/files/", 2, R"("drop":true)");
     EXPECT_NE(run(TARVEX_GFS_CMD_RNTO, "/f2.txt", "/f.txt"), "");
     EXPECT_EQ(requests_made().size(), 2u);
     EXPECT_EQ(emulator().item("/f2.txt"), "");
 
-    tarvex_dsi_rest_close_connections();
     fault("POST", "/metadata/", 2, R"("drop":true)");
     EXPECT_NE(take_reply(tarvex_i_box_set_metadata(session_, cached("/f.txt"), "k", "v")), "");
     EXPECT_EQ(requests_made().size(), 2u);
@@ -252,7 +249,6 @@ TEST_F(command_test, ADeleteRefusedByBoxIsNeverRetried)
     EXPECT_NE(emulator().item("/d/a.txt"), "");
 
     /* A dropped connection is tried twice. */
-    tarvex_dsi_rest_close_connections();
     fault("DELETE", "^/2.0/files/", 1, R"("drop":true)");
     EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "");
     EXPECT_EQ(requests_made(), (strings{"DELETE /2.0/files/" + ids_["/d/a.txt"],

@@ -134,13 +134,13 @@ TEST_F(download_test, ARetriedDownloadResumesWithoutSendingAByteTwice)
     }
 }
 
-/* The content request and the download have two attempts between them.
- * (A dropped connection is no test of this: the REST client itself sends a
- * request again when a kept-alive connection turns out to be closed.) */
+/* The content request and the download have two attempts between them,
+ * whether Box is busy or a connection is dropped. */
 TEST_F(download_test, ContentAndDownloadShareTwoAttempts)
 {
     const char *busy = R"("status":429,"body":null)";
     const char *cut = R"("truncate_after":1000)";
+    const char *drop = R"("drop":true)";
     const struct {
         const char *content_fault, *download_fault;
         strings requests;
@@ -150,10 +150,13 @@ TEST_F(download_test, ContentAndDownloadShareTwoAttempts)
         {busy, nullptr, {"C ", "C ", "D "}, ""},
         {busy, busy, {"C ", "C ", "D "}, "451 TOO_BUSY\r\n"},
         {busy, cut, {"C ", "C ", "D "}, "451 Transferred a partial file"},
+        {drop, nullptr, {"C ", "C ", "D "}, ""},
+        {nullptr, drop, {"C ", "D ", "D "}, ""},
+        {drop, drop, {"C ", "C ", "D "}, "451"},
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(std::string(r.content_fault ? "content " : "") +
-                     (r.download_fault ? r.download_fault : ""));
+        SCOPED_TRACE(std::string("content ") + (r.content_fault ? r.content_fault : "-") +
+                     ", download " + (r.download_fault ? r.download_fault : "-"));
         driver_.clear_events();
         if (r.content_fault)
             fault_content(r.content_fault);
