@@ -1,12 +1,13 @@
 # The server program tarvex-gridftp-server.
 find_library(TARVEX_LIBCRYPT crypt REQUIRED)
 
-# What clients send, parsed, and log fields, escaped: plain functions
-# without a session, linked by the program, its unit tests and fuzz
+# What clients send, parsed, log fields, escaped, and the transfer log:
+# pieces without a session, linked by the program, its unit tests and fuzz
 # harnesses (include directory src/server).
 add_library(tarvex_server_parse STATIC
   src/server/parse.cpp
-  src/server/log.cpp)
+  src/server/log.cpp
+  src/server/xferlog.cpp)
 target_include_directories(tarvex_server_parse PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src/server)
 add_executable(tarvex-gridftp-server
   src/server/main.cpp
@@ -28,6 +29,9 @@ add_executable(tarvex-gridftp-server
   src/server/auth.cpp
   src/server/config_data.cpp
   src/server/tls.cpp)
+# --version prints the project's version.
+target_compile_definitions(tarvex-gridftp-server PRIVATE
+  TARVEX_VERSION="${CMAKE_PROJECT_VERSION}")
 target_link_libraries(tarvex-gridftp-server PRIVATE
   tarvex_server_parse tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
   Threads::Threads)

@@ -190,8 +190,8 @@ TransferParams Session::transfer_params(const std::string &what)
     return p;
 }
 
-// The replies at the end of a transfer or listing.
-void Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
+// The replies at the end of a transfer or listing; true for 226.
+bool Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
 {
     std::string failure = t.failure();
     bool ok = c.result == TARVEX_SUCCESS && failure.empty() && !t.aborted();
@@ -215,7 +215,9 @@ void Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
         reply_error(c.result, default_code);
     } else {
         reply(226, "Transfer complete.");
+        return true;
     }
+    return false;
 }
 
 void Session::transfer(bool store, const std::string &arg, bool append)
@@ -271,14 +273,33 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     call_plugin(c, [&](tarvex_gfs_operation_t op) {
         (store ? iface_->recv_func : iface_->send_func)(op, &info, session_arg_);
     });
+    bool ok = finish_transfer(c, t, 451);
     long long ms = now_ms() - t0;
     std::string note = alloc > 0 ? " (ALLO " + std::to_string(alloc) + ")" : "";
-    if (c.result != TARVEX_SUCCESS || !t.failure().empty() || t.aborted())
+    if (!ok)
         note += " (failed)";
     log_session(std::string(store ? "STOR " : "RETR ") + log_field(path) + " from " +
                 std::to_string(rest) + ": " + std::to_string(t.bytes()) + " bytes in " +
                 std::to_string(ms) + " ms" + note);
-    finish_transfer(c, t, 451);
+    log_transfer(store, path, t.bytes(), ms, ok);
+}
+
+void Session::log_transfer(bool store, const std::string &path, long long bytes, long long ms,
+                           bool ok)
+{
+    if (ctx_.transfer_log == nullptr)
+        return;
+    XferRecord r;
+    r.end = time(nullptr);
+    r.duration_ms = ms;
+    r.host = host_of(ep_.peer);
+    r.bytes = bytes;
+    r.path = path;
+    r.incoming = store;
+    r.anonymous = opts_.anonymous_map;
+    r.user = user_;
+    r.complete = ok;
+    ctx_.transfer_log->send(xferlog_line(r));
 }
 
 void Session::cmd_retr(const std::string &arg)

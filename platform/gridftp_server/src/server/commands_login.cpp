@@ -182,7 +182,11 @@ void Session::cmd_auth(const std::string &arg)
         return;
     }
     tls_ = true;
-    user_.clear(); // a login begun in the clear does not carry over
+    // A login begun in the clear does not carry over; a completed one
+    // stays (its name is the session's, for the credential helper and the
+    // logs).
+    if (!logged_in_)
+        user_.clear();
 }
 
 void Session::cmd_pbsz(const std::string &arg)

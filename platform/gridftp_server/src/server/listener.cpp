@@ -24,12 +24,15 @@ namespace {
 
 int signal_pipe[2] = {-1, -1};
 volatile sig_atomic_t stopping = 0;
+volatile sig_atomic_t reopen_wanted = 0;
 
 void on_signal(int sig)
 {
     int saved = errno;
     if (sig == SIGTERM || sig == SIGINT)
         stopping = 1;
+    if (sig == SIGHUP)
+        reopen_wanted = 1;
     char c = 0;
     if (write(signal_pipe[1], &c, 1) < 0) {
         // the pipe is full: a wake-up is pending anyway
@@ -48,17 +51,26 @@ void install_handlers()
     sigaction(SIGCHLD, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
     sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
 }
 
 int session_control_fd = -1;
+volatile sig_atomic_t session_terminated = 0;
 
 // SIGTERM in a session: end it the way a vanished client would, so that a
 // running transfer is stopped and the plug-in's session is closed properly.
 void on_session_term(int)
 {
+    session_terminated = 1;
     if (session_control_fd >= 0)
         shutdown(session_control_fd, SHUT_RDWR);
 }
+
+// SIGHUP is for the listening process (its transfer log); a session that
+// gets it too, from a "kill -HUP" of every process of the program, goes on.
+// A handler rather than SIG_IGN, which a credential command run by the
+// session would inherit.
+void on_session_hup(int) {}
 
 void reset_handlers_in_child(int control_fd)
 {
@@ -70,6 +82,9 @@ void reset_handlers_in_child(int control_fd)
     session_control_fd = control_fd;
     sa.sa_handler = on_session_term;
     sigaction(SIGTERM, &sa, nullptr);
+    sa.sa_handler = on_session_hup;
+    sa.sa_flags = SA_RESTART;
+    sigaction(SIGHUP, &sa, nullptr);
     close(signal_pipe[0]);
     close(signal_pipe[1]);
 }
@@ -115,6 +130,24 @@ std::string peer_host(int fd)
     return host_of(peer);
 }
 
+// The transfer log, in the listening process: the file opened again after
+// SIGHUP, before any waiting line is written, so that from now on every
+// line goes to the file that has the name now; then the waiting lines.
+void tend(TransferLog *xferlog)
+{
+    if (xferlog == nullptr)
+        return;
+    if (reopen_wanted) {
+        reopen_wanted = 0;
+        std::string err;
+        if (xferlog->reopen(err))
+            log_server("transfer log reopened");
+        else
+            log_server("transfer log not reopened, the old file goes on: " + log_field(err));
+    }
+    xferlog->drain();
+}
+
 [[noreturn]] void run_session(int fd, const ServerContext &ctx)
 {
     Endpoints ep;
@@ -122,6 +155,8 @@ std::string peer_host(int fd)
     getsockname(fd, reinterpret_cast<sockaddr *>(&ep.local), &len);
     len = sizeof ep.peer;
     getpeername(fd, reinterpret_cast<sockaddr *>(&ep.peer), &len);
+    if (ctx.transfer_log != nullptr)
+        ctx.transfer_log->enter_session();
     tarvex_module_activate(&tarvex_i_gfs_module);
     {
         Session s(fd, ctx, ep);
@@ -178,16 +213,20 @@ int serve(int listen_fd, const ServerContext &ctx)
 {
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
+    TransferLog *xferlog = ctx.transfer_log;
     Children children;
     while (!stopping) {
-        pollfd p[2] = {{listen_fd, POLLIN, 0}, {signal_pipe[0], POLLIN, 0}};
-        int n = poll(p, 2, 1000);
+        pollfd p[3] = {{listen_fd, POLLIN, 0},
+                       {signal_pipe[0], POLLIN, 0},
+                       {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0}};
+        int n = poll(p, 3, 1000);
         if (p[1].revents & POLLIN) {
             char buf[64];
             while (read(signal_pipe[0], buf, sizeof buf) > 0) {
             }
         }
         reap(children);
+        tend(xferlog);
         if (n <= 0 || !(p[0].revents & POLLIN))
             continue;
         int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
@@ -221,11 +260,14 @@ int serve(int listen_fd, const ServerContext &ctx)
     for (const auto &[pid, host] : children)
         kill(pid, SIGTERM);
     // Each session cancels what its plug-in does and ends within its grace
-    // period; a little more for closing connections and exiting.
-    int tenths = (ctx.opts->cancel_grace + 2) * 10;
-    for (int i = 0; i < tenths && !children.empty(); ++i) {
-        usleep(100000);
+    // period; a little more for closing connections and exiting.  The
+    // transfers they end meanwhile are logged.
+    long long deadline = now_ms() + (ctx.opts->cancel_grace + 2) * 1000LL;
+    while (!children.empty() && now_ms() < deadline) {
+        pollfd p{xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0};
+        poll(&p, 1, 100);
         reap(children);
+        tend(xferlog);
     }
     if (children.empty())
         log_server("stopped, every session ended");
@@ -234,8 +276,14 @@ int serve(int listen_fd, const ServerContext &ctx)
                    " session(s) that did not end");
     for (const auto &[pid, host] : children)
         kill(pid, SIGKILL);
+    tend(xferlog);
     close(listen_fd);
     return 0;
+}
+
+bool session_terminated_by_signal()
+{
+    return session_terminated != 0;
 }
 
 } // namespace tarvex_server

@@ -11,7 +11,11 @@ namespace tarvex_server {
 // port actually bound.
 int open_listener(const Options &opts, int &port, std::string &err);
 
-// Serves until SIGTERM or SIGINT; returns the exit status.
+// Serves until SIGTERM or SIGINT; returns the exit status.  SIGHUP reopens
+// the transfer log.
 int serve(int listen_fd, const ServerContext &ctx);
+
+// In a session process: SIGTERM (the server stopping) ended the session.
+bool session_terminated_by_signal();
 
 } // namespace tarvex_server

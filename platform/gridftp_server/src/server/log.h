@@ -17,6 +17,12 @@ namespace tarvex_server {
 // language stay readable).
 std::string log_field(std::string_view text);
 
+// log_field(), with every space escaped too (an ASCII space as \x20, and
+// the bytes of the other characters that text tools split words at, such
+// as U+00A0 and U+3000): the text stays one field of a line whose fields
+// are separated by spaces.  Empty text is "-", so that no field vanishes.
+std::string log_word(std::string_view text);
+
 // "tarvex-gridftp-server[<pid>]: <text>" (a session) and
 // "tarvex-gridftp-server: <text>" (the listening process), each written
 // whole in one call.

@@ -14,6 +14,7 @@
 #include "listener.h"
 #include "options.h"
 #include "tls.h"
+#include "xferlog.h"
 
 using namespace tarvex_server;
 
@@ -110,6 +111,14 @@ int main(int argc, char **argv)
     if (!plugin_loads(ctx, err)) {
         fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
         return 2;
+    }
+    TransferLog transfer_log;
+    if (!opts.transfer_log.empty()) {
+        if (!transfer_log.open(opts.transfer_log, err)) {
+            fprintf(stderr, "tarvex-gridftp-server: transfer log: %s\n", err.c_str());
+            return 2;
+        }
+        ctx.transfer_log = &transfer_log;
     }
 
     int port = 0;

@@ -6,6 +6,11 @@
 #include <cstring>
 #include <string_view>
 
+// The project's version, from the build (see server.cmake).
+#ifndef TARVEX_VERSION
+#error "TARVEX_VERSION is not defined"
+#endif
+
 namespace tarvex_server {
 
 namespace {
@@ -44,6 +49,8 @@ const char usage[] =
     "                              of CMD, run with /bin/sh -c as the session's\n"
     "                              account with TARVEX_USER=<login> (repeatable)\n"
     "  --port-file FILE      write the listening port to FILE once listening\n"
+    "  --transfer-log FILE   append a line per finished file transfer to FILE\n"
+    "                        (xferlog format); SIGHUP opens FILE again\n"
     "  --pasv-range LOW-HIGH ports for passive data connections\n"
     "  --max-sessions N      concurrent sessions (default 64); more are refused\n"
     "                        with 421\n"
@@ -58,8 +65,11 @@ const char usage[] =
     "                        before the session ends without it (default 5)\n"
     "  --foreground          do not detach from the terminal\n"
     "  --help                this text\n"
+    "  --version             the program's version\n"
     "\n"
-    "Environment: TARVEX_EXTENSION_PATH adds plug-in directories.\n";
+    "Environment: TARVEX_EXTENSION_PATH adds plug-in directories.\n"
+    "Signals: SIGTERM and SIGINT stop the server, SIGHUP reopens the transfer log.\n"
+    "See tarvex-gridftp-server(8).\n";
 
 bool parse_int(const char *s, long lo, long hi, int &out)
 {
@@ -108,6 +118,10 @@ int parse_options(int argc, char **argv, Options &o, std::string &err)
             fputs(usage, stdout);
             return 1;
         }
+        if (a == "--version") {
+            fputs("tarvex-gridftp-server " TARVEX_VERSION "\n", stdout);
+            return 1;
+        }
         if (a == "--anonymous-map") {
             o.anonymous_map = true;
             continue;
@@ -151,6 +165,10 @@ int parse_options(int argc, char **argv, Options &o, std::string &err)
             ok = parse_key_value(v, o.config_commands);
         else if (a == "--port-file")
             o.port_file = v;
+        else if (a == "--transfer-log") {
+            o.transfer_log = v;
+            ok = !o.transfer_log.empty();
+        }
         else if (a == "--pasv-range")
             ok = parse_range(v, o.pasv_low, o.pasv_high);
         else if (a == "--max-sessions")

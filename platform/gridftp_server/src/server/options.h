@@ -28,10 +28,11 @@ struct Options {
     int cancel_grace = 5;          // seconds a cancelled plug-in call may take
     bool tls_data_any_session = false; // PROT P without resuming the control's session
     bool foreground = false;
+    std::string transfer_log;      // "": no transfer log
 };
 
-// Parses argv.  Returns 0 to go on, 1 after printing help (exit 0),
-// -1 on a usage error (message in `err`).
+// Parses argv.  Returns 0 to go on, 1 after printing help or the version
+// (exit 0), -1 on a usage error (message in `err`).
 int parse_options(int argc, char **argv, Options &opts, std::string &err);
 const char *usage_text();
 

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "listener.h"
 #include "log.h"
 #include "parse.h"
 #include "path.h"
@@ -122,6 +123,14 @@ void Session::run()
 {
     log_session("connection from " + host_of(ep_.peer));
     reply(220, "tarvex-gridftp-server ready.");
+    const char *why = command_loop();
+    if (logged_in_)
+        log_session(log_field(user_) + " logged out (" + why + ")");
+}
+
+// Serves commands until the session ends; why it ended.
+const char *Session::command_loop()
+{
     // A fixed time to log in: a stranger who never does holds a session
     // place only this long, however busy it keeps the connection.
     const long long login_deadline = now_ms() + opts_.login_timeout * 1000LL;
@@ -150,14 +159,18 @@ void Session::run()
             if (login_due) {
                 log_session("no login within " + std::to_string(opts_.login_timeout) + " s");
                 reply(421, "Login time exceeded, closing control connection.");
-            } else {
-                reply(421, "Idle timeout, closing control connection.");
+                return "login timeout";
             }
-            return;
+            reply(421, "Idle timeout, closing control connection.");
+            return "idle timeout";
         default:
-            return;
+            control_lost_ = true;
+            break;
         }
     }
+    if (!control_lost_)
+        return "QUIT";
+    return session_terminated_by_signal() ? "server stopping" : "connection closed";
 }
 
 // A line the control channel would not hand over as a command.
@@ -347,6 +360,8 @@ void Session::cancel(PluginCall &c)
 {
     log_session("the storage plug-in did not stop within " + std::to_string(opts_.cancel_grace) +
                 " s of being cancelled; ending the session");
+    if (logged_in_)
+        log_session(log_field(user_) + " logged out (the storage did not stop in time)");
     if (!control_lost_)
         reply(421, "The storage did not stop in time, closing control connection.");
     fflush(stderr);

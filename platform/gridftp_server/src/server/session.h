@@ -20,6 +20,7 @@
 #include "plugin_thread.h"
 #include "tarvex_gridftp_server.h"
 #include "transfer.h"
+#include "xferlog.h"
 
 namespace tarvex_server {
 
@@ -28,6 +29,7 @@ struct ServerContext {
     const Options *opts = nullptr;
     SSL_CTX *tls = nullptr;         // NULL: no AUTH TLS
     std::string plugin_path;        // search path for plug-ins
+    TransferLog *transfer_log = nullptr; // NULL: no --transfer-log
 };
 
 class Session;
@@ -84,6 +86,7 @@ private:
     static const std::map<std::string, Command> &commands();
 
     // the loop
+    const char *command_loop();
     void dispatch(const std::string &line);
     void reply(int code, const std::string &text) { ctl_.reply(code, text); }
     void reply_error(tarvex_result_t result, int default_code);
@@ -160,8 +163,9 @@ private:
     void retire_data();
     bool refused_after_epsv_all();
     TransferParams transfer_params(const std::string &what);
-    void finish_transfer(PluginCall &c, Transfer &t, int default_code);
+    bool finish_transfer(PluginCall &c, Transfer &t, int default_code);
     void transfer(bool store, const std::string &arg, bool append = false);
+    void log_transfer(bool store, const std::string &path, long long bytes, long long ms, bool ok);
 
     const ServerContext &ctx_;
     const Options &opts_;

@@ -1,0 +1,266 @@
+"""What an operator reads: the transfer log (--transfer-log, xferlog lines
+for uploads and downloads by curl and ftplib, failed transfers, rotation by
+rename and SIGHUP while transfers run) and the login and logout lines of
+each session process."""
+import ftplib
+import io
+import os
+import pwd
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+from server_harness import SERVER, Server, make_hash, write_random
+from test_server_robustness import wait_for
+
+XFER_TIME = "%a %b %d %H:%M:%S %Y"
+
+
+def read_lines(path):
+    try:
+        with open(path, "rb") as f:
+            return f.read().decode().splitlines()
+    except FileNotFoundError:
+        return []
+
+
+def fields(line):
+    """An xferlog line as a dict of its fields."""
+    w = line.split()
+    assert len(w) == 18, line
+    return {"time": " ".join(w[0:5]), "seconds": int(w[5]), "host": w[6],
+            "bytes": int(w[7]), "path": w[8], "type": w[9], "action": w[10],
+            "direction": w[11], "mode": w[12], "user": w[13], "service": w[14],
+            "auth": w[15], "auth_user": w[16], "status": w[17]}
+
+
+def needs_server(cls):
+    if not SERVER:
+        return unittest.skip("TARVEX_SERVER_BIN not set")(cls)
+    return cls
+
+
+@needs_server
+class TransferLog(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.dir = tempfile.mkdtemp(prefix="tarvex-e2e-xferlog-")
+        cls.xferlog = os.path.join(cls.dir, "xferlog")
+        cls.server = Server(extra=["--transfer-log", cls.xferlog])
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+        shutil.rmtree(cls.dir, ignore_errors=True)
+
+    def tearDown(self):
+        self.assertTrue(self.server.alive(), "the server died:\n" + self.server.read_log())
+
+    def line_for(self, path, direction, path_in_log=None):
+        """The parsed line of the transfer of `path` in `direction`, once
+        written (a session sends it after its reply)."""
+        want = path_in_log or path
+
+        def find():
+            for line in read_lines(self.xferlog):
+                f = fields(line)
+                if f["path"] == want and f["direction"] == direction:
+                    return f
+            return None
+        return wait_for(find, "the transfer log line of %s %s" % (direction, want))
+
+    def curl(self, *args):
+        r = subprocess.run(["curl", "-sS", "--user", "carol:secret", "--max-time", "60"] +
+                           list(args), capture_output=True, timeout=120)
+        self.assertEqual(r.returncode, 0, r.stderr.decode() + self.server.read_log())
+        return r.stdout
+
+    def test_curl_upload_and_download(self):
+        src = os.path.join(self.dir, "report q1.bin")
+        write_random(src, 300000, seed=1)
+        before = time.time()
+        self.curl("-T", src, self.server.url("/report%20q1.bin"))
+        data = self.curl(self.server.url("/report%20q1.bin"))
+        after = time.time()
+        self.assertEqual(len(data), 300000)
+        for direction in ("i", "o"):
+            f = self.line_for("/report\\x20q1.bin", direction)
+            logged = time.mktime(time.strptime(f["time"], XFER_TIME))
+            # whole seconds, local time
+            self.assertTrue(int(before) <= logged <= after + 1, (before, f["time"], after))
+            self.assertGreaterEqual(f["seconds"], 1)
+            self.assertEqual((f["host"], f["bytes"], f["type"], f["action"], f["mode"],
+                              f["user"], f["service"], f["auth"], f["auth_user"], f["status"]),
+                             ("127.0.0.1", 300000, "b", "_", "a", "carol", "ftp", "0", "*", "c"))
+
+    def test_failed_transfers_are_incomplete(self):
+        with open(os.path.join(self.server.root, "big.bin"), "wb") as fh:
+            fh.truncate(512 << 20)
+        f = self.server.ftp("dave", "x")
+        self.assertRaisesRegex(ftplib.error_perm, "^550", f.retrbinary, "RETR /absent.bin",
+                               lambda b: None)
+        # A download the client aborts after its first bytes.
+        conn = f.transfercmd("RETR /big.bin")
+        self.assertTrue(conn.recv(65536))
+        resp = f.abort()
+        conn.close()
+        self.assertTrue(resp.startswith("426"), resp)
+        self.assertTrue(f.getresp().startswith("226"))
+        f.storbinary("STOR /small.bin", io.BytesIO(b"z" * 1000))
+        f.quit()
+        absent = self.line_for("/absent.bin", "o")
+        self.assertEqual((absent["bytes"], absent["status"], absent["user"]), (0, "i", "dave"))
+        aborted = self.line_for("/big.bin", "o")
+        self.assertEqual(aborted["status"], "i")
+        self.assertLess(aborted["bytes"], 512 << 20)
+        small = self.line_for("/small.bin", "i")
+        self.assertEqual((small["bytes"], small["status"]), (1000, "c"))
+
+    def test_names_stay_one_field(self):
+        name = "/nb\u00a0sp \u65e5\u672c \\x.txt"
+        f = self.server.ftp("erin", "x")
+        f.encoding = "utf-8"
+        f.storbinary("STOR " + name, io.BytesIO(b"abc"))
+        f.quit()
+        got = self.line_for(name, "i", "/nb\\xc2\\xa0sp\\x20\u65e5\u672c\\x20\\\\x.txt")
+        self.assertEqual((got["bytes"], got["status"]), (3, "c"))
+
+    def test_rotation_while_transfers_run_loses_no_line(self):
+        """Threads keep long sessions transferring while the log is renamed
+        and the server gets SIGHUP: every transfer has its line in one of
+        the two files, and those begun after the reopen in the new one."""
+        os.makedirs(os.path.join(self.server.root, "rot"), exist_ok=True)
+        for name in ("down0.bin", "down1.bin"):
+            write_random(os.path.join(self.server.root, "rot", name), 50000, seed=3)
+        rotated = self.xferlog + ".1"
+        reopened = threading.Event()
+        stop = threading.Event()
+        done = {}  # thread -> [(path, direction, begun after the reopen)]
+        errors = []
+
+        def worker(k):
+            mine = done.setdefault(k, [])
+            try:
+                f = self.server.ftp("rot%d" % k, "x")
+                i = 0
+                while not stop.is_set():
+                    late = reopened.is_set()
+                    if i % 2:
+                        f.retrbinary("RETR /rot/down%d.bin" % (i % 4 // 2), lambda b: None)
+                        mine.append(("/rot/down%d.bin" % (i % 4 // 2), "o", late))
+                    else:
+                        path = "/rot/up-%d-%d.bin" % (k, i)
+                        f.storbinary("STOR " + path, io.BytesIO(os.urandom(20000)))
+                        mine.append((path, "i", late))
+                    i += 1
+                f.quit()
+            except Exception as e:  # reported by the main thread
+                errors.append(e)
+
+        threads = [threading.Thread(target=worker, args=(k,)) for k in range(4)]
+        for t in threads:
+            t.start()
+        try:
+            wait_for(lambda: sum(len(v) for v in done.values()) >= 20 or errors,
+                     "transfers before the rotation")
+            os.rename(self.xferlog, rotated)
+            os.kill(self.server.proc.pid, signal.SIGHUP)
+            wait_for(lambda: "transfer log reopened" in self.server.read_log(),
+                     "the server to reopen its transfer log")
+            reopened.set()
+            wait_for(lambda: sum(1 for v in done.values() for d in v if d[2]) >= 20 or errors,
+                     "transfers after the rotation")
+        finally:
+            stop.set()
+            for t in threads:
+                t.join(timeout=120)
+        self.assertEqual(errors, [])
+        transfers = [(k, d) for k, v in done.items() for d in v]
+
+        def written():
+            return sum(fields(l)["user"].startswith("rot")
+                       for l in read_lines(rotated) + read_lines(self.xferlog))
+        wait_for(lambda: written() >= len(transfers), "every transfer's line")
+        # (the other tests' lines are in the files too)
+        old = [f for f in map(fields, read_lines(rotated)) if f["user"].startswith("rot")]
+        new = [f for f in map(fields, read_lines(self.xferlog)) if f["user"].startswith("rot")]
+        self.assertEqual(len(old) + len(new), len(transfers))
+        self.assertTrue(all(f["status"] == "c" for f in old + new))
+        for k, (path, direction, late) in transfers:
+            key = (path, direction, "rot%d" % k)
+            in_new = sum((f["path"], f["direction"], f["user"]) == key for f in new)
+            in_old = sum((f["path"], f["direction"], f["user"]) == key for f in old)
+            if direction == "i":  # each upload has a name of its own
+                self.assertEqual(in_new + in_old, 1, key)
+            if late:
+                self.assertGreaterEqual(in_new, 1, key)
+        self.assertGreater(len(old), 0)
+        self.assertIn("transfer log reopened", self.server.read_log())
+
+
+@needs_server
+class SessionLog(unittest.TestCase):
+    """Log-ins, log-outs and failed logins on standard error, each with the
+    session's process id."""
+
+    @classmethod
+    def setUpClass(cls):
+        # The session runs as this test's own account, when that is root too.
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        cls.server = Server(passwd="alice:%s:%s\n" % (make_hash("wonderland"), me))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+
+    def lines_of(self, pid):
+        prefix = "tarvex-gridftp-server[%d]: " % pid
+        return [l[len(prefix):] for l in self.server.read_log().splitlines()
+                if l.startswith(prefix)]
+
+    def session_pids(self, text):
+        return [int(p) for p in re.findall(r"\[(\d+)\]: " + re.escape(text),
+                                           self.server.read_log())]
+
+    def test_login_and_logout_lines(self):
+        f = self.server.ftp("alice", "wonderland")
+        f.quit()
+        pid = wait_for(lambda: (self.session_pids("alice logged out (QUIT)") or [None])[-1],
+                       "the logout line")
+        self.assertNotEqual(pid, self.server.proc.pid)  # the session's own process
+        self.assertEqual(self.lines_of(pid), ["connection from 127.0.0.1", "alice logged in",
+                                              "alice logged out (QUIT)"])
+
+    def test_failed_login_and_lost_connection(self):
+        f = ftplib.FTP(timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        self.assertRaisesRegex(ftplib.error_perm, "^530", f.login, "alice", "wrong")
+        f.login("alice", "wonderland")
+        f.sock.close()  # no QUIT
+        f.file.close()
+        pid = wait_for(lambda: (self.session_pids("alice logged out (connection closed)")
+                                or [None])[-1], "the logout line")
+        self.assertEqual(self.lines_of(pid), ["connection from 127.0.0.1",
+                                              "failed login for alice", "alice logged in",
+                                              "alice logged out (connection closed)"])
+
+    def test_server_stopping_logs_out_sessions(self):
+        srv = Server()
+        try:
+            f = srv.ftp("frank", "x")
+            wait_for(lambda: "frank logged in" in srv.read_log(), "the login line")
+            srv.proc.terminate()
+            self.assertEqual(srv.proc.wait(timeout=30), 0)
+            self.assertRegex(srv.read_log(), r"\[\d+\]: frank logged out \(server stopping\)")
+            f.close()
+        finally:
+            srv.stop()
+
+
+if __name__ == "__main__":
+    unittest.main()

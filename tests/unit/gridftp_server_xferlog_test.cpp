@@ -1,0 +1,292 @@
+// The server's transfer log: the xferlog line of a transfer, and the file
+// that session processes send their lines to through the listening process
+// (many senders at once, a rotation in the middle, malformed lines).
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "xferlog.h"
+
+using namespace tarvex_server;
+
+namespace {
+
+std::vector<std::string> words(const std::string &line)
+{
+    std::istringstream in(line);
+    std::vector<std::string> out;
+    for (std::string w; in >> w;)
+        out.push_back(w);
+    return out;
+}
+
+std::vector<std::string> file_lines(const std::string &path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> out;
+    for (std::string l; std::getline(in, l);)
+        out.push_back(l);
+    return out;
+}
+
+XferRecord sample()
+{
+    XferRecord r;
+    r.end = 1741079702; // 2025-03-04 09:15:02 UTC, a Tuesday
+    r.duration_ms = 2600;
+    r.host = "192.0.2.7";
+    r.bytes = 1048576;
+    r.path = "/reports/q1.pdf";
+    r.incoming = false;
+    r.anonymous = false;
+    r.user = "alice";
+    r.complete = true;
+    return r;
+}
+
+class XferlogLine : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const char *tz = getenv("TZ");
+        saved_tz_ = tz != nullptr ? tz : "";
+        had_tz_ = tz != nullptr;
+        setenv("TZ", "UTC", 1);
+        tzset();
+    }
+    void TearDown() override
+    {
+        if (had_tz_)
+            setenv("TZ", saved_tz_.c_str(), 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+
+private:
+    std::string saved_tz_;
+    bool had_tz_ = false;
+};
+
+TEST_F(XferlogLine, FieldsInOrder)
+{
+    EXPECT_EQ(xferlog_line(sample()),
+              "Tue Mar 04 09:15:02 2025 3 192.0.2.7 1048576 /reports/q1.pdf b _ o r alice ftp 0 * c\n");
+    XferRecord r = sample();
+    r.incoming = true;
+    r.anonymous = true;
+    r.complete = false;
+    r.bytes = 0;
+    r.host = "::1";
+    r.end = 1735689599; // 2024-12-31 23:59:59
+    EXPECT_EQ(xferlog_line(r),
+              "Tue Dec 31 23:59:59 2024 3 ::1 0 /reports/q1.pdf b _ i a alice ftp 0 * i\n");
+}
+
+TEST_F(XferlogLine, DurationInWholeSecondsAtLeastOne)
+{
+    const struct {
+        long long ms;
+        const char *seconds;
+    } cases[] = {{0, "1"}, {499, "1"}, {1499, "1"}, {1500, "2"}, {61000, "61"},
+                 {86400000LL * 3, "259200"}};
+    for (const auto &c : cases) {
+        XferRecord r = sample();
+        r.duration_ms = c.ms;
+        EXPECT_EQ(words(xferlog_line(r))[5], c.seconds) << c.ms;
+    }
+}
+
+// Whatever a name holds, the line stays one line of 18 fields, and the
+// name's field reads back as the log escapes it.
+TEST_F(XferlogLine, NamesStayOneField)
+{
+    const struct {
+        std::string name;
+        std::string field;
+    } cases[] = {
+        {"/a b/c  d.txt", "/a\\x20b/c\\x20\\x20d.txt"},
+        {"/tab\there", "/tab\\x09here"},
+        {"/line\nbreak\r", "/line\\x0abreak\\x0d"},
+        {"/esc\x1b[31mred", "/esc\\x1b[31mred"},
+        {"/back\\slash", "/back\\\\slash"},
+        {"/nb\xc2\xa0sp", "/nb\\xc2\\xa0sp"},
+        {"/ideo\xe3\x80\x80sp", "/ideo\\xe3\\x80\\x80sp"},
+        {"/ls\xe2\x80\xa8ps\xe2\x80\xa9", "/ls\\xe2\\x80\\xa8ps\\xe2\\x80\\xa9"},
+        {"/c1\xc2\x85nel", "/c1\\xc2\\x85nel"},
+        {"/bad\xff\xc0\xafutf8", "/bad\\xff\\xc0\\xafutf8"},
+        {"/caf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac", "/caf\xc3\xa9\\x20\xe6\x97\xa5\xe6\x9c\xac"},
+        {"", "-"},
+    };
+    for (const auto &c : cases) {
+        XferRecord r = sample();
+        r.path = c.name;
+        r.user = "user " + c.name;
+        std::string line = xferlog_line(r);
+        ASSERT_EQ(line.find('\n'), line.size() - 1) << line;
+        std::vector<std::string> w = words(line);
+        ASSERT_EQ(w.size(), 18u) << line;
+        EXPECT_EQ(w[8], c.field);
+        EXPECT_EQ(w[13], "user\\x20" + (c.name.empty() ? "" : c.field));
+        EXPECT_EQ(w[17], "c");
+    }
+}
+
+// ---- the file ----
+
+class XferlogFile : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/tarvex-xferlog-XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        path_ = dir_ + "/xferlog";
+    }
+    void TearDown() override
+    {
+        std::string cmd = "rm -rf '" + dir_ + "'";
+        EXPECT_EQ(system(cmd.c_str()), 0);
+    }
+
+    // Drains until `done` holds after a drain that found nothing waiting.
+    template <typename Done> void drain_until(TransferLog &log, Done done)
+    {
+        for (;;) {
+            pollfd p{log.channel(), POLLIN, 0};
+            int ready = poll(&p, 1, 50);
+            log.drain();
+            if (ready == 0 && done())
+                return;
+        }
+    }
+
+    std::string dir_;
+    std::string path_;
+};
+
+TEST_F(XferlogFile, CreatedPrivateAndAppended)
+{
+    {
+        std::ofstream(path_) << "kept\n";
+    }
+    TransferLog log;
+    std::string err;
+    ASSERT_TRUE(log.open(path_, err)) << err;
+    log.send("one\n");
+    log.drain();
+    EXPECT_EQ(file_lines(path_), (std::vector<std::string>{"kept", "one"}));
+
+    TransferLog fresh;
+    std::string other = dir_ + "/new";
+    ASSERT_TRUE(fresh.open(other, err)) << err;
+    struct stat st{};
+    ASSERT_EQ(stat(other.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0026, 0u); // others cannot read it, the group only reads
+
+    TransferLog missing;
+    EXPECT_FALSE(missing.open(dir_ + "/no/such/folder/xferlog", err));
+    EXPECT_NE(err.find("no/such/folder"), std::string::npos) << err;
+}
+
+// Several session processes send at once while the file is renamed and
+// reopened: every line is in one of the two files, whole, and what is sent
+// after the reopen is in the new one.
+TEST_F(XferlogFile, ConcurrentSendersAndRotationLoseNoLine)
+{
+    TransferLog log;
+    std::string err;
+    ASSERT_TRUE(log.open(path_, err)) << err;
+    constexpr int senders = 6;
+    constexpr int lines_each = 400;
+    std::vector<pid_t> pids;
+    for (int s = 0; s < senders; ++s) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            log.enter_session();
+            for (int i = 0; i < lines_each; ++i)
+                log.send("sender " + std::to_string(s) + " line " + std::to_string(i) + " " +
+                         std::string(static_cast<size_t>(i % 97), 'x') + "\n");
+            _exit(0);
+        }
+        pids.push_back(pid);
+    }
+    // Rotate once a part of the lines is in, while the senders go on.
+    while (file_lines(path_).size() < senders * lines_each / 4) {
+        pollfd p{log.channel(), POLLIN, 0};
+        poll(&p, 1, 50);
+        log.drain();
+    }
+    ASSERT_EQ(rename(path_.c_str(), (path_ + ".1").c_str()), 0);
+    ASSERT_TRUE(log.reopen(err)) << err;
+    log.send("after the rotation\n");
+    int exited = 0;
+    drain_until(log, [&] {
+        while (exited < senders && waitpid(-1, nullptr, WNOHANG) > 0)
+            ++exited;
+        return exited == senders;
+    });
+
+    std::vector<std::string> old_lines = file_lines(path_ + ".1");
+    std::vector<std::string> new_lines = file_lines(path_);
+    std::set<std::string> seen;
+    for (const auto *lines : {&old_lines, &new_lines})
+        for (const std::string &l : *lines)
+            EXPECT_TRUE(seen.insert(l).second) << "twice: " << l;
+    EXPECT_EQ(old_lines.size() + new_lines.size(), senders * lines_each + 1u);
+    for (int s = 0; s < senders; ++s)
+        for (int i = 0; i < lines_each; ++i)
+            ASSERT_TRUE(seen.count("sender " + std::to_string(s) + " line " + std::to_string(i) +
+                                   " " + std::string(static_cast<size_t>(i % 97), 'x')))
+                << s << " " << i;
+    EXPECT_NE(std::find(new_lines.begin(), new_lines.end(), "after the rotation"), new_lines.end());
+    EXPECT_FALSE(old_lines.empty());
+}
+
+// A reopen that fails (the folder is gone) keeps the old file: no line is
+// dropped for it.
+TEST_F(XferlogFile, FailedReopenKeepsWritingTheOldFile)
+{
+    std::string sub = dir_ + "/logs";
+    ASSERT_EQ(mkdir(sub.c_str(), 0700), 0);
+    TransferLog log;
+    std::string err;
+    ASSERT_TRUE(log.open(sub + "/xferlog", err)) << err;
+    ASSERT_EQ(rename(sub.c_str(), (sub + ".old").c_str()), 0);
+    EXPECT_FALSE(log.reopen(err));
+    EXPECT_NE(err.find("logs/xferlog"), std::string::npos) << err;
+    log.send("still here\n");
+    log.drain();
+    EXPECT_EQ(file_lines(sub + ".old/xferlog"), std::vector<std::string>{"still here"});
+}
+
+// What a session sends is written only when it is one printable line: a
+// session runs the plug-in's code and must not be able to break the file's
+// lines or put escape sequences in it.
+TEST_F(XferlogFile, MalformedLinesAreNotWritten)
+{
+    TransferLog log;
+    std::string err;
+    ASSERT_TRUE(log.open(path_, err)) << err;
+    for (const char *bad : {"two\nlines\n", "no newline", "\x1b[2Jclear\n", "\n", "cr\r\n"})
+        log.send(bad);
+    log.send(std::string("nul\0inside\n", 11));
+    log.send("good\n");
+    log.drain();
+    EXPECT_EQ(file_lines(path_), std::vector<std::string>{"good"});
+}
+
+} // namespace
