@@ -9,13 +9,14 @@ import pwd
 import re
 import shutil
 import signal
+import ssl
 import subprocess
 import tempfile
 import threading
 import time
 import unittest
 
-from server_harness import SERVER, Server, make_hash, write_random
+from server_harness import SERVER, ResumingFTP_TLS, Server, make_hash, write_random
 from test_server_robustness import wait_for
 
 XFER_TIME = "%a %b %d %H:%M:%S %Y"
@@ -51,7 +52,7 @@ class TransferLog(unittest.TestCase):
     def setUpClass(cls):
         cls.dir = tempfile.mkdtemp(prefix="tarvex-e2e-xferlog-")
         cls.xferlog = os.path.join(cls.dir, "xferlog")
-        cls.server = Server(extra=["--transfer-log", cls.xferlog])
+        cls.server = Server(tls=True, extra=["--transfer-log", cls.xferlog])
 
     @classmethod
     def tearDownClass(cls):
@@ -129,6 +130,20 @@ class TransferLog(unittest.TestCase):
         f.quit()
         got = self.line_for(name, "i", "/nb\\xc2\\xa0sp\\x20\u65e5\u672c\\x20\\\\x.txt")
         self.assertEqual((got["bytes"], got["status"]), (3, "c"))
+
+    def test_login_kept_across_auth_tls(self):
+        """A client that logs in first and secures the connection after:
+        the session keeps its login's name."""
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        f.login("gina", "x", secure=False)
+        f.auth()
+        f.prot_p()
+        f.storbinary("STOR /late-tls.bin", io.BytesIO(b"secret"))
+        f.quit()
+        got = self.line_for("/late-tls.bin", "i")
+        self.assertEqual((got["user"], got["bytes"], got["status"]), ("gina", 6, "c"))
 
     def test_rotation_while_transfers_run_loses_no_line(self):
         """Threads keep long sessions transferring while the log is renamed

@@ -1,0 +1,118 @@
+"""The operator's documents against the program: the manual page has an
+item for every option of --help and none other, renders without a warning
+and installs where man finds it; the README's "Running the server" and the
+manual page name no option the program does not have; --version and the
+manual page carry the project's version."""
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from server_harness import SERVER
+
+ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
+MAN_PAGE = os.path.join(ROOT, "doc", "tarvex-gridftp-server.8")
+README = os.path.join(ROOT, "README.md")
+BUILD = os.environ.get("TARVEX_BUILD_DIR", "")
+CMAKE = os.environ.get("TARVEX_CMAKE", "cmake")
+
+# Commands whose own options the documents show beside the server's: on a
+# line, whatever follows one of these words is not the server's.
+OTHER_COMMANDS = re.compile(r"\b(tarvex-box-credential|systemctl|curl|lftp|wget|openssl|mkpasswd)\b")
+OPTION = re.compile(r"(?<![\w-])--[a-z][a-z0-9-]*")
+
+
+def help_options():
+    out = subprocess.run([SERVER, "--help"], capture_output=True, text=True, check=True,
+                         timeout=30).stdout
+    # An item starts two spaces in; its continuation lines further.
+    return set(re.findall(r"^  (--[a-z][a-z0-9-]*)", out, re.M))
+
+
+def man_text(source):
+    """The manual page's source with its escapes for '-', '\\' and fonts
+    undone, so that options read as they are typed."""
+    text = re.sub(r"\\f[BIRP]|\\c|\\&", "", source)
+    return text.replace("\\-", "-").replace("\\e", "\\")
+
+
+def options_used(text):
+    """Every --option on the server's part of each line of `text`."""
+    found = set()
+    for line in text.splitlines():
+        m = OTHER_COMMANDS.search(line)
+        found |= set(OPTION.findall(line[:m.start()] if m else line))
+    return found
+
+
+def project_version():
+    with open(os.path.join(ROOT, "CMakeLists.txt")) as f:
+        return re.search(r"project\(tarvex VERSION ([0-9.]+)", f.read()).group(1)
+
+
+@unittest.skipUnless(SERVER, "TARVEX_SERVER_BIN not set")
+class Documents(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.options = help_options()
+        with open(MAN_PAGE, encoding="utf-8") as f:
+            cls.man_source = f.read()
+        cls.man = man_text(cls.man_source)
+
+    def test_help_lists_the_options(self):
+        # The test reads --help right: a few options every operator uses.
+        self.assertTrue({"--port", "--dsi", "--passwd", "--transfer-log", "--version",
+                         "--help"} <= self.options, self.options)
+
+    def test_manual_page_has_an_item_per_option(self):
+        section = self.man.split(".SH OPTIONS", 1)[1].split("\n.SH ", 1)[0]
+        # The line after .TP is the item's tag.
+        tags = re.findall(r"^\.TP\n\.[A-Z]*\s*(--[a-z][a-z0-9-]*)", section, re.M)
+        self.assertEqual(sorted(set(tags)), sorted(self.options))
+        self.assertEqual(len(tags), len(set(tags)), "an option has two items")
+
+    def test_documents_name_only_options_that_exist(self):
+        with open(README, encoding="utf-8") as f:
+            readme = f.read()
+        section = readme.split("\n## Running the server\n", 1)[1].split("\n## ", 1)[0]
+        used = options_used(section)
+        self.assertGreaterEqual(len(used), 10, used)  # the section was found and read
+        self.assertEqual(used - self.options, set(), "README options --help does not list")
+        self.assertEqual(options_used(self.man) - self.options, set(),
+                         "manual page options --help does not list")
+
+    def test_version(self):
+        out = subprocess.run([SERVER, "--version"], capture_output=True, text=True, check=True,
+                             timeout=30).stdout
+        self.assertEqual(out, "tarvex-gridftp-server %s\n" % project_version())
+        th = re.search(r"^\.TH .*", self.man_source, re.M).group(0)
+        self.assertIn('"tarvex %s"' % project_version(), th)
+
+    @unittest.skipUnless(shutil.which("man"), "man is not installed")
+    def test_manual_page_renders_without_warnings(self):
+        r = subprocess.run(["man", "--warnings", "-l", MAN_PAGE], capture_output=True,
+                           text=True, timeout=60, env=dict(os.environ, MANWIDTH="80"))
+        self.assertEqual((r.returncode, r.stderr), (0, ""))
+        self.assertIn("TRANSFER LOG", r.stdout)
+        self.assertIn("--transfer-log FILE", r.stdout)
+
+    @unittest.skipUnless(BUILD and shutil.which("man"), "needs the build folder and man")
+    def test_manual_page_installs_where_man_finds_it(self):
+        prefix = tempfile.mkdtemp(prefix="tarvex-e2e-man-")
+        try:
+            subprocess.run([CMAKE, "-DCMAKE_INSTALL_PREFIX=" + prefix, "-P",
+                            os.path.join(BUILD, "doc", "cmake_install.cmake")],
+                           check=True, capture_output=True, timeout=60)
+            r = subprocess.run(["man", "--warnings", "-M", os.path.join(prefix, "share", "man"),
+                                "8", "tarvex-gridftp-server"], capture_output=True, text=True,
+                               timeout=60, env=dict(os.environ, MANWIDTH="80"))
+            self.assertEqual((r.returncode, r.stderr), (0, ""))
+            self.assertIn("tarvex-gridftp-server - FTP and GridFTP server", r.stdout)
+        finally:
+            shutil.rmtree(prefix, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    unittest.main()
