@@ -116,11 +116,8 @@ class CredentialHelperSession(BoxTest):
         self.assertNoSecrets(logs, dict(secrets, **{"second " + k: v
                                                      for k, v in renewal.items()}))
 
-    # The REST client's trace level turns on libcurl's verbose output,
-    # which prints every request header, "Authorization: Bearer <token>"
-    # included (platform/dsi_rest/src/request.cpp, set_transport).  Drop
-    # the mark once the trace leaves the token out.
-    @unittest.expectedFailure
+    # The REST client's trace level shows every header line of every
+    # exchange, the credential headers with their values hidden.
     def test_rest_client_trace_keeps_the_token_out(self):
         secrets = self.secrets()
         server, logs = self.start_logging_server("ALL", "ALL")
@@ -128,6 +125,10 @@ class CredentialHelperSession(BoxTest):
         self.addCleanup(f.close)
         self.assertEqual(f.mkd("/made"), "/made")
         self.assertNoSecrets(logs, secrets)
+        with open(logs["REST client debug"]) as trace:
+            text = trace.read()
+        self.assertIn("> POST /2.0/folders?", text)
+        self.assertIn("> Authorization: <hidden>", text)
 
 
 if __name__ == "__main__":

@@ -41,6 +41,10 @@ extern tarvex_debug_handle_t debug_handle;
                         tarvex_dsi_rest_internal::DEBUG_##level, "dsi_rest", name, \
                         __VA_ARGS__)
 
+/* At TRACE level, libcurl's text and header lines go to the debug
+ * stream with credential values hidden (trace.cpp). */
+void set_trace(CURL *curl);
+
 /* curl_global_init exactly once, whoever comes first (module activation
  * or a request made without it).  False when libcurl cannot start. */
 bool curl_ready();

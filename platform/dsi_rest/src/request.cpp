@@ -239,10 +239,7 @@ void set_transport(CURL *curl, RequestContext &ctx, const std::string &full_url,
         curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, xferinfo_callback);
         curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &ctx);
     }
-    if ((debug_handle.levels & DEBUG_TRACE) != 0 && debug_handle.file != nullptr) {
-        curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
-        curl_easy_setopt(curl, CURLOPT_STDERR, debug_handle.file);
-    }
+    set_trace(curl);
 }
 
 tarvex_result_t perform(CURL *curl, RequestContext &ctx, const std::string &full_url,

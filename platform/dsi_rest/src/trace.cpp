@@ -1,0 +1,104 @@
+// The TRACE level's view of an exchange: libcurl's informational text and
+// the header lines each way, one debug line each.  libcurl's own verbose
+// dump would print "Authorization: Bearer <token>" as sent, so the header
+// lines pass through here and the values of credential headers are
+// replaced; bodies are never printed (a token endpoint's answer is all
+// secrets).
+#include <strings.h>
+
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "dsi_rest_internal.h"
+
+namespace tarvex_dsi_rest_internal {
+
+namespace {
+
+// Headers whose value is a credential, each way.
+constexpr const char *secret_headers[] = {"Authorization", "Proxy-Authorization", "Cookie",
+                                          "Set-Cookie"};
+
+bool is_secret_header(std::string_view line)
+{
+    size_t colon = line.find(':');
+    if (colon == std::string_view::npos)
+        return false;
+    std::string_view name = line.substr(0, colon);
+    for (const char *secret : secret_headers)
+        if (name.size() == std::strlen(secret) &&
+            strncasecmp(name.data(), secret, name.size()) == 0)
+            return true;
+    return false;
+}
+
+// Control bytes would let a header forge lines of the debug stream.
+std::string printable(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (unsigned char c : text) {
+        if (c < 0x20 || c == 0x7f) {
+            static const char hex[] = "0123456789abcdef";
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+void trace_lines(const char *marker, std::string_view block)
+{
+    while (!block.empty()) {
+        size_t end = block.find('\n');
+        std::string_view line = block.substr(0, end);
+        block = end == std::string_view::npos ? std::string_view{} : block.substr(end + 1);
+        if (!line.empty() && line.back() == '\r')
+            line.remove_suffix(1);
+        if (line.empty())
+            continue;
+        std::string text = is_secret_header(line)
+                               ? std::string(line.substr(0, line.find(':'))) + ": <hidden>"
+                               : printable(line);
+        TARVEX_DSI_REST_LOG(TRACE, "TRACE", "%s %s", marker, text.c_str());
+    }
+}
+
+int debug_callback(CURL *, curl_infotype type, char *data, size_t size, void *) noexcept
+{
+    try {
+        std::string_view block(data, size);
+        switch (type) {
+        case CURLINFO_TEXT:
+            trace_lines("*", block);
+            break;
+        case CURLINFO_HEADER_OUT:
+            trace_lines(">", block);
+            break;
+        case CURLINFO_HEADER_IN:
+            trace_lines("<", block);
+            break;
+        default:
+            break;
+        }
+    } catch (...) {
+        // A line lost from the trace is no reason to fail the exchange.
+    }
+    return 0;
+}
+
+} // namespace
+
+void set_trace(CURL *curl)
+{
+    if ((debug_handle.levels & DEBUG_TRACE) == 0 || debug_handle.file == nullptr)
+        return;
+    curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, debug_callback);
+    curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
+}
+
+} // namespace tarvex_dsi_rest_internal
