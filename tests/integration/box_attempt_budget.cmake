@@ -1,13 +1,9 @@
 # Attempt budgets of Box requests against the emulator: every request is
 # one paced attempt of its call, and a call makes at most its budget.
 add_executable(tarvex_box_attempt_budget_tests
-  ${CMAKE_CURRENT_LIST_DIR}/box_session_support.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_attempt_budget_test.cpp)
-target_include_directories(tarvex_box_attempt_budget_tests PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}/../unit)
 target_link_libraries(tarvex_box_attempt_budget_tests PRIVATE
-  tarvex_box_internal tarvex_test_driver tarvex_test_box_emulator tarvex_test_error_check
-  GTest::gtest_main)
+  tarvex_test_box_session_support GTest::gtest_main)
 gtest_discover_tests(tarvex_box_attempt_budget_tests
   TEST_PREFIX "box_attempt_budget."
   PROPERTIES LABELS integration

@@ -1,12 +1,9 @@
 # Downloads (RETR) against the Box emulator: ranges, retries, failures and
 # a streamed large file.
 add_executable(tarvex_box_download_tests
-  ${CMAKE_CURRENT_LIST_DIR}/box_session_support.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_download_test.cpp)
-target_include_directories(tarvex_box_download_tests PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../unit)
 target_link_libraries(tarvex_box_download_tests PRIVATE
-  tarvex_box_internal tarvex_test_driver tarvex_test_box_emulator tarvex_test_error_check
-  GTest::gtest_main)
+  tarvex_test_box_session_support GTest::gtest_main)
 gtest_discover_tests(tarvex_box_download_tests
   TEST_PREFIX "box_download."
   PROPERTIES LABELS integration

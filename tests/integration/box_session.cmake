@@ -1,14 +1,11 @@
 # The Box request loop and Box sessions against the emulator: log-in, path
 # resolution and folder listings.
 add_executable(tarvex_box_session_tests
-  ${CMAKE_CURRENT_LIST_DIR}/box_session_support.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_request_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_session_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_session_listing_test.cpp)
-target_include_directories(tarvex_box_session_tests PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../unit)
 target_link_libraries(tarvex_box_session_tests PRIVATE
-  tarvex_box_internal tarvex_test_driver tarvex_test_box_emulator tarvex_test_error_check
-  GTest::gtest_main)
+  tarvex_test_box_session_support GTest::gtest_main)
 gtest_discover_tests(tarvex_box_session_tests
   TEST_PREFIX "box_session."
   PROPERTIES LABELS integration
