@@ -271,7 +271,7 @@ class SessionLog(unittest.TestCase):
             wait_for(lambda: "frank logged in" in srv.read_log(), "the login line")
             srv.proc.terminate()
             self.assertEqual(srv.proc.wait(timeout=30), 0)
-            self.assertRegex(srv.read_log(), r"\[\d+\]: frank logged out \(server stopping\)")
+            self.assertRegex(srv.read_log(), r"\[\d+\]: frank logged out \(SIGTERM\)")
             f.close()
         finally:
             srv.stop()

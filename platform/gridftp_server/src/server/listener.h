@@ -15,7 +15,8 @@ int open_listener(const Options &opts, int &port, std::string &err);
 // the transfer log.
 int serve(int listen_fd, const ServerContext &ctx);
 
-// In a session process: SIGTERM (the server stopping) ended the session.
+// In a session process: SIGTERM (the server stopping, or an operator) ended
+// the session.
 bool session_terminated_by_signal();
 
 } // namespace tarvex_server

@@ -170,7 +170,7 @@ const char *Session::command_loop()
     }
     if (!control_lost_)
         return "QUIT";
-    return session_terminated_by_signal() ? "server stopping" : "connection closed";
+    return session_terminated_by_signal() ? "SIGTERM" : "connection closed";
 }
 
 // A line the control channel would not hand over as a command.
