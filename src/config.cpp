@@ -12,6 +12,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "config"
+#include "pacing.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -135,6 +136,32 @@ tarvex_result_t refuse_base(const char *base)
     return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
 }
 
+/*
+ * The shared pacing store ("pacing_store", our own key; absent or null for
+ * none).  Unlike an unreachable store, which sessions ride out on their
+ * host's files, a value that names no store is the policy's mistake: it
+ * stops the session here, where the operator sees it at the first log-in,
+ * instead of letting every host pace alone at its own full rate.
+ */
+tarvex_result_t read_pacing_store(json_t *policy)
+{
+    json_t *value = json_object_get(policy, "pacing_store");
+    const char *url = json_string_value(value); /* null for none, or not a string */
+    std::string why = "it must be a string such as \"redis://127.0.0.1:6379/0\"";
+    try {
+        if (tarvex_box_pacing_store_configure(url, &why) &&
+            (url != nullptr || value == nullptr || json_is_null(value)))
+            return TARVEX_SUCCESS;
+    } catch (...) {
+        return TARVEX_BOX_MALLOC_ERROR();
+    }
+    tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 500, "INTERNAL_ERROR",
+        "GridFTP-Error: Bad \"pacing_store\" in collection storage policy: %s.",
+        why.c_str());
+    return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+}
+
 } // namespace
 
 extern "C" bool tarvex_box_url_may_carry_token(const char *url)
@@ -194,6 +221,13 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
     for (const char *base : {tarvex_box_api_base(), tarvex_box_upload_base()})
         if (result == TARVEX_SUCCESS && !tarvex_box_url_may_carry_token(base))
             result = refuse_base(base);
+    /* Read whatever came before, so that no store of an earlier policy
+     * outlives this one. */
+    tarvex_result_t store = read_pacing_store(policy.get());
+    if (result == TARVEX_SUCCESS)
+        result = store;
+    else
+        tarvex_error_discard(store);
     TARVEX_BOX_TRACE_RESULT(result);
     return result;
 }

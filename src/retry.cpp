@@ -3,7 +3,10 @@
  * kind of traffic has a 24-byte record in a file under the user's home,
  * mapped into every process; before each request a process takes the
  * file's write lock, waits until the spacing has passed since the last
- * request of anyone, stamps the time and lets go.
+ * request of anyone, stamps the time and lets go (pacing_file.cpp).  With
+ * a pacing store in the policy, the store takes the slots of every host
+ * instead and the file is what a session falls back to while the store is
+ * away (pacing_redis.cpp).
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -12,10 +15,9 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/time.h>
-#include <time.h>
 #include <unistd.h>
 
+#include "pacing.h"
 #include "state_file.h"
 
 static_assert(sizeof(struct tarvex_box_retry_shared_s) == 24, "pacing record layout");
@@ -24,14 +26,7 @@ namespace {
 
 constexpr off_t record_size = sizeof(struct tarvex_box_retry_shared_s);
 
-/* DEBUG lines fall back to TRACE should the level lose its name. */
-unsigned debug_level()
-{
-    return tarvex_i_box_debug_level_names[TARVEX_BOX_DEBUG] ? TARVEX_BOX_DEBUG
-                                                            : TARVEX_BOX_TRACE;
-}
-
-#define TARVEX_L_BOX_DEBUG(...) TARVEX_BOX_LOG(debug_level(), __VA_ARGS__)
+#define TARVEX_L_BOX_DEBUG(...) TARVEX_BOX_LOG(tarvex_box_pacing_debug_level(), __VA_ARGS__)
 
 struct tarvex_box_retry_shared_s *private_record()
 {
@@ -149,12 +144,20 @@ extern "C" void tarvex_i_box_retry_state_create(const char *name, int per_second
             break;
         }
     }
+    try {
+        retry->store = tarvex_box_pacing_store_open(name);
+    } catch (...) {
+        /* Out of memory: this host's file paces alone. */
+        retry->store = nullptr;
+    }
     retry->is = true;
     TARVEX_BOX_TRACE_EXIT();
 }
 
 extern "C" void tarvex_i_box_retry_state_destroy(tarvex_box_retry_t *retry)
 {
+    delete retry->store;
+    retry->store = nullptr;
     if (retry->fd == -1) {
         free(retry->shared);
     } else {
@@ -180,29 +183,10 @@ extern "C" tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *r
     return TARVEX_SUCCESS;
 }
 
-namespace {
-
-/* The wall clock at microsecond grain, as seconds and nanoseconds. */
-void wall_clock(int64_t *sec, int64_t *nsec)
-{
-    struct timeval now;
-    gettimeofday(&now, nullptr);
-    *sec = now.tv_sec;
-    *nsec = (int64_t)now.tv_usec * 1000;
-}
-
-/* A wait of a whole second or more is not a valid nanosleep request and
- * is therefore not taken. */
-void sleep_usec(long long usec)
-{
-    struct timespec wait = {0, (long)(usec * 1000)};
-    nanosleep(&wait, nullptr);
-}
-
-} // namespace
-
 extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_t *retry)
 {
+    /* A "Retry-After" holds this process alone, wherever its slots come
+     * from: a plain sleep before the slot is taken. */
     if (retry_after != 0) {
         uint64_t seconds = retry_after;
         if (seconds > (uint64_t)tarvex_i_box_max_delay)
@@ -213,44 +197,19 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
     }
     if (retry == nullptr)
         return;
-
-    tarvex_result_t locked = tarvex_i_box_retry_state_lock(retry, true);
-    if (locked != TARVEX_SUCCESS) {
-        tarvex_error_discard(locked);
-        TARVEX_L_BOX_DEBUG("sleep=%u lockfailed\n", retry->delay);
-        sleep_usec(retry->delay);
-        return;
+    /* A slot with no stamp (the file's lock failed) has traced its own
+     * way out.  Pacers fall back to the file rather than throw; should one
+     * throw all the same, the request goes unpaced. */
+    try {
+        if (tarvex_box_pace(retry).stamp_us != 0)
+            TARVEX_BOX_TRACE_EXIT();
+    } catch (...) {
     }
+}
 
-    int64_t now_sec, now_nsec;
-    wall_clock(&now_sec, &now_nsec);
-    int64_t last_sec = retry->shared->last.tv_sec;
-    int64_t last_nsec = retry->shared->last.tv_nsec;
-
-    /* A stamp in the future counts like one in the past. */
-    int64_t sec_diff = 0;
-    int64_t usec_diff = 0;
-    if (now_sec != last_sec || now_nsec != last_nsec) {
-        bool now_later = now_sec > last_sec || (now_sec == last_sec && now_nsec > last_nsec);
-        int64_t later_sec = now_later ? now_sec : last_sec;
-        int64_t later_nsec = now_later ? now_nsec : last_nsec;
-        int64_t earlier_sec = now_later ? last_sec : now_sec;
-        int64_t earlier_nsec = now_later ? last_nsec : now_nsec;
-        sec_diff = later_sec - earlier_sec;
-        usec_diff = (later_nsec - earlier_nsec) / 1000;
-        if (usec_diff < 0) {
-            sec_diff -= 1;
-            usec_diff += 1000000;
-        }
-    }
-    if (sec_diff == 0 && (int64_t)retry->delay > usec_diff) {
-        unsigned wait = (unsigned)((int64_t)retry->delay - usec_diff);
-        sleep_usec(wait);
-        TARVEX_L_BOX_DEBUG("sleep=%u\n", wait);
-    }
-
-    wall_clock(&retry->shared->last.tv_sec, &retry->shared->last.tv_nsec);
-    tarvex_result_t unlocked = tarvex_i_box_retry_state_unlock(retry);
-    tarvex_error_discard(unlocked);
-    TARVEX_BOX_TRACE_EXIT();
+tarvex_box_pacing_slot_t tarvex_box_pace(tarvex_box_retry_t *retry)
+{
+    tarvex_box_pacing_s &pacing =
+        retry->store != nullptr ? *retry->store : tarvex_box_file_pacing();
+    return pacing.take_slot(retry);
 }

@@ -147,11 +147,16 @@ struct tarvex_box_retry_shared_s {
     } last;
 };
 
+/* A pacer that takes a handle's slots in place of its file (pacing.h). */
+struct tarvex_box_pacing_s;
+
 typedef struct tarvex_box_retry_s {
     bool is;
     int fd;
     unsigned delay; /* microseconds */
     struct tarvex_box_retry_shared_s *shared;
+    /* The shared store's pacer, owned by the handle; NULL: the file alone. */
+    struct tarvex_box_pacing_s *store;
 } tarvex_box_retry_t;
 
 void tarvex_i_box_retry_state_create(const char *name, int per_second,

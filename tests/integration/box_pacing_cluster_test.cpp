@@ -1,0 +1,314 @@
+/*
+ * Pacing across hosts through a Redis server of the test's own: processes
+ * standing for hosts, each with its own home (so no pacing file is
+ * shared), keep one spacing between all their requests for a Box user
+ * through the store, and four times that rate without it; a store killed
+ * mid-run is ridden out on each host's files and taken up again when it is
+ * back; and the slot rule the server runs, key by key.
+ *
+ * TARVEX_PACING_TEST_CALLS sets the calls per host (200 by default; the
+ * sanitized builds make fewer).
+ */
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "box_pacing_support.h"
+#include "box_scratch.h"
+
+namespace {
+
+using namespace tarvex_test;
+using std::chrono::seconds;
+
+constexpr int per_second = 16;
+constexpr int64_t spacing_us = 1000000 / per_second;
+
+int calls_per_host()
+{
+    const char *value = getenv("TARVEX_PACING_TEST_CALLS");
+    return value != nullptr && atoi(value) > 0 ? atoi(value) : 200;
+}
+
+/* The stamps of `calls`, sorted. */
+std::vector<int64_t> sorted_stamps(const std::vector<pacing_call> &calls)
+{
+    std::vector<int64_t> stamps;
+    for (const pacing_call &call : calls)
+        stamps.push_back(call.stamp_us);
+    std::sort(stamps.begin(), stamps.end());
+    return stamps;
+}
+
+/* Adjacent sorted stamps closer than the spacing. */
+size_t close_pairs(const std::vector<int64_t> &stamps)
+{
+    size_t close = 0;
+    for (size_t i = 1; i < stamps.size(); i++)
+        close += stamps[i] - stamps[i - 1] < spacing_us;
+    return close;
+}
+
+int count(const std::string &text, const std::string &needle)
+{
+    int found = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
+        found++;
+    return found;
+}
+
+class BoxPacingCluster : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { tarvex_module_activate(&tarvex_i_common_module); }
+    static void TearDownTestSuite() { tarvex_module_deactivate(&tarvex_i_common_module); }
+    void SetUp() override
+    {
+        if (!have_program("redis-server"))
+            GTEST_SKIP() << "redis-server is not installed (scripts/install-deps brings it)";
+    }
+    void TearDown() override
+    {
+        std::string ignored;
+        tarvex_box_pacing_store_configure(nullptr, &ignored);
+    }
+
+    /* Runs `options.hosts` hosts to the end; their calls, and the wall time
+     * they took in `took`. */
+    static std::vector<pacing_call> run(const box_scratch &scratch,
+                                        const pacing_hosts_options &options, double *took)
+    {
+        pacing_hosts hosts(scratch.dir(), options);
+        EXPECT_TRUE(hosts.go());
+        auto begun = std::chrono::steady_clock::now();
+        /* Only against a hang: the floor, twice, and a minute. */
+        auto floor = seconds(options.hosts * options.calls / per_second);
+        EXPECT_TRUE(hosts.finished(2 * floor + seconds(60)));
+        *took = std::chrono::duration<double>(std::chrono::steady_clock::now() - begun).count();
+        return hosts.all();
+    }
+};
+
+/* 4 hosts x N calls at 16/s for one user: every stamp a spacing from the
+ * next, so the whole run takes at least the floor of 4N/16 s. */
+TEST_F(BoxPacingCluster, FourHostsKeepOneSpacingThroughTheStore)
+{
+    redis_server redis;
+    box_scratch scratch;
+    const int calls = calls_per_host();
+    double took = 0;
+    std::vector<pacing_call> all = run(scratch, {4, calls, per_second, redis.url()}, &took);
+
+    ASSERT_EQ(all.size(), size_t(4 * calls));
+    for (const pacing_call &call : all)
+        ASSERT_EQ(call.source, tarvex_box_pacing_slot_t::store);
+    std::vector<int64_t> stamps = sorted_stamps(all);
+    for (size_t i = 1; i < stamps.size(); i++)
+        ASSERT_GE(stamps[i] - stamps[i - 1], spacing_us) << "stamps " << i - 1 << " and " << i;
+    const double floor = double(4 * calls) / per_second;
+    printf("through the store: %d calls in %.2f s, floor %.2f s, ratio %.3f\n", 4 * calls,
+           took, floor, took / floor);
+}
+
+/* The same run without the store: each host paces only itself, so the
+ * four together go at four times the rate and the check above fails. */
+TEST_F(BoxPacingCluster, WithoutTheStoreFourHostsGoAtFourTimesTheRate)
+{
+    box_scratch scratch;
+    const int calls = calls_per_host();
+    double took = 0;
+    std::vector<pacing_call> all = run(scratch, {4, calls, per_second, ""}, &took);
+
+    ASSERT_EQ(all.size(), size_t(4 * calls));
+    for (const pacing_call &call : all)
+        ASSERT_EQ(call.source, tarvex_box_pacing_slot_t::file);
+    std::vector<int64_t> stamps = sorted_stamps(all);
+    EXPECT_GT(close_pairs(stamps), 0u);
+    const double floor = double(4 * calls) / per_second;
+    printf("without the store: %d calls in %.2f s, %zu of them closer than the spacing to the "
+           "one before, %.1f calls/s against %d allowed\n",
+           4 * calls, took, close_pairs(stamps), 4 * calls / took, per_second);
+    (void)floor;
+}
+
+/* Killed mid-run, the store is ridden out on each host's files from the
+ * next request on, with one line in each host's log; once it is back,
+ * every host takes its slots from it again. */
+TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
+{
+    redis_server redis;
+    box_scratch scratch;
+    pacing_hosts hosts(scratch.dir(), {4, 0, per_second, redis.url(), false,
+                                       TARVEX_BOX_WARN | TARVEX_BOX_INFO});
+    ASSERT_TRUE(hosts.go());
+
+    /* Calls of `host` that began at or after `since` and came from
+     * `source`. */
+    auto calls_since = [&](int host, int64_t since, int64_t source) {
+        int found = 0;
+        for (int i = 0; i < hosts.made(host); i++)
+            found += hosts.call(host, i).started_us >= since &&
+                     hosts.call(host, i).source == source;
+        return found;
+    };
+    auto every_host = [&](auto condition) {
+        return eventually([&] {
+            for (int h = 0; h < 4; h++)
+                if (!condition(h))
+                    return false;
+            return true;
+        });
+    };
+
+    ASSERT_TRUE(every_host(
+        [&](int h) { return calls_since(h, 0, tarvex_box_pacing_slot_t::store) >= 2; }));
+    redis.kill_now();
+    const int64_t killed = wall_us();
+    ASSERT_TRUE(every_host([&](int h) {
+        return calls_since(h, killed, tarvex_box_pacing_slot_t::file) >= 2;
+    }));
+    const int64_t restarting = wall_us();
+    redis.restart();
+    ASSERT_TRUE(every_host([&](int h) {
+        return calls_since(h, restarting, tarvex_box_pacing_slot_t::store) >= 1;
+    }));
+    hosts.stop();
+    ASSERT_TRUE(hosts.finished(seconds(60)));
+
+    for (int h = 0; h < 4; h++) {
+        /* No call that ran wholly while the store was away waited for it. */
+        for (int i = 0; i < hosts.made(h); i++) {
+            const pacing_call &call = hosts.call(h, i);
+            if (call.started_us >= killed && call.ended_us < restarting) {
+                EXPECT_EQ(call.source, tarvex_box_pacing_slot_t::file) << h << " " << i;
+            }
+        }
+        std::string log = hosts.log(h);
+        EXPECT_EQ(count(log, "cannot be used"), 1) << log;
+        EXPECT_EQ(count(log, "/0 answers again"), 1) << log;
+    }
+}
+
+/* The rule the server runs, seen from one process and through the keys. */
+TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
+{
+    redis_server redis;
+    box_scratch scratch;
+    int rate = per_second;
+    const std::string policy = R"({"pacing_store": ")" + redis.url() + "\"}";
+    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    tarvex_box_retry_t retry{}, upload{};
+    tarvex_i_box_retry_state_create("77", per_second, &retry);
+    tarvex_i_box_retry_state_create("77u", 4, &upload);
+    const std::string key = "tarvex:box:pacing:77";
+
+    /* Back to back: the second slot is the spacing after the first, and
+     * the key holds its stamp, in digits, for a minute and a little. */
+    tarvex_box_pacing_slot_t first = tarvex_box_pace(&retry);
+    tarvex_box_pacing_slot_t second = tarvex_box_pace(&retry);
+    ASSERT_EQ(first.source, tarvex_box_pacing_slot_t::store);
+    ASSERT_EQ(second.source, tarvex_box_pacing_slot_t::store);
+    EXPECT_GE(second.stamp_us - first.stamp_us, spacing_us);
+    EXPECT_LE(second.waited_us, spacing_us);
+    redis_reply value = redis.command({"GET", key});
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(std::string(value->str, value->len), std::to_string(second.stamp_us));
+    redis_reply ttl = redis.command({"PTTL", key});
+    EXPECT_GT(ttl->integer, 0);
+    EXPECT_LE(ttl->integer, 60000 + 2 * spacing_us / 1000 + 1);
+
+    /* Each state has its key. */
+    tarvex_box_pacing_slot_t upload_slot = tarvex_box_pace(&upload);
+    EXPECT_EQ(upload_slot.source, tarvex_box_pacing_slot_t::store);
+    EXPECT_EQ(upload_slot.waited_us, 0);
+    value = redis.command({"GET", key + "u"});
+    EXPECT_EQ(std::string(value->str, value->len), std::to_string(upload_slot.stamp_us));
+
+    /* A stamp an hour ahead is what a server clock set back leaves: it
+     * holds nobody back. */
+    const std::string ahead = std::to_string(second.stamp_us + 3600LL * 1000000);
+    redis.command({"SET", key, ahead});
+    tarvex_box_pacing_slot_t after_clock = tarvex_box_pace(&retry);
+    EXPECT_EQ(after_clock.source, tarvex_box_pacing_slot_t::store);
+    EXPECT_EQ(after_clock.waited_us, 0);
+    EXPECT_LT(after_clock.stamp_us, second.stamp_us + 3600LL * 1000000);
+
+    /* A flushed script cache costs nothing but sending the script. */
+    redis.command({"SCRIPT", "FLUSH"});
+    EXPECT_EQ(tarvex_box_pace(&retry).source, tarvex_box_pacing_slot_t::store);
+
+    /* A Retry-After still holds this process alone, before its slot. */
+    auto begun = std::chrono::steady_clock::now();
+    tarvex_i_box_retry_delay(1, &retry);
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
+    value = redis.command({"GET", key});
+    EXPECT_GT(std::stoll(std::string(value->str, value->len)), after_clock.stamp_us);
+
+    tarvex_i_box_retry_state_destroy(&retry);
+    tarvex_i_box_retry_state_destroy(&upload);
+}
+
+/* No wait is longer than the longest wait, whatever the spacing: a
+ * negative rate (stored as the policy gives it) makes a spacing of over an
+ * hour. */
+TEST_F(BoxPacingCluster, NoSlotIsFurtherAwayThanTheLongestWait)
+{
+    redis_server redis;
+    box_scratch scratch;
+    int rate = per_second;
+    const std::string policy = R"({"pacing_store": ")" + redis.url() + "\"}";
+    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    const int saved = tarvex_i_box_max_delay;
+    tarvex_i_box_max_delay = 1;
+    tarvex_box_retry_t retry{};
+    tarvex_i_box_retry_state_create("78", -1, &retry);
+    tarvex_box_pacing_slot_t first = tarvex_box_pace(&retry);
+    auto begun = std::chrono::steady_clock::now();
+    tarvex_box_pacing_slot_t second = tarvex_box_pace(&retry);
+    auto took = std::chrono::steady_clock::now() - begun;
+    tarvex_i_box_max_delay = saved;
+
+    EXPECT_EQ(first.waited_us, 0);
+    EXPECT_EQ(second.source, tarvex_box_pacing_slot_t::store);
+    EXPECT_EQ(second.waited_us, 1000000);
+    EXPECT_GE(took, seconds(1));
+    tarvex_i_box_retry_state_destroy(&retry);
+}
+
+/* A password and a database of the URL are used; a wrong password is a
+ * store that cannot be used, logged without the password, and the file
+ * paces. */
+TEST_F(BoxPacingCluster, PasswordAndDatabase)
+{
+    redis_server redis("s3cret-word");
+    box_scratch scratch(TARVEX_BOX_WARN);
+    int rate = per_second;
+    std::string policy =
+        R"({"pacing_store": ")" + redis.url(":s3cret-word@", 3) + "\"}";
+    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    tarvex_box_retry_t retry{};
+    tarvex_i_box_retry_state_create("79", per_second, &retry);
+    tarvex_box_pacing_slot_t slot = tarvex_box_pace(&retry);
+    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::store);
+    redis_reply value = redis.command({"GET", "tarvex:box:pacing:79"}, 3);
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(std::string(value->str, value->len), std::to_string(slot.stamp_us));
+    tarvex_i_box_retry_state_destroy(&retry);
+
+    policy = R"({"pacing_store": ")" + redis.url("default:not-it@", 3) + "\"}";
+    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    tarvex_i_box_retry_state_create("79", per_second, &retry);
+    slot = tarvex_box_pace(&retry);
+    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::file);
+    EXPECT_NE(slot.stamp_us, 0);
+    tarvex_i_box_retry_state_destroy(&retry);
+    std::string log = scratch.debug_text();
+    EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
+    EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
+}
+
+} // namespace
