@@ -122,15 +122,6 @@ class TransferLog(unittest.TestCase):
         small = self.line_for("/small.bin", "i")
         self.assertEqual((small["bytes"], small["status"]), (1000, "c"))
 
-    def test_names_stay_one_field(self):
-        name = "/nb\u00a0sp \u65e5\u672c \\x.txt"
-        f = self.server.ftp("erin", "x")
-        f.encoding = "utf-8"
-        f.storbinary("STOR " + name, io.BytesIO(b"abc"))
-        f.quit()
-        got = self.line_for(name, "i", "/nb\\xc2\\xa0sp\\x20\u65e5\u672c\\x20\\\\x.txt")
-        self.assertEqual((got["bytes"], got["status"]), (3, "c"))
-
     def test_login_kept_across_auth_tls(self):
         """A client that logs in first and secures the connection after:
         the session keeps its login's name."""
