@@ -191,7 +191,8 @@ std::optional<store_address> parse_address(const std::string &url, std::string *
         return std::nullopt;
     }
     address.host = bracketed ? authority.substr(1, host_end - 1) : authority.substr(0, host_end);
-    std::string after = host_end == std::string::npos ? "" : authority.substr(host_end + (bracketed ? 1 : 0));
+    std::string after =
+        host_end == std::string::npos ? "" : authority.substr(host_end + (bracketed ? 1 : 0));
     if (!plausible_host(address.host, bracketed) || (!after.empty() && after[0] != ':')) {
         *why = "the host is missing or not understood";
         return std::nullopt;
@@ -295,9 +296,15 @@ public:
             strncmp(reply->str, "NOSCRIPT", 8) == 0)
             reply = command({"EVAL", slot_script, "1", key, spacing, longest});
         std::optional<store_slot> slot = read_slot(reply.get(), longest_us);
-        if (!slot)
-            give_up(reply == nullptr ? context_->errstr : "an answer that is not a slot");
-        return slot;
+        if (slot)
+            return slot;
+        if (reply == nullptr)
+            give_up(context_->errstr);
+        else if (reply->type == REDIS_REPLY_ERROR)
+            give_up(std::string(reply->str, reply->len));
+        else
+            give_up("an answer that is not a slot");
+        return std::nullopt;
     }
 
 private:
@@ -380,7 +387,8 @@ private:
             if (setup_command(auth, why) == nullptr)
                 return false;
         }
-        if (address_.db != 0 && setup_command({"SELECT", std::to_string(address_.db)}, why) == nullptr)
+        if (address_.db != 0 &&
+            setup_command({"SELECT", std::to_string(address_.db)}, why) == nullptr)
             return false;
         reply_ptr sha = setup_command({"SCRIPT", "LOAD", slot_script}, why);
         if (sha == nullptr)
