@@ -9,9 +9,8 @@ add_executable(tarvex-box-credential
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/settings.cpp)
 target_link_libraries(tarvex-box-credential PRIVATE
   tarvex_box_internal tarvex_dsi_rest tarvex_common PkgConfig::JANSSON)
-# Installed, it finds the platform's libraries beside it, wherever the
-# prefix is; they are installed with it, since it cannot run without them.
+# Installed, it finds the platform's libraries in ../lib, wherever the
+# prefix is.
 set_target_properties(tarvex-box-credential PROPERTIES
   INSTALL_RPATH "$ORIGIN/../lib")
-install(TARGETS tarvex-box-credential RUNTIME DESTINATION bin)
-install(TARGETS tarvex_dsi_rest tarvex_common tarvex_gridftp_server LIBRARY DESTINATION lib)
+install(TARGETS tarvex-box-credential RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -39,4 +39,4 @@ target_link_libraries(tarvex-gridftp-server PRIVATE
 set_target_properties(tarvex-gridftp-server PROPERTIES
   BUILD_RPATH "${CMAKE_BINARY_DIR}/lib"
   INSTALL_RPATH "$ORIGIN/../lib")
-install(TARGETS tarvex-gridftp-server RUNTIME DESTINATION bin)
+install(TARGETS tarvex-gridftp-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

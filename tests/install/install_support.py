@@ -1,0 +1,272 @@
+"""What the install tests share: installing the build into a scratch
+folder, the layout an installed prefix must have, the checks of its ELF
+files, and serving Box through an installed server against the emulator.
+
+A "tree" is a folder holding an installed prefix as it lands on a machine:
+`tree.root` the DESTDIR (or the unpacked package), `tree.prefix` the prefix
+inside it (/usr/local, /usr)."""
+import glob
+import json
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SOURCE = os.path.normpath(os.path.join(HERE, "..", ".."))
+sys.path.insert(0, os.path.join(SOURCE, "tests", "e2e"))
+
+from box_harness import Emulator, _preload, wait_for  # noqa: E402
+
+BUILD = os.environ.get("TARVEX_BUILD_DIR", "")
+CMAKE = os.environ.get("TARVEX_CMAKE", "cmake")
+CPACK = os.environ.get("TARVEX_CPACK", "cpack")
+CONFIGURED_PREFIX = os.environ.get("TARVEX_INSTALL_PREFIX", "/usr/local")
+VERSION = os.environ.get("TARVEX_VERSION", "")
+
+# The platform's shared libraries; their headers are the ones under
+# platform/*/include.
+LIBRARIES = ("tarvex_common", "tarvex_gridftp_server", "tarvex_dsi_rest")
+PLUGINS = ("libtarvex_gridftp_server_posix.so", "libtarvex_gridftp_server_box.so")
+PROGRAMS = ("tarvex-gridftp-server", "tarvex-box-credential")
+UNIT = "tarvex-gridftp-server.service"
+CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/logrotate.d/tarvex-gridftp-server")
+EXAMPLES = ("passwd", "box-policy.json", "box-credential.json", "box-client.json",
+            "per-account.conf")
+
+
+def run(args, timeout=120, check=True, **kw):
+    r = subprocess.run(args, capture_output=True, text=True, timeout=timeout, **kw)
+    if check and r.returncode != 0:
+        raise AssertionError("%s failed (%d):\n%s%s" % (
+            " ".join(shlex.quote(a) for a in args), r.returncode, r.stdout, r.stderr))
+    return r
+
+
+def soname(library):
+    """The library's soname: the major version of the project's."""
+    return "lib%s.so.%s" % (library, VERSION.split(".")[0])
+
+
+def public_headers():
+    return sorted(os.path.basename(h)
+                  for h in glob.glob(os.path.join(SOURCE, "platform", "*", "include", "*.h")))
+
+
+class Tree:
+    def __init__(self, root, prefix):
+        self.root = root
+        self.prefix = prefix
+
+    def path(self, *parts):
+        """A path of the prefix, as found under the root."""
+        return os.path.join(self.root + self.prefix, *parts)
+
+    def system_path(self, absolute):
+        """An absolute path of the machine (/etc/...), under the root."""
+        return self.root + absolute
+
+    def bin(self, program):
+        return self.path("bin", program)
+
+    def lib(self, name=""):
+        return self.path("lib", name)
+
+
+def install_build(destdir):
+    """cmake --install of the build into DESTDIR=destdir, at the prefix the
+    build was configured with."""
+    env = dict(os.environ, DESTDIR=destdir)
+    run([CMAKE, "--install", BUILD], env=env, timeout=300)
+    return Tree(destdir, CONFIGURED_PREFIX)
+
+
+def expected_files(tree):
+    """Every file the tree must hold: [(description, path under the root)]."""
+    out = [("program " + p, tree.bin(p)) for p in PROGRAMS]
+    for name in LIBRARIES:
+        out.append(("library " + name, tree.lib("lib%s.so.%s" % (name, VERSION))))
+        out.append(("soname link of " + name, tree.lib(soname(name))))
+        out.append(("link for -l" + name, tree.lib("lib%s.so" % name)))
+    out += [("plug-in " + p, tree.lib(p)) for p in PLUGINS]
+    out += [("header " + h, tree.path("include", "tarvex", h)) for h in public_headers()]
+    out += [("pkg-config file " + p, tree.lib("pkgconfig/%s.pc" % p))
+            for p in ("tarvex-gridftp-server", "tarvex-dsi-rest")]
+    out.append(("systemd unit", tree.path("lib", "systemd", "system", UNIT)))
+    out.append(("manual page (the unit's documentation)",
+                tree.path("share", "man", "man8", "tarvex-gridftp-server.8")))
+    out += [("configuration " + c, tree.system_path(c)) for c in CONFIG_FILES]
+    out += [("example " + e, tree.path("share", "doc", "tarvex-gridftp-server", "examples", e))
+            for e in EXAMPLES]
+    return out
+
+
+def elf_files(tree):
+    """The installed programs, libraries (by their real names) and plug-ins."""
+    files = [tree.bin(p) for p in PROGRAMS] + [tree.lib(p) for p in PLUGINS]
+    for name in LIBRARIES:
+        files.append(os.path.realpath(tree.lib(soname(name))))
+    return files
+
+
+def dynamic_section(path):
+    """(soname or None, [runpath entries], [needed])."""
+    out = run(["readelf", "-d", "-W", path]).stdout
+    soname = re.search(r"\(SONAME\).*\[(.*)\]", out)
+    runpath = re.search(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", out)
+    return (soname.group(1) if soname else None,
+            runpath.group(1).split(":") if runpath else [],
+            re.findall(r"\(NEEDED\).*\[(.*)\]", out))
+
+
+def resolved_libraries(path):
+    """ldd's view: {library: resolved path, or None when not found}."""
+    out = run(["ldd", path]).stdout
+    found = {}
+    for line in out.splitlines():
+        m = re.match(r"\s*(\S+) => (not found|(\S+))", line)
+        if m:
+            found[m.group(1)] = m.group(3)
+    return found
+
+
+def clean_environment(extra=None):
+    """The environment without anything that could point a program at
+    libraries or plug-ins other than the installed ones."""
+    env = {k: v for k, v in os.environ.items()
+           if k not in ("LD_LIBRARY_PATH", "LD_PRELOAD", "TARVEX_EXTENSION_PATH")
+           and not k.startswith("TARVEX_BOX_") and not k.startswith("TARVEX_DSI_REST_")}
+    env.update(extra or {})
+    return env
+
+
+class InstalledServer:
+    """The tree's tarvex-gridftp-server on 127.0.0.1, any free port, with
+    its default plug-in path (no --dsi-path unless given in `args`)."""
+
+    def __init__(self, tree, args, env=None):
+        self.work = tempfile.mkdtemp(prefix="tarvex-install-server-")
+        self.log_path = os.path.join(self.work, "server.log")
+        port_file = os.path.join(self.work, "port")
+        self._log = open(self.log_path, "wb")
+        command = [tree.bin("tarvex-gridftp-server"), "--port", "0", "--bind", "127.0.0.1",
+                   "--port-file", port_file, "--foreground"] + list(args)
+        self.proc = subprocess.Popen(command, stdout=self._log, stderr=subprocess.STDOUT,
+                                     env=env if env is not None else clean_environment())
+        try:
+            wait_for(lambda: self.proc.poll() is not None or os.path.exists(port_file),
+                     "the installed server to listen")
+            if self.proc.poll() is not None:
+                raise AssertionError("the installed server exited:\n" + self.read_log())
+            with open(port_file) as f:
+                self.port = int(f.read())
+        except BaseException:
+            self.stop()
+            raise
+
+    def read_log(self):
+        with open(self.log_path, "rb") as f:
+            return f.read().decode(errors="replace")
+
+    def curl(self, path, *args):
+        """curl of ftp://127.0.0.1:PORT/path as an anonymous login."""
+        r = run(["curl", "-sS", "--max-time", "60", "--user", "anonymous:x"] + list(args) +
+                ["ftp://127.0.0.1:%d%s" % (self.port, path)], check=False)
+        if r.returncode != 0:
+            raise AssertionError("curl %s: %s\n--- server log:\n%s" % (
+                path, r.stderr, self.read_log()[-4000:]))
+        return r.stdout
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.terminate()
+            try:
+                self.proc.wait(timeout=15)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        self._log.close()
+        shutil.rmtree(self.work, ignore_errors=True)
+
+
+def listed_names(listing):
+    """The names of a LIST answer (ls -l lines: the name is the last field)."""
+    return sorted(line.split(None, 8)[8] for line in listing.splitlines() if line.strip())
+
+
+CLIENT = {"client_id": "install-app", "client_secret": "install-app-secret-2c7e"}
+
+
+def serve_box_from(tree, check):
+    """Starts the tree's server with its Box plug-in against a fresh
+    emulator, the credential coming from the tree's tarvex-box-credential,
+    and hands `check` (server, emulator) to the caller's assertions."""
+    emu = Emulator()
+    work = tempfile.mkdtemp(prefix="tarvex-install-box-")
+    server = None
+    try:
+        emu.control("POST", "oauth", {
+            "clients": [CLIENT], "users": [{"id": "4242", "max_upload_size": 1 << 30}],
+            "refresh_tokens": [{"refresh_token": "r-install", "client_id": CLIENT["client_id"],
+                                "user_id": "4242"}]})
+        client = os.path.join(work, "client.json")
+        with open(client, "w") as f:
+            json.dump(CLIENT, f)
+        os.chmod(client, 0o600)
+        helper = [tree.bin("tarvex-box-credential"), "--state-dir", os.path.join(work, "state"),
+                  "--token-url", emu.base + "/oauth2/token", "--api-base", emu.base]
+        run(helper + ["--enrol", "anonymous", "--client", client, "--refresh-token", "r-install"],
+            env=clean_environment())
+        policy = os.path.join(work, "policy.json")
+        with open(policy, "w") as f:
+            json.dump({"user_api_rate_limit": 100, "box_api_base": emu.base,
+                       "box_upload_base": emu.base}, f)
+        command = " ".join(shlex.quote(a) for a in helper)
+        home = os.path.join(work, "home")
+        os.mkdir(home)
+        # The plug-in keeps its pacing files in the home of the account's
+        # password entry: the build's shim names a scratch one instead.
+        env = clean_environment({"TARVEX_TEST_HOME": home})
+        preload = _preload(tree.bin("tarvex-gridftp-server"))
+        if preload:
+            env["LD_PRELOAD"] = preload
+        server = InstalledServer(tree, [
+            "--dsi", "box", "--anonymous-map", "--config-file", "config=" + policy,
+            "--config-command", 'creds=env -u LD_PRELOAD %s "$TARVEX_USER"' % command,
+            "--config-command", 'renew-creds=env -u LD_PRELOAD %s --renew "$TARVEX_USER"' % command],
+            env=env)
+        check(server, emu)
+    finally:
+        if server is not None:
+            server.stop()
+        emu.stop()
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def unit_command(unit_text):
+    """The ExecStart= command of a unit as the program receives it: the
+    continuation lines joined, systemd's "$$" a "$", split as systemd
+    splits it (which for this unit's quoting is the shell's)."""
+    text = re.sub(r"\\\n", " ", unit_text)
+    m = re.search(r"^ExecStart=(.*)$", text, re.M)
+    if m is None:
+        raise AssertionError("no ExecStart= in the unit")
+    return shlex.split(m.group(1).replace("$$", "$"))
+
+
+def unit_setting(unit_text, key):
+    m = re.search(r"^%s=(.*)$" % re.escape(key), unit_text, re.M)
+    return m.group(1).strip() if m else None
+
+
+def timed(what, call):
+    """call(), printing how long it took (ctest -V shows it)."""
+    start = time.monotonic()
+    try:
+        return call()
+    finally:
+        print("%s: %.1f s" % (what, time.monotonic() - start), file=sys.stderr)

@@ -1,0 +1,120 @@
+"""The Debian package: cpack -G DEB of the build into a scratch folder, read
+back with dpkg-deb.  Its control fields and scripts, its dependencies
+against the libraries its files link, and its contents unpacked and run as
+the installed tree is (the same checks)."""
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from install_support import (BUILD, CONFIG_FILES, CPACK, VERSION, Tree, dynamic_section,
+                             elf_files, resolved_libraries, run, timed)
+from test_install_tree import TreeChecks
+
+PACKAGE = "tarvex-gridftp-server"
+
+
+def owning_packages(paths):
+    """{path: the Debian package that installed it}, for the paths dpkg
+    knows under their own name or their real one (one dpkg -S for all:
+    each call reads the whole package database)."""
+    candidates = {}
+    for path in paths:
+        candidates[path] = path
+        candidates[os.path.realpath(path)] = path
+    r = subprocess.run(["dpkg", "-S"] + sorted(candidates), capture_output=True, text=True)
+    owners = {}
+    for line in r.stdout.splitlines():
+        package, _, path = line.partition(": ")
+        if path in candidates:
+            # "libcurl4:amd64" is libcurl4
+            owners[candidates[path]] = package.split(":")[0].split(",")[0].strip()
+    return owners
+
+
+def depends_names(field):
+    """Package names of a Depends field (alternatives included)."""
+    return {re.split(r"[\s(]", alt.strip())[0]
+            for part in field.split(",") for alt in part.split("|") if alt.strip()}
+
+
+@unittest.skipUnless(shutil.which("dpkg-deb"), "dpkg-deb is not installed")
+class DebianPackage(TreeChecks, unittest.TestCase):
+
+    @classmethod
+    def setUpClass(cls):
+        if not BUILD:
+            raise unittest.SkipTest("TARVEX_BUILD_DIR not set")
+        cls.work = tempfile.mkdtemp(prefix="tarvex-install-package-")
+        try:
+            out = os.path.join(cls.work, "out")
+            timed("cpack -G DEB", lambda: run(
+                [CPACK, "-G", "DEB", "--config", os.path.join(BUILD, "CPackConfig.cmake"),
+                 "-B", out], timeout=540))
+            debs = [f for f in os.listdir(out) if f.endswith(".deb")]
+            if len(debs) != 1:
+                raise AssertionError("cpack made %r" % debs)
+            cls.deb_name = debs[0]
+            cls.deb = os.path.join(out, debs[0])
+            root = os.path.join(cls.work, "root")
+            run(["dpkg-deb", "-x", cls.deb, root])
+            cls.tree = Tree(root, "/usr")
+        except BaseException:
+            shutil.rmtree(cls.work, ignore_errors=True)
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.work, ignore_errors=True)
+
+    def field(self, name):
+        return run(["dpkg-deb", "-f", self.deb, name]).stdout.strip()
+
+    def test_file_name_and_fields(self):
+        arch = run(["dpkg", "--print-architecture"]).stdout.strip()
+        # The README installs it as ./tarvex-gridftp-server_*.deb.
+        self.assertEqual(self.deb_name, "%s_%s-1_%s.deb" % (PACKAGE, VERSION, arch))
+        self.assertEqual((self.field("Package"), self.field("Version"),
+                          self.field("Architecture")), (PACKAGE, VERSION + "-1", arch))
+        self.assertNotEqual(self.field("Maintainer"), "")
+
+    def test_depends_on_the_packages_of_every_library_linked(self):
+        """Every library outside the package that a packaged file links
+        comes from a package the Depends field names."""
+        linked = set()
+        for path in elf_files(self.tree):
+            found = resolved_libraries(path)
+            for name in dynamic_section(path)[2]:
+                where = found.get(name)
+                if where is not None and not where.startswith(self.tree.root):
+                    linked.add(where)
+        needed = {}
+        for path, package in owning_packages(linked).items():
+            needed.setdefault(package, []).append(os.path.basename(path))
+        self.assertIn("libcurl4", needed)  # the REST client's
+        depends = depends_names(self.field("Depends"))
+        self.assertEqual({p: n for p, n in needed.items() if p not in depends}, {})
+        self.assertIn("adduser", depends)  # the postinst makes the account with it
+
+    def test_maintainer_scripts_and_conffiles(self):
+        control = os.path.join(self.work, "control")
+        run(["dpkg-deb", "-e", self.deb, control])
+        for script in ("postinst", "prerm", "postrm"):
+            with self.subTest(script=script):
+                path = os.path.join(control, script)
+                self.assertEqual(os.stat(path).st_mode & 0o777, 0o755)
+                run(["sh", "-n", path])
+        with open(os.path.join(control, "conffiles")) as f:
+            conffiles = sorted(f.read().split())
+        # Exactly the files under /etc, which dpkg keeps when an operator
+        # changed them.
+        in_etc = sorted("/" + os.path.relpath(os.path.join(d, n), self.tree.root)
+                        for d, _, names in os.walk(self.tree.system_path("/etc")) for n in names)
+        self.assertEqual(conffiles, in_etc)
+        self.assertEqual(sorted(CONFIG_FILES), in_etc)
+
+
+if __name__ == "__main__":
+    unittest.main()
