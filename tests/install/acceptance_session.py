@@ -114,7 +114,8 @@ def enrol(emu):
     r = subprocess.run(["tarvex-box-credential", "--enrol", USER, "--account", "tarvex",
                         "--client", "/etc/tarvex/box-client.json", "--refresh-token", "-"],
                        input=REFRESH + "\n", capture_output=True, text=True, timeout=60,
-                       env=dict(os.environ, TARVEX_DSI_REST_CA_FILE=emu.ca))
+                       env=dict(os.environ,
+                                TARVEX_DSI_REST_CA_FILE="/etc/tarvex/tls/emulator-ca.pem"))
     check(r.returncode == 0, "enrolment: " + (r.stdout + r.stderr).strip())
 
 
