@@ -223,6 +223,7 @@ def main():
         with open(log_path, errors="replace") as f:
             text = f.read()
         print("--- service log\n" + text + "---", flush=True)
+        shutil.rmtree(work, ignore_errors=True)
     logins = re.findall(r"\[(\d+)\]: %s logged in" % USER, text)
     transfers = re.findall(r"\[(\d+)\]: (RETR|STOR) /acceptance/", text)
     check(len(logins) == 2 and [p for p, _ in transfers] == [logins[0]] * 2,
@@ -234,7 +235,6 @@ def main():
     check(sorted((x[8], x[11], x[13]) for x in xfer) ==
           [("/acceptance/big.bin", "o", USER), ("/acceptance/upload.bin", "i", USER)],
           "transfer log: the download and the upload")
-    shutil.rmtree(work, ignore_errors=True)
     print("acceptance: %s" % ("FAILED: " + "; ".join(failures) if failures else "passed"))
     return 1 if failures else 0
 
