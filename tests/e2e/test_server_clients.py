@@ -79,6 +79,23 @@ class ClientsBase(ServerTest):
         self.curl("-C", "-", "-T", src, self.server.url("/up-resume.bin"))
         self.assertEqual(sha256_file(self.local("up-resume.bin")), sha256_file(src))
 
+    def test_curl_chains_an_upload_and_more_transfers_in_one_login(self):
+        # Over TLS as the README says: curl offers a session after an upload
+        # that TLS 1.3 cannot resume (it never read the new ticket).
+        src = os.path.join(self.work, "chain-src.bin")
+        write_random(src, 300000, seed=3)
+        out = os.path.join(self.work, "chain-out.bin")
+        tls = (["--ssl-reqd", "--cacert", self.server.ca, "--tls-max", "1.2"]
+               if self.tls else [])
+        login = ["--user", "anonymous:x"] + tls
+        r = run(["curl", "-sS", "--max-time", "60"] + login
+                + ["-T", src, self.server.url("/chain.bin"), "--next"] + login
+                + ["--list-only", self.server.url("/"), "--next"] + login
+                + ["-o", out, self.server.url("/chain.bin")])
+        self.assertEqual(r.returncode, 0, r.stderr + self.server.read_log())
+        self.assertIn("chain.bin", r.stdout.split())
+        self.assertEqual(sha256_file(out), sha256_file(src))
+
     def test_curl_quote_commands(self):
         with open(self.local("q-old.txt"), "w") as f:
             f.write("rename me")
