@@ -184,8 +184,8 @@ struct Exchange {
         callbacks.data_read_callback =
             r.download ? tarvex_dsi_rest_read_gridftp_op : tarvex_dsi_rest_read_json;
         callbacks.data_read_callback_arg = r.download ? static_cast<void *>(r.download) : &json;
-        callbacks.complete_callback = [](void *arg, tarvex_result_t result) {
-            *static_cast<tarvex_result_t *>(arg) = result;
+        callbacks.complete_callback = [](void *arg, tarvex_result_t outcome) {
+            *static_cast<tarvex_result_t *>(arg) = outcome;
         };
         callbacks.complete_callback_arg = &completed;
         if (r.idle_ms != 0) {
@@ -270,13 +270,13 @@ private:
         auto *f = static_cast<FakeOp *>(ctx);
         std::lock_guard<std::mutex> lock(f->mutex);
         f->threads_.emplace_back([=] {
-            std::unique_lock<std::mutex> lock(f->mutex);
+            std::unique_lock<std::mutex> sink_lock(f->mutex);
             bool fail = f->writes++ == f->fail_write;
             if (!fail) {
                 f->sink.resize(std::max(f->sink.size(), size_t(offset) + length));
                 memcpy(f->sink.data() + offset, buffer, length);
             }
-            lock.unlock();
+            sink_lock.unlock();
             callback(op, fail ? test_failure("data channel closed") : TARVEX_SUCCESS, buffer,
                      length, user_arg);
         });

@@ -25,7 +25,7 @@ enum class Kind { none, json, block, stream, multipart_stream };
 
 /* A request body of one kind, with what the server should see of it. */
 struct Body {
-    explicit Body(Kind kind) : kind(kind)
+    explicit Body(Kind body_kind) : kind(body_kind)
     {
         switch (kind) {
         case Kind::none:

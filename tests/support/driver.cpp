@@ -700,8 +700,8 @@ void driver::operation_state::complete_read(tarvex_byte_t *buffer, tarvex_size_t
     }
     if (!failure)
         moved(n);
-    tarvex_result_t result = failure ? driver_error(*failure) : TARVEX_SUCCESS;
-    callback(op, result, buffer, n, base + static_cast<tarvex_off_t>(pos), eof, user_arg);
+    tarvex_result_t outcome = failure ? driver_error(*failure) : TARVEX_SUCCESS;
+    callback(op, outcome, buffer, n, base + static_cast<tarvex_off_t>(pos), eof, user_arg);
 }
 
 // ---- the driver ----
