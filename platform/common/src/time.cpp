@@ -55,7 +55,8 @@ char *tarvex_time_format_utc(time_t when, char *buffer, size_t size)
 char *tarvex_time_format_ftp(time_t when, char *buffer, size_t size)
 {
     struct tm parts;
-    if (utc_parts(when, buffer, size, &parts) && strftime(buffer, size, "%Y%m%d%H%M%S", &parts) == 0)
+    if (utc_parts(when, buffer, size, &parts) &&
+        strftime(buffer, size, "%Y%m%d%H%M%S", &parts) == 0)
         buffer[0] = '\0';
     return buffer;
 }
