@@ -16,7 +16,7 @@ std::string sha1_hex(const std::string &data)
     unsigned char digest[SHA_DIGEST_LENGTH];
     SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
     char text[2 * SHA_DIGEST_LENGTH + 1];
-    for (int i = 0; i < SHA_DIGEST_LENGTH; i++)
+    for (size_t i = 0; i < SHA_DIGEST_LENGTH; i++)
         snprintf(text + 2 * i, 3, "%02x", digest[i]);
     return text;
 }

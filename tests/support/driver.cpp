@@ -864,7 +864,7 @@ template <typename Call> tarvex_result_t driver::run(Call &&call, void **session
     if (!answered) {
         // The plug-in may still answer later: the operation must outlive
         // it, so it is left allocated on purpose.
-        o.release();
+        static_cast<void>(o.release());
         return TARVEX_FAILURE;
     }
     if (session_arg != nullptr)
