@@ -291,6 +291,183 @@ struct Run {
     std::string dir;
 };
 
+/* What the rounds measure. */
+struct Figures {
+    CpuUse direct_cpu, retr_cpu, stor_cpu;
+    Rounds direct, retr, stor, hash;
+    Rounds direct_stream, retr_stream; /* after the first byte */
+    std::vector<double> retr_first_byte;
+    double best_stor_s = 0, best_part_hash_s = 0;
+    long peak_kb = 0;
+    pid_t best_session = 0;
+    Digests digests;
+};
+
+/* A run's emulator and server, and the figures of its rounds. */
+struct Bench {
+    const Run &run;
+    tarvex_test::BoxEmulator &emulator;
+    Server &server;
+    std::string content_url;
+    std::string source;
+    std::string says; /* curl's -w answer */
+    Figures f;
+
+    /* Runs a curl and adds the CPU time of the curl, the server's session
+     * and the emulator to `use`. */
+    double measure(CpuUse &use, const std::vector<std::string> &args,
+                   const std::string &out = "")
+    {
+        double emulator0 = cpu_seconds(emulator.pid(), false);
+        double server0 = cpu_seconds(server.pid(), true);
+        double client = 0;
+        double s = timed(args, out, &client);
+        sessions_ended(server.pid());
+        use.client += client;
+        use.session += cpu_seconds(server.pid(), true) - server0;
+        use.emulator += cpu_seconds(emulator.pid(), false) - emulator0;
+        return s;
+    }
+};
+
+constexpr char write_out[] = "%{size_download} %{time_starttransfer}";
+
+/* The file straight from the emulator, then through the server. */
+bool download_round(Bench &b)
+{
+    Figures &f = b.f;
+    double s = b.measure(f.direct_cpu,
+                         {"curl", "-sS", "-L", "-H", "Authorization: Bearer test-token", "-o",
+                          "/dev/null", "-w", write_out, b.content_url},
+                         b.says);
+    CurlSays got = curl_says(b.says);
+    if (s < 0 || got.size != b.run.size) {
+        fprintf(stderr, "box_transfer: the direct download failed\n");
+        return false;
+    }
+    f.direct.add(mbps(b.run.size, s));
+    f.direct_stream.add(mbps(b.run.size, s - got.first_byte));
+
+    s = b.measure(f.retr_cpu,
+                  {"curl", "-sS", "-u", "bench:bench", "-o", "/dev/null", "-w", write_out,
+                   b.server.url("/bench/download.bin")},
+                  b.says);
+    got = curl_says(b.says);
+    if (s < 0 || got.size != b.run.size) {
+        fprintf(stderr, "box_transfer: RETR failed or was cut short\n");
+        return false;
+    }
+    f.retr.add(mbps(b.run.size, s));
+    f.retr_stream.add(mbps(b.run.size, s - got.first_byte));
+    f.retr_first_byte.push_back(got.first_byte);
+    return true;
+}
+
+/* Hashing the file alone, then storing it through the server. */
+bool upload_round(Bench &b, int round)
+{
+    Figures &f = b.f;
+    HashTimes hs = hash_seconds(b.source, default_part_size, &f.digests);
+    if (hs.all <= 0) {
+        fprintf(stderr, "box_transfer: cannot read %s\n", b.source.c_str());
+        return false;
+    }
+    f.hash.add(mbps(b.run.size, hs.all));
+    if (f.best_part_hash_s == 0 || hs.part < f.best_part_hash_s)
+        f.best_part_hash_s = hs.part;
+
+    // A new name each round: storing onto an existing file would add its
+    // deletion to the upload's time.
+    std::string target = "/bench/upload-" + std::to_string(round) + ".bin";
+    SessionPeak peak(b.server.pid());
+    double s = b.measure(f.stor_cpu, {"curl", "-sS", "-u", "bench:bench", "-Q",
+                                      "ALLO " + std::to_string(b.run.size), "-T", b.source,
+                                      b.server.url(target)});
+    peak.stop();
+    if (s < 0) {
+        fprintf(stderr, "box_transfer: STOR of %s failed\n", target.c_str());
+        return false;
+    }
+    f.stor.add(mbps(b.run.size, s));
+    f.peak_kb = std::max(f.peak_kb, peak.peak_kb());
+    if (f.best_stor_s == 0 || s < f.best_stor_s) {
+        f.best_stor_s = s;
+        f.best_session = peak.pid();
+    }
+    return stored_intact(b.emulator, target, b.run.size, f.digests);
+}
+
+void print_figures(const Run &run, const Figures &f)
+{
+    double a = f.retr.best(), b = f.direct.best(), c = f.stor.best(), d = f.hash.best();
+    printf("box_transfer: retr_MBps=%.1f direct_MBps=%.1f ratio_retr=%.2f stor_MBps=%.1f "
+           "hash_MBps=%.1f ratio_stor=%.2f session_peak_rss_mb=%.1f\n",
+           a, b, a / b, c, d, c / d, f.peak_kb / 1024.0);
+    printf("# %lld MiB each way, %d rounds; MB/s in each round: direct %s; retr %s; hash %s; "
+           "stor %s\n",
+           run.size >> 20, run.rounds, f.direct.spread().c_str(), f.retr.spread().c_str(),
+           f.hash.spread().c_str(), f.stor.spread().c_str());
+    std::string first_bytes;
+    for (double t : f.retr_first_byte)
+        first_bytes += (first_bytes.empty() ? "" : " ") + std::to_string(t).substr(0, 5);
+    printf("# retr: first byte after %s s (login, path lookup, paced requests); after it %.0f "
+           "MB/s against direct %.0f MB/s (ratio %.2f); MB/s in each round: direct %s; retr %s\n",
+           first_bytes.c_str(), f.retr_stream.best(), f.direct_stream.best(),
+           f.retr_stream.best() / f.direct_stream.best(), f.direct_stream.spread().c_str(),
+           f.retr_stream.spread().c_str());
+    double per_gib = static_cast<double>(run.rounds) * static_cast<double>(run.size) /
+                     static_cast<double>(1ll << 30);
+    printf("# CPU seconds per GiB, mean of the rounds (the machine has %ld cores): direct: "
+           "client %.2f, emulator %.2f; retr: client %.2f, session %.2f, emulator %.2f; stor: "
+           "client %.2f, session %.2f, emulator %.2f\n",
+           sysconf(_SC_NPROCESSORS_ONLN), f.direct_cpu.client / per_gib,
+           f.direct_cpu.emulator / per_gib, f.retr_cpu.client / per_gib,
+           f.retr_cpu.session / per_gib, f.retr_cpu.emulator / per_gib,
+           f.stor_cpu.client / per_gib, f.stor_cpu.session / per_gib,
+           f.stor_cpu.emulator / per_gib);
+    printf("# session memory: peak %.1f MiB against a limit of one part plus 32 MB = %.1f MiB\n",
+           f.peak_kb / 1024.0, (default_part_size + 32e6) / 1048576.0);
+}
+
+/* Where the best upload's time went, from its session's REST log. */
+void print_breakdown(const Run &run, const Figures &f, const std::string &logs)
+{
+    Breakdown bd = upload_breakdown(
+        read_rest_log(logs + "/rest-" + std::to_string(f.best_session) + ".log"),
+        static_cast<double>(run.size) / f.best_part_hash_s);
+    if (!bd.ok) {
+        printf("# upload breakdown: no part requests found in the session's log\n");
+        return;
+    }
+    double best_stor_s = f.best_stor_s;
+    double other = best_stor_s - bd.reading - bd.hashing - bd.sending - bd.committing;
+    auto share = [&](double part) { return 100.0 * part / best_stor_s; };
+    printf("# best upload %.2f s, %d parts: reading %.2f s (%.0f%%), hashing the parts %.2f s "
+           "(%.0f%%), sending %.2f s (%.0f%%, the file's SHA-1 and MD5 beside it), committing %.2f s (%.0f%%), other %.2f s (%.0f%%: login, "
+           "lookup, upload session, end of transfer)\n",
+           best_stor_s, bd.parts, bd.reading, share(bd.reading), bd.hashing, share(bd.hashing),
+           bd.sending, share(bd.sending), bd.committing, share(bd.committing), other,
+           share(other));
+    printf("# per part: reading %.1f ms, hashing %.1f ms, sending %.1f ms (%.0f MB/s to the "
+           "emulator)\n",
+           1e3 * bd.reading / bd.parts, 1e3 * bd.hashing / bd.parts, 1e3 * bd.sending / bd.parts,
+           mbps(run.size, bd.sending));
+}
+
+/* The file to upload, and the plug-in's policy and credential. */
+bool write_inputs(const Run &run, const std::string &source)
+{
+    if (!write_random_file(source, run.size)) {
+        fprintf(stderr, "box_transfer: cannot write %s\n", source.c_str());
+        return false;
+    }
+    std::ofstream(run.dir + "/policy.json") << R"({"user_api_rate_limit": 16})";
+    std::ofstream(run.dir + "/creds.json")
+        << R"({"access_token": "test-token", "token_expiry": "2099-01-01T00:00:00.000000+00:00",)"
+        << R"( "sub": "bench-user", "max_upload": 53687091200})";
+    return true;
+}
+
 int bench(const Run &run)
 {
     const std::string source = run.dir + "/upload.bin";
@@ -298,14 +475,8 @@ int bench(const Run &run)
     const std::string logs = run.dir + "/logs";
     mkdir(home.c_str(), 0700);
     mkdir(logs.c_str(), 0700);
-    if (!write_random_file(source, run.size)) {
-        fprintf(stderr, "box_transfer: cannot write %s\n", source.c_str());
+    if (!write_inputs(run, source))
         return 1;
-    }
-    std::ofstream(run.dir + "/policy.json") << R"({"user_api_rate_limit": 16})";
-    std::ofstream(run.dir + "/creds.json")
-        << R"({"access_token": "test-token", "token_expiry": "2099-01-01T00:00:00.000000+00:00",)"
-        << R"( "sub": "bench-user", "max_upload": 53687091200})";
 
     tarvex_test::BoxEmulator emulator;
     emulator.seed(R"({"entries":[{"path":"/bench/download.bin","size":)" +
@@ -327,134 +498,12 @@ int bench(const Run &run)
         return 1;
     }
 
-    const std::string says = run.dir + "/curl.out";
-    /* Runs a curl and adds the CPU time of the curl, the server's session
-     * and the emulator to `use`. */
-    auto measure = [&](CpuUse &use, const std::vector<std::string> &args,
-                       const std::string &out = "") {
-        double emulator0 = cpu_seconds(emulator.pid(), false);
-        double server0 = cpu_seconds(server.pid(), true);
-        double client = 0;
-        double s = timed(args, out, &client);
-        sessions_ended(server.pid());
-        use.client += client;
-        use.session += cpu_seconds(server.pid(), true) - server0;
-        use.emulator += cpu_seconds(emulator.pid(), false) - emulator0;
-        return s;
-    };
-    CpuUse direct_cpu, retr_cpu, stor_cpu;
-    const std::string size_text = std::to_string(run.size);
-    const std::string write_out = "%{size_download} %{time_starttransfer}";
-    Rounds direct, retr, stor, hash;
-    Rounds direct_stream, retr_stream; /* after the first byte */
-    std::vector<double> retr_first_byte;
-    double best_stor_s = 0, best_part_hash_s = 0;
-    long peak_kb = 0;
-    pid_t best_session = 0;
-    Digests digests;
-    for (int round = 0; round < run.rounds; round++) {
-        double s = measure(direct_cpu,
-                           {"curl", "-sS", "-L", "-H", "Authorization: Bearer test-token", "-o",
-                            "/dev/null", "-w", write_out, content_url},
-                           says);
-        CurlSays got = curl_says(says);
-        if (s < 0 || got.size != run.size) {
-            fprintf(stderr, "box_transfer: the direct download failed\n");
+    Bench b{run, emulator, server, content_url, source, run.dir + "/curl.out", {}};
+    for (int round = 0; round < run.rounds; round++)
+        if (!download_round(b) || !upload_round(b, round))
             return 1;
-        }
-        direct.add(mbps(run.size, s));
-        direct_stream.add(mbps(run.size, s - got.first_byte));
-
-        s = measure(retr_cpu,
-                    {"curl", "-sS", "-u", "bench:bench", "-o", "/dev/null", "-w", write_out,
-                     server.url("/bench/download.bin")},
-                    says);
-        got = curl_says(says);
-        if (s < 0 || got.size != run.size) {
-            fprintf(stderr, "box_transfer: RETR failed or was cut short\n");
-            return 1;
-        }
-        retr.add(mbps(run.size, s));
-        retr_stream.add(mbps(run.size, s - got.first_byte));
-        retr_first_byte.push_back(got.first_byte);
-
-        HashTimes hs = hash_seconds(source, default_part_size, &digests);
-        if (hs.all <= 0) {
-            fprintf(stderr, "box_transfer: cannot read %s\n", source.c_str());
-            return 1;
-        }
-        hash.add(mbps(run.size, hs.all));
-        if (best_part_hash_s == 0 || hs.part < best_part_hash_s)
-            best_part_hash_s = hs.part;
-
-        // A new name each round: storing onto an existing file would add its
-        // deletion to the upload's time.
-        std::string target = "/bench/upload-" + std::to_string(round) + ".bin";
-        SessionPeak peak(server.pid());
-        s = measure(stor_cpu, {"curl", "-sS", "-u", "bench:bench", "-Q", "ALLO " + size_text,
-                               "-T", source, server.url(target)});
-        peak.stop();
-        if (s < 0) {
-            fprintf(stderr, "box_transfer: STOR of %s failed\n", target.c_str());
-            return 1;
-        }
-        stor.add(mbps(run.size, s));
-        peak_kb = std::max(peak_kb, peak.peak_kb());
-        if (best_stor_s == 0 || s < best_stor_s) {
-            best_stor_s = s;
-            best_session = peak.pid();
-        }
-        if (!stored_intact(emulator, target, run.size, digests))
-            return 1;
-    }
-
-    double a = retr.best(), b = direct.best(), c = stor.best(), d = hash.best();
-    printf("box_transfer: retr_MBps=%.1f direct_MBps=%.1f ratio_retr=%.2f stor_MBps=%.1f "
-           "hash_MBps=%.1f ratio_stor=%.2f session_peak_rss_mb=%.1f\n",
-           a, b, a / b, c, d, c / d, peak_kb / 1024.0);
-    printf("# %lld MiB each way, %d rounds; MB/s in each round: direct %s; retr %s; hash %s; "
-           "stor %s\n",
-           run.size >> 20, run.rounds, direct.spread().c_str(), retr.spread().c_str(),
-           hash.spread().c_str(), stor.spread().c_str());
-    std::string first_bytes;
-    for (double t : retr_first_byte)
-        first_bytes += (first_bytes.empty() ? "" : " ") + std::to_string(t).substr(0, 5);
-    printf("# retr: first byte after %s s (login, path lookup, paced requests); after it %.0f "
-           "MB/s against direct %.0f MB/s (ratio %.2f); MB/s in each round: direct %s; retr %s\n",
-           first_bytes.c_str(), retr_stream.best(), direct_stream.best(),
-           retr_stream.best() / direct_stream.best(), direct_stream.spread().c_str(),
-           retr_stream.spread().c_str());
-    double per_gib = static_cast<double>(run.rounds) * static_cast<double>(run.size) /
-                     static_cast<double>(1ll << 30);
-    printf("# CPU seconds per GiB, mean of the rounds (the machine has %ld cores): direct: "
-           "client %.2f, emulator %.2f; retr: client %.2f, session %.2f, emulator %.2f; stor: "
-           "client %.2f, session %.2f, emulator %.2f\n",
-           sysconf(_SC_NPROCESSORS_ONLN), direct_cpu.client / per_gib,
-           direct_cpu.emulator / per_gib, retr_cpu.client / per_gib, retr_cpu.session / per_gib,
-           retr_cpu.emulator / per_gib, stor_cpu.client / per_gib, stor_cpu.session / per_gib,
-           stor_cpu.emulator / per_gib);
-    printf("# session memory: peak %.1f MiB against a limit of one part plus 32 MB = %.1f MiB\n",
-           peak_kb / 1024.0, (default_part_size + 32e6) / 1048576.0);
-
-    Breakdown bd = upload_breakdown(
-        read_rest_log(logs + "/rest-" + std::to_string(best_session) + ".log"),
-        static_cast<double>(run.size) / best_part_hash_s);
-    if (!bd.ok) {
-        printf("# upload breakdown: no part requests found in the session's log\n");
-        return 0;
-    }
-    double other = best_stor_s - bd.reading - bd.hashing - bd.sending - bd.committing;
-    auto share = [&](double part) { return 100.0 * part / best_stor_s; };
-    printf("# best upload %.2f s, %d parts: reading %.2f s (%.0f%%), hashing the parts %.2f s "
-           "(%.0f%%), sending %.2f s (%.0f%%, the file's SHA-1 and MD5 beside it), committing %.2f s (%.0f%%), other %.2f s (%.0f%%: login, "
-           "lookup, upload session, end of transfer)\n",
-           best_stor_s, bd.parts, bd.reading, share(bd.reading), bd.hashing, share(bd.hashing),
-           bd.sending, share(bd.sending), bd.committing, share(bd.committing), other,
-           share(other));
-    printf("# per part: reading %.1f ms, hashing %.1f ms, sending %.1f ms (%.0f MB/s to the "
-           "emulator)\n",
-           1e3 * bd.reading / bd.parts, 1e3 * bd.hashing / bd.parts, 1e3 * bd.sending / bd.parts,
-           mbps(run.size, bd.sending));
+    print_figures(run, b.f);
+    print_breakdown(run, b.f, logs);
     return 0;
 }
 

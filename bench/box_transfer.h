@@ -90,6 +90,7 @@ inline pid_t spawn(const std::vector<std::string> &args, const Env &env = {},
             dup2(null, STDERR_FILENO);
     }
     std::vector<char *> argv;
+    argv.reserve(args.size() + 1);
     for (const std::string &a : args)
         argv.push_back(const_cast<char *>(a.c_str()));
     argv.push_back(nullptr);

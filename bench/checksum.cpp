@@ -54,7 +54,7 @@ double hash_mbps(const std::string &data, std::string *md5_hex)
     SHA1_Final(sha1, &sha);
     auto elapsed = std::chrono::steady_clock::now() - t0;
     char hex[2 * MD5_DIGEST_LENGTH + 1];
-    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
+    for (size_t i = 0; i < MD5_DIGEST_LENGTH; i++)
         snprintf(hex + 2 * i, 3, "%02x", digest[i]);
     *md5_hex = hex;
     return mbps(data.size(), elapsed);

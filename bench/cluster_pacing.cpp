@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -60,15 +61,17 @@ figures run(const pacing_hosts_options &options)
     return out;
 }
 
-double median_cost_us(std::vector<pacing_call> calls)
+double median_cost_us(const std::vector<pacing_call> &calls)
 {
     if (calls.empty())
         return 0;
     std::vector<int64_t> costs;
+    costs.reserve(calls.size());
     for (const pacing_call &call : calls)
         costs.push_back(call.cost_us);
-    std::nth_element(costs.begin(), costs.begin() + costs.size() / 2, costs.end());
-    return (double)costs[costs.size() / 2];
+    auto middle = costs.begin() + static_cast<std::ptrdiff_t>(costs.size() / 2);
+    std::nth_element(costs.begin(), middle, costs.end());
+    return (double)*middle;
 }
 
 void report(int hosts, const pacing_hosts_options &paced, const char *store)

@@ -554,7 +554,7 @@ tarvex_result_t tarvex_l_box_file_digests(tarvex_box_upload_session_t *upload, c
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed finalizing file sha1 hash.");
     if (MD5_Final(md5, &upload->md5_ctx) != 1)
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed finalizing file md5 hash.");
-    for (int i = 0; i < MD5_DIGEST_LENGTH; i++)
+    for (size_t i = 0; i < MD5_DIGEST_LENGTH; i++)
         snprintf(md5_str + 2 * i, 3, "%.2x", md5[i]);
     tarvex_l_box_digest_value(sha1, digest);
     return TARVEX_SUCCESS;

@@ -97,10 +97,8 @@ extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
     TARVEX_BOX_TRACE_ENTER();
     tarvex_result_t result = TARVEX_SUCCESS;
     auto *box = static_cast<tarvex_box_session_t *>(calloc(1, sizeof(tarvex_box_session_t)));
-    if (box == nullptr) {
-        result = TARVEX_BOX_MALLOC_ERROR();
-    } else if (session_info != nullptr && session_info->username != nullptr &&
-               (box->username = strdup(session_info->username)) == nullptr) {
+    if (box == nullptr || (session_info != nullptr && session_info->username != nullptr &&
+                           (box->username = strdup(session_info->username)) == nullptr)) {
         result = TARVEX_BOX_MALLOC_ERROR();
     } else {
         box->user_retry.fd = -1;

@@ -4,6 +4,7 @@
  * first, "renew-creds" when the token is close to expiry).
  */
 #include <errno.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,11 +21,14 @@ namespace {
 constexpr time_t tarvex_l_box_token_margin = 99;
 
 
-tarvex_result_t internal_error(tarvex_object_t *cause, const char *format,
-                               const char *detail)
+__attribute__((format(printf, 2, 3)))
+tarvex_result_t internal_error(tarvex_object_t *cause, const char *format, ...)
 {
-    tarvex_object_t *error = tarvex_gfs_ftp_response_error_construct(
-        nullptr, cause, 500, "INTERNAL_ERROR", format, detail);
+    va_list ap;
+    va_start(ap, format);
+    tarvex_object_t *error = tarvex_gfs_ftp_response_error_v_construct(
+        nullptr, cause, 500, "INTERNAL_ERROR", format, ap);
+    va_end(ap);
     return error ? tarvex_error_put(error) : TARVEX_BOX_MALLOC_ERROR();
 }
 

@@ -39,6 +39,7 @@ int calls_per_host()
 std::vector<int64_t> sorted_stamps(const std::vector<pacing_call> &calls)
 {
     std::vector<int64_t> stamps;
+    stamps.reserve(calls.size());
     for (const pacing_call &call : calls)
         stamps.push_back(call.stamp_us);
     std::sort(stamps.begin(), stamps.end());

@@ -248,7 +248,7 @@ public:
 
     pacing_hosts(const std::string &dir, pacing_hosts_options options)
         : options_(std::move(options)), dir_(dir), control_(3 + max_hosts),
-          calls_(capacity * max_hosts)
+          calls_(size_t{capacity} * max_hosts)
     {
         if (options_.hosts > max_hosts)
             throw std::runtime_error("too many hosts");

@@ -21,7 +21,7 @@ namespace {
 
 using tarvex_test::event_kind;
 using clock_type = std::chrono::steady_clock;
-constexpr uint64_t mib = 1024 * 1024;
+constexpr uint64_t mib = uint64_t{1024} * 1024;
 const std::string sessions = "/api/2.0/files/upload_sessions";
 
 std::string hex(const unsigned char *digest, size_t length)
@@ -312,7 +312,7 @@ TEST_F(upload_test, BrokenStoreRestartsAtAPartBoundary)
     tarvex_test::driver inside, past_end, restart, unknown;
     EXPECT_EQ(store_pattern(inside, "/d/resume.bin", total, false, 1000),
               "553 APPEND_NOT_SUPPORTED\r\n");
-    EXPECT_EQ(store_pattern(past_end, "/d/resume.bin", total, false, 8 * 8 * mib),
+    EXPECT_EQ(store_pattern(past_end, "/d/resume.bin", total, false, 64 * mib),
               "451 Operation failed.\r\n");
     EXPECT_TRUE(parts(take_requests()).empty());
 

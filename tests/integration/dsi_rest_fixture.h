@@ -184,8 +184,8 @@ struct Exchange {
         callbacks.data_read_callback =
             r.download ? tarvex_dsi_rest_read_gridftp_op : tarvex_dsi_rest_read_json;
         callbacks.data_read_callback_arg = r.download ? static_cast<void *>(r.download) : &json;
-        callbacks.complete_callback = [](void *arg, tarvex_result_t result) {
-            *static_cast<tarvex_result_t *>(arg) = result;
+        callbacks.complete_callback = [](void *arg, tarvex_result_t outcome) {
+            *static_cast<tarvex_result_t *>(arg) = outcome;
         };
         callbacks.complete_callback_arg = &completed;
         if (r.idle_ms != 0) {
@@ -254,7 +254,7 @@ public:
     std::string sink;
     int writes = 0;
 
-    tarvex_gfs_operation_t op = tarvex_gfs_operation_create(&provider, this);
+    tarvex_gfs_operation_t op = tarvex_gfs_operation_create(provider(), this);
     ~FakeOp()
     {
         for (auto &thread : threads_)
@@ -270,13 +270,13 @@ private:
         auto *f = static_cast<FakeOp *>(ctx);
         std::lock_guard<std::mutex> lock(f->mutex);
         f->threads_.emplace_back([=] {
-            std::unique_lock<std::mutex> lock(f->mutex);
+            std::unique_lock<std::mutex> sink_lock(f->mutex);
             bool fail = f->writes++ == f->fail_write;
             if (!fail) {
                 f->sink.resize(std::max(f->sink.size(), size_t(offset) + length));
                 memcpy(f->sink.data() + offset, buffer, length);
             }
-            lock.unlock();
+            sink_lock.unlock();
             callback(op, fail ? test_failure("data channel closed") : TARVEX_SUCCESS, buffer,
                      length, user_arg);
         });
@@ -295,6 +295,8 @@ private:
         f->position_ += n;
         bool fail = f->fail_reads;
         f->threads_.emplace_back([=] {
+            // Bytes of a file into a data buffer: no string to terminate.
+            // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
             memcpy(buffer, f->source.data() + offset, n);
             callback(op, fail ? test_failure("reset") : TARVEX_SUCCESS, buffer, n,
                      tarvex_off_t(offset), !fail && n == 0, user_arg);
@@ -302,19 +304,27 @@ private:
         return TARVEX_SUCCESS;
     }
 
-    static inline const tarvex_gfs_operation_provider_t provider = [] {
-        tarvex_gfs_operation_provider_t p{};
-        p.register_read = read;
-        p.register_write = write;
-        p.update_bytes_written = [](void *ctx, tarvex_off_t, tarvex_off_t length) {
-            static_cast<FakeOp *>(ctx)->written += uint64_t(length);
-        };
-        p.update_bytes_recvd = [](void *ctx, tarvex_off_t length) {
-            static_cast<FakeOp *>(ctx)->recvd += uint64_t(length);
-        };
-        p.get_block_size = [](void *, tarvex_size_t *size) { *size = 256 * 1024; };
-        return p;
-    }();
+    // A function, not a static member: its lambdas use FakeOp's members,
+    // which only a member function's body may do before the class is complete.
+    static const tarvex_gfs_operation_provider_t *provider()
+    {
+        static const tarvex_gfs_operation_provider_t p = [] {
+            tarvex_gfs_operation_provider_t built{};
+            built.register_read = read;
+            built.register_write = write;
+            built.update_bytes_written = [](void *ctx, tarvex_off_t, tarvex_off_t length) {
+                static_cast<FakeOp *>(ctx)->written += uint64_t(length);
+            };
+            built.update_bytes_recvd = [](void *ctx, tarvex_off_t length) {
+                static_cast<FakeOp *>(ctx)->recvd += uint64_t(length);
+            };
+            built.get_block_size = [](void *, tarvex_size_t *size) {
+                *size = tarvex_size_t{256} * 1024;
+            };
+            return built;
+        }();
+        return &p;
+    }
 
     size_t position_ = 0; // of the next read
     std::vector<std::thread> threads_;

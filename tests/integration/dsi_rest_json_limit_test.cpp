@@ -22,12 +22,12 @@ protected:
                            (chunked ? "&chunked=1" : ""));
     }
     // libcurl hands the body over in pieces of at most this many bytes.
-    static constexpr uint64_t piece = 64 * 1024;
+    static constexpr uint64_t piece = uint64_t{64} * 1024;
 };
 
 TEST_F(RestJsonLimit, AnswersWithinTheLimitsParseAndOthersAreRefused)
 {
-    const size_t limit = 64 * 1024; // 4096 values, an array counting 4
+    const size_t limit = size_t{64} * 1024; // 4096 values, an array counting 4
     tarvex_dsi_rest_set_json_limit(limit);
     ASSERT_EQ(tarvex_dsi_rest_json_limit(), limit);
     struct Case {

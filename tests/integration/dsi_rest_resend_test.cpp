@@ -16,7 +16,7 @@ std::string sha1_hex(const std::string &data)
     unsigned char digest[SHA_DIGEST_LENGTH];
     SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
     char text[2 * SHA_DIGEST_LENGTH + 1];
-    for (int i = 0; i < SHA_DIGEST_LENGTH; i++)
+    for (size_t i = 0; i < SHA_DIGEST_LENGTH; i++)
         snprintf(text + 2 * i, 3, "%02x", digest[i]);
     return text;
 }
@@ -25,7 +25,7 @@ enum class Kind { none, json, block, stream, multipart_stream };
 
 /* A request body of one kind, with what the server should see of it. */
 struct Body {
-    explicit Body(Kind kind) : kind(kind)
+    explicit Body(Kind body_kind) : kind(body_kind)
     {
         switch (kind) {
         case Kind::none:

@@ -15,7 +15,7 @@ std::string sha1_hex(const std::string &data)
     unsigned char digest[SHA_DIGEST_LENGTH];
     SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
     char text[2 * SHA_DIGEST_LENGTH + 1];
-    for (int i = 0; i < SHA_DIGEST_LENGTH; i++)
+    for (size_t i = 0; i < SHA_DIGEST_LENGTH; i++)
         snprintf(text + 2 * i, 3, "%02x", digest[i]);
     return text;
 }
@@ -30,9 +30,9 @@ TEST_F(RestStream, DownloadLandsAtItsOffsets)
     // Sizes around the operation's 256 KiB buffers.
     const Case cases[] = {{0, 0, 0},
                           {1, 0, 0},
-                          {256 * 1024, 0, 0},
+                          {size_t{256} * 1024, 0, 0},
                           {5 * 1024 * 1024 + 123, 1000, 0},
-                          {3 * 1024 * 1024, 100, 100}};
+                          {size_t{3} * 1024 * 1024, 100, 100}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.size);
         FakeOp op;

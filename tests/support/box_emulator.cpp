@@ -68,6 +68,7 @@ bool run(const std::vector<std::string> &argv, const std::string &cwd)
 {
     // Built before fork: the child of a threaded program must not allocate.
     std::vector<char *> args;
+    args.reserve(argv.size() + 1);
     for (const auto &a : argv)
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
@@ -137,7 +138,7 @@ bool BoxEmulator::LogEntry::has_query(const std::string &key) const
 
 BoxEmulator::BoxEmulator() : BoxEmulator(Options()) {}
 
-BoxEmulator::BoxEmulator(Options options)
+BoxEmulator::BoxEmulator(const Options &options)
 {
     static std::once_flag curl_once;
     std::call_once(curl_once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -239,6 +240,7 @@ void BoxEmulator::spawn(const Options &options)
     argv.insert(argv.end(), options.extra_args.begin(), options.extra_args.end());
 
     std::vector<char *> args;
+    args.reserve(argv.size() + 1);
     for (const auto &a : argv)
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);

@@ -75,7 +75,7 @@ public:
     };
 
     BoxEmulator();
-    explicit BoxEmulator(Options options);
+    explicit BoxEmulator(const Options &options);
     ~BoxEmulator();
     BoxEmulator(const BoxEmulator &) = delete;
     BoxEmulator &operator=(const BoxEmulator &) = delete;

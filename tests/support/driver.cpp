@@ -700,8 +700,8 @@ void driver::operation_state::complete_read(tarvex_byte_t *buffer, tarvex_size_t
     }
     if (!failure)
         moved(n);
-    tarvex_result_t result = failure ? driver_error(*failure) : TARVEX_SUCCESS;
-    callback(op, result, buffer, n, base + static_cast<tarvex_off_t>(pos), eof, user_arg);
+    tarvex_result_t outcome = failure ? driver_error(*failure) : TARVEX_SUCCESS;
+    callback(op, outcome, buffer, n, base + static_cast<tarvex_off_t>(pos), eof, user_arg);
 }
 
 // ---- the driver ----
@@ -864,7 +864,7 @@ template <typename Call> tarvex_result_t driver::run(Call &&call, void **session
     if (!answered) {
         // The plug-in may still answer later: the operation must outlive
         // it, so it is left allocated on purpose.
-        o.release();
+        static_cast<void>(o.release());
         return TARVEX_FAILURE;
     }
     if (session_arg != nullptr)

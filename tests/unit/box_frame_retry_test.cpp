@@ -70,10 +70,12 @@ int64_t last_stamp(const tarvex_box_retry_t &retry)
 TEST(BoxFrameRetry, ProcessesSharingAFileKeepTheirSpacing)
 {
     box_scratch scratch;
-    constexpr int processes = 4, calls = 200, per_second = 250;
+    constexpr size_t processes = 4, calls = 200;
+    constexpr int per_second = 250;
     shared_stamps stamps(processes * calls);
     std::vector<std::unique_ptr<child>> children;
-    for (int p = 0; p < processes; p++) {
+    children.reserve(processes);
+    for (size_t p = 0; p < processes; p++) {
         children.push_back(std::make_unique<child>([&, p] {
             tarvex_box_retry_t file{};
             tarvex_i_box_retry_state_create("shared", per_second, &file);
@@ -84,7 +86,7 @@ TEST(BoxFrameRetry, ProcessesSharingAFileKeepTheirSpacing)
             call.fd = open(own.c_str(), O_RDWR | O_CREAT, 0600);
             if (call.fd == -1)
                 return 3;
-            for (int i = 0; i < calls; i++) {
+            for (size_t i = 0; i < calls; i++) {
                 if (tarvex_i_box_retry_state_lock(&file, true) != TARVEX_SUCCESS)
                     return 4;
                 tarvex_i_box_retry_delay(0, &call);

@@ -102,7 +102,7 @@ TEST(BoxUploadLock, MakesAndKeepsTheStateFile)
     tarvex_i_box_upload_state_destroy(&state);
     EXPECT_EQ(state.fd, -1);
     EXPECT_EQ(state.shared, nullptr);
-    EXPECT_EQ(contents(scratch.file("one")).substr(340, 10), std::string("/kept.bin", 10));
+    EXPECT_EQ(contents(scratch.file("one")).substr(340, 10), std::string("/kept.bin") + '\0');
     tarvex_i_box_upload_state_create("one", &state);
     EXPECT_STREQ(state.shared->name, "/kept.bin");
     EXPECT_TRUE(free_for_others("one"));

@@ -46,6 +46,7 @@ char *tag_printable(tarvex_object_t *error)
 tarvex_module_descriptor_t test_module = {"test", nullptr, nullptr, nullptr,
                                           nullptr, nullptr, nullptr};
 
+__attribute__((format(printf, 3, 4)))
 tarvex_object_t *make_leaf(const char *tag, tarvex_object_t *cause, const char *format, ...)
 {
     tarvex_object_t *error = tarvex_object_construct(&leaf_type);
@@ -236,6 +237,7 @@ TEST(CommonErrorTable, MillionErrorsStayBounded)
 TEST(CommonErrorTable, ConcurrentPutPeekGet)
 {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     int mismatches[4] = {};
     for (int t = 0; t < 4; t++) {
         threads.emplace_back([t, &mismatches] {

@@ -16,7 +16,7 @@ namespace {
 
 /* Box's tokens last about an hour; a lifetime beyond this is taken as
  * this, so that no answer can push the expiry past what a date holds. */
-constexpr int64_t longest_lifetime = 30 * 24 * 3600;
+constexpr int64_t longest_lifetime = int64_t{30} * 24 * 3600;
 
 int64_t now()
 {

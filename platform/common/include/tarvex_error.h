@@ -81,7 +81,7 @@ tarvex_object_t *tarvex_error_construct_error(
 tarvex_object_t *tarvex_error_v_construct_error(
     struct tarvex_module_descriptor_s *module, tarvex_object_t *cause, int type,
     const char *file, const char *function, int line, const char *format,
-    va_list ap);
+    va_list ap) __attribute__((format(printf, 7, 0)));
 
 /* Fills the base level of an object of any error type (used by the
  * constructors of derived types).  Returns `error`, or NULL when it is not
@@ -89,7 +89,7 @@ tarvex_object_t *tarvex_error_v_construct_error(
 tarvex_object_t *tarvex_error_initialize_error(
     tarvex_object_t *error, struct tarvex_module_descriptor_s *module,
     tarvex_object_t *cause, int type, const char *file, const char *function,
-    int line, const char *format, va_list ap);
+    int line, const char *format, va_list ap) __attribute__((format(printf, 8, 0)));
 
 /* Convenience: a base error at the caller's location. */
 #define TARVEX_ERROR_CONSTRUCT(module, cause, type, ...)                        \

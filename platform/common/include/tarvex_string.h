@@ -13,7 +13,8 @@ extern "C" {
  * runs out or the format fails. */
 char *tarvex_common_create_string(const char *format, ...)
     __attribute__((format(printf, 1, 2)));
-char *tarvex_common_v_create_string(const char *format, va_list ap);
+char *tarvex_common_v_create_string(const char *format, va_list ap)
+    __attribute__((format(printf, 1, 0)));
 
 #ifdef __cplusplus
 }

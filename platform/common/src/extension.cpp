@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "tarvex_extension.h"
@@ -60,7 +61,7 @@ std::map<std::string, loaded_extension> &loaded_extensions()
 }
 
 // Appends the directories of a colon-separated list to `out`.
-void split_path(const std::string &path, std::string file, std::vector<std::string> &out)
+void split_path(const std::string &path, const std::string &file, std::vector<std::string> &out)
 {
     size_t start = 0;
     while (start <= path.size()) {
@@ -68,8 +69,11 @@ void split_path(const std::string &path, std::string file, std::vector<std::stri
         if (end == std::string::npos)
             end = path.size();
         std::string dir = path.substr(start, end - start);
-        if (!dir.empty())
-            out.push_back(dir + "/" + file);
+        if (!dir.empty()) {
+            dir += '/';
+            dir += file;
+            out.push_back(std::move(dir));
+        }
         start = end + 1;
     }
 }

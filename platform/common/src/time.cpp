@@ -6,14 +6,14 @@
 
 namespace {
 
-char *format_utc(time_t when, char *buffer, size_t size, const char *form)
+// Each caller hands strftime its own literal form, so that -Wformat=2 checks
+// it; this does the rest.  Leaves the buffer empty, and says whether to go on.
+bool utc_parts(time_t when, char *buffer, size_t size, struct tm *parts)
 {
     if (buffer == nullptr || size == 0)
-        return buffer;
-    struct tm parts;
-    if (gmtime_r(&when, &parts) == nullptr || strftime(buffer, size, form, &parts) == 0)
-        buffer[0] = '\0';
-    return buffer;
+        return false;
+    buffer[0] = '\0';
+    return gmtime_r(&when, parts) != nullptr;
 }
 
 } // namespace
@@ -45,12 +45,20 @@ void tarvex_time_sleep_usec(int64_t usec)
 
 char *tarvex_time_format_utc(time_t when, char *buffer, size_t size)
 {
-    return format_utc(when, buffer, size, "%Y-%m-%dT%H:%M:%SZ");
+    struct tm parts;
+    if (utc_parts(when, buffer, size, &parts) &&
+        strftime(buffer, size, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
+        buffer[0] = '\0';
+    return buffer;
 }
 
 char *tarvex_time_format_ftp(time_t when, char *buffer, size_t size)
 {
-    return format_utc(when, buffer, size, "%Y%m%d%H%M%S");
+    struct tm parts;
+    if (utc_parts(when, buffer, size, &parts) &&
+        strftime(buffer, size, "%Y%m%d%H%M%S", &parts) == 0)
+        buffer[0] = '\0';
+    return buffer;
 }
 
 } // extern "C"

@@ -434,7 +434,8 @@ tarvex_object_t *tarvex_gfs_ftp_response_error_construct(
     __attribute__((format(printf, 5, 6)));
 tarvex_object_t *tarvex_gfs_ftp_response_error_v_construct(
     tarvex_module_descriptor_t *module, tarvex_object_t *cause, int response_code,
-    const char *response_error_code, const char *format, va_list ap);
+    const char *response_error_code, const char *format, va_list ap)
+    __attribute__((format(printf, 5, 0)));
 
 /* Accessors; 0 / NULL when `error` is not an FTP response error. */
 int tarvex_gfs_ftp_response_error_get_code(const tarvex_object_t *error);

@@ -17,7 +17,7 @@ namespace tarvex_posix {
 
 namespace {
 
-constexpr size_t chunk = 1024 * 1024;
+constexpr size_t chunk = size_t{1024} * 1024;
 
 const EVP_MD *digest_for(const char *alg)
 {
@@ -114,9 +114,9 @@ void checksum(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, Sessio
     unsigned int md_len = 0;
     EVP_DigestFinal_ex(ctx.get(), md_value, &md_len);
     char hex[EVP_MAX_MD_SIZE * 2 + 1];
-    for (unsigned int i = 0; i < md_len; ++i)
+    for (size_t i = 0; i < md_len; ++i)
         snprintf(hex + 2 * i, 3, "%02x", md_value[i]);
-    hex[2 * md_len] = '\0';
+    hex[2 * size_t{md_len}] = '\0';
     tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, hex);
 }
 

@@ -64,7 +64,8 @@ void setup(Pipeline &p, tarvex_gfs_operation_t op)
     int count = 0;
     tarvex_gridftp_server_get_block_size(op, &block);
     tarvex_gridftp_server_get_optimal_concurrency(op, &count);
-    block = std::clamp<tarvex_size_t>(block, 64 * 1024, 16 * 1024 * 1024);
+    constexpr tarvex_size_t kib = 1024;
+    block = std::clamp<tarvex_size_t>(block, 64 * kib, 16 * kib * kib);
     count = std::clamp(count, 2, 8);
     p.slots.resize(static_cast<size_t>(count));
     for (Slot &s : p.slots) {
@@ -236,6 +237,110 @@ void send_file(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void
     tarvex_gridftp_server_finished_transfer(op, r);
 }
 
+// Registers every free buffer while more data is `wanted`, then waits for
+// a completed read.  Sets *finished instead when no buffer is in flight.
+Slot *next_filled(tarvex_gfs_operation_t op, Pipeline &p, bool wanted, bool *finished)
+{
+    std::vector<Slot *> to_register;
+    Slot *done = nullptr;
+    {
+        std::unique_lock lock(p.mu);
+        if (wanted && p.error == TARVEX_SUCCESS) {
+            while (!p.free.empty()) {
+                to_register.push_back(p.free.front());
+                p.free.pop_front();
+                ++p.outstanding;
+            }
+        }
+        if (to_register.empty()) {
+            if (p.filled.empty() && p.outstanding == 0) {
+                *finished = true;
+                return nullptr;
+            }
+            p.cv.wait(lock, [&] { return !p.filled.empty() || p.outstanding == 0; });
+            if (!p.filled.empty()) {
+                done = p.filled.front();
+                p.filled.pop_front();
+            }
+        }
+    }
+    for (Slot *slot : to_register) {
+        tarvex_result_t rr = tarvex_gridftp_server_register_read(
+            op, slot->buf.data(), slot->buf.size(), read_done, slot);
+        if (rr != TARVEX_SUCCESS) {
+            std::lock_guard lock(p.mu);
+            --p.outstanding;
+            p.free.push_back(slot);
+            p.note_error(rr);
+        }
+    }
+    return done;
+}
+
+// Writes what a read brought, inside the asked range (`end` -1: no end).
+tarvex_result_t write_filled(int fd, const Slot &done, tarvex_off_t end, const char *path)
+{
+    size_t n = done.got;
+    if (end >= 0 && done.offset + static_cast<tarvex_off_t>(n) > end)
+        n = done.offset >= end ? 0 : static_cast<size_t>(end - done.offset);
+    size_t off = 0;
+    while (off < n) {
+        ssize_t w = pwrite(fd, done.buf.data() + off, n - off,
+                           done.offset + static_cast<tarvex_off_t>(off));
+        if (w < 0 && errno == EINTR)
+            continue;
+        if (w < 0)
+            return errno_result(errno, path);
+        off += static_cast<size_t>(w);
+    }
+    return TARVEX_SUCCESS;
+}
+
+// Keeps every free buffer registered until the client's data end, and
+// writes each completed read, until no buffer is in flight.  Returns this
+// side's failure; the completions' own are in p.error.
+tarvex_result_t receive_range(tarvex_gfs_operation_t op, Pipeline &p, int fd, const char *path,
+                              tarvex_off_t end)
+{
+    tarvex_result_t r = TARVEX_SUCCESS;
+    bool eof = false;
+    for (;;) {
+        bool finished = false;
+        Slot *done = next_filled(op, p, !eof && r == TARVEX_SUCCESS, &finished);
+        if (finished)
+            return r;
+        if (done == nullptr)
+            continue;
+        // Write what came, unless something failed.
+        bool failed;
+        {
+            std::lock_guard lock(p.mu);
+            failed = p.error != TARVEX_SUCCESS || r != TARVEX_SUCCESS;
+        }
+        if (!failed && tarvex_gridftp_server_operation_cancelled(op)) {
+            r = cancelled_result("the transfer");
+            failed = true;
+        }
+        if (!failed)
+            r = write_filled(fd, *done, end, path);
+        if (done->eof)
+            eof = true;
+        std::lock_guard lock(p.mu);
+        p.free.push_back(done);
+    }
+}
+
+// The modification time the client asked for, if it asked.
+void set_received_mtime(tarvex_gfs_operation_t op, int fd)
+{
+    time_t mtime = -1;
+    tarvex_gridftp_server_get_recv_modification_time(op, &mtime);
+    if (mtime != -1) {
+        timespec times[2] = {{0, UTIME_OMIT}, {mtime, 0}};
+        futimens(fd, times);
+    }
+}
+
 void receive_file(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
 {
     auto &s = *static_cast<Session *>(arg);
@@ -259,83 +364,9 @@ void receive_file(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, v
     Pipeline p;
     setup(p, op);
     tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-
-    tarvex_result_t r = TARVEX_SUCCESS;
-    bool eof = false;
-    for (;;) {
-        // Keep every free buffer registered until the client's data end.
-        std::vector<Slot *> to_register;
-        Slot *done = nullptr;
-        {
-            std::unique_lock lock(p.mu);
-            if (!eof && r == TARVEX_SUCCESS && p.error == TARVEX_SUCCESS) {
-                while (!p.free.empty()) {
-                    to_register.push_back(p.free.front());
-                    p.free.pop_front();
-                    ++p.outstanding;
-                }
-            }
-            if (to_register.empty()) {
-                if (p.filled.empty() && p.outstanding == 0)
-                    break;
-                p.cv.wait(lock, [&] { return !p.filled.empty() || p.outstanding == 0; });
-                if (!p.filled.empty()) {
-                    done = p.filled.front();
-                    p.filled.pop_front();
-                }
-            }
-        }
-        for (Slot *slot : to_register) {
-            tarvex_result_t rr = tarvex_gridftp_server_register_read(
-                op, slot->buf.data(), slot->buf.size(), read_done, slot);
-            if (rr != TARVEX_SUCCESS) {
-                std::lock_guard lock(p.mu);
-                --p.outstanding;
-                p.free.push_back(slot);
-                p.note_error(rr);
-            }
-        }
-        if (done == nullptr)
-            continue;
-        // Write what came (inside the asked range), unless something failed.
-        bool failed;
-        {
-            std::lock_guard lock(p.mu);
-            failed = p.error != TARVEX_SUCCESS || r != TARVEX_SUCCESS;
-        }
-        if (!failed && tarvex_gridftp_server_operation_cancelled(op)) {
-            r = cancelled_result("the transfer");
-            failed = true;
-        }
-        size_t n = done->got;
-        if (end >= 0 && done->offset + static_cast<tarvex_off_t>(n) > end)
-            n = done->offset >= end ? 0 : static_cast<size_t>(end - done->offset);
-        size_t off = 0;
-        while (!failed && off < n) {
-            ssize_t w = pwrite(fd, done->buf.data() + off, n - off,
-                               done->offset + static_cast<tarvex_off_t>(off));
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w < 0) {
-                r = errno_result(errno, path);
-                break;
-            }
-            off += static_cast<size_t>(w);
-        }
-        if (done->eof)
-            eof = true;
-        std::lock_guard lock(p.mu);
-        p.free.push_back(done);
-    }
-
-    if (r == TARVEX_SUCCESS && p.error == TARVEX_SUCCESS) {
-        time_t mtime = -1;
-        tarvex_gridftp_server_get_recv_modification_time(op, &mtime);
-        if (mtime != -1) {
-            timespec times[2] = {{0, UTIME_OMIT}, {mtime, 0}};
-            futimens(fd, times);
-        }
-    }
+    tarvex_result_t r = receive_range(op, p, fd, path, end);
+    if (r == TARVEX_SUCCESS && p.error == TARVEX_SUCCESS)
+        set_received_mtime(op, fd);
     if (close(fd) != 0 && r == TARVEX_SUCCESS)
         r = errno_result(errno, path);
     if (r == TARVEX_SUCCESS)

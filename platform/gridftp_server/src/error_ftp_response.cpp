@@ -76,6 +76,7 @@ char *ftp_response_printable(tarvex_object_t *error)
 const tarvex_error_class_t ftp_response_class = {ftp_response_printable};
 
 // tarvex_error_initialize_error() takes a va_list; this gives it one.
+__attribute__((format(printf, 4, 5)))
 tarvex_object_t *initialize_base(tarvex_object_t *error,
                                  tarvex_module_descriptor_t *module, int type,
                                  const char *format, ...)

@@ -21,7 +21,7 @@ namespace {
 
 // Configuration texts are small JSON documents; anything bigger is a
 // mistake (a command printing a file it should not), not data.
-constexpr size_t max_config_size = 4 * 1024 * 1024;
+constexpr size_t max_config_size = size_t{4} * 1024 * 1024;
 constexpr int command_timeout_ms = 60000;
 
 ConfigData::Status read_file(const std::string &path, std::string &text)
@@ -66,6 +66,7 @@ ConfigData::Status run_command(const std::string &cmd, const std::string &login,
             env_store.emplace_back(*e);
     env_store.push_back("TARVEX_USER=" + login);
     std::vector<char *> envp;
+    envp.reserve(env_store.size() + 1);
     for (std::string &s : env_store)
         envp.push_back(s.data());
     envp.push_back(nullptr);

@@ -90,7 +90,9 @@ Io Conn::start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err
             return Io::ok;
         }
         int e = SSL_get_error(ssl_, rc);
-        short ev = e == SSL_ERROR_WANT_READ ? POLLIN : e == SSL_ERROR_WANT_WRITE ? POLLOUT : 0;
+        short ev = e == SSL_ERROR_WANT_READ    ? short{POLLIN}
+                   : e == SSL_ERROR_WANT_WRITE ? short{POLLOUT}
+                                               : short{0};
         if (ev == 0) {
             unsigned long code = ERR_peek_last_error();
             char buf[256];

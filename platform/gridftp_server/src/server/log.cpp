@@ -50,10 +50,7 @@ std::string escaped(std::string_view text, bool spaces)
         if (c == '\\') {
             out += "\\\\";
             ++i;
-        } else if (c == ' ' && spaces) {
-            escape_byte(out, c);
-            ++i;
-        } else if (c >= 0x20 && c < 0x7f) {
+        } else if (c >= 0x20 && c < 0x7f && !(c == ' ' && spaces)) {
             out += static_cast<char>(c);
             ++i;
         } else if (size_t n = c >= 0x80 ? utf8_length(text.substr(i)) : 0; n > 0) {

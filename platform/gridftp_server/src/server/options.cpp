@@ -103,6 +103,84 @@ bool parse_range(const char *s, int &lo, int &hi)
            lo <= hi;
 }
 
+// A switch without a value; false when `a` is not one.
+bool take_switch(std::string_view a, Options &o)
+{
+    if (a == "--anonymous-map")
+        o.anonymous_map = true;
+    else if (a == "--require-tls")
+        o.require_tls = true;
+    else if (a == "--foreground")
+        o.foreground = true;
+    else if (a == "--tls-data-any-session")
+        o.tls_data_any_session = true;
+    else
+        return false;
+    return true;
+}
+
+enum class Taken { ok, bad_value, unknown };
+
+// An option `a` with its value `v`.
+Taken take_valued(std::string_view a, const char *v, Options &o)
+{
+    bool ok = true;
+    if (a == "--port")
+        ok = parse_int(v, 0, 65535, o.port);
+    else if (a == "--bind")
+        o.bind = v;
+    else if (a == "--dsi")
+        o.dsi = v;
+    else if (a == "--dsi-path")
+        o.dsi_path = v;
+    else if (a == "--passwd")
+        o.passwd_file = v;
+    else if (a == "--tls-cert")
+        o.tls_cert = v;
+    else if (a == "--tls-key")
+        o.tls_key = v;
+    else if (a == "--config-file")
+        ok = parse_key_value(v, o.config_files);
+    else if (a == "--config-command")
+        ok = parse_key_value(v, o.config_commands);
+    else if (a == "--port-file")
+        o.port_file = v;
+    else if (a == "--transfer-log") {
+        o.transfer_log = v;
+        ok = !o.transfer_log.empty();
+    } else if (a == "--pasv-range")
+        ok = parse_range(v, o.pasv_low, o.pasv_high);
+    else if (a == "--max-sessions")
+        ok = parse_int(v, 1, 100000, o.max_sessions);
+    else if (a == "--max-sessions-per-address")
+        ok = parse_int(v, 1, 100000, o.max_per_address);
+    else if (a == "--idle-timeout")
+        ok = parse_int(v, 1, 86400L * 7, o.idle_timeout);
+    else if (a == "--login-timeout")
+        ok = parse_int(v, 1, 3600, o.login_timeout);
+    else if (a == "--cancel-grace")
+        ok = parse_int(v, 1, 600, o.cancel_grace);
+    else
+        return Taken::unknown;
+    return ok ? Taken::ok : Taken::bad_value;
+}
+
+// What the options must say together; empty when they do.
+std::string check_together(const Options &o)
+{
+    if (o.port < 0)
+        return "--port is required";
+    if (o.dsi.empty())
+        return "--dsi is required";
+    if (o.passwd_file.empty() == !o.anonymous_map)
+        return "give exactly one of --passwd FILE and --anonymous-map";
+    if (o.tls_cert.empty() != o.tls_key.empty())
+        return "--tls-cert and --tls-key go together";
+    if (o.require_tls && o.tls_cert.empty())
+        return "--require-tls needs --tls-cert and --tls-key";
+    return "";
+}
+
 } // namespace
 
 const char *usage_text()
@@ -122,84 +200,27 @@ int parse_options(int argc, char **argv, Options &o, std::string &err)
             fputs("tarvex-gridftp-server " TARVEX_VERSION "\n", stdout);
             return 1;
         }
-        if (a == "--anonymous-map") {
-            o.anonymous_map = true;
+        if (take_switch(a, o))
             continue;
-        }
-        if (a == "--require-tls") {
-            o.require_tls = true;
-            continue;
-        }
-        if (a == "--foreground") {
-            o.foreground = true;
-            continue;
-        }
-        if (a == "--tls-data-any-session") {
-            o.tls_data_any_session = true;
-            continue;
-        }
         const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
         if (v == nullptr) {
             err = std::string(a) + ": missing value (see --help)";
             return -1;
         }
         ++i;
-        bool ok = true;
-        if (a == "--port")
-            ok = parse_int(v, 0, 65535, o.port);
-        else if (a == "--bind")
-            o.bind = v;
-        else if (a == "--dsi")
-            o.dsi = v;
-        else if (a == "--dsi-path")
-            o.dsi_path = v;
-        else if (a == "--passwd")
-            o.passwd_file = v;
-        else if (a == "--tls-cert")
-            o.tls_cert = v;
-        else if (a == "--tls-key")
-            o.tls_key = v;
-        else if (a == "--config-file")
-            ok = parse_key_value(v, o.config_files);
-        else if (a == "--config-command")
-            ok = parse_key_value(v, o.config_commands);
-        else if (a == "--port-file")
-            o.port_file = v;
-        else if (a == "--transfer-log") {
-            o.transfer_log = v;
-            ok = !o.transfer_log.empty();
-        }
-        else if (a == "--pasv-range")
-            ok = parse_range(v, o.pasv_low, o.pasv_high);
-        else if (a == "--max-sessions")
-            ok = parse_int(v, 1, 100000, o.max_sessions);
-        else if (a == "--max-sessions-per-address")
-            ok = parse_int(v, 1, 100000, o.max_per_address);
-        else if (a == "--idle-timeout")
-            ok = parse_int(v, 1, 86400 * 7, o.idle_timeout);
-        else if (a == "--login-timeout")
-            ok = parse_int(v, 1, 3600, o.login_timeout);
-        else if (a == "--cancel-grace")
-            ok = parse_int(v, 1, 600, o.cancel_grace);
-        else {
+        Taken taken = take_valued(a, v, o);
+        if (taken == Taken::unknown) {
             err = "unknown option " + std::string(a) + " (see --help)";
             return -1;
         }
-        if (!ok) {
+        if (taken == Taken::bad_value) {
             err = "bad value for " + std::string(a) + ": " + v;
             return -1;
         }
     }
-    if (o.port < 0)
-        err = "--port is required";
-    else if (o.dsi.empty())
-        err = "--dsi is required";
-    else if (o.passwd_file.empty() == !o.anonymous_map)
-        err = "give exactly one of --passwd FILE and --anonymous-map";
-    else if (o.tls_cert.empty() != o.tls_key.empty())
-        err = "--tls-cert and --tls-key go together";
-    else if (o.require_tls && o.tls_cert.empty())
-        err = "--require-tls needs --tls-cert and --tls-key";
+    std::string problem = check_together(o);
+    if (!problem.empty())
+        err = problem;
     return err.empty() ? 0 : -1;
 }
 

@@ -10,6 +10,6 @@ namespace tarvex_server {
 extern const tarvex_gfs_operation_provider_t session_provider;
 
 // Buffer size suggested to plug-ins: large buffers keep transfers fast.
-constexpr tarvex_size_t data_block_size = 1024 * 1024;
+constexpr tarvex_size_t data_block_size = tarvex_size_t{1024} * 1024;
 
 } // namespace tarvex_server

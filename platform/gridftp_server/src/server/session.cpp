@@ -306,7 +306,8 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
         c.result = tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
         return;
     }
-    plugin_thread_->post([this, &c, fn] {
+    const char *function = __func__; // in the lambda it would name operator()
+    plugin_thread_->post([this, &c, fn, function] {
         // The plug-in's code (and the REST client inside it) finds the
         // operation it works for, to see whether it was cancelled.
         tarvex_gfs_operation_t previous = tarvex_gfs_operation_set_current(c.op);
@@ -317,7 +318,7 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
             // answered here so that the session does not wait for it.
             log_session("the storage plug-in threw an exception");
             call_finished(c, tarvex_error_put(tarvex_error_construct_error(
-                                 nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, __FILE__, __func__,
+                                 nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, __FILE__, function,
                                  __LINE__, "The storage failed unexpectedly.")));
         }
         tarvex_gfs_operation_set_current(previous);

@@ -19,7 +19,7 @@ namespace {
 
 // A line holds a path and a login of at most a command line each (4 KiB),
 // escaped at most four bytes for one: far below this.
-constexpr size_t max_line = 64 * 1024;
+constexpr size_t max_line = size_t{64} * 1024;
 // Lines written per drain(): the listening process goes back to accepting
 // clients in between, however fast sessions send.
 constexpr int max_lines_per_drain = 256;
