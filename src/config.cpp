@@ -73,20 +73,30 @@ void load_defaults(bases &b)
 
 } // namespace
 
+/* Out of memory before the defaults were read, the getters give "": no
+ * request goes to it (the token's URL rule refuses it). */
 extern "C" const char *tarvex_box_api_base(void)
 {
-    bases &b = the_bases();
-    std::lock_guard<std::mutex> guard(b.lock);
-    load_defaults(b);
-    return b.api.c_str();
+    try {
+        bases &b = the_bases();
+        std::lock_guard<std::mutex> guard(b.lock);
+        load_defaults(b);
+        return b.api.c_str();
+    } catch (...) {
+        return "";
+    }
 }
 
 extern "C" const char *tarvex_box_upload_base(void)
 {
-    bases &b = the_bases();
-    std::lock_guard<std::mutex> guard(b.lock);
-    load_defaults(b);
-    return b.upload.c_str();
+    try {
+        bases &b = the_bases();
+        std::lock_guard<std::mutex> guard(b.lock);
+        load_defaults(b);
+        return b.upload.c_str();
+    } catch (...) {
+        return "";
+    }
 }
 
 /* A null or empty value leaves that base as it is.  Pointers returned
@@ -94,12 +104,22 @@ extern "C" const char *tarvex_box_upload_base(void)
 extern "C" void tarvex_box_set_bases(const char *api_base, const char *upload_base)
 {
     bases &b = the_bases();
-    std::lock_guard<std::mutex> guard(b.lock);
-    load_defaults(b);
-    if (api_base != nullptr && api_base[0] != '\0')
-        b.api = origin(api_base);
-    if (upload_base != nullptr && upload_base[0] != '\0')
-        b.upload = origin(upload_base);
+    try {
+        std::lock_guard<std::mutex> guard(b.lock);
+        load_defaults(b);
+        if (api_base != nullptr && api_base[0] != '\0')
+            b.api = origin(api_base);
+        if (upload_base != nullptr && upload_base[0] != '\0')
+            b.upload = origin(upload_base);
+    } catch (...) {
+        /* Out of memory: no base rather than one the policy did not name.
+         * Session start refuses "" as it refuses any base that could not
+         * carry the token. */
+        std::lock_guard<std::mutex> guard(b.lock);
+        b.api.clear();
+        b.upload.clear();
+        b.loaded = true;
+    }
 }
 
 namespace {
@@ -179,22 +199,20 @@ extern "C" bool tarvex_box_url_may_carry_token(const char *url)
     }
 }
 
+namespace {
+
 /*
  * A policy that is not JSON is a generic error while a key of the wrong
  * type is an FTP 500: the two are told apart on purpose.  A rate of 0 (or
  * none) keeps the current one.
  */
-extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *rate)
+tarvex_result_t parse_policy(const char *text, int *rate)
 {
-    TARVEX_BOX_TRACE_ENTER();
     json_error_t error;
     tarvex_box_json_ptr policy(json_loads(text, 0, &error));
-    if (policy.get() == nullptr) {
-        tarvex_result_t result = TARVEX_BOX_GENERIC_ERROR(
-            "Error loading collection storage policy: %s\n", error.text);
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
-    }
+    if (policy.get() == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("Error loading collection storage policy: %s\n",
+                                        error.text);
 
     int per_second = 0;
     if (json_unpack_ex(policy.get(), &error, 0, "{s?i}", "user_api_rate_limit",
@@ -203,10 +221,7 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
             nullptr, nullptr, 500, "INTERNAL_ERROR",
             "GridFTP-Error: Error unpacking collection storage policy: %s\n",
             error.text);
-        tarvex_result_t result =
-            object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
+        return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
     }
     if (per_second != 0)
         *rate = per_second;
@@ -228,6 +243,12 @@ extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *r
         result = store;
     else
         tarvex_error_discard(store);
-    TARVEX_BOX_TRACE_RESULT(result);
     return result;
+}
+
+} // namespace
+
+extern "C" tarvex_result_t tarvex_box_config_parse_json(const char *text, int *rate)
+{
+    return TARVEX_BOX_TRACED(parse_policy(text, rate));
 }

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -69,14 +70,10 @@ tarvex_result_t tarvex_l_box_lookup(tarvex_box_session_t *box,
     return TARVEX_SUCCESS;
 }
 
-} // namespace
-
-extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
-                                                  const char *path,
-                                                  tarvex_box_path_info_t **entry_out,
-                                                  tarvex_box_path_info_t **parent_out)
+tarvex_result_t tarvex_l_box_path_resolve(tarvex_box_session_t *box, const char *path,
+                                          tarvex_box_path_info_t **entry_out,
+                                          tarvex_box_path_info_t **parent_out)
 {
-    TARVEX_BOX_TRACE_ENTER();
     tarvex_result_t result = TARVEX_SUCCESS;
 
     /* The server hands only absolute paths; anything else is refused
@@ -86,18 +83,13 @@ extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
             *entry_out = nullptr;
         if (parent_out != nullptr)
             *parent_out = nullptr;
-        result = tarvex_l_box_not_found(path != nullptr ? path : "");
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
+        return tarvex_l_box_not_found(path != nullptr ? path : "");
     }
 
     /* Session start listed the root, so it counts as listed for good. */
     tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&box->cache, "/");
-    if (folder == nullptr) {
-        result = TARVEX_BOX_GENERIC_ERROR("%s", "The root folder is missing from the cache");
-        TARVEX_BOX_TRACE_RESULT(result);
-        return result;
-    }
+    if (folder == nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "The root folder is missing from the cache");
     folder->listed = true;
 
     const std::string whole(path);
@@ -121,10 +113,8 @@ extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
         } else {
             result = tarvex_l_box_lookup(box, folder, prefix, &next);
         }
-        if (result != TARVEX_SUCCESS) {
-            TARVEX_BOX_TRACE_RESULT(result);
+        if (result != TARVEX_SUCCESS)
             return result;
-        }
         if (next == nullptr) {
             walked = false;
             break;
@@ -141,10 +131,8 @@ extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
             parent = nullptr;
         } else {
             result = tarvex_l_box_lookup(box, folder, whole, &entry);
-            if (result != TARVEX_SUCCESS) {
-                TARVEX_BOX_TRACE_RESULT(result);
+            if (result != TARVEX_SUCCESS)
                 return result;
-            }
         }
     }
 
@@ -152,7 +140,17 @@ extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
         *entry_out = entry;
     if (parent_out != nullptr)
         *parent_out = parent;
-    result = entry != nullptr ? TARVEX_SUCCESS : tarvex_l_box_not_found(path);
-    TARVEX_BOX_TRACE_RESULT(result);
-    return result;
+    return entry != nullptr ? TARVEX_SUCCESS : tarvex_l_box_not_found(path);
+}
+
+} // namespace
+
+/* The walk builds its keys as strings: an allocation failure becomes an
+ * error here instead of leaving through the C callers. */
+extern "C" tarvex_result_t tarvex_box_path_resolve(tarvex_box_session_t *box,
+                                                  const char *path,
+                                                  tarvex_box_path_info_t **entry_out,
+                                                  tarvex_box_path_info_t **parent_out)
+{
+    return TARVEX_BOX_TRACED(tarvex_l_box_path_resolve(box, path, entry_out, parent_out));
 }

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -169,8 +170,10 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
 
         request->attempts_made++;
         /* Only a translated answer says how long to wait; a transport
-         * failure leaves the last answer's "Retry-After" in force. */
-        result = attempt(box, request, &retry, &retry_after);
+         * failure leaves the last answer's "Retry-After" in force.  The
+         * attempt builds its headers as strings: out of memory it fails,
+         * without a retry, instead of throwing into C callers. */
+        result = tarvex_box_guarded([&] { return attempt(box, request, &retry, &retry_after); });
         if (result == TARVEX_SUCCESS)
             break;
 

@@ -103,7 +103,9 @@ extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
     } else {
         box->user_retry.fd = -1;
         box->user_upload_retry.fd = -1;
-        result = tarvex_l_box_start(op, box);
+        /* Called from C: what the start builds as strings (the upload
+         * pacing name, the policy's bases) must not throw past here. */
+        result = tarvex_box_guarded([&] { return tarvex_l_box_start(op, box); });
     }
 
     if (result == TARVEX_SUCCESS) {

@@ -51,7 +51,7 @@ typedef struct tarvex_debug_handle_s {
 } tarvex_debug_handle_t;
 
 /* Fills `handle` from the variable.  Returns 0; non-zero only for invalid
- * arguments (the handle is then left off). */
+ * arguments or when memory runs out (the handle is then left off). */
 int tarvex_debug_init(const char *env_name, const char *level_names,
                       tarvex_debug_handle_t *handle);
 

@@ -51,7 +51,8 @@ extern const tarvex_object_type_t TARVEX_ERROR_TYPE_ERRNO_DEFINITION;
 /* ---- the process error table ---- */
 
 /* Stores `error` (the table owns it now) and returns its handle.  NULL
- * gives TARVEX_FAILURE. */
+ * gives TARVEX_FAILURE, and so does a table that could not be allocated
+ * (the error is freed then). */
 tarvex_result_t tarvex_error_put(tarvex_object_t *error);
 
 /* The error behind `result`, still owned by the table; NULL for

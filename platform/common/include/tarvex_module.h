@@ -38,7 +38,8 @@ typedef struct tarvex_module_descriptor_s {
     tarvex_module_friendly_error_func_t friendly_error_func;
 } tarvex_module_descriptor_t;
 
-/* 0 on success, else the activation function's non-zero result. */
+/* 0 on success, else the activation function's non-zero result (-1,
+ * without calling it, for NULL or when memory runs out). */
 int tarvex_module_activate(tarvex_module_descriptor_t *module);
 /* 0 on success; deactivating an inactive module returns non-zero. */
 int tarvex_module_deactivate(tarvex_module_descriptor_t *module);

@@ -123,14 +123,8 @@ void handle_off(tarvex_debug_handle_t *handle)
     handle->using_file = false;
 }
 
-} // namespace
-
-extern "C" {
-
-unsigned tarvex_debug_parse_levels(const char *text, const char *level_names)
+unsigned parse_levels(const char *text, const char *level_names)
 {
-    if (text == nullptr)
-        return 0;
     std::string field = trim(text);
     unsigned number = 0;
     if (parse_number(field, &number))
@@ -151,6 +145,42 @@ unsigned tarvex_debug_parse_levels(const char *text, const char *level_names)
     return levels;
 }
 
+// Everything that allocates comes before the stream is opened, so that an
+// exception leaves the handle off and no file open.
+void init(const char *value, const char *level_names, tarvex_debug_handle_t *handle)
+{
+    std::vector<std::string> fields = split(value, ',');
+    unsigned levels = parse_levels(fields[0].c_str(), level_names);
+    if (levels == 0)
+        return;
+    unsigned timestamp_levels =
+        fields.size() > 2 ? parse_levels(fields[2].c_str(), level_names) : 0;
+    bool thread_ids = fields.size() > 3 && is_switch_on(trim(fields[3]));
+    bool opened = false;
+    FILE *file = open_stream(fields.size() > 1 ? trim(fields[1]) : "", &opened);
+    handle->levels = levels;
+    handle->file = file;
+    handle->using_file = opened;
+    handle->timestamp_levels = timestamp_levels;
+    handle->thread_ids = thread_ids;
+}
+
+} // namespace
+
+extern "C" {
+
+// Both are called from C: out of memory, nothing is turned on.
+unsigned tarvex_debug_parse_levels(const char *text, const char *level_names)
+{
+    if (text == nullptr)
+        return 0;
+    try {
+        return parse_levels(text, level_names);
+    } catch (...) {
+        return 0;
+    }
+}
+
 int tarvex_debug_init(const char *env_name, const char *level_names,
                       tarvex_debug_handle_t *handle)
 {
@@ -162,19 +192,12 @@ int tarvex_debug_init(const char *env_name, const char *level_names,
     const char *value = getenv(env_name);
     if (value == nullptr)
         return 0;
-    std::vector<std::string> fields = split(value, ',');
-    unsigned levels = tarvex_debug_parse_levels(fields[0].c_str(), level_names);
-    if (levels == 0)
-        return 0;
-    bool opened = false;
-    FILE *file = open_stream(fields.size() > 1 ? trim(fields[1]) : "", &opened);
-    handle->levels = levels;
-    handle->file = file;
-    handle->using_file = opened;
-    if (fields.size() > 2)
-        handle->timestamp_levels = tarvex_debug_parse_levels(fields[2].c_str(), level_names);
-    if (fields.size() > 3)
-        handle->thread_ids = is_switch_on(trim(fields[3]));
+    try {
+        init(value, level_names, handle);
+    } catch (...) {
+        handle_off(handle);
+        return -1;
+    }
     return 0;
 }
 

@@ -100,6 +100,17 @@ table &the_table()
     return *instance;
 }
 
+// The table, or null when its first allocation failed (or its lock threw):
+// the entry points below are called from C and must not let that out.
+template <typename T, typename Body> T with_table(T fallback, Body &&body) noexcept
+{
+    try {
+        return body(the_table());
+    } catch (...) {
+        return fallback;
+    }
+}
+
 } // namespace
 
 extern "C" {
@@ -108,10 +119,8 @@ tarvex_result_t tarvex_error_put(tarvex_object_t *error)
 {
     if (error == nullptr)
         return TARVEX_FAILURE;
-    table &t = the_table();
     tarvex_object_t *evicted = nullptr;
-    tarvex_result_t result;
-    {
+    tarvex_result_t result = with_table(TARVEX_FAILURE, [&](table &t) -> tarvex_result_t {
         std::lock_guard<std::mutex> lock(t.mutex);
         t.init();
         uint32_t i;
@@ -128,34 +137,37 @@ tarvex_result_t tarvex_error_put(tarvex_object_t *error)
         s.error = error;
         s.generation = s.generation >= kMaxGeneration ? 1 : s.generation + 1;
         t.append(i);
-        result = (s.generation << kSlotBits) | i;
-    }
-    // Freed outside the lock: a destructor may itself use the table.
-    tarvex_object_free(evicted);
+        return (s.generation << kSlotBits) | i;
+    });
+    // Freed outside the lock: a destructor may itself use the table.  An
+    // error that could not be put is freed too: nobody holds a handle to it.
+    tarvex_object_free(result == TARVEX_FAILURE ? error : evicted);
     return result;
 }
 
 tarvex_object_t *tarvex_error_peek(tarvex_result_t result)
 {
-    table &t = the_table();
-    std::lock_guard<std::mutex> lock(t.mutex);
-    uint32_t i = t.find(result);
-    return i == kNone ? nullptr : t.slots[i].error;
+    return with_table<tarvex_object_t *>(nullptr, [&](table &t) -> tarvex_object_t * {
+        std::lock_guard<std::mutex> lock(t.mutex);
+        uint32_t i = t.find(result);
+        return i == kNone ? nullptr : t.slots[i].error;
+    });
 }
 
 tarvex_object_t *tarvex_error_get(tarvex_result_t result)
 {
-    table &t = the_table();
-    std::lock_guard<std::mutex> lock(t.mutex);
-    uint32_t i = t.find(result);
-    if (i == kNone)
-        return nullptr;
-    tarvex_object_t *error = t.slots[i].error;
-    t.slots[i].error = nullptr;
-    t.unlink(i);
-    t.push_free(i);
-    t.count--;
-    return error;
+    return with_table<tarvex_object_t *>(nullptr, [&](table &t) -> tarvex_object_t * {
+        std::lock_guard<std::mutex> lock(t.mutex);
+        uint32_t i = t.find(result);
+        if (i == kNone)
+            return nullptr;
+        tarvex_object_t *error = t.slots[i].error;
+        t.slots[i].error = nullptr;
+        t.unlink(i);
+        t.push_free(i);
+        t.count--;
+        return error;
+    });
 }
 
 void tarvex_error_discard(tarvex_result_t result)
@@ -166,9 +178,10 @@ void tarvex_error_discard(tarvex_result_t result)
 
 size_t tarvex_error_table_count(void)
 {
-    table &t = the_table();
-    std::lock_guard<std::mutex> lock(t.mutex);
-    return t.count;
+    return with_table(size_t{0}, [](table &t) {
+        std::lock_guard<std::mutex> lock(t.mutex);
+        return t.count;
+    });
 }
 
 } // extern "C"

@@ -19,7 +19,9 @@ struct registry_entry {
     tarvex_module_descriptor_t *module;
     void *data;
 };
-using registry_table = std::map<std::string, registry_entry>;
+// std::less<>: symbols are looked up as they come, without a std::string
+// (whose allocation could throw into the C callers).
+using registry_table = std::map<std::string, registry_entry, std::less<>>;
 
 // One lock for every registry: registries are plain zero-initialised
 // globals, so they cannot carry a lock of their own.
@@ -49,14 +51,14 @@ struct loaded_extension {
 
 // Recursive: an extension's activation may load further extensions.
 std::recursive_mutex loader_mutex;
-std::map<std::string, loaded_extension> *loaded;
+std::map<std::string, loaded_extension, std::less<>> *loaded;
 std::string search_path;
 thread_local std::string last_error;
 
-std::map<std::string, loaded_extension> &loaded_extensions()
+std::map<std::string, loaded_extension, std::less<>> &loaded_extensions()
 {
     if (loaded == nullptr)
-        loaded = new std::map<std::string, loaded_extension>;
+        loaded = new std::map<std::string, loaded_extension, std::less<>>;
     return *loaded;
 }
 
@@ -205,23 +207,29 @@ tarvex_module_descriptor_t *tarvex_extension_registry_module(
     return entry == nullptr ? nullptr : entry->module;
 }
 
+// Out of memory, the search path stays as it was.
 void tarvex_extension_set_search_path(const char *path)
 {
-    std::lock_guard<std::recursive_mutex> lock(loader_mutex);
-    search_path = path == nullptr ? "" : path;
+    try {
+        std::lock_guard<std::recursive_mutex> lock(loader_mutex);
+        search_path = path == nullptr ? "" : path;
+    } catch (...) {
+        // nothing to report it through
+    }
 }
 
 int tarvex_extension_activate(const char *extension_name)
 {
     last_error.clear();
-    if (extension_name == nullptr || *extension_name == '\0') {
-        last_error = "no extension name given";
-        return -1;
-    }
     try {
+        if (extension_name == nullptr || *extension_name == '\0') {
+            last_error = "no extension name given";
+            return -1;
+        }
         std::lock_guard<std::recursive_mutex> lock(loader_mutex);
         return activate_locked(extension_name);
-    } catch (const std::bad_alloc &) {
+    } catch (...) {
+        // Short enough to be kept without an allocation.
         last_error = "out of memory";
         return -1;
     }
@@ -232,7 +240,9 @@ int tarvex_extension_deactivate(const char *extension_name)
     if (extension_name == nullptr)
         return -1;
     std::lock_guard<std::recursive_mutex> lock(loader_mutex);
-    auto &extensions = loaded_extensions();
+    if (loaded == nullptr)
+        return -1; // nothing was ever loaded
+    auto &extensions = *loaded;
     auto it = extensions.find(extension_name);
     if (it == extensions.end())
         return -1;

@@ -37,16 +37,19 @@ registry &the_registry()
 }
 
 // Runs the exit hooks of the modules still active when the process exits.
-void run_atexit_hooks()
+// Called by exit(), from C: with no memory for the list, no hook runs.
+void run_atexit_hooks() noexcept
 {
-    registry &r = the_registry();
     std::vector<tarvex_module_atexit_func_t> hooks;
-    {
+    try {
+        registry &r = the_registry();
         std::lock_guard<std::mutex> lock(r.mutex);
         for (const auto &[module, state] : r.modules) {
             if (state.count > 0 && module->atexit_func != nullptr)
                 hooks.push_back(module->atexit_func);
         }
+    } catch (...) {
+        return;
     }
     for (auto hook : hooks)
         hook();
@@ -65,14 +68,8 @@ module_state &settle(registry &r, std::unique_lock<std::mutex> &lock,
     }
 }
 
-} // namespace
-
-extern "C" {
-
-int tarvex_module_activate(tarvex_module_descriptor_t *module)
+int activate(tarvex_module_descriptor_t *module)
 {
-    if (module == nullptr)
-        return -1;
     registry &r = the_registry();
     std::unique_lock<std::mutex> lock(r.mutex);
     module_state &state = settle(r, lock, module);
@@ -101,10 +98,8 @@ int tarvex_module_activate(tarvex_module_descriptor_t *module)
     return rc;
 }
 
-int tarvex_module_deactivate(tarvex_module_descriptor_t *module)
+int deactivate(tarvex_module_descriptor_t *module)
 {
-    if (module == nullptr)
-        return -1;
     registry &r = the_registry();
     std::unique_lock<std::mutex> lock(r.mutex);
     module_state &state = settle(r, lock, module);
@@ -133,14 +128,47 @@ int tarvex_module_deactivate(tarvex_module_descriptor_t *module)
     return rc;
 }
 
+} // namespace
+
+extern "C" {
+
+// Called from C.  What can throw (the registry's first allocation and a
+// module's first entry in it) comes before any activation or deactivation
+// function runs, so an exception means that none ran: -1.
+int tarvex_module_activate(tarvex_module_descriptor_t *module)
+{
+    if (module == nullptr)
+        return -1;
+    try {
+        return activate(module);
+    } catch (...) {
+        return -1;
+    }
+}
+
+int tarvex_module_deactivate(tarvex_module_descriptor_t *module)
+{
+    if (module == nullptr)
+        return -1;
+    try {
+        return deactivate(module);
+    } catch (...) {
+        return -1;
+    }
+}
+
 int tarvex_module_activation_count(const tarvex_module_descriptor_t *module)
 {
     if (module == nullptr)
         return 0;
-    registry &r = the_registry();
-    std::lock_guard<std::mutex> lock(r.mutex);
-    auto it = r.modules.find(module);
-    return it == r.modules.end() ? 0 : it->second.count;
+    try {
+        registry &r = the_registry();
+        std::lock_guard<std::mutex> lock(r.mutex);
+        auto it = r.modules.find(module);
+        return it == r.modules.end() ? 0 : it->second.count;
+    } catch (...) {
+        return 0;
+    }
 }
 
 } // extern "C"
