@@ -5,7 +5,7 @@ add_executable(tarvex_box_session_tests
   ${CMAKE_CURRENT_LIST_DIR}/box_session_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_session_listing_test.cpp)
 target_link_libraries(tarvex_box_session_tests PRIVATE
-  tarvex_test_box_session_support GTest::gtest_main)
+  tarvex_test_box_session_support tarvex_test_error_check GTest::gtest_main)
 gtest_discover_tests(tarvex_box_session_tests
   TEST_PREFIX "box_session."
   PROPERTIES LABELS integration

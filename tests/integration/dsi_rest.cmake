@@ -7,7 +7,8 @@ add_executable(tarvex_dsi_rest_integration_tests
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_resend_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_stream_test.cpp)
 target_link_libraries(tarvex_dsi_rest_integration_tests PRIVATE
-  tarvex_dsi_rest OpenSSL::Crypto Threads::Threads GTest::gtest_main)
+  tarvex_dsi_rest OpenSSL::Crypto Threads::Threads tarvex_test_error_check
+  GTest::gtest_main)
 target_compile_definitions(tarvex_dsi_rest_integration_tests PRIVATE
   TARVEX_PYTHON="${Python3_EXECUTABLE}"
   TARVEX_HTTP_SCRIPT_SERVER="${TARVEX_SOURCE_ROOT}/tests/support/http_script_server.py")

@@ -201,7 +201,12 @@ struct Exchange {
             wanted[pair.key] = pair.value != nullptr ? pair.value : "";
         tarvex_dsi_rest_response_arg_clear(&record);
     }
-    ~Exchange() { json_decref(json); }
+    /* The exchange owns its result: the error, if any, goes with it. */
+    ~Exchange()
+    {
+        json_decref(json);
+        tarvex_error_discard(result);
+    }
     int error_type() const
     {
         const tarvex_object_t *error = tarvex_error_peek(result);

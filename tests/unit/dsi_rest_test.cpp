@@ -28,8 +28,11 @@ std::string drain(tarvex_dsi_rest_multipart_arg_t *multipart, const char *conten
     std::vector<char> buffer(step);
     while (out.size() < 1 << 20) {
         size_t n = 0;
-        if (tarvex_dsi_rest_write_multipart(multipart, buffer.data(), step, &n) != TARVEX_SUCCESS)
+        tarvex_result_t result = tarvex_dsi_rest_write_multipart(multipart, buffer.data(), step, &n);
+        if (result != TARVEX_SUCCESS) {
+            tarvex_error_discard(result);
             return "error";
+        }
         if (n == 0)
             break;
         out.append(buffer.data(), n);

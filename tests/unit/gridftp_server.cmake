@@ -13,7 +13,8 @@ add_executable(tarvex_gridftp_server_unit_tests
   ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_error_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_driver_test.cpp)
 target_link_libraries(tarvex_gridftp_server_unit_tests PRIVATE
-  tarvex_test_driver tarvex_gridftp_server tarvex_common GTest::gtest_main)
+  tarvex_test_driver tarvex_gridftp_server tarvex_common tarvex_test_error_check
+  GTest::gtest_main)
 target_compile_definitions(tarvex_gridftp_server_unit_tests PRIVATE
   TARVEX_GFS_FIXTURE_DIR="${CMAKE_CURRENT_BINARY_DIR}/gridftp-fixtures")
 add_dependencies(tarvex_gridftp_server_unit_tests tarvex_gridftp_server_gfsfixture)

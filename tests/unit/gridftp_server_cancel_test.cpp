@@ -131,6 +131,7 @@ TEST_F(PosixCancel, ChecksumStopsWhenCancelledFromAnotherThread)
     EXPECT_NE(r, TARVEX_SUCCESS);
     EXPECT_NE(tarvex_test::ftp_reply(r).find("CANCELLED"), std::string::npos)
         << tarvex_test::ftp_reply(r);
+    tarvex_error_discard(r);
     auto answers = d_.events(event_kind::command);
     ASSERT_EQ(answers.size(), 1u);
     EXPECT_FALSE(answers[0].text.has_value()); // no checksum
@@ -144,6 +145,7 @@ TEST_F(PosixCancel, TransfersStopAtTheCancelPoint)
     d_.cancel_after_bytes(4 << 20);
     tarvex_result_t r = d_.send(iface_, session_, "/big.bin");
     EXPECT_NE(r, TARVEX_SUCCESS);
+    tarvex_error_discard(r);
     EXPECT_GE(d_.sent_bytes(), uint64_t(4) << 20);
     EXPECT_LT(d_.sent_bytes(), uint64_t(64) << 20);
 
@@ -152,6 +154,7 @@ TEST_F(PosixCancel, TransfersStopAtTheCancelPoint)
     d_.set_receive_pattern(uint64_t(1) << 30);
     r = d_.recv(iface_, session_, "/stored.bin", 0, true);
     EXPECT_NE(r, TARVEX_SUCCESS);
+    tarvex_error_discard(r);
     EXPECT_LT(d_.received_bytes(), uint64_t(64) << 20);
     EXPECT_LE(fs::file_size(root_ + "/stored.bin"), d_.received_bytes());
 
@@ -160,6 +163,7 @@ TEST_F(PosixCancel, TransfersStopAtTheCancelPoint)
     d_.add_read_range(0, -1);
     r = d_.send(iface_, session_, "/big.bin");
     EXPECT_NE(r, TARVEX_SUCCESS);
+    tarvex_error_discard(r);
     EXPECT_EQ(d_.sent_bytes(), 0u);
 
     // Not cancelled, the same store goes through.

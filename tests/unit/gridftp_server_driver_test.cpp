@@ -236,11 +236,12 @@ TEST_F(DriverTest, SendLandsWritesInFlightAtTheirOffsets)
     // A write that would cross the scripted limit is refused, not sunk.
     d.fail_send_after(10, "client went away");
     d.add_read_range(0, -1);
-    EXPECT_EQ(tarvex_test::ftp_reply(d.send(&fake_iface, session, "/f")),
-              "451 client went away\r\n");
+    tarvex_result_t refused = d.send(&fake_iface, session, "/f");
+    EXPECT_EQ(tarvex_test::ftp_reply(refused), "451 client went away\r\n");
     EXPECT_EQ(d.sent_data(), session->content.substr(0, 8));
     // Replies are rendered while the error still exists.
     EXPECT_EQ(d.events(event_kind::finished_transfer).back().reply, "451 client went away\r\n");
+    tarvex_error_discard(refused);
 }
 
 TEST_F(DriverTest, ReceiveCompletesOnAnotherThreadInChunks)
@@ -268,8 +269,9 @@ TEST_F(DriverTest, ReceiveCompletesOnAnotherThreadInChunks)
     EXPECT_EQ(session->read_offsets, (std::vector<tarvex_off_t>{1000, 1064, 1128}));
 
     d.fail_receive_after(5, "data channel closed");
-    EXPECT_EQ(tarvex_test::ftp_reply(d.recv(&fake_iface, session, "/up", 10, true)),
-              "451 data channel closed\r\n");
+    tarvex_result_t refused = d.recv(&fake_iface, session, "/up", 10, true);
+    EXPECT_EQ(tarvex_test::ftp_reply(refused), "451 data channel closed\r\n");
+    tarvex_error_discard(refused);
 }
 
 } // namespace

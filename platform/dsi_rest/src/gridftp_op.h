@@ -101,11 +101,25 @@ struct BufferPool {
         }
     }
 
-    // Called with the mutex held: a completion's first failure is kept.
+    // An error nobody took (a completion failed after the request was
+    // over) goes with the pool, not left behind in the error table.
+    ~BufferPool()
+    {
+        if (!error_taken)
+            tarvex_error_discard(error);
+    }
+
+    // Called with the mutex held: a completion's first failure is kept;
+    // later ones (other buffers in flight failing too) are dropped, as
+    // nobody will ask for them.
     void record(tarvex_result_t result)
     {
-        if (result != TARVEX_SUCCESS && error == TARVEX_SUCCESS)
+        if (result == TARVEX_SUCCESS)
+            return;
+        if (error == TARVEX_SUCCESS)
             error = result;
+        else
+            tarvex_error_discard(result);
     }
 
     // Called with the mutex held.  A completion's error is handed out once.
