@@ -70,8 +70,11 @@ void Transfer::begin(bool with_thread)
 {
     if (began_.exchange(true))
         return;
-    p_.send_reply(150, "Opening BINARY mode data connection for " + p_.what + ".");
+    // Announced before the 150 goes out: a client that has read it may
+    // send data and then STAT at once, and a STAT seen before the flag was
+    // set waited for the transfer's end, which waited for that client.
     announced_ = true;
+    p_.send_reply(150, "Opening BINARY mode data connection for " + p_.what + ".");
     std::string why;
     conn_ = setup_.open(connect_timeout_ms, cancel_fd_, why,
                         p_.tls != nullptr ? DataSetup::Vetter([this](Conn &c, int timeout_ms,
