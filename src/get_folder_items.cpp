@@ -10,12 +10,12 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <unordered_set>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "get_folder_items"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "listing_markers.h"
 
 namespace {
 
@@ -106,28 +106,6 @@ tarvex_result_t tarvex_l_box_take_page(tarvex_box_session_t *box, json_t *page,
     return TARVEX_SUCCESS;
 }
 
-/*
- * A listing that would never end: Box handing back a marker it gave
- * earlier in the same listing (its pages would repeat for ever, or an
- * empty page with the marker "" would be asked for again and again), or
- * more pages than any real folder has.  Box keeps folders far below a
- * million items; 20,000 pages of 300 is six million.
- */
-constexpr int tarvex_l_box_page_budget = 20000;
-
-tarvex_result_t tarvex_l_box_check_marker(std::unordered_set<std::string> *seen,
-                                          const char *marker, const char *folder_id)
-{
-    if (seen->size() >= static_cast<size_t>(tarvex_l_box_page_budget))
-        return TARVEX_BOX_GENERIC_ERROR(
-            "The listing of Box folder %s was stopped after %d pages.", folder_id,
-            tarvex_l_box_page_budget);
-    if (!seen->insert(marker).second)
-        return TARVEX_BOX_GENERIC_ERROR(
-            "Box repeated a listing marker; the listing of folder %s was stopped.", folder_id);
-    return TARVEX_SUCCESS;
-}
-
 tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const char *folder_id,
                                               const char *path,
                                               tarvex_box_list_entry_cb_t callback,
@@ -140,7 +118,7 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
 
     tarvex_result_t result = TARVEX_SUCCESS;
     tarvex_box_cstr_ptr marker;
-    std::unordered_set<std::string> seen;
+    tarvex_box_listing_markers markers;
     do {
         /* The first page goes without a marker: the REST client leaves a
          * key without a value out of the query. */
@@ -161,7 +139,7 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
         result = tarvex_l_box_take_page(box, request.json, path, callback, callback_arg,
                                         &marker);
         if (result == TARVEX_SUCCESS && marker != nullptr)
-            result = tarvex_l_box_check_marker(&seen, marker.get(), folder_id);
+            result = markers.take(marker.get(), folder_id);
     } while (result == TARVEX_SUCCESS && marker != nullptr);
     return result;
 }
@@ -211,4 +189,15 @@ extern "C" tarvex_result_t tarvex_box_get_file_info(tarvex_box_session_t *box,
 {
     return TARVEX_BOX_TRACED(
         tarvex_l_box_get_file_info(box, file_id, parent_path, callback, callback_arg));
+}
+
+tarvex_result_t tarvex_box_listing_markers::take(const char *marker, const char *folder_id)
+{
+    if (seen_.size() >= page_budget)
+        return TARVEX_BOX_GENERIC_ERROR("The listing of Box folder %s was stopped after %zu pages.",
+                                        folder_id, page_budget);
+    if (!seen_.insert(marker).second)
+        return TARVEX_BOX_GENERIC_ERROR(
+            "Box repeated a listing marker; the listing of folder %s was stopped.", folder_id);
+    return TARVEX_SUCCESS;
 }

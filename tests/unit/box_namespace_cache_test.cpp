@@ -1,6 +1,10 @@
-/* The path cache: keys, replacement, and release as session end does it. */
+/* The path cache: keys, replacement, and release as session end does it;
+ * the markers that end a listing that would never end. */
 #include <gtest/gtest.h>
 
+#include <string>
+
+#include "listing_markers.h"
 #include "tarvex_box_common.h"
 
 TEST(BoxPathCache, KeysReplacementAndRelease)
@@ -30,4 +34,25 @@ TEST(BoxPathCache, KeysReplacementAndRelease)
     EXPECT_EQ(tarvex_hashtable_size(&box->cache), 4);
     EXPECT_EQ(tarvex_box_path_cache_remove(&box->cache, "/never"), TARVEX_SUCCESS);
     tarvex_i_box_destroy(box); /* both tables as start made them; the leak checker watches */
+}
+
+/* A listing takes new markers up to the page budget, and no marker twice
+ * (the listing test against the emulator shows a repeat ending a listing;
+ * the budget is far too many pages for it). */
+TEST(BoxListingMarkers, RepeatsAndThePageBudgetEndTheListing)
+{
+    auto message = [](tarvex_result_t result) {
+        tarvex_object_t *error = tarvex_error_get(result);
+        std::string text = error ? tarvex_error_get_message(error) : "";
+        tarvex_object_free(error);
+        return text;
+    };
+    tarvex_box_listing_markers markers;
+    EXPECT_EQ(markers.take("", "5"), TARVEX_SUCCESS);
+    EXPECT_EQ(message(markers.take("", "5")),
+              "Box repeated a listing marker; the listing of folder 5 was stopped.");
+    for (size_t page = 1; page < tarvex_box_listing_markers::page_budget; page++)
+        ASSERT_EQ(markers.take(std::to_string(page).c_str(), "5"), TARVEX_SUCCESS) << page;
+    EXPECT_EQ(message(markers.take("one more", "5")),
+              "The listing of Box folder 5 was stopped after 20000 pages.");
 }
