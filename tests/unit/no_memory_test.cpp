@@ -48,12 +48,52 @@ void *operator new(size_t size)
     throw std::bad_alloc();
 }
 
+/* The nothrow and array forms are replaced as well: the library's defaults
+ * forward to the plain ones, but a sanitizer's runtime supplies its own, and
+ * a block from its new freed by the free below is a mismatch it reports. */
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    if (out_of_memory)
+        return nullptr;
+    return std::malloc(size != 0 ? size : 1);
+}
+
+void *operator new[](size_t size)
+{
+    return ::operator new(size);
+}
+
+void *operator new[](size_t size, const std::nothrow_t &tag) noexcept
+{
+    return ::operator new(size, tag);
+}
+
 void operator delete(void *block) noexcept
 {
     std::free(block);
 }
 
 void operator delete(void *block, size_t) noexcept
+{
+    std::free(block);
+}
+
+void operator delete(void *block, const std::nothrow_t &) noexcept
+{
+    std::free(block);
+}
+
+void operator delete[](void *block) noexcept
+{
+    std::free(block);
+}
+
+void operator delete[](void *block, size_t) noexcept
+{
+    std::free(block);
+}
+
+void operator delete[](void *block, const std::nothrow_t &) noexcept
 {
     std::free(block);
 }
