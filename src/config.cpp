@@ -71,32 +71,31 @@ void load_defaults(bases &b)
     b.loaded = true;
 }
 
-} // namespace
-
-/* Out of memory before the defaults were read, the getters give "": no
- * request goes to it (the token's URL rule refuses it). */
-extern "C" const char *tarvex_box_api_base(void)
+/* One of the bases, for the C getters.  Out of memory before the defaults
+ * were read it is "": no request goes to it (the token's URL rule refuses
+ * it). */
+const char *base_text(std::string bases::*which) noexcept
 {
     try {
         bases &b = the_bases();
         std::lock_guard<std::mutex> guard(b.lock);
         load_defaults(b);
-        return b.api.c_str();
+        return (b.*which).c_str();
     } catch (...) {
         return "";
     }
 }
 
+} // namespace
+
+extern "C" const char *tarvex_box_api_base(void)
+{
+    return base_text(&bases::api);
+}
+
 extern "C" const char *tarvex_box_upload_base(void)
 {
-    try {
-        bases &b = the_bases();
-        std::lock_guard<std::mutex> guard(b.lock);
-        load_defaults(b);
-        return b.upload.c_str();
-    } catch (...) {
-        return "";
-    }
+    return base_text(&bases::upload);
 }
 
 /* A null or empty value leaves that base as it is.  Pointers returned

@@ -11,10 +11,13 @@
 #include <unistd.h>
 #include <vector>
 
+#include "c_edge.h"
 #include "tarvex_debug.h"
 #include "tarvex_string.h"
 #include "tarvex_thread.h"
 #include "tarvex_time.h"
+
+using tarvex_common_internal::at_c_edge;
 
 namespace {
 
@@ -174,11 +177,7 @@ unsigned tarvex_debug_parse_levels(const char *text, const char *level_names)
 {
     if (text == nullptr)
         return 0;
-    try {
-        return parse_levels(text, level_names);
-    } catch (...) {
-        return 0;
-    }
+    return at_c_edge(0u, [&] { return parse_levels(text, level_names); });
 }
 
 int tarvex_debug_init(const char *env_name, const char *level_names,
@@ -192,13 +191,11 @@ int tarvex_debug_init(const char *env_name, const char *level_names,
     const char *value = getenv(env_name);
     if (value == nullptr)
         return 0;
-    try {
+    // The handle is off already, and init leaves it so when it throws.
+    return at_c_edge(-1, [&] {
         init(value, level_names, handle);
-    } catch (...) {
-        handle_off(handle);
-        return -1;
-    }
-    return 0;
+        return 0;
+    });
 }
 
 void tarvex_debug_close(tarvex_debug_handle_t *handle)

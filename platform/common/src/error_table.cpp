@@ -10,7 +10,10 @@
 // that list (the oldest error) is evicted.  Free slots form a stack.
 #include <mutex>
 
+#include "c_edge.h"
 #include "tarvex_error.h"
+
+using tarvex_common_internal::at_c_edge;
 
 namespace {
 
@@ -100,17 +103,6 @@ table &the_table()
     return *instance;
 }
 
-// The table, or null when its first allocation failed (or its lock threw):
-// the entry points below are called from C and must not let that out.
-template <typename T, typename Body> T with_table(T fallback, Body &&body) noexcept
-{
-    try {
-        return body(the_table());
-    } catch (...) {
-        return fallback;
-    }
-}
-
 } // namespace
 
 extern "C" {
@@ -120,7 +112,8 @@ tarvex_result_t tarvex_error_put(tarvex_object_t *error)
     if (error == nullptr)
         return TARVEX_FAILURE;
     tarvex_object_t *evicted = nullptr;
-    tarvex_result_t result = with_table(TARVEX_FAILURE, [&](table &t) -> tarvex_result_t {
+    tarvex_result_t result = at_c_edge(TARVEX_FAILURE, [&]() -> tarvex_result_t {
+        table &t = the_table();
         std::lock_guard<std::mutex> lock(t.mutex);
         t.init();
         uint32_t i;
@@ -147,7 +140,8 @@ tarvex_result_t tarvex_error_put(tarvex_object_t *error)
 
 tarvex_object_t *tarvex_error_peek(tarvex_result_t result)
 {
-    return with_table<tarvex_object_t *>(nullptr, [&](table &t) -> tarvex_object_t * {
+    return at_c_edge<tarvex_object_t *>(nullptr, [&]() -> tarvex_object_t * {
+        table &t = the_table();
         std::lock_guard<std::mutex> lock(t.mutex);
         uint32_t i = t.find(result);
         return i == kNone ? nullptr : t.slots[i].error;
@@ -156,7 +150,8 @@ tarvex_object_t *tarvex_error_peek(tarvex_result_t result)
 
 tarvex_object_t *tarvex_error_get(tarvex_result_t result)
 {
-    return with_table<tarvex_object_t *>(nullptr, [&](table &t) -> tarvex_object_t * {
+    return at_c_edge<tarvex_object_t *>(nullptr, [&]() -> tarvex_object_t * {
+        table &t = the_table();
         std::lock_guard<std::mutex> lock(t.mutex);
         uint32_t i = t.find(result);
         if (i == kNone)
@@ -178,7 +173,8 @@ void tarvex_error_discard(tarvex_result_t result)
 
 size_t tarvex_error_table_count(void)
 {
-    return with_table(size_t{0}, [](table &t) {
+    return at_c_edge(size_t{0}, [] {
+        table &t = the_table();
         std::lock_guard<std::mutex> lock(t.mutex);
         return t.count;
     });

@@ -12,7 +12,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "c_edge.h"
 #include "tarvex_module.h"
+
+using tarvex_common_internal::at_c_edge;
 
 namespace {
 
@@ -139,36 +142,26 @@ int tarvex_module_activate(tarvex_module_descriptor_t *module)
 {
     if (module == nullptr)
         return -1;
-    try {
-        return activate(module);
-    } catch (...) {
-        return -1;
-    }
+    return at_c_edge(-1, [&] { return activate(module); });
 }
 
 int tarvex_module_deactivate(tarvex_module_descriptor_t *module)
 {
     if (module == nullptr)
         return -1;
-    try {
-        return deactivate(module);
-    } catch (...) {
-        return -1;
-    }
+    return at_c_edge(-1, [&] { return deactivate(module); });
 }
 
 int tarvex_module_activation_count(const tarvex_module_descriptor_t *module)
 {
     if (module == nullptr)
         return 0;
-    try {
+    return at_c_edge(0, [&] {
         registry &r = the_registry();
         std::lock_guard<std::mutex> lock(r.mutex);
         auto it = r.modules.find(module);
         return it == r.modules.end() ? 0 : it->second.count;
-    } catch (...) {
-        return 0;
-    }
+    });
 }
 
 } // extern "C"
