@@ -276,15 +276,18 @@ class EmulatorTest(EmulatorCase):
         for offset in (0, 1000, 2000):
             conn = http.client.HTTPConnection("127.0.0.1", self.emu.port, timeout=30)
             conn.putrequest("PUT", url)
-            for k, v in dict(headers(offset, data[offset:offset + 1000]),
-                             Authorization="Bearer test-token", **{"Content-Length": "1000"}).items():
+            held = dict(headers(offset, data[offset:offset + 1000]),
+                        **{"Authorization": "Bearer test-token", "Content-Length": "1000"})
+            for k, v in held.items():
                 conn.putheader(k, v)
             conn.endheaders()
             conns.append(conn)
         wait_for(lambda: self.emu.control("GET", parts)["open"] == 3)
         for conn, offset in zip(conns, (0, 1000, 2000)):
             conn.send(data[offset:offset + 1000])
-            self.assertEqual(conn.getresponse().status, 200)
+            answer = conn.getresponse()
+            self.assertEqual((answer.status, json.loads(answer.read())["part"]["offset"]),
+                             (200, offset))
             conn.close()
         # Requests one after the other on a connection never overlap.
         for _ in range(2):
