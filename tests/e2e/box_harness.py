@@ -24,7 +24,7 @@ import sys
 import tempfile
 import time
 import unittest
-from urllib.parse import quote
+from urllib.parse import quote, urlencode
 
 from server_harness import LIBDIR, SERVER, Server, make_tls_files, sha256_file, write_random
 
@@ -205,6 +205,12 @@ class Emulator:
 
     def clear_log(self):
         self.control("DELETE", "log")
+
+    def concurrency(self, method, path_regex):
+        """{"peak","open","count"}: the requests with this method and a
+        path the regex finds, the most open at once, open now, in all."""
+        return self.control("GET", "concurrency",
+                            query=urlencode({"method": method, "path_regex": path_regex}))
 
     def item(self, path):
         return self.control("GET", "item", query="path=" + quote(path, safe="/"))

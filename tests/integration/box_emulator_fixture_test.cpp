@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "box_emulator.h"
 
@@ -69,6 +70,12 @@ TEST(BoxEmulatorFixture, HttpControlAndLog)
     EXPECT_EQ(log[1].status, 302);
     EXPECT_EQ(log[2].status, 206);
     EXPECT_EQ(log[2].response_length, 3u);
+    // The redirect was answered before its download was asked for.
+    EXPECT_LT(log[1].ended, log[2].started);
+    EXPECT_LE(log[2].started, log[2].ended);
+    auto downloads = emu.concurrency("GET", "^/d/");
+    EXPECT_EQ((std::vector<int>{downloads.peak, downloads.open, downloads.count}),
+              (std::vector<int>{1, 0, 1}));
 
     emu.clear_log();
     EXPECT_TRUE(emu.log().empty());

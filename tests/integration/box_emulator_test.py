@@ -7,7 +7,7 @@ import json
 import threading
 import time
 import unittest
-from urllib.parse import urlencode
+from urllib.parse import quote, urlencode
 
 from emulator_process import PART, EmulatorCase, digest, pattern, upload_body, wait_for
 
@@ -167,6 +167,10 @@ class EmulatorTest(EmulatorCase):
         self.assertEqual(doc["context_info"]["conflicts"]["id"], entry["id"])
         answer = self.emu.json("POST", url, *upload_body("y", up, b"1", file_first=True))
         self.assertBoxError(answer, 400, "metadata_after_file_contents")
+        # Box takes the file from the part with a filename, whatever its name.
+        status, doc, _ = self.emu.json("POST", url,
+                                       *upload_body("c", up, b"abc", field="contents"))
+        self.assertEqual((status, doc["entries"][0]["size"]), (201, 3))
         # Chunked request framing, a boundary that also occurs partly in the data.
         body, headers = upload_body("z", up, b"\r\n--tarvex_" * 1000, boundary="tarvex_bb")
         headers["Transfer-Encoding"] = "chunked"
@@ -209,6 +213,101 @@ class EmulatorTest(EmulatorCase):
         self.assertEqual(self.emu.download(entry["id"], {"Range": "bytes=900-1100"})[2],
                          data[900:1101])
         self.assertEqual(self.emu.json("POST", commit, {"parts": parts})[0], 404)
+
+    def session(self, size):
+        """A new upload session's URL and a function that PUTs one part."""
+        u = self.emu.seed({"path": "/u", "type": "folder"})["/u"]
+        status, session, _ = self.emu.json("POST", "/api/2.0/files/upload_sessions",
+                                           {"folder_id": u, "file_size": size,
+                                            "file_name": "s.bin"})
+        self.assertEqual(status, 201, session)
+        url = "/api/2.0/files/upload_sessions/" + session["id"]
+
+        def headers(offset, chunk):
+            return {"Content-Range": "bytes %d-%d/%d" % (offset, offset + len(chunk) - 1, size),
+                    "digest": digest(chunk), "Content-Type": "application/octet-stream"}
+
+        return url, headers
+
+    def test_wan_profile_delays_and_paces(self):
+        """Lower bounds only: a busy machine may take longer, never less."""
+        wan = {"latency_ms": 150, "part_processing_ms": 250, "bandwidth_bps": 400000}
+        self.assertEqual({k: v for k, v in self.emu.control("POST", "config", wan).items()
+                          if k in wan}, wan)
+
+        def took(call):
+            start = time.monotonic()
+            result = call()
+            return time.monotonic() - start, result
+
+        ids = self.emu.seed({"path": "/w.bin", "size": 100000})
+        seconds, (status, _, data) = took(lambda: self.emu.download(ids["/w.bin"]))
+        # Two requests (the redirect, then the bytes) and 100000 bytes at 400000 a second.
+        self.assertGreaterEqual(seconds, 2 * 0.15 + 0.25)
+        self.assertEqual((status, data), (200, pattern(0, 100000)))
+        # Request bodies come in at the rate too; a plain upload is not processed.
+        seconds, (status, _, _) = took(lambda: self.emu.json(
+            "POST", "/api/2.0/files/content", *upload_body("p", "0", pattern(0, 100000))))
+        self.assertEqual(status, 201)
+        self.assertGreaterEqual(seconds, 0.15 + 0.25)
+        # Parts and commits wait for Box's processing as well.
+        url, headers = self.session(1000)
+        seconds, (status, part, _) = took(
+            lambda: self.emu.json("PUT", url, pattern(0, 1000), headers(0, pattern(0, 1000))))
+        self.assertEqual(status, 200, part)
+        self.assertGreaterEqual(seconds, 0.15 + 0.25)
+        seconds, (status, _, _) = took(lambda: self.emu.json(
+            "POST", url + "/commit", {"parts": [part["part"]]},
+            {"digest": digest(pattern(0, 1000))}))
+        self.assertEqual(status, 201)
+        self.assertGreaterEqual(seconds, 0.15 + 0.25)
+        self.assertEqual(self.emu.request("POST", "/_emulator/config", {"latency_ms": -1})[0],
+                         400)
+        self.emu.control("POST", "reset")
+        config = self.emu.control("POST", "config", {})
+        self.assertEqual({k: config[k] for k in wan}, dict.fromkeys(wan, 0))
+
+    def test_open_requests_are_counted_and_faults_cut_them(self):
+        url, headers = self.session(3000)
+        data = pattern(0, 3000)
+        parts = "concurrency?method=PUT&path_regex=" + quote(r"^/api/2\.0/files/upload_sessions/")
+        # Three parts whose bodies are held back stay open together.
+        conns = []
+        for offset in (0, 1000, 2000):
+            conn = http.client.HTTPConnection("127.0.0.1", self.emu.port, timeout=30)
+            conn.putrequest("PUT", url)
+            held = dict(headers(offset, data[offset:offset + 1000]),
+                        **{"Authorization": "Bearer test-token", "Content-Length": "1000"})
+            for k, v in held.items():
+                conn.putheader(k, v)
+            conn.endheaders()
+            conns.append(conn)
+        wait_for(lambda: self.emu.control("GET", parts)["open"] == 3)
+        for conn, offset in zip(conns, (0, 1000, 2000)):
+            conn.send(data[offset:offset + 1000])
+            answer = conn.getresponse()
+            self.assertEqual((answer.status, json.loads(answer.read())["part"]["offset"]),
+                             (200, offset))
+            conn.close()
+        # Requests one after the other on a connection never overlap.
+        for _ in range(2):
+            self.assertEqual(self.emu.request("PUT", url, data[:1000], headers(0, data[:1000]))[0],
+                             200)
+        self.assertEqual(self.emu.control("GET", parts), {"peak": 3, "open": 0, "count": 5})
+        log = self.emu.control("GET", "log")
+        self.assertTrue(all(e["started"] <= e["ended"] for e in log))
+        # A part picked by its Content-Range is cut after 400 bytes of its body.
+        self.emu.control("POST", "faults", {"method": "PUT", "cut_body_after": 400, "reset": True,
+                                            "header_regex": {"content-range": "^bytes 1000-"}})
+        self.assertEqual(self.emu.request("PUT", url, data[:1000], headers(0, data[:1000]))[0],
+                         200)
+        with self.assertRaises((http.client.HTTPException, OSError)):
+            self.emu.request("PUT", url, data[1000:2000], headers(1000, data[1000:2000]))
+        self.assertEqual([(e["status"], e["body_length"])
+                          for e in self.emu.control("GET", "log")][-2:], [(200, 1000), (0, 400)])
+        for bad in ({"header_regex": {"range": "("}}, {"header_regex": "x"},
+                    {"cut_body_after": -1}):
+            self.assertEqual(self.emu.request("POST", "/_emulator/faults", bad)[0], 400, bad)
 
     def test_request_log(self):
         body = json.dumps({"name": "k", "parent": {"id": "0"}}).encode()

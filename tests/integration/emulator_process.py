@@ -130,14 +130,16 @@ def digest(data):
     return "sha=" + base64.b64encode(hashlib.sha1(data).digest()).decode()
 
 
-def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False):
-    """A multipart upload (attributes, then file) and its headers."""
+def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False,
+                field="file"):
+    """A multipart upload (attributes, then the file in a part named
+    `field`) and its headers."""
     attrs = {"name": name, "parent": {"id": parent}}
     if modified:
         attrs["content_modified_at"] = modified
     parts = [(b'name="attributes"', json.dumps(attrs).encode()),
-             (b'name="file"; filename="%s"\r\nContent-Type: application/octet-stream'
-              % name.encode(), data)]
+             (b'name="%s"; filename="%s"\r\nContent-Type: application/octet-stream'
+              % (field.encode(), name.encode()), data)]
     if file_first:
         parts.reverse()
     b = boundary.encode()

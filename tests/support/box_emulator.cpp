@@ -63,6 +63,11 @@ uint64_t number_of(json_t *value)
     return json_is_integer(value) ? static_cast<uint64_t>(json_integer_value(value)) : 0;
 }
 
+double real_of(json_t *value)
+{
+    return json_is_number(value) ? json_number_value(value) : 0;
+}
+
 /* Runs a program without a shell, its output discarded; true on exit 0. */
 bool run(const std::vector<std::string> &argv, const std::string &cwd)
 {
@@ -377,6 +382,8 @@ std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
         entry.body_sha1 = string_of(json_object_get(e, "body_sha1"));
         entry.status = static_cast<int>(number_of(json_object_get(e, "status")));
         entry.response_length = number_of(json_object_get(e, "response_length"));
+        entry.started = real_of(json_object_get(e, "started"));
+        entry.ended = real_of(json_object_get(e, "ended"));
         entries.push_back(std::move(entry));
     }
     return entries;
@@ -385,6 +392,19 @@ std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
 void BoxEmulator::clear_log()
 {
     control("DELETE", "/_emulator/log");
+}
+
+BoxEmulator::Concurrency BoxEmulator::concurrency(const std::string &method,
+                                                  const std::string &path_regex)
+{
+    json_ref doc(parse(control("GET", "/_emulator/concurrency?method=" + url_escape(method) +
+                                          "&path_regex=" + url_escape(path_regex)),
+                       "concurrency"));
+    Concurrency answer;
+    answer.peak = static_cast<int>(number_of(json_object_get(doc.doc, "peak")));
+    answer.open = static_cast<int>(number_of(json_object_get(doc.doc, "open")));
+    answer.count = static_cast<int>(number_of(json_object_get(doc.doc, "count")));
+    return answer;
 }
 
 std::string BoxEmulator::item(const std::string &path)

@@ -57,12 +57,25 @@ public:
         std::string body_sha1;                                   /* lower-case hex */
         int status = 0;                                          /* 0: connection dropped */
         uint64_t response_length = 0;                            /* body bytes sent */
+        /* The emulator's monotonic clock, seconds: the head was read; just
+         * before the answer's last byte went out (or the connection was
+         * given up).  Both lie within the client's own request. */
+        double started = 0;
+        double ended = 0;
 
         /* Header value by case-insensitive name; "" when absent. */
         std::string header(const std::string &name) const;
         /* First value of a query key; "" when absent. */
         std::string query_value(const std::string &key) const;
         bool has_query(const std::string &key) const;
+    };
+
+    /* Requests of one kind, logged or being served: the most that were
+     * open at once, how many are open now, how many there were. */
+    struct Concurrency {
+        int peak = 0;
+        int open = 0;
+        int count = 0;
     };
 
     /* One item of the emulated account, as tree() lists it. */
@@ -103,6 +116,10 @@ public:
     void rate_limit(int per_second, int retry_after = 1);
     std::vector<LogEntry> log();
     void clear_log();
+    /* Over the requests with this method ("" any) and a path that
+     * path_regex (Python syntax, searched; "" any) finds, e.g.
+     * concurrency("PUT", "^/api/2\\.0/files/upload_sessions/[^/]+$"). */
+    Concurrency concurrency(const std::string &method, const std::string &path_regex);
     /* The item at a path as JSON text (all fields, "metadata" null when it
      * has none); "" when nothing is there. */
     std::string item(const std::string &path);
@@ -114,7 +131,9 @@ public:
     void tokens(const std::string &json);
     /* The next `count` commits answer 202 with Retry-After: retry_after. */
     void commit_pending(int count, int retry_after = 1);
-    /* {"part_size":N,"min_session_size":N} for upload sessions. */
+    /* {"part_size":N,"min_session_size":N} for upload sessions;
+     * {"latency_ms":N,"part_processing_ms":N,"bandwidth_bps":N}: a distant
+     * Box (tools/box-emulator/README.md). */
     void config(const std::string &json);
 
     /* Any control request; returns the answer's body, throws unless 200. */

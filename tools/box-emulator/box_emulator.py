@@ -30,9 +30,11 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 from boxemu_api import Api, Response  # noqa: E402
 from boxemu_body import Body, BodyError  # noqa: E402
 from boxemu_control import Control, ControlError  # noqa: E402
+from boxemu_flight import InFlight  # noqa: E402
 from boxemu_oauth import OAuth, bearer  # noqa: E402
 from boxemu_store import BoxError, Clock, Store  # noqa: E402
 from boxemu_upload import Uploads  # noqa: E402
+import boxemu_wan as wan  # noqa: E402
 
 LOG_LIMIT = 100000
 
@@ -51,6 +53,7 @@ class State:
         self.host = "[%s]" % args.host if ":" in args.host else args.host
         self.port = 0
         self.oauth = OAuth(self)
+        self.flight = InFlight()
         self.reset()
         self.api = Api(self)
         self.uploads = Uploads(self)
@@ -67,11 +70,12 @@ class State:
             self.oauth.reset_locked()
             self.commit_pending = {"count": 0, "retry_after": 1}
             self.config = {"part_size": self.args.part_size,
-                           "min_session_size": self.args.min_session_size}
+                           "min_session_size": self.args.min_session_size,
+                           **wan.start_config(self.args)}
         if hasattr(self, "api"):
             self.api.downloads = {}
 
-    def take_fault(self, method, path, query):
+    def take_fault(self, method, path, query, headers):
         with self.lock:
             for fault in self.faults:
                 if fault.get("method") and fault["method"].upper() != method:
@@ -80,12 +84,19 @@ class State:
                     continue
                 if fault.get("query_regex") and not re.search(fault["query_regex"], query):
                     continue
+                if not headers_match(fault.get("header_regex"), headers):
+                    continue
                 if fault["count"] > 0:
                     fault["count"] -= 1
                     if fault["count"] == 0:
                         self.faults.remove(fault)
                 return fault
         return None
+
+    def profile(self):
+        """The WAN settings a request arriving now is served under."""
+        with self.lock:
+            return wan.Profile(self.config)
 
     def rate_limited(self):
         """Retry-After seconds when this request is over the limit, else None."""
@@ -116,6 +127,16 @@ class State:
             return ('Bearer realm="Service", error="invalid_token", '
                     'error_description="The access token provided is invalid."')
         return None
+
+
+def headers_match(wanted, headers):
+    """Every header the fault names (any case) is present and its value
+    matches the regex (re.search); no names: a match."""
+    for name, regex in (wanted or {}).items():
+        value = headers.get(name)
+        if value is None or not re.search(regex, value):
+            return False
+    return True
 
 
 def build_routes(state):
@@ -152,30 +173,6 @@ DOWNLOAD_PATH = re.compile(r"/d/1/([^/]+)/download")
 # The token endpoints take no bearer token and are not rate limited with
 # the API.
 OAUTH_PATHS = {"/oauth2/token": "token", "/oauth2/revoke": "revoke_request"}
-
-
-class Throttle:
-    """A socket stand-in whose sendall keeps to about `bps` bytes a second:
-    small slices, each sent when the average rate allows it."""
-
-    def __init__(self, sock, bps):
-        self.sock = sock
-        self.bps = float(bps)
-        self.slice = max(1, int(bps) // 20)
-        self.start = time.monotonic()
-        self.sent = 0
-
-    def sendall(self, data):
-        view = memoryview(data)
-        while len(view):
-            piece = view[:self.slice]
-            due = self.start + self.sent / self.bps
-            wait = due - time.monotonic()
-            if wait > 0:
-                time.sleep(wait)
-            self.sock.sendall(piece)
-            self.sent += len(piece)
-            view = view[len(piece):]
 
 
 class Request:
@@ -242,32 +239,47 @@ class Handler(BaseHTTPRequestHandler):
             self.send_header("Content-Length", str(length))
         if truncate is not None:
             self.send_header("Connection", "close")
+        if planned == 0:
+            self.stamp_end()
         self.end_headers()
-        if silent:
-            return
-        sink = self.connection
-        if shape.get("throttle_bps"):
-            self.wfile.flush()
-            sink = Throttle(self.connection, shape["throttle_bps"])
+        if planned:
+            sink = self.profile.writer(self.connection)
+            if shape.get("throttle_bps"):
+                sink = wan.PacedWriter(sink, shape["throttle_bps"])
+            self.send_body(sink, resp, body, planned)
+        if truncate is not None:
+            self.drop(shape.get("reset"))
+
+    def send_body(self, sink, resp, body, planned):
+        """Sends the answer's first `planned` body bytes: all but the last,
+        then the end stamp (see boxemu_flight), then the last byte."""
         sent = 0
         try:
             if resp.content is not None:
-                sent = resp.content.send(sink, resp.offset, resp.length, truncate)
+                sent = resp.content.send(sink, resp.offset, planned - 1)
+                if sent == planned - 1:
+                    self.stamp_end()
+                    sent += resp.content.send(sink, resp.offset + sent, 1)
             else:
                 self.wfile.flush()
-                sink.sendall(body[:planned])
+                sink.sendall(body[:planned - 1])
+                self.stamp_end()
+                sink.sendall(body[planned - 1:planned])
                 sent = planned
         finally:
             if sent != planned and self.entry is not None:
                 with self.state.lock:
                     self.entry["response_length"] = sent
-        if truncate is not None:
-            self.drop(shape.get("reset"))
+
+    def stamp_end(self):
+        if self.entry is not None and self.entry["ended"] is None:
+            self.entry["ended"] = time.monotonic()
 
     def drop(self, reset=False):
         """End the connection: an orderly close, or with reset a TCP RST
         (SO_LINGER 0), which the peer reads as "connection reset"."""
         self.record(0, 0)
+        self.stamp_end()
         self.close_connection = True
         try:
             self.wfile.flush()
@@ -305,41 +317,52 @@ class Handler(BaseHTTPRequestHandler):
         self.logged = False
         url = urlsplit(self.path)
         path = url.path
+        # The control interface is never delayed nor paced.
+        control = path.startswith("/_emulator/")
+        self.profile = wan.NO_WAN if control else self.state.profile()
         try:
-            body = Body(self.rfile, self.headers)
+            body = Body(self.profile.reader(self.rfile), self.headers)
         except BodyError as e:
             self.close_connection = True
             self.answer(Response(400, {"error": str(e)}, {"Connection": "close"}))
             return
-        if path.startswith("/_emulator/"):
+        if control:
             self.control(path, url.query, body)
             return
         self.body = body
         self.entry = entry = {"method": self.command, "path": path,
                               "query": parse_qs(url.query, keep_blank_values=True),
                               "headers": {}, "body_length": 0, "body_sha1": None, "status": 0,
-                              "response_length": 0, "time": time.time()}
+                              "response_length": 0, "time": time.time(),
+                              "started": None, "ended": None}
         for k, v in self.headers.items():
             k = k.lower()
             entry["headers"][k] = entry["headers"][k] + ", " + v if k in entry["headers"] else v
+        self.state.flight.begin(entry)
         try:
+            self.profile.wait_latency()
             self.serve(path, url.query, entry["query"], body)
         except BodyError:
             self.close_connection = True
         finally:
             self.record(0, 0)   # no answer went out
+            self.state.flight.end(entry)
 
     def serve(self, path, raw_query, query, body):
         state = self.state
-        fault = state.take_fault(self.command, path, raw_query)
+        fault = state.take_fault(self.command, path, raw_query, self.headers)
         if fault is not None:
             # A fault that answers by itself reads the whole request first;
-            # one that only shapes the answer leaves the body to the handler.
-            if fault.get("drop") or fault.get("status"):
+            # one that only shapes the answer leaves the body to the handler;
+            # one that cuts the request reads only so much of it.
+            if fault.get("cut_body_after") is not None:
+                self.read_some(body, fault["cut_body_after"])
+            elif fault.get("drop") or fault.get("status"):
                 body.drain()
             if fault.get("delay_ms"):
                 time.sleep(fault["delay_ms"] / 1000.0)
-            if fault.get("drop"):
+            if fault.get("drop") or fault.get("cut_body_after") is not None:
+                self.close_connection = True   # the rest of the body stays unread
                 self.drop(fault.get("reset"))
                 return
             if fault.get("status"):
@@ -369,7 +392,16 @@ class Handler(BaseHTTPRequestHandler):
             resp = Response(500, BoxError(500, "internal_server_error",
                                           "Internal Server Error").body(),
                             {"Connection": "close"})
+        self.profile.wait_processing(self.command, path)
         self.answer(resp, fault)
+
+    @staticmethod
+    def read_some(body, limit):
+        while limit > 0:
+            data = body.read(min(limit, 1 << 20))
+            if not data:
+                return
+            limit -= len(data)
 
     def route(self, req, body):
         path = req.path
@@ -418,6 +450,7 @@ class Handler(BaseHTTPRequestHandler):
 
     def answer_raw(self, resp, data):
         self.record(resp.status, len(data))
+        self.stamp_end()
         self.send_response(resp.status)
         for k, v in resp.headers.items():
             self.send_header(k, v)
@@ -477,7 +510,9 @@ def parse_args(argv):
     p.add_argument("--timezone", default="America/Los_Angeles",
                    help="zone in which times are rendered")
     p.add_argument("--quiet", action="store_true")
+    wan.add_arguments(p)
     args = p.parse_args(argv)
+    wan.check_arguments(p, args)
     if bool(args.tls_cert) != bool(args.tls_key):
         p.error("--tls-cert and --tls-key go together")
     try:

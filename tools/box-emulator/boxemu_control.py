@@ -8,7 +8,9 @@ import time
 from urllib.parse import parse_qs
 
 from boxemu_content import BytesContent, SyntheticContent
+from boxemu_flight import concurrency
 from boxemu_store import USER, BoxError, Clock
+from boxemu_wan import KEYS as WAN_KEYS
 
 USER_ID = USER["id"]
 
@@ -68,6 +70,7 @@ class Control:
             ("POST", "config"): self.config,
             ("GET", "log"): self.log,
             ("DELETE", "log"): self.clear_log,
+            ("GET", "concurrency"): self.concurrency,
         }
         func = handlers.get((method, name))
         if func is None:
@@ -219,8 +222,10 @@ class Control:
             _int(fault, "delay_ms", 0)
             if fault.get("throttle_bps") is not None:
                 _int(fault, "throttle_bps", 0, minimum=1)
-            if fault.get("truncate_after") is not None:
-                _int(fault, "truncate_after", 0)
+            for key in ("truncate_after", "cut_body_after"):
+                if fault.get(key) is not None:
+                    _int(fault, key, 0)
+            self._check_header_regex(fault.get("header_regex"))
             headers = fault.get("headers") or {}
             if not isinstance(headers, dict) or not all(
                     isinstance(v, str) for v in headers.values()):
@@ -232,6 +237,19 @@ class Control:
         with self.state.lock:
             self.state.faults.extend(checked)
         return 200, {"pending": len(self.state.faults)}, None
+
+    @staticmethod
+    def _check_header_regex(wanted):
+        if wanted is None:
+            return
+        if not isinstance(wanted, dict) or not all(
+                isinstance(v, str) for v in wanted.values()):
+            raise ControlError("'header_regex' must map header names to regexes")
+        for name, regex in wanted.items():
+            try:
+                re.compile(regex)
+            except re.error as e:
+                raise ControlError("bad header_regex for %s: %s" % (name, e)) from None
 
     def list_faults(self, query):
         with self.state.lock:
@@ -329,6 +347,9 @@ class Control:
                 config["part_size"] = _int(doc, "part_size", 0, minimum=1)
             if "min_session_size" in doc:
                 config["min_session_size"] = _int(doc, "min_session_size", 0)
+            for key in WAN_KEYS:
+                if key in doc:
+                    config[key] = _int(doc, key, 0)
             return 200, dict(config), None
 
     def log(self, query):
@@ -339,3 +360,16 @@ class Control:
         with self.state.lock:
             self.state.log.clear()
         return 200, {}, None
+
+    def concurrency(self, query):
+        """Most requests of a kind open at once in the log and in flight."""
+        with self.state.lock:
+            logged = list(self.state.log)
+        # An entry goes to the log while its answer is still being sent.
+        entries = {id(e): e for e in logged}
+        entries.update((id(e), e) for e in self.state.flight.entries())
+        try:
+            return 200, concurrency(entries.values(), (query.get("method") or [None])[0],
+                                    (query.get("path_regex") or [None])[0]), None
+        except re.error as e:
+            raise ControlError("bad path_regex: %s" % e) from None

@@ -71,6 +71,12 @@ def file_sha1(paths, into=None):
     return h
 
 
+def _names_a_file(disposition):
+    """Box takes the file from the part that carries a filename, whatever
+    that part is called: clients name it "file", "contents", ..."""
+    return "filename" in disposition or "filename*" in disposition
+
+
 def body_chunks(body):
     while True:
         data = body.read()
@@ -145,7 +151,7 @@ class Uploads:
                         attributes = json.loads(raw)
                     except (ValueError, UnicodeDecodeError):
                         raise bad_request("attributes are not valid JSON") from None
-                elif field == "file" and spooled is None:
+                elif spooled is None and (field == "file" or _names_a_file(disposition)):
                     if attributes is None:
                         raise bad_request("The attributes part must come before the file part",
                                           "metadata_after_file_contents")
