@@ -3,6 +3,7 @@ sessions: the server answers clearly and stays up."""
 import ftplib
 import io
 import os
+import pwd
 import re
 import signal
 import socket
@@ -11,7 +12,7 @@ import threading
 import time
 import unittest
 
-from server_harness import ResumingFTP_TLS, Server, ServerTest, read_reply
+from server_harness import ResumingFTP_TLS, Server, ServerTest, make_hash, read_reply
 
 HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
 
@@ -501,6 +502,66 @@ class ProtectedData(ServerTest):
             plain.quit()
         finally:
             srv.stop()
+
+
+class ProtectedDataOfOneUser(ServerTest):
+    """With a password file, a data connection may also resume a TLS
+    session given to another control connection of the same user (clients
+    that pool connections share one session cache), even one still logging
+    in; another user's, or that of a connection that never logs in, does not
+    let it in."""
+
+    @classmethod
+    def setUpClass(cls):
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        cls.server_args = {"tls": True, "passwd": "".join(
+            "%s:%s:%s\n" % (user, make_hash(user), me) for user in ("alice", "bob"))}
+        super().setUpClass()
+
+    def control(self, ctx, user=None):
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        f.auth()
+        f.sendcmd("PBSZ 0")
+        if user is not None:
+            f.login(user, user)
+        return f
+
+    def test_sessions_of_one_user(self):
+        with open(self.local("secret.bin"), "wb") as f:
+            f.write(b"alice's")
+        # One context for every connection, as a client with one session
+        # cache has.
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        owner = self.control(ctx, "alice")
+        owner.prot_p()
+        # The other control connection's user, whether it has logged in
+        # before the data connection resumes its session (else it logs in
+        # while the server checks), and whether the data go out.
+        cases = (("alice", True, True), ("alice", False, True), ("bob", True, False),
+                 (None, True, False))
+        for who, first, admitted in cases:
+            other = self.control(ctx, who if first else None)
+            session = other.sock.session
+            self.assertTrue(session.has_ticket, who)
+            if who is None:
+                other.close()  # never logs in
+            host, port = owner.makepasv()
+            conn = socket.create_connection((host, port), timeout=30)
+            self.assertTrue(owner.sendcmd("RETR /secret.bin").startswith("150"))
+            conn = owner.context.wrap_socket(conn, server_hostname="127.0.0.1", session=session)
+            if not first:
+                other.login(who, who)
+            got = conn.recv(100)
+            conn.close()
+            if admitted:
+                self.assertEqual(got, b"alice's", (who, first))
+                self.assertTrue(owner.voidresp().startswith("226"))
+            else:
+                self.assertEqual(got, b"", who)
+                self.assertRaisesRegex(ftplib.error_temp, "^425 .*not resumed", owner.voidresp)
+            other.close()
+        owner.quit()
 
 
 class Names(ServerTest):

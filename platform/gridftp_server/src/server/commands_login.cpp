@@ -7,7 +7,9 @@
 
 #include "auth.h"
 #include "log.h"
+#include "mark_registry.h"
 #include "session.h"
+#include "tls.h"
 
 namespace tarvex_server {
 
@@ -152,6 +154,13 @@ bool Session::start_plugin_session(const std::string &login)
     }
     session_arg_ = c.session_arg;
     logged_in_ = true;
+    // With --anonymous-map a name proves nothing: no other session's TLS
+    // session lets this one's data connections in (mark_registry.h).
+    if (!opts_.anonymous_map) {
+        tls_user_mark_ = user_session_mark(login);
+        if (!tls_user_mark_.empty())
+            mark_registry::logged_in(tls_user_mark_);
+    }
     home_ = c.home_dir.empty() || c.home_dir[0] != '/' ? "/" : c.home_dir;
     cwd_ = home_;
     log_session(log_field(login) + " logged in");

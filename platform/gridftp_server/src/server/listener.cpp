@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,7 @@
 #include <map>
 
 #include "log.h"
+#include "mark_registry.h"
 
 namespace tarvex_server {
 
@@ -89,8 +91,12 @@ void reset_handlers_in_child(int control_fd)
     close(signal_pipe[1]);
 }
 
-// The session processes and the client address each serves.
-using Children = std::map<pid_t, std::string>;
+// A session process, as the listening process sees it.
+struct Child {
+    std::string host; // the client's address
+    int record;       // in the TLS session registry (mark_registry.h)
+};
+using Children = std::map<pid_t, Child>;
 
 void reap(Children &children)
 {
@@ -99,7 +105,11 @@ void reap(Children &children)
         pid_t pid = waitpid(-1, &status, WNOHANG);
         if (pid <= 0)
             return;
-        children.erase(pid);
+        auto it = children.find(pid);
+        if (it != children.end()) {
+            mark_registry::release(it->second.record);
+            children.erase(it);
+        }
         if (WIFSIGNALED(status))
             log_server("session " + std::to_string(pid) + " ended by signal " +
                        std::to_string(WTERMSIG(status)));
@@ -114,8 +124,8 @@ const char *refusal(const Children &children, const std::string &host, const Opt
     if (static_cast<int>(children.size()) >= opts.max_sessions)
         return "421 Too many sessions, try again later.\r\n";
     int from_host = 0;
-    for (const auto &[pid, h] : children)
-        from_host += h == host;
+    for (const auto &[pid, c] : children)
+        from_host += c.host == host;
     if (from_host >= opts.max_per_address)
         return "421 Too many sessions from your address, try again later.\r\n";
     return nullptr;
@@ -214,6 +224,9 @@ int serve(int listen_fd, const ServerContext &ctx)
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
     TransferLog *xferlog = ctx.transfer_log;
+    std::string err;
+    if (!mark_registry::open(std::max(256, 4 * ctx.opts->max_sessions), err))
+        log_server(err + "; a data connection resumes its own control connection's session");
     Children children;
     while (!stopping) {
         pollfd p[3] = {{listen_fd, POLLIN, 0},
@@ -243,21 +256,28 @@ int serve(int listen_fd, const ServerContext &ctx)
             close(fd);
             continue;
         }
+        int record = mark_registry::assign([&children](int i) {
+            for (const auto &[pid, child] : children)
+                if (child.record == i)
+                    return true;
+            return false;
+        });
         fflush(stderr);
         pid_t pid = fork();
         if (pid == 0) {
             close(listen_fd);
+            mark_registry::enter(record);
             reset_handlers_in_child(fd);
             run_session(fd, ctx);
         }
         close(fd);
         if (pid > 0)
-            children.emplace(pid, host);
+            children.emplace(pid, Child{host, record});
         else
             log_server(std::string("fork: ") + strerror(errno));
     }
     log_server("stopping, " + std::to_string(children.size()) + " session(s) open");
-    for (const auto &[pid, host] : children)
+    for (const auto &[pid, child] : children)
         kill(pid, SIGTERM);
     // Each session cancels what its plug-in does and ends within its grace
     // period; a little more for closing connections and exiting.  The
@@ -274,7 +294,7 @@ int serve(int listen_fd, const ServerContext &ctx)
     else
         log_server("stopped, killing " + std::to_string(children.size()) +
                    " session(s) that did not end");
-    for (const auto &[pid, host] : children)
+    for (const auto &[pid, child] : children)
         kill(pid, SIGKILL);
     tend(xferlog);
     close(listen_fd);

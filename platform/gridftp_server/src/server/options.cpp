@@ -43,6 +43,10 @@ const char usage[] =
     "                        resume the control connection's TLS session (for\n"
     "                        clients that cannot; any local process that reaches\n"
     "                        the passive port first may then take the data)\n"
+    "  --tls-strict-eof      fail (426) an upload of unannounced size (no ALLO)\n"
+    "                        whose protected data connection ends without TLS\n"
+    "                        close_notify; by default it is stored, and marked\n"
+    "                        \"end unconfirmed\" in the logs\n"
     "  --config-file KEY=PATH      configuration data KEY for the plug-in is the\n"
     "                              contents of PATH (repeatable)\n"
     "  --config-command KEY=CMD    configuration data KEY is the standard output\n"
@@ -114,6 +118,8 @@ bool take_switch(std::string_view a, Options &o)
         o.foreground = true;
     else if (a == "--tls-data-any-session")
         o.tls_data_any_session = true;
+    else if (a == "--tls-strict-eof")
+        o.tls_strict_eof = true;
     else
         return false;
     return true;

@@ -27,6 +27,7 @@ struct Options {
     int login_timeout = 60;        // seconds from connecting to a login
     int cancel_grace = 5;          // seconds a cancelled plug-in call may take
     bool tls_data_any_session = false; // PROT P without resuming the control's session
+    bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;
     std::string transfer_log;      // "": no transfer log
 };

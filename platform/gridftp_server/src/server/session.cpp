@@ -1,6 +1,5 @@
 #include "session.h"
 
-#include <openssl/rand.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -12,9 +11,11 @@
 
 #include "listener.h"
 #include "log.h"
+#include "mark_registry.h"
 #include "parse.h"
 #include "path.h"
 #include "provider.h"
+#include "tls.h"
 
 namespace tarvex_server {
 
@@ -38,9 +39,8 @@ Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep)
       config_(ctx.opts->config_files, ctx.opts->config_commands)
 {
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    unsigned char mark[32];
-    if (RAND_bytes(mark, sizeof mark) == 1)
-        tls_session_mark_.assign(reinterpret_cast<char *>(mark), sizeof mark);
+    tls_session_mark_ = random_session_mark();
+    mark_registry::started(tls_session_mark_);
 }
 
 Session::~Session()

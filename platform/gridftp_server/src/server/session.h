@@ -165,7 +165,8 @@ private:
     TransferParams transfer_params(const std::string &what);
     bool finish_transfer(PluginCall &c, Transfer &t, int default_code);
     void transfer(bool store, const std::string &arg, bool append = false);
-    void log_transfer(bool store, const std::string &path, long long bytes, long long ms, bool ok);
+    void log_transfer(bool store, const std::string &path, long long bytes, long long ms, bool ok,
+                      bool end_unconfirmed = false);
 
     const ServerContext &ctx_;
     const Options &opts_;
@@ -188,10 +189,10 @@ private:
     bool tls_ = false;
     bool pbsz_ = false;
     bool prot_p_ = false;
-    // Random per session: marks the TLS sessions of the control connection
-    // (TlsSetup, conn.h).  Every session process shares the ticket key, so
-    // only this mark tells this client's sessions from another's.
+    // The marks of the control connection's TLS sessions (tls.h): random
+    // per session, and the user's once logged in with a password file.
     std::string tls_session_mark_;
+    std::string tls_user_mark_;
 
     // the plug-in
     const tarvex_gfs_storage_iface_t *iface_ = nullptr; // &table_ once loaded
