@@ -97,6 +97,15 @@ def logged_in(server):
         return False
 
 
+def logged_in_raw(server):
+    """A logged-in Raw connection, or None when the server refused it."""
+    r = Raw(server)
+    if r.greeting.startswith(b"220"):
+        return r.login()
+    r.close()
+    return None
+
+
 def session_pid(server, user):
     """The pid of the session process that logged `user` in last."""
     pids = re.findall(r"\[(\d+)\]: %s logged in" % re.escape(user), server.read_log())
@@ -229,13 +238,13 @@ class Limits(unittest.TestCase):
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
         srv = Server(extra=["--idle-timeout", "1", "--max-sessions", "2"])
         try:
-            a = srv.raw()
-            b = srv.raw()
+            a = Raw(srv).login()
+            b = Raw(srv).login()
             s = socket.create_connection(("127.0.0.1", srv.port), timeout=10)
             self.assertTrue(s.makefile("rb").readline().startswith(b"421"))
             s.close()
-            self.assertTrue(read_reply(a[1]).startswith("421 Idle timeout"))
-            self.assertTrue(read_reply(b[1]).startswith("421 Idle timeout"))
+            self.assertTrue(a.reply().startswith(b"421 Idle timeout"))
+            self.assertTrue(b.reply().startswith(b"421 Idle timeout"))
             # A login works once the listener has reaped both sessions.
             wait_for(lambda: logged_in(srv), "a session place to be free")
             self.assertTrue(srv.alive())
@@ -374,21 +383,23 @@ class Stopping(unittest.TestCase):
 
 class Strangers(unittest.TestCase):
     """Connections that never log in hold a session place only until the
-    login deadline, and only up to their address's share."""
+    login deadline, and only until a new connection finds no place left:
+    a flood of them cannot keep out a client that logs in."""
 
-    def test_login_deadline_and_sessions_per_address(self):
+    def setUp(self):
         from server_harness import SERVER
         if not SERVER:
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+
+    def test_login_deadline_and_sessions_per_address(self):
         srv = Server(extra=["--login-timeout", "2", "--max-sessions-per-address", "2"])
         try:
             member = srv.ftp()
-            stranger = Raw(srv)
-            self.assertTrue(stranger.greeting.startswith(b"220"))
-            refused = Raw(srv)
-            self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
-            self.assertIn(b"address", refused.greeting)
-            refused.close()
+            first = Raw(srv)
+            stranger = Raw(srv)  # takes the place of the first stranger
+            self.assertTrue(stranger.greeting.startswith(b"220"), stranger.greeting)
+            self.assertEqual(first.f.readline(), b"")
+            first.close()
             other = Raw(srv, source=("127.0.0.2", 0))  # another address is served
             self.assertTrue(other.greeting.startswith(b"220"), other.greeting)
             other.close()
@@ -404,8 +415,39 @@ class Strangers(unittest.TestCase):
             self.assertIn(b"Login time exceeded", reply)
             self.assertGreaterEqual(time.monotonic() - start, 1.5)
             stranger.close()
-            # The logged-in session is past the deadline and goes on.
+            # The logged-in session is past the deadline and goes on; two of
+            # them fill their address's share.
             self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+            second = wait_for(lambda: logged_in_raw(srv), "a place for a second login")
+            refused = Raw(srv)
+            self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
+            self.assertIn(b"address", refused.greeting)
+            refused.close()
+            second.close()
+            member.quit()
+        finally:
+            srv.stop()
+
+    def test_a_flood_of_strangers(self):
+        srv = Server(extra=["--max-sessions", "8", "--login-timeout", "600"])
+        try:
+            member = srv.ftp()
+            # Seven strangers from three addresses fill the places.
+            flood = [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(7)]
+            client = Raw(srv, source=("127.0.0.9", 0))
+            # The flood goes on while the client logs in: six strangers are
+            # left, so some address always holds more of them than the
+            # client's does, and they give up their places first.
+            flood += [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(6)]
+            self.assertEqual({r.greeting[:4] for r in flood + [client]}, {b"220 "})
+            self.assertTrue(client.login())
+            self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+            ended = re.findall(r"ended session \d+ from (\S+), not logged in", srv.read_log())
+            self.assertEqual(len(ended), 7, srv.read_log())
+            self.assertNotIn("127.0.0.9", ended)
+            self.assertEqual(flood[0].f.readline(), b"")  # the oldest went first
+            for r in flood + [client]:
+                r.close()
             member.quit()
         finally:
             srv.stop()

@@ -6,6 +6,7 @@
 #include <strings.h>
 
 #include "auth.h"
+#include "listener.h"
 #include "log.h"
 #include "mark_registry.h"
 #include "session.h"
@@ -154,6 +155,7 @@ bool Session::start_plugin_session(const std::string &login)
     }
     session_arg_ = c.session_arg;
     logged_in_ = true;
+    report_login();
     // With --anonymous-map a name proves nothing: no other session's TLS
     // session lets this one's data connections in (mark_registry.h).
     if (!opts_.anonymous_map) {

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -91,10 +92,17 @@ void reset_handlers_in_child(int control_fd)
     close(signal_pipe[1]);
 }
 
+// The other end of the login channel: a session process's, -1 in the
+// listening process (and in a session that is not one of its children).
+int login_channel = -1;
+
 // A session process, as the listening process sees it.
 struct Child {
-    std::string host; // the client's address
-    int record;       // in the TLS session registry (mark_registry.h)
+    std::string host;         // the client's address
+    unsigned long long order; // connections accepted before this one
+    int record;               // in the TLS session registry (mark_registry.h)
+    bool logged_in = false;   // reported by the session (report_login())
+    bool dropped = false;     // ended to make room, not yet reaped
 };
 using Children = std::map<pid_t, Child>;
 
@@ -116,19 +124,74 @@ void reap(Children &children)
     }
 }
 
-// Why a new connection from `host` gets no session, or nullptr.  A client
-// that opens connections and never logs in holds its places only until the
-// login deadline, and only up to its own address's share.
-const char *refusal(const Children &children, const std::string &host, const Options &opts)
+// Places held: sessions not dropped, from `host` only when it is given.
+int places_held(const Children &children, const std::string *host)
 {
-    if (static_cast<int>(children.size()) >= opts.max_sessions)
-        return "421 Too many sessions, try again later.\r\n";
-    int from_host = 0;
+    int n = 0;
     for (const auto &[pid, c] : children)
-        from_host += c.host == host;
-    if (from_host >= opts.max_per_address)
-        return "421 Too many sessions from your address, try again later.\r\n";
+        n += !c.dropped && (host == nullptr || c.host == *host);
+    return n;
+}
+
+// The stranger whose place a new connection takes, 0 when there is none:
+// the oldest of `host`'s, or with no host the oldest of the address that
+// holds the most strangers.
+pid_t stranger_to_replace(const Children &children, const std::string *host)
+{
+    std::map<std::string, int> strangers;
+    for (const auto &[pid, c] : children)
+        if (!c.dropped && !c.logged_in)
+            ++strangers[c.host];
+    int most = 0;
+    for (const auto &[h, n] : strangers)
+        most = std::max(most, n);
+    pid_t victim = 0;
+    unsigned long long oldest = 0;
+    for (const auto &[pid, c] : children) {
+        if (c.dropped || c.logged_in)
+            continue;
+        bool candidate = host != nullptr ? c.host == *host : strangers[c.host] == most;
+        if (candidate && (victim == 0 || c.order < oldest)) {
+            victim = pid;
+            oldest = c.order;
+        }
+    }
+    return victim;
+}
+
+// Whether a new connection from `host` gets a session: nullptr when it
+// does (in the place of `victim` unless that is 0), else the refusal.
+// Dropped sessions still running count against a limit of their own, so
+// that no flood can make the processes pile up.
+const char *admission(const Children &children, const std::string &host, const Options &opts,
+                      pid_t &victim)
+{
+    victim = 0;
+    const char *busy = "421 Too many sessions, try again later.\r\n";
+    if (static_cast<long long>(children.size()) >= 2LL * opts.max_sessions)
+        return busy;
+    if (places_held(children, &host) >= opts.max_per_address) {
+        victim = stranger_to_replace(children, &host);
+        return victim != 0 ? nullptr
+                           : "421 Too many sessions from your address, try again later.\r\n";
+    }
+    if (places_held(children, nullptr) >= opts.max_sessions) {
+        victim = stranger_to_replace(children, nullptr);
+        return victim != 0 ? nullptr : busy;
+    }
     return nullptr;
+}
+
+// Logins the sessions report (report_login()): each datagram is the
+// process id of a session that has logged in.
+void take_logins(int channel, Children &children)
+{
+    pid_t pid = 0;
+    while (recv(channel, &pid, sizeof pid, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof pid)) {
+        auto it = children.find(pid);
+        if (it != children.end())
+            it->second.logged_in = true;
+    }
 }
 
 std::string peer_host(int fd)
@@ -224,15 +287,27 @@ int serve(int listen_fd, const ServerContext &ctx)
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
     TransferLog *xferlog = ctx.transfer_log;
+    // Sessions report their logins here; a datagram socket, so that each
+    // report is whole, and the listening process never waits on it.
+    int logins[2] = {-1, -1};
+    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, logins) == 0) {
+        timeval tv{2, 0}; // a session waits this long at most to report
+        setsockopt(logins[1], SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+    } else {
+        log_server(std::string("no login reports, every session counts as a stranger's: ") +
+                   strerror(errno));
+    }
     std::string err;
     if (!mark_registry::open(std::max(256, 4 * ctx.opts->max_sessions), err))
         log_server(err + "; a data connection resumes its own control connection's session");
     Children children;
+    unsigned long long accepted = 0;
     while (!stopping) {
-        pollfd p[3] = {{listen_fd, POLLIN, 0},
+        pollfd p[4] = {{listen_fd, POLLIN, 0},
                        {signal_pipe[0], POLLIN, 0},
-                       {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0}};
-        int n = poll(p, 3, 1000);
+                       {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0},
+                       {logins[0], POLLIN, 0}};
+        int n = poll(p, 4, 1000);
         if (p[1].revents & POLLIN) {
             char buf[64];
             while (read(signal_pipe[0], buf, sizeof buf) > 0) {
@@ -240,6 +315,7 @@ int serve(int listen_fd, const ServerContext &ctx)
         }
         reap(children);
         tend(xferlog);
+        take_logins(logins[0], children);
         if (n <= 0 || !(p[0].revents & POLLIN))
             continue;
         int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
@@ -249,12 +325,21 @@ int serve(int listen_fd, const ServerContext &ctx)
             continue;
         }
         std::string host = peer_host(fd);
-        if (const char *busy = refusal(children, host, *ctx.opts)) {
+        pid_t victim = 0;
+        if (const char *busy = admission(children, host, *ctx.opts, victim)) {
             if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
                 // the client left already
             }
             close(fd);
             continue;
+        }
+        if (victim != 0) {
+            // Its session ends as at a lost client (on_session_term()).
+            children[victim].dropped = true;
+            kill(victim, SIGTERM);
+            log_server("ended session " + std::to_string(victim) + " from " +
+                       children[victim].host + ", not logged in, for a new connection from " +
+                       host);
         }
         int record = mark_registry::assign([&children](int i) {
             for (const auto &[pid, child] : children)
@@ -266,13 +351,15 @@ int serve(int listen_fd, const ServerContext &ctx)
         pid_t pid = fork();
         if (pid == 0) {
             close(listen_fd);
+            close(logins[0]);
+            login_channel = logins[1];
             mark_registry::enter(record);
             reset_handlers_in_child(fd);
             run_session(fd, ctx);
         }
         close(fd);
         if (pid > 0)
-            children.emplace(pid, Child{host, record});
+            children.emplace(pid, Child{host, accepted++, record});
         else
             log_server(std::string("fork: ") + strerror(errno));
     }
@@ -298,12 +385,28 @@ int serve(int listen_fd, const ServerContext &ctx)
         kill(pid, SIGKILL);
     tend(xferlog);
     close(listen_fd);
+    close(logins[0]);
+    close(logins[1]);
     return 0;
 }
 
 bool session_terminated_by_signal()
 {
     return session_terminated != 0;
+}
+
+void report_login()
+{
+    if (login_channel < 0)
+        return;
+    // A session that cannot report stays a stranger's to the listening
+    // process: it may lose its place to a new connection, never keep one
+    // it should not.  The listening process takes reports at every turn of
+    // its loop, so a full channel empties within moments (see serve()).
+    pid_t pid = getpid();
+    if (send(login_channel, &pid, sizeof pid, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof pid))
+        log_session(std::string("the listening process was not told of the login: ") +
+                    strerror(errno));
 }
 
 } // namespace tarvex_server
