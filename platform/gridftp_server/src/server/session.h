@@ -96,6 +96,7 @@ private:
     // calling the plug-in
     void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
     void wait_for(PluginCall &c);
+    int login_wait(PluginCall &c, int wait_ms);
     void cancel(PluginCall &c);
     [[noreturn]] void give_up();
     void drain_wake();
@@ -185,6 +186,11 @@ private:
     // login
     std::string user_;
     bool logged_in_ = false;
+    // A fixed time to log in, from connecting: a stranger who never does
+    // holds a session place only this long, and a login whose storage
+    // session does not start in time is answered 421 at this time.
+    long long login_deadline_ = 0;
+    bool login_expired_ = false;
     int failed_logins_ = 0;
     bool tls_ = false;
     bool pbsz_ = false;
