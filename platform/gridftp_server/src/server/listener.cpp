@@ -282,111 +282,142 @@ int open_listener(const Options &opts, int &port, std::string &err)
     return fd;
 }
 
+namespace {
+
+// The channel sessions report their logins on (report_login()): a
+// datagram socket, so that each report is whole; the listening process
+// reads its end without waiting.
+void open_login_channel(int logins[2])
+{
+    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, logins) == 0) {
+        timeval tv{2, 0}; // a session waits this long at most to report
+        setsockopt(logins[1], SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        return;
+    }
+    logins[0] = logins[1] = -1;
+    log_server(std::string("no login reports, every session counts as a stranger's: ") +
+               strerror(errno));
+}
+
+// What the listening process keeps between connections.
+struct Listening {
+    Listening(int fd, const ServerContext &c) : listen_fd(fd), ctx(c) {}
+    int listen_fd;
+    const ServerContext &ctx;
+    int logins[2] = {-1, -1};
+    Children children;
+    unsigned long long accepted = 0;
+};
+
+// A new connection `fd`: a session process for it (in the place of a
+// stranger's when none is free), or a refusal.
+void take_connection(Listening &l, int fd)
+{
+    std::string host = peer_host(fd);
+    pid_t victim = 0;
+    if (const char *busy = admission(l.children, host, *l.ctx.opts, victim)) {
+        if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+            // the client left already
+        }
+        close(fd);
+        return;
+    }
+    if (victim != 0) {
+        // Its session ends as at a lost client (on_session_term()).
+        l.children[victim].dropped = true;
+        kill(victim, SIGTERM);
+        log_server("ended session " + std::to_string(victim) + " from " +
+                   l.children[victim].host + ", not logged in, for a new connection from " + host);
+    }
+    int record = mark_registry::assign([&l](int i) {
+        for (const auto &[pid, child] : l.children)
+            if (child.record == i)
+                return true;
+        return false;
+    });
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(l.listen_fd);
+        close(l.logins[0]);
+        login_channel = l.logins[1];
+        mark_registry::enter(record);
+        reset_handlers_in_child(fd);
+        run_session(fd, l.ctx);
+    }
+    close(fd);
+    if (pid > 0)
+        l.children.emplace(pid, Child{host, l.accepted++, record});
+    else
+        log_server(std::string("fork: ") + strerror(errno));
+}
+
+// SIGTERM or SIGINT: every session is told to end, and killed when it has
+// not ended in time.
+void stop_sessions(Listening &l)
+{
+    TransferLog *xferlog = l.ctx.transfer_log;
+    log_server("stopping, " + std::to_string(l.children.size()) + " session(s) open");
+    for (const auto &[pid, child] : l.children)
+        kill(pid, SIGTERM);
+    // Each session cancels what its plug-in does and ends within its grace
+    // period; a little more for closing connections and exiting.  The
+    // transfers they end meanwhile are logged.
+    long long deadline = now_ms() + (l.ctx.opts->cancel_grace + 2) * 1000LL;
+    while (!l.children.empty() && now_ms() < deadline) {
+        pollfd p{xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0};
+        poll(&p, 1, 100);
+        reap(l.children);
+        tend(xferlog);
+    }
+    if (l.children.empty())
+        log_server("stopped, every session ended");
+    else
+        log_server("stopped, killing " + std::to_string(l.children.size()) +
+                   " session(s) that did not end");
+    for (const auto &[pid, child] : l.children)
+        kill(pid, SIGKILL);
+    tend(xferlog);
+}
+
+} // namespace
+
 int serve(int listen_fd, const ServerContext &ctx)
 {
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
     TransferLog *xferlog = ctx.transfer_log;
-    // Sessions report their logins here; a datagram socket, so that each
-    // report is whole, and the listening process never waits on it.
-    int logins[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, logins) == 0) {
-        timeval tv{2, 0}; // a session waits this long at most to report
-        setsockopt(logins[1], SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    } else {
-        log_server(std::string("no login reports, every session counts as a stranger's: ") +
-                   strerror(errno));
-    }
+    Listening l(listen_fd, ctx);
+    open_login_channel(l.logins);
     std::string err;
     if (!mark_registry::open(std::max(256, 4 * ctx.opts->max_sessions), err))
         log_server(err + "; a data connection resumes its own control connection's session");
-    Children children;
-    unsigned long long accepted = 0;
     while (!stopping) {
         pollfd p[4] = {{listen_fd, POLLIN, 0},
                        {signal_pipe[0], POLLIN, 0},
                        {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0},
-                       {logins[0], POLLIN, 0}};
+                       {l.logins[0], POLLIN, 0}};
         int n = poll(p, 4, 1000);
         if (p[1].revents & POLLIN) {
             char buf[64];
             while (read(signal_pipe[0], buf, sizeof buf) > 0) {
             }
         }
-        reap(children);
+        reap(l.children);
         tend(xferlog);
-        take_logins(logins[0], children);
+        take_logins(l.logins[0], l.children);
         if (n <= 0 || !(p[0].revents & POLLIN))
             continue;
         int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
-                usleep(100000); // out of resources: let sessions end first
-            continue;
-        }
-        std::string host = peer_host(fd);
-        pid_t victim = 0;
-        if (const char *busy = admission(children, host, *ctx.opts, victim)) {
-            if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-                // the client left already
-            }
-            close(fd);
-            continue;
-        }
-        if (victim != 0) {
-            // Its session ends as at a lost client (on_session_term()).
-            children[victim].dropped = true;
-            kill(victim, SIGTERM);
-            log_server("ended session " + std::to_string(victim) + " from " +
-                       children[victim].host + ", not logged in, for a new connection from " +
-                       host);
-        }
-        int record = mark_registry::assign([&children](int i) {
-            for (const auto &[pid, child] : children)
-                if (child.record == i)
-                    return true;
-            return false;
-        });
-        fflush(stderr);
-        pid_t pid = fork();
-        if (pid == 0) {
-            close(listen_fd);
-            close(logins[0]);
-            login_channel = logins[1];
-            mark_registry::enter(record);
-            reset_handlers_in_child(fd);
-            run_session(fd, ctx);
-        }
-        close(fd);
-        if (pid > 0)
-            children.emplace(pid, Child{host, accepted++, record});
-        else
-            log_server(std::string("fork: ") + strerror(errno));
+        if (fd >= 0)
+            take_connection(l, fd);
+        else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+            usleep(100000); // out of resources: let sessions end first
     }
-    log_server("stopping, " + std::to_string(children.size()) + " session(s) open");
-    for (const auto &[pid, child] : children)
-        kill(pid, SIGTERM);
-    // Each session cancels what its plug-in does and ends within its grace
-    // period; a little more for closing connections and exiting.  The
-    // transfers they end meanwhile are logged.
-    long long deadline = now_ms() + (ctx.opts->cancel_grace + 2) * 1000LL;
-    while (!children.empty() && now_ms() < deadline) {
-        pollfd p{xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0};
-        poll(&p, 1, 100);
-        reap(children);
-        tend(xferlog);
-    }
-    if (children.empty())
-        log_server("stopped, every session ended");
-    else
-        log_server("stopped, killing " + std::to_string(children.size()) +
-                   " session(s) that did not end");
-    for (const auto &[pid, child] : children)
-        kill(pid, SIGKILL);
-    tend(xferlog);
+    stop_sessions(l);
     close(listen_fd);
-    close(logins[0]);
-    close(logins[1]);
+    close(l.logins[0]);
+    close(l.logins[1]);
     return 0;
 }
 
