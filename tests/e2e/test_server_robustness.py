@@ -442,7 +442,7 @@ class Strangers(unittest.TestCase):
             self.assertEqual({r.greeting[:4] for r in flood + [client]}, {b"220 "})
             self.assertTrue(client.login())
             self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
-            ended = re.findall(r"ended session \d+ from (\S+), not logged in", srv.read_log())
+            ended = re.findall(r"ending session \d+ from (\S+), not logged in", srv.read_log())
             self.assertEqual(len(ended), 7, srv.read_log())
             self.assertNotIn("127.0.0.9", ended)
             self.assertEqual(flood[0].f.readline(), b"")  # the oldest went first

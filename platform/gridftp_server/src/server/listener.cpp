@@ -59,6 +59,7 @@ void install_handlers()
 
 int session_control_fd = -1;
 volatile sig_atomic_t session_terminated = 0;
+volatile sig_atomic_t session_logged_in = 0;
 
 // SIGTERM in a session: end it the way a vanished client would, so that a
 // running transfer is stopped and the plug-in's session is closed properly.
@@ -66,6 +67,16 @@ void on_session_term(int)
 {
     session_terminated = 1;
     if (session_control_fd >= 0)
+        shutdown(session_control_fd, SHUT_RDWR);
+}
+
+// SIGUSR1 in a session: the listening process gives its place to a new
+// connection (take_connection()), which only a session that has not logged
+// in gives up.  One that has, though the listening process had not heard
+// of it yet, goes on.
+void on_session_drop(int)
+{
+    if (session_logged_in == 0 && session_control_fd >= 0)
         shutdown(session_control_fd, SHUT_RDWR);
 }
 
@@ -85,6 +96,8 @@ void reset_handlers_in_child(int control_fd)
     session_control_fd = control_fd;
     sa.sa_handler = on_session_term;
     sigaction(SIGTERM, &sa, nullptr);
+    sa.sa_handler = on_session_drop;
+    sigaction(SIGUSR1, &sa, nullptr);
     sa.sa_handler = on_session_hup;
     sa.sa_flags = SA_RESTART;
     sigaction(SIGHUP, &sa, nullptr);
@@ -189,8 +202,12 @@ void take_logins(int channel, Children &children)
     pid_t pid = 0;
     while (recv(channel, &pid, sizeof pid, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof pid)) {
         auto it = children.find(pid);
-        if (it != children.end())
+        if (it != children.end()) {
+            // A session asked to give up its place that logged in first
+            // keeps it (on_session_drop()).
             it->second.logged_in = true;
+            it->second.dropped = false;
+        }
     }
 }
 
@@ -314,6 +331,7 @@ struct Listening {
 void take_connection(Listening &l, int fd)
 {
     std::string host = peer_host(fd);
+    take_logins(l.logins[0], l.children);
     pid_t victim = 0;
     if (const char *busy = admission(l.children, host, *l.ctx.opts, victim)) {
         if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
@@ -323,10 +341,10 @@ void take_connection(Listening &l, int fd)
         return;
     }
     if (victim != 0) {
-        // Its session ends as at a lost client (on_session_term()).
+        // Its session ends as at a lost client (on_session_drop()).
         l.children[victim].dropped = true;
-        kill(victim, SIGTERM);
-        log_server("ended session " + std::to_string(victim) + " from " +
+        kill(victim, SIGUSR1);
+        log_server("ending session " + std::to_string(victim) + " from " +
                    l.children[victim].host + ", not logged in, for a new connection from " + host);
     }
     int record = mark_registry::assign([&l](int i) {
@@ -430,10 +448,12 @@ void report_login()
 {
     if (login_channel < 0)
         return;
-    // A session that cannot report stays a stranger's to the listening
-    // process: it may lose its place to a new connection, never keep one
-    // it should not.  The listening process takes reports at every turn of
-    // its loop, so a full channel empties within moments (see serve()).
+    // From now on the session keeps its place (on_session_drop()).  The
+    // listening process takes reports at every turn of its loop, so a full
+    // channel empties within moments; a report that never arrives leaves
+    // the session counted as a stranger's, and a new connection may then
+    // be let in beside it: a place too many, never one lost.
+    session_logged_in = 1;
     pid_t pid = getpid();
     if (send(login_channel, &pid, sizeof pid, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof pid))
         log_session(std::string("the listening process was not told of the login: ") +
