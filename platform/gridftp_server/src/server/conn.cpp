@@ -243,15 +243,17 @@ Io Conn::write_all(const void *buf, size_t len, int timeout_ms, int cancel_fd)
 
 void Conn::finish(int timeout_ms)
 {
-    if (ssl_ == nullptr || tls_failed_) {
+    if (ssl_ == nullptr) {
         ::shutdown(fd_, SHUT_WR);
         return;
     }
-    int rc;
+    int rc = -1; // after a fatal TLS error, no close_notify
     {
         std::lock_guard lock(ssl_mu_);
-        ERR_clear_error();
-        rc = SSL_shutdown(ssl_);
+        if (!tls_failed_) {
+            ERR_clear_error();
+            rc = SSL_shutdown(ssl_);
+        }
     }
     ::shutdown(fd_, SHUT_WR);
     if (rc != 0)
