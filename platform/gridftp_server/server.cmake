@@ -28,7 +28,8 @@ add_executable(tarvex-gridftp-server
   src/server/path.cpp
   src/server/auth.cpp
   src/server/config_data.cpp
-  src/server/tls.cpp)
+  src/server/tls.cpp
+  src/server/mark_registry.cpp)
 # --version prints the project's version.
 target_compile_definitions(tarvex-gridftp-server PRIVATE
   TARVEX_VERSION="${CMAKE_PROJECT_VERSION}")

@@ -359,7 +359,8 @@ class BoxServer(Server):
     """tarvex-gridftp-server --dsi box against `emulator`, with a home
     folder of its own (the plug-in's pacing files live there)."""
 
-    def __init__(self, emulator, tls=False, policy=None, creds=None, extra=(), env=None):
+    def __init__(self, emulator, tls=False, policy=None, creds=None, extra=(), env=None,
+                 passwd=None):
         self.work = tempfile.mkdtemp(prefix="tarvex-e2e-boxserver-")
         self.home = os.path.join(self.work, "home")
         os.mkdir(self.home)
@@ -383,7 +384,8 @@ class BoxServer(Server):
         changes.update(env or {})
         try:
             with environment(changes):
-                super().__init__(tls=tls, config_file=False, dsi="box", extra=args + list(extra))
+                super().__init__(tls=tls, config_file=False, dsi="box", extra=args + list(extra),
+                                 passwd=passwd)
         except BaseException:
             shutil.rmtree(self.work, ignore_errors=True)
             raise

@@ -16,6 +16,8 @@
 //   RETR   other         64 KiB of 'x'
 //   STOR   any path      counts the bytes; a later RETR /count returns it
 //   login  "refuse"      session start fails with a 530 of its own
+//   login  "stubborn"    session start ignores cancelling: sleeps 60 s, then
+//                        succeeds
 //   realpath /link       is /home; /broken fails
 #include <chrono>
 #include <cstring>
@@ -52,6 +54,8 @@ void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *info)
             nullptr, nullptr, nullptr);
         return;
     }
+    if (info->username != nullptr && strcmp(info->username, "stubborn") == 0)
+        std::this_thread::sleep_for(std::chrono::seconds(60));
     tarvex_gridftp_server_set_checksum_support(op, "CAFE:1;");
     char home[] = "/home";
     tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, new Session, nullptr, home);

@@ -116,6 +116,23 @@ class PluginContract(ServerTest):
         f.close()
 
 
+    def test_a_session_start_past_the_login_deadline(self):
+        # The plug-in would answer in 60 s: the client has its answer at the
+        # login deadline, and the session ends after the grace period.
+        srv = Server(dsi="e2etest", config_file=False,
+                     extra=["--login-timeout", "1", "--cancel-grace", "1"])
+        try:
+            f = ftplib.FTP(timeout=30)
+            f.connect("127.0.0.1", srv.port)
+            self.assertRaisesRegex(ftplib.error_temp, "^421 Login time exceeded", f.login,
+                                   "stubborn", "x")
+            self.assertRaises(EOFError, f.getresp)
+            f.close()
+            self.assertIn("did not stop within 1 s", srv.read_log())
+        finally:
+            srv.stop()
+
+
 class StartUp(unittest.TestCase):
     def test_bad_command_lines_exit_with_a_message(self):
         import subprocess
@@ -144,7 +161,8 @@ class StartUp(unittest.TestCase):
                     "--tls-cert", "--tls-key", "--require-tls", "--config-file",
                     "--config-command", "--port-file", "--pasv-range", "--max-sessions",
                     "--idle-timeout", "--foreground", "--login-timeout",
-                    "--max-sessions-per-address", "--cancel-grace", "--tls-data-any-session"):
+                    "--max-sessions-per-address", "--cancel-grace", "--tls-data-any-session",
+                    "--tls-strict-eof"):
             self.assertIn(opt, r.stdout)
 
 

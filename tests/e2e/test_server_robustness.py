@@ -3,6 +3,7 @@ sessions: the server answers clearly and stays up."""
 import ftplib
 import io
 import os
+import pwd
 import re
 import signal
 import socket
@@ -11,7 +12,7 @@ import threading
 import time
 import unittest
 
-from server_harness import ResumingFTP_TLS, Server, ServerTest, read_reply
+from server_harness import ResumingFTP_TLS, Server, ServerTest, make_hash, read_reply
 
 HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
 
@@ -94,6 +95,15 @@ def logged_in(server):
         return True
     except (ftplib.error_temp, EOFError, ConnectionError):
         return False
+
+
+def logged_in_raw(server):
+    """A logged-in Raw connection, or None when the server refused it."""
+    r = Raw(server)
+    if r.greeting.startswith(b"220"):
+        return r.login()
+    r.close()
+    return None
 
 
 def session_pid(server, user):
@@ -228,13 +238,13 @@ class Limits(unittest.TestCase):
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
         srv = Server(extra=["--idle-timeout", "1", "--max-sessions", "2"])
         try:
-            a = srv.raw()
-            b = srv.raw()
+            a = Raw(srv).login()
+            b = Raw(srv).login()
             s = socket.create_connection(("127.0.0.1", srv.port), timeout=10)
             self.assertTrue(s.makefile("rb").readline().startswith(b"421"))
             s.close()
-            self.assertTrue(read_reply(a[1]).startswith("421 Idle timeout"))
-            self.assertTrue(read_reply(b[1]).startswith("421 Idle timeout"))
+            self.assertTrue(a.reply().startswith(b"421 Idle timeout"))
+            self.assertTrue(b.reply().startswith(b"421 Idle timeout"))
             # A login works once the listener has reaped both sessions.
             wait_for(lambda: logged_in(srv), "a session place to be free")
             self.assertTrue(srv.alive())
@@ -373,21 +383,23 @@ class Stopping(unittest.TestCase):
 
 class Strangers(unittest.TestCase):
     """Connections that never log in hold a session place only until the
-    login deadline, and only up to their address's share."""
+    login deadline, and only until a new connection finds no place left:
+    a flood of them cannot keep out a client that logs in."""
 
-    def test_login_deadline_and_sessions_per_address(self):
+    def setUp(self):
         from server_harness import SERVER
         if not SERVER:
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+
+    def test_login_deadline_and_sessions_per_address(self):
         srv = Server(extra=["--login-timeout", "2", "--max-sessions-per-address", "2"])
         try:
             member = srv.ftp()
-            stranger = Raw(srv)
-            self.assertTrue(stranger.greeting.startswith(b"220"))
-            refused = Raw(srv)
-            self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
-            self.assertIn(b"address", refused.greeting)
-            refused.close()
+            first = Raw(srv)
+            stranger = Raw(srv)  # takes the place of the first stranger
+            self.assertTrue(stranger.greeting.startswith(b"220"), stranger.greeting)
+            self.assertEqual(first.f.readline(), b"")
+            first.close()
             other = Raw(srv, source=("127.0.0.2", 0))  # another address is served
             self.assertTrue(other.greeting.startswith(b"220"), other.greeting)
             other.close()
@@ -403,8 +415,39 @@ class Strangers(unittest.TestCase):
             self.assertIn(b"Login time exceeded", reply)
             self.assertGreaterEqual(time.monotonic() - start, 1.5)
             stranger.close()
-            # The logged-in session is past the deadline and goes on.
+            # The logged-in session is past the deadline and goes on; two of
+            # them fill their address's share.
             self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+            second = wait_for(lambda: logged_in_raw(srv), "a place for a second login")
+            refused = Raw(srv)
+            self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
+            self.assertIn(b"address", refused.greeting)
+            refused.close()
+            second.close()
+            member.quit()
+        finally:
+            srv.stop()
+
+    def test_a_flood_of_strangers(self):
+        srv = Server(extra=["--max-sessions", "8", "--login-timeout", "600"])
+        try:
+            member = srv.ftp()
+            # Seven strangers from three addresses fill the places.
+            flood = [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(7)]
+            client = Raw(srv, source=("127.0.0.9", 0))
+            # The flood goes on while the client logs in: six strangers are
+            # left, so some address always holds more of them than the
+            # client's does, and they give up their places first.
+            flood += [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(6)]
+            self.assertEqual({r.greeting[:4] for r in flood + [client]}, {b"220 "})
+            self.assertTrue(client.login())
+            self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+            ended = re.findall(r"ending session \d+ from (\S+), not logged in", srv.read_log())
+            self.assertEqual(len(ended), 7, srv.read_log())
+            self.assertNotIn("127.0.0.9", ended)
+            self.assertEqual(flood[0].f.readline(), b"")  # the oldest went first
+            for r in flood + [client]:
+                r.close()
             member.quit()
         finally:
             srv.stop()
@@ -501,6 +544,66 @@ class ProtectedData(ServerTest):
             plain.quit()
         finally:
             srv.stop()
+
+
+class ProtectedDataOfOneUser(ServerTest):
+    """With a password file, a data connection may also resume a TLS
+    session given to another control connection of the same user (clients
+    that pool connections share one session cache), even one still logging
+    in; another user's, or that of a connection that never logs in, does not
+    let it in."""
+
+    @classmethod
+    def setUpClass(cls):
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        cls.server_args = {"tls": True, "passwd": "".join(
+            "%s:%s:%s\n" % (user, make_hash(user), me) for user in ("alice", "bob"))}
+        super().setUpClass()
+
+    def control(self, ctx, user=None):
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        f.auth()
+        f.sendcmd("PBSZ 0")
+        if user is not None:
+            f.login(user, user)
+        return f
+
+    def test_sessions_of_one_user(self):
+        with open(self.local("secret.bin"), "wb") as f:
+            f.write(b"alice's")
+        # One context for every connection, as a client with one session
+        # cache has.
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        owner = self.control(ctx, "alice")
+        owner.prot_p()
+        # The other control connection's user, whether it has logged in
+        # before the data connection resumes its session (else it logs in
+        # while the server checks), and whether the data go out.
+        cases = (("alice", True, True), ("alice", False, True), ("bob", True, False),
+                 (None, True, False))
+        for who, first, admitted in cases:
+            other = self.control(ctx, who if first else None)
+            session = other.sock.session
+            self.assertTrue(session.has_ticket, who)
+            if who is None:
+                other.close()  # never logs in
+            host, port = owner.makepasv()
+            conn = socket.create_connection((host, port), timeout=30)
+            self.assertTrue(owner.sendcmd("RETR /secret.bin").startswith("150"))
+            conn = owner.context.wrap_socket(conn, server_hostname="127.0.0.1", session=session)
+            if not first:
+                other.login(who, who)
+            got = conn.recv(100)
+            conn.close()
+            if admitted:
+                self.assertEqual(got, b"alice's", (who, first))
+                self.assertTrue(owner.voidresp().startswith("226"))
+            else:
+                self.assertEqual(got, b"", who)
+                self.assertRaisesRegex(ftplib.error_temp, "^425 .*not resumed", owner.voidresp)
+            other.close()
+        owner.quit()
 
 
 class Names(ServerTest):

@@ -6,7 +6,8 @@ add_executable(tarvex_gridftp_server_transfer_tests
   ${server_src}/transfer.cpp
   ${server_src}/data_channel.cpp
   ${server_src}/conn.cpp
-  ${server_src}/tls.cpp)
+  ${server_src}/tls.cpp
+  ${server_src}/mark_registry.cpp)
 target_include_directories(tarvex_gridftp_server_transfer_tests PRIVATE ${server_src})
 target_link_libraries(tarvex_gridftp_server_transfer_tests PRIVATE
   tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto tarvex_test_error_check

@@ -93,6 +93,13 @@ TEST_F(XferlogLine, FieldsInOrder)
     r.end = 1735689599; // 2024-12-31 23:59:59
     EXPECT_EQ(xferlog_line(r),
               "Tue Dec 31 23:59:59 2024 3 ::1 0 /reports/q1.pdf b _ i a alice ftp 0 * i\n");
+    // An upload taken although its end was not confirmed says so after the
+    // status; a failed one is incomplete anyway.
+    r.end_unconfirmed = true;
+    EXPECT_EQ(words(xferlog_line(r)).size(), 18u);
+    r.complete = true;
+    EXPECT_EQ(xferlog_line(r), "Tue Dec 31 23:59:59 2024 3 ::1 0 /reports/q1.pdf b _ i a alice "
+                               "ftp 0 * c end-unconfirmed\n");
 }
 
 TEST_F(XferlogLine, DurationInWholeSecondsAtLeastOne)

@@ -182,6 +182,7 @@ TransferParams Session::transfer_params(const std::string &what)
     p.what = what;
     p.tls = prot_p_ ? ctx_.tls : nullptr;
     p.tls_session_mark = tls_session_mark_;
+    p.tls_user_mark = tls_user_mark_;
     p.tls_require_resume = !opts_.tls_data_any_session;
     p.refused = [](const std::string &why) { log_session("data connection refused: " + why); };
     p.io_timeout_ms = opts_.idle_timeout * 1000;
@@ -255,6 +256,10 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     }
     TransferParams p = transfer_params(path);
     p.range_offset = rest;
+    // With an announced size the plug-in checks the count, whatever the
+    // end looked like; without one, the end of the connection is the end
+    // of the file.
+    p.tls_strict_eof = store && alloc == 0 && opts_.tls_strict_eof;
     Transfer t(data_, p);
 
     tarvex_gfs_transfer_info_t info{};
@@ -276,16 +281,19 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     bool ok = finish_transfer(c, t, 451);
     long long ms = now_ms() - t0;
     std::string note = alloc > 0 ? " (ALLO " + std::to_string(alloc) + ")" : "";
+    bool unconfirmed = store && alloc == 0 && t.end_unconfirmed();
+    if (unconfirmed)
+        note += " (end unconfirmed: no TLS close_notify)";
     if (!ok)
         note += " (failed)";
     log_session(std::string(store ? "STOR " : "RETR ") + log_field(path) + " from " +
                 std::to_string(rest) + ": " + std::to_string(t.bytes()) + " bytes in " +
                 std::to_string(ms) + " ms" + note);
-    log_transfer(store, path, t.bytes(), ms, ok);
+    log_transfer(store, path, t.bytes(), ms, ok, unconfirmed);
 }
 
 void Session::log_transfer(bool store, const std::string &path, long long bytes, long long ms,
-                           bool ok)
+                           bool ok, bool end_unconfirmed)
 {
     if (ctx_.transfer_log == nullptr)
         return;
@@ -299,6 +307,7 @@ void Session::log_transfer(bool store, const std::string &path, long long bytes,
     r.anonymous = opts_.anonymous_map;
     r.user = user_;
     r.complete = ok;
+    r.end_unconfirmed = end_unconfirmed;
     ctx_.transfer_log->send(xferlog_line(r));
 }
 

@@ -6,8 +6,11 @@
 #include <strings.h>
 
 #include "auth.h"
+#include "listener.h"
 #include "log.h"
+#include "mark_registry.h"
 #include "session.h"
+#include "tls.h"
 
 namespace tarvex_server {
 
@@ -142,9 +145,21 @@ bool Session::start_plugin_session(const std::string &login)
     info.host_id = const_cast<char *>(host.c_str());
     PluginCall c;
     // An ABOR does not stop a login: a session the plug-in has made must be
-    // taken (and later ended) whatever the client sends meanwhile.
+    // taken (and later ended) whatever the client sends meanwhile.  The
+    // login deadline and a lost client do (Session::wait_for()).
     c.cancellable = false;
     call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->init_func(op, &info); });
+    if (login_expired_ || control_lost_) {
+        // Answered 421 already (login_wait()), or nobody is left to answer;
+        // a session the plug-in made after all is ended at once.
+        if (c.result == TARVEX_SUCCESS) {
+            session_arg_ = c.session_arg;
+            logged_in_ = true;
+            destroy_plugin_session();
+        }
+        tarvex_error_discard(c.result);
+        return false;
+    }
     if (c.result != TARVEX_SUCCESS) {
         log_session("session start for " + log_field(login) + " failed");
         reply_error(c.result, 530);
@@ -152,6 +167,14 @@ bool Session::start_plugin_session(const std::string &login)
     }
     session_arg_ = c.session_arg;
     logged_in_ = true;
+    report_login();
+    // With --anonymous-map a name proves nothing: no other session's TLS
+    // session lets this one's data connections in (mark_registry.h).
+    if (!opts_.anonymous_map) {
+        tls_user_mark_ = user_session_mark(login);
+        if (!tls_user_mark_.empty())
+            mark_registry::logged_in(tls_user_mark_);
+    }
     home_ = c.home_dir.empty() || c.home_dir[0] != '/' ? "/" : c.home_dir;
     cwd_ = home_;
     log_session(log_field(login) + " logged in");

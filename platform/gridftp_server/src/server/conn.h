@@ -20,11 +20,11 @@ enum class Io { ok, eof, timeout, cancelled, error };
 
 // How a TLS session is set up on a connection.
 struct TlsSetup {
-    // The control connection's: every session its handshake makes, and
-    // every session ticket it issues, carries this mark, which a data
-    // connection must show again by resuming one of them (see
-    // tls_session_marked()).  The SSL_CTX must come from
-    // make_tls_context() (tls.h), which puts the mark into tickets.
+    // The control connection's: the session its handshake makes, and the
+    // session tickets it issues, carry this mark, which a data connection
+    // must show again by resuming one of them (see tls_resumed_mark()).
+    // The SSL_CTX must come from make_tls_context() (tls.h), which puts
+    // the mark into tickets.
     const std::string *mark_sessions = nullptr;
 };
 
@@ -38,12 +38,17 @@ public:
     int fd() const { return fd_; }
     bool is_tls() const { return ssl_ != nullptr; }
 
-    // Server side of a TLS handshake on this connection.
+    // Server side of a TLS handshake on this connection.  A connection
+    // that marks no sessions (a data connection) issues no session ticket.
     Io start_tls(SSL_CTX *ctx, int timeout_ms, int cancel_fd, std::string &err,
                  const TlsSetup &setup = TlsSetup());
-    // After start_tls: whether the client resumed a session that carries
-    // `mark` (a session of the control connection that marks with it).
-    bool tls_session_marked(const std::string &mark);
+    // After start_tls: the mark of the session the client resumed; empty
+    // when it resumed none, or one without a mark.
+    std::string tls_resumed_mark();
+    // The data ended (eof) with a bare end of the TCP stream, without the
+    // TLS close_notify that says the peer sent everything: the peer may
+    // have been cut off.
+    bool end_unconfirmed() const { return end_unconfirmed_; }
 
     // Reads at most `len` bytes into `buf`; `got` is what arrived.  A
     // timeout of 0 tries once without waiting.
@@ -64,6 +69,8 @@ private:
 
     int fd_;
     SSL *ssl_ = nullptr;
+    bool tls_failed_ = false;      // a fatal TLS error: no close_notify any more
+    bool end_unconfirmed_ = false;
     std::mutex ssl_mu_;
 };
 

@@ -7,9 +7,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 #include <map>
 
 #include "log.h"
+#include "mark_registry.h"
 
 namespace tarvex_server {
 
@@ -56,6 +59,7 @@ void install_handlers()
 
 int session_control_fd = -1;
 volatile sig_atomic_t session_terminated = 0;
+volatile sig_atomic_t session_logged_in = 0;
 
 // SIGTERM in a session: end it the way a vanished client would, so that a
 // running transfer is stopped and the plug-in's session is closed properly.
@@ -63,6 +67,16 @@ void on_session_term(int)
 {
     session_terminated = 1;
     if (session_control_fd >= 0)
+        shutdown(session_control_fd, SHUT_RDWR);
+}
+
+// SIGUSR1 in a session: the listening process gives its place to a new
+// connection (take_connection()), which only a session that has not logged
+// in gives up.  One that has, though the listening process had not heard
+// of it yet, goes on.
+void on_session_drop(int)
+{
+    if (session_logged_in == 0 && session_control_fd >= 0)
         shutdown(session_control_fd, SHUT_RDWR);
 }
 
@@ -82,6 +96,8 @@ void reset_handlers_in_child(int control_fd)
     session_control_fd = control_fd;
     sa.sa_handler = on_session_term;
     sigaction(SIGTERM, &sa, nullptr);
+    sa.sa_handler = on_session_drop;
+    sigaction(SIGUSR1, &sa, nullptr);
     sa.sa_handler = on_session_hup;
     sa.sa_flags = SA_RESTART;
     sigaction(SIGHUP, &sa, nullptr);
@@ -89,8 +105,19 @@ void reset_handlers_in_child(int control_fd)
     close(signal_pipe[1]);
 }
 
-// The session processes and the client address each serves.
-using Children = std::map<pid_t, std::string>;
+// The other end of the login channel: a session process's, -1 in the
+// listening process (and in a session that is not one of its children).
+int login_channel = -1;
+
+// A session process, as the listening process sees it.
+struct Child {
+    std::string host;         // the client's address
+    unsigned long long order; // connections accepted before this one
+    int record;               // in the TLS session registry (mark_registry.h)
+    bool logged_in = false;   // reported by the session (report_login())
+    bool dropped = false;     // ended to make room, not yet reaped
+};
+using Children = std::map<pid_t, Child>;
 
 void reap(Children &children)
 {
@@ -99,26 +126,89 @@ void reap(Children &children)
         pid_t pid = waitpid(-1, &status, WNOHANG);
         if (pid <= 0)
             return;
-        children.erase(pid);
+        auto it = children.find(pid);
+        if (it != children.end()) {
+            mark_registry::release(it->second.record);
+            children.erase(it);
+        }
         if (WIFSIGNALED(status))
             log_server("session " + std::to_string(pid) + " ended by signal " +
                        std::to_string(WTERMSIG(status)));
     }
 }
 
-// Why a new connection from `host` gets no session, or nullptr.  A client
-// that opens connections and never logs in holds its places only until the
-// login deadline, and only up to its own address's share.
-const char *refusal(const Children &children, const std::string &host, const Options &opts)
+// Places held: sessions not dropped, from `host` only when it is given.
+int places_held(const Children &children, const std::string *host)
 {
-    if (static_cast<int>(children.size()) >= opts.max_sessions)
-        return "421 Too many sessions, try again later.\r\n";
-    int from_host = 0;
-    for (const auto &[pid, h] : children)
-        from_host += h == host;
-    if (from_host >= opts.max_per_address)
-        return "421 Too many sessions from your address, try again later.\r\n";
+    int n = 0;
+    for (const auto &[pid, c] : children)
+        n += !c.dropped && (host == nullptr || c.host == *host);
+    return n;
+}
+
+// The stranger whose place a new connection takes, 0 when there is none:
+// the oldest of `host`'s, or with no host the oldest of the address that
+// holds the most strangers.
+pid_t stranger_to_replace(const Children &children, const std::string *host)
+{
+    std::map<std::string, int> strangers;
+    for (const auto &[pid, c] : children)
+        if (!c.dropped && !c.logged_in)
+            ++strangers[c.host];
+    int most = 0;
+    for (const auto &[h, n] : strangers)
+        most = std::max(most, n);
+    pid_t victim = 0;
+    unsigned long long oldest = 0;
+    for (const auto &[pid, c] : children) {
+        if (c.dropped || c.logged_in)
+            continue;
+        bool candidate = host != nullptr ? c.host == *host : strangers[c.host] == most;
+        if (candidate && (victim == 0 || c.order < oldest)) {
+            victim = pid;
+            oldest = c.order;
+        }
+    }
+    return victim;
+}
+
+// Whether a new connection from `host` gets a session: nullptr when it
+// does (in the place of `victim` unless that is 0), else the refusal.
+// Dropped sessions still running count against a limit of their own, so
+// that no flood can make the processes pile up.
+const char *admission(const Children &children, const std::string &host, const Options &opts,
+                      pid_t &victim)
+{
+    victim = 0;
+    const char *busy = "421 Too many sessions, try again later.\r\n";
+    if (static_cast<long long>(children.size()) >= 2LL * opts.max_sessions)
+        return busy;
+    if (places_held(children, &host) >= opts.max_per_address) {
+        victim = stranger_to_replace(children, &host);
+        return victim != 0 ? nullptr
+                           : "421 Too many sessions from your address, try again later.\r\n";
+    }
+    if (places_held(children, nullptr) >= opts.max_sessions) {
+        victim = stranger_to_replace(children, nullptr);
+        return victim != 0 ? nullptr : busy;
+    }
     return nullptr;
+}
+
+// Logins the sessions report (report_login()): each datagram is the
+// process id of a session that has logged in.
+void take_logins(int channel, Children &children)
+{
+    pid_t pid = 0;
+    while (recv(channel, &pid, sizeof pid, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof pid)) {
+        auto it = children.find(pid);
+        if (it != children.end()) {
+            // A session asked to give up its place that logged in first
+            // keeps it (on_session_drop()).
+            it->second.logged_in = true;
+            it->second.dropped = false;
+        }
+    }
 }
 
 std::string peer_host(int fd)
@@ -209,81 +299,165 @@ int open_listener(const Options &opts, int &port, std::string &err)
     return fd;
 }
 
+namespace {
+
+// The channel sessions report their logins on (report_login()): a
+// datagram socket, so that each report is whole; the listening process
+// reads its end without waiting.
+void open_login_channel(int logins[2])
+{
+    if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, logins) == 0) {
+        timeval tv{2, 0}; // a session waits this long at most to report
+        setsockopt(logins[1], SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        return;
+    }
+    logins[0] = logins[1] = -1;
+    log_server(std::string("no login reports, every session counts as a stranger's: ") +
+               strerror(errno));
+}
+
+// What the listening process keeps between connections.
+struct Listening {
+    Listening(int fd, const ServerContext &c) : listen_fd(fd), ctx(c) {}
+    int listen_fd;
+    const ServerContext &ctx;
+    int logins[2] = {-1, -1};
+    Children children;
+    unsigned long long accepted = 0;
+};
+
+// A new connection `fd`: a session process for it (in the place of a
+// stranger's when none is free), or a refusal.
+void take_connection(Listening &l, int fd)
+{
+    std::string host = peer_host(fd);
+    take_logins(l.logins[0], l.children);
+    pid_t victim = 0;
+    if (const char *busy = admission(l.children, host, *l.ctx.opts, victim)) {
+        if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+            // the client left already
+        }
+        close(fd);
+        return;
+    }
+    if (victim != 0) {
+        // Its session ends as at a lost client (on_session_drop()).
+        l.children[victim].dropped = true;
+        kill(victim, SIGUSR1);
+        log_server("ending session " + std::to_string(victim) + " from " +
+                   l.children[victim].host + ", not logged in, for a new connection from " + host);
+    }
+    int record = mark_registry::assign([&l](int i) {
+        for (const auto &[pid, child] : l.children)
+            if (child.record == i)
+                return true;
+        return false;
+    });
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(l.listen_fd);
+        close(l.logins[0]);
+        login_channel = l.logins[1];
+        mark_registry::enter(record);
+        reset_handlers_in_child(fd);
+        run_session(fd, l.ctx);
+    }
+    close(fd);
+    if (pid > 0)
+        l.children.emplace(pid, Child{host, l.accepted++, record});
+    else
+        log_server(std::string("fork: ") + strerror(errno));
+}
+
+// SIGTERM or SIGINT: every session is told to end, and killed when it has
+// not ended in time.
+void stop_sessions(Listening &l)
+{
+    TransferLog *xferlog = l.ctx.transfer_log;
+    log_server("stopping, " + std::to_string(l.children.size()) + " session(s) open");
+    for (const auto &[pid, child] : l.children)
+        kill(pid, SIGTERM);
+    // Each session cancels what its plug-in does and ends within its grace
+    // period; a little more for closing connections and exiting.  The
+    // transfers they end meanwhile are logged.
+    long long deadline = now_ms() + (l.ctx.opts->cancel_grace + 2) * 1000LL;
+    while (!l.children.empty() && now_ms() < deadline) {
+        pollfd p{xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0};
+        poll(&p, 1, 100);
+        reap(l.children);
+        tend(xferlog);
+    }
+    if (l.children.empty())
+        log_server("stopped, every session ended");
+    else
+        log_server("stopped, killing " + std::to_string(l.children.size()) +
+                   " session(s) that did not end");
+    for (const auto &[pid, child] : l.children)
+        kill(pid, SIGKILL);
+    tend(xferlog);
+}
+
+} // namespace
+
 int serve(int listen_fd, const ServerContext &ctx)
 {
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
     TransferLog *xferlog = ctx.transfer_log;
-    Children children;
+    Listening l(listen_fd, ctx);
+    open_login_channel(l.logins);
+    std::string err;
+    if (!mark_registry::open(std::max(256, 4 * ctx.opts->max_sessions), err))
+        log_server(err + "; a data connection resumes its own control connection's session");
     while (!stopping) {
-        pollfd p[3] = {{listen_fd, POLLIN, 0},
+        pollfd p[4] = {{listen_fd, POLLIN, 0},
                        {signal_pipe[0], POLLIN, 0},
-                       {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0}};
-        int n = poll(p, 3, 1000);
+                       {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0},
+                       {l.logins[0], POLLIN, 0}};
+        int n = poll(p, 4, 1000);
         if (p[1].revents & POLLIN) {
             char buf[64];
             while (read(signal_pipe[0], buf, sizeof buf) > 0) {
             }
         }
-        reap(children);
+        reap(l.children);
         tend(xferlog);
+        take_logins(l.logins[0], l.children);
         if (n <= 0 || !(p[0].revents & POLLIN))
             continue;
         int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
-                usleep(100000); // out of resources: let sessions end first
-            continue;
-        }
-        std::string host = peer_host(fd);
-        if (const char *busy = refusal(children, host, *ctx.opts)) {
-            if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
-                // the client left already
-            }
-            close(fd);
-            continue;
-        }
-        fflush(stderr);
-        pid_t pid = fork();
-        if (pid == 0) {
-            close(listen_fd);
-            reset_handlers_in_child(fd);
-            run_session(fd, ctx);
-        }
-        close(fd);
-        if (pid > 0)
-            children.emplace(pid, host);
-        else
-            log_server(std::string("fork: ") + strerror(errno));
+        if (fd >= 0)
+            take_connection(l, fd);
+        else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+            usleep(100000); // out of resources: let sessions end first
     }
-    log_server("stopping, " + std::to_string(children.size()) + " session(s) open");
-    for (const auto &[pid, host] : children)
-        kill(pid, SIGTERM);
-    // Each session cancels what its plug-in does and ends within its grace
-    // period; a little more for closing connections and exiting.  The
-    // transfers they end meanwhile are logged.
-    long long deadline = now_ms() + (ctx.opts->cancel_grace + 2) * 1000LL;
-    while (!children.empty() && now_ms() < deadline) {
-        pollfd p{xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0};
-        poll(&p, 1, 100);
-        reap(children);
-        tend(xferlog);
-    }
-    if (children.empty())
-        log_server("stopped, every session ended");
-    else
-        log_server("stopped, killing " + std::to_string(children.size()) +
-                   " session(s) that did not end");
-    for (const auto &[pid, host] : children)
-        kill(pid, SIGKILL);
-    tend(xferlog);
+    stop_sessions(l);
     close(listen_fd);
+    close(l.logins[0]);
+    close(l.logins[1]);
     return 0;
 }
 
 bool session_terminated_by_signal()
 {
     return session_terminated != 0;
+}
+
+void report_login()
+{
+    if (login_channel < 0)
+        return;
+    // From now on the session keeps its place (on_session_drop()).  The
+    // listening process takes reports at every turn of its loop, so a full
+    // channel empties within moments; a report that never arrives leaves
+    // the session counted as a stranger's, and a new connection may then
+    // be let in beside it: a place too many, never one lost.
+    session_logged_in = 1;
+    pid_t pid = getpid();
+    if (send(login_channel, &pid, sizeof pid, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof pid))
+        log_session(std::string("the listening process was not told of the login: ") +
+                    strerror(errno));
 }
 
 } // namespace tarvex_server

@@ -13,10 +13,24 @@ int open_listener(const Options &opts, int &port, std::string &err);
 
 // Serves until SIGTERM or SIGINT; returns the exit status.  SIGHUP reopens
 // the transfer log.
+//
+// Session places: at most --max-sessions sessions, and at most
+// --max-sessions-per-address from one client address.  A connection that
+// finds no place left takes the place of a session that has not logged in
+// yet (a stranger's), if there is one: the oldest stranger of the address
+// that holds the most strangers (of its own address, when its address has
+// no place left).  So connections that never log in (64 of them from 8
+// addresses held every place until the login deadline) cannot keep out a
+// client that logs in promptly, and one flooding address replaces its own
+// connections first.  Sessions that have logged in keep their places.
 int serve(int listen_fd, const ServerContext &ctx);
 
 // In a session process: SIGTERM (the server stopping, or an operator) ended
 // the session.
 bool session_terminated_by_signal();
+
+// In a session process: tells the listening process that the session has
+// logged in, so that it no longer counts as a stranger's (see serve()).
+void report_login();
 
 } // namespace tarvex_server

@@ -43,6 +43,10 @@ const char usage[] =
     "                        resume the control connection's TLS session (for\n"
     "                        clients that cannot; any local process that reaches\n"
     "                        the passive port first may then take the data)\n"
+    "  --tls-strict-eof      fail (426) an upload of unannounced size (no ALLO)\n"
+    "                        whose protected data connection ends without TLS\n"
+    "                        close_notify; by default it is stored, and marked\n"
+    "                        \"end unconfirmed\" in the logs\n"
     "  --config-file KEY=PATH      configuration data KEY for the plug-in is the\n"
     "                              contents of PATH (repeatable)\n"
     "  --config-command KEY=CMD    configuration data KEY is the standard output\n"
@@ -53,13 +57,16 @@ const char usage[] =
     "                        (xferlog format); SIGHUP opens FILE again\n"
     "  --pasv-range LOW-HIGH ports for passive data connections\n"
     "  --max-sessions N      concurrent sessions (default 64); more are refused\n"
-    "                        with 421\n"
+    "                        with 421, unless a session not yet logged in gives\n"
+    "                        up its place\n"
     "  --max-sessions-per-address N  concurrent sessions from one client\n"
-    "                        address (default 8); more are refused with 421\n"
+    "                        address (default 32); the same\n"
     "  --idle-timeout S      seconds a session may sit idle, and a data\n"
     "                        connection may stall (default 900)\n"
     "  --login-timeout S     seconds from connecting to a completed login\n"
-    "                        (default 60); commands do not extend it\n"
+    "                        (default 60); commands do not extend it, and a\n"
+    "                        storage session that has not started by then is\n"
+    "                        cancelled (421)\n"
     "  --cancel-grace S      seconds the storage plug-in gets to stop an\n"
     "                        operation after ABOR, a lost client or SIGTERM,\n"
     "                        before the session ends without it (default 5)\n"
@@ -114,6 +121,8 @@ bool take_switch(std::string_view a, Options &o)
         o.foreground = true;
     else if (a == "--tls-data-any-session")
         o.tls_data_any_session = true;
+    else if (a == "--tls-strict-eof")
+        o.tls_strict_eof = true;
     else
         return false;
     return true;

@@ -22,11 +22,12 @@ struct Options {
     int pasv_low = 0;              // 0: any port the system gives
     int pasv_high = 0;
     int max_sessions = 64;
-    int max_per_address = 8;       // sessions from one client address
+    int max_per_address = 32;      // sessions from one client address
     int idle_timeout = 900;        // seconds
     int login_timeout = 60;        // seconds from connecting to a login
     int cancel_grace = 5;          // seconds a cancelled plug-in call may take
     bool tls_data_any_session = false; // PROT P without resuming the control's session
+    bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;
     std::string transfer_log;      // "": no transfer log
 };

@@ -1,6 +1,5 @@
 #include "session.h"
 
-#include <openssl/rand.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -12,9 +11,11 @@
 
 #include "listener.h"
 #include "log.h"
+#include "mark_registry.h"
 #include "parse.h"
 #include "path.h"
 #include "provider.h"
+#include "tls.h"
 
 namespace tarvex_server {
 
@@ -38,9 +39,8 @@ Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep)
       config_(ctx.opts->config_files, ctx.opts->config_commands)
 {
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    unsigned char mark[32];
-    if (RAND_bytes(mark, sizeof mark) == 1)
-        tls_session_mark_.assign(reinterpret_cast<char *>(mark), sizeof mark);
+    tls_session_mark_ = random_session_mark();
+    mark_registry::started(tls_session_mark_);
 }
 
 Session::~Session()
@@ -131,9 +131,9 @@ void Session::run()
 // Serves commands until the session ends; why it ended.
 const char *Session::command_loop()
 {
-    // A fixed time to log in: a stranger who never does holds a session
-    // place only this long, however busy it keeps the connection.
-    const long long login_deadline = now_ms() + opts_.login_timeout * 1000LL;
+    // However busy a stranger keeps the connection, commands do not
+    // extend its time.
+    login_deadline_ = now_ms() + opts_.login_timeout * 1000LL;
     while (!quit_ && !control_lost_) {
         std::string line;
         if (!pending_.empty()) {
@@ -143,9 +143,9 @@ const char *Session::command_loop()
             continue;
         }
         long long wait_ms = opts_.idle_timeout * 1000LL;
-        bool login_due = !logged_in_ && login_deadline - now_ms() <= wait_ms;
+        bool login_due = !logged_in_ && login_deadline_ - now_ms() <= wait_ms;
         if (login_due)
-            wait_ms = std::max(0LL, login_deadline - now_ms());
+            wait_ms = std::max(0LL, login_deadline_ - now_ms());
         ControlChannel::Event ev = ctl_.next(line, static_cast<int>(wait_ms), -1);
         switch (ev) {
         case ControlChannel::Event::line:
@@ -363,10 +363,33 @@ void Session::cancel(PluginCall &c)
                 " s of being cancelled; ending the session");
     if (logged_in_)
         log_session(log_field(user_) + " logged out (the storage did not stop in time)");
-    if (!control_lost_)
+    if (!control_lost_ && !login_expired_)
         reply(421, "The storage did not stop in time, closing control connection.");
     fflush(stderr);
     _exit(1);
+}
+
+// While the storage session of a login starts (the only plug-in call made
+// before the login is complete): how long to wait at most, the login
+// deadline included.  At the deadline the client is answered 421 and the
+// start is cancelled; the plug-in then has its grace period to return (a
+// session it made after all is ended), else the session process ends
+// (give_up()).  A Box answer trickling in a byte at a time kept a login
+// waiting for minutes before.
+int Session::login_wait(PluginCall &c, int wait_ms)
+{
+    if (logged_in_ || login_expired_)
+        return wait_ms;
+    long long left = login_deadline_ - now_ms();
+    if (left > 0)
+        return wait_ms < 0 ? static_cast<int>(left) : std::min(wait_ms, static_cast<int>(left));
+    login_expired_ = true;
+    quit_ = true;
+    log_session("no login within " + std::to_string(opts_.login_timeout) +
+                " s: the storage session did not start in time");
+    reply(421, "Login time exceeded, closing control connection.");
+    cancel(c);
+    return static_cast<int>(opts_.cancel_grace * 1000LL);
 }
 
 void Session::reply_busy_line(const std::string &line, PluginCall &c)
@@ -413,6 +436,7 @@ void Session::wait_for(PluginCall &c)
                 give_up();
             wait_ms = static_cast<int>(left);
         }
+        wait_ms = login_wait(c, wait_ms);
         std::string line;
         ControlChannel::Event ev;
         if (control_lost_) {
@@ -437,9 +461,10 @@ void Session::wait_for(PluginCall &c)
             break;
         default:
             // The client is gone (or SIGTERM shut the connection): stop the
-            // call, let the plug-in finish.
+            // call, let the plug-in finish.  A login too: nobody is left to
+            // use it.
             control_lost_ = true;
-            if (c.cancellable)
+            if (c.cancellable || !logged_in_)
                 cancel(c);
             break;
         }

@@ -96,6 +96,7 @@ private:
     // calling the plug-in
     void call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_operation_t)> &fn);
     void wait_for(PluginCall &c);
+    int login_wait(PluginCall &c, int wait_ms);
     void cancel(PluginCall &c);
     [[noreturn]] void give_up();
     void drain_wake();
@@ -165,7 +166,8 @@ private:
     TransferParams transfer_params(const std::string &what);
     bool finish_transfer(PluginCall &c, Transfer &t, int default_code);
     void transfer(bool store, const std::string &arg, bool append = false);
-    void log_transfer(bool store, const std::string &path, long long bytes, long long ms, bool ok);
+    void log_transfer(bool store, const std::string &path, long long bytes, long long ms, bool ok,
+                      bool end_unconfirmed = false);
 
     const ServerContext &ctx_;
     const Options &opts_;
@@ -184,14 +186,19 @@ private:
     // login
     std::string user_;
     bool logged_in_ = false;
+    // A fixed time to log in, from connecting: a stranger who never does
+    // holds a session place only this long, and a login whose storage
+    // session does not start in time is answered 421 at this time.
+    long long login_deadline_ = 0;
+    bool login_expired_ = false;
     int failed_logins_ = 0;
     bool tls_ = false;
     bool pbsz_ = false;
     bool prot_p_ = false;
-    // Random per session: marks the TLS sessions of the control connection
-    // (TlsSetup, conn.h).  Every session process shares the ticket key, so
-    // only this mark tells this client's sessions from another's.
+    // The marks of the control connection's TLS sessions (tls.h): random
+    // per session, and the user's once logged in with a password file.
     std::string tls_session_mark_;
+    std::string tls_user_mark_;
 
     // the plug-in
     const tarvex_gfs_storage_iface_t *iface_ = nullptr; // &table_ once loaded

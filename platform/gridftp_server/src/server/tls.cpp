@@ -1,6 +1,8 @@
 #include "tls.h"
 
 #include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
 
 namespace tarvex_server {
 
@@ -37,6 +39,28 @@ bool mark_session(SSL *ssl, const std::string &mark)
            SSL_SESSION_set1_ticket_appdata(session, mark.data(), mark.size()) == 1;
 }
 
+std::string random_session_mark()
+{
+    unsigned char bytes[32];
+    if (RAND_bytes(bytes, sizeof bytes) != 1)
+        return ""; // no mark: no data connection resumes into this session
+    return "S" + std::string(reinterpret_cast<const char *>(bytes), sizeof bytes);
+}
+
+std::string user_session_mark(const std::string &user)
+{
+    // A digest keeps tickets small whatever the name's length; the prefix
+    // keeps it apart from any other digest of the name.
+    std::string input = "tarvex-gridftp-server user";
+    input += '\0';
+    input += user;
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(input.data(), input.size(), digest, &length, EVP_sha256(), nullptr) != 1)
+        return "";
+    return "U" + std::string(reinterpret_cast<const char *>(digest), length);
+}
+
 SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::string &err)
 {
     SSL_CTX *ctx = SSL_CTX_new(TLS_server_method());
@@ -48,10 +72,11 @@ SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::
     // Writes may be retried from a different (moved) buffer position and
     // may complete in parts: the connection layer loops on them.
     SSL_CTX_set_mode(ctx, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
-    // Many FTP clients end a data connection with a plain TCP close rather
-    // than close_notify; the end of a stream-mode transfer is the end of the
-    // connection, so treat that as end of data instead of as an error.
-    SSL_CTX_set_options(ctx, SSL_OP_IGNORE_UNEXPECTED_EOF | SSL_OP_NO_RENEGOTIATION);
+    // A plain TCP close without close_notify stays visible (Conn reports
+    // it as an unconfirmed end): many FTP clients end data connections so,
+    // and an upload that ends so is taken but marked, or refused with
+    // --tls-strict-eof.
+    SSL_CTX_set_options(ctx, SSL_OP_NO_RENEGOTIATION);
     // Clients resume the control connection's session on data connections.
     SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_SERVER);
     static const unsigned char sid_ctx[] = "tarvex-gridftp-server";

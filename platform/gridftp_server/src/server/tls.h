@@ -17,4 +17,14 @@ SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::
 // when memory runs out.
 bool mark_session(SSL *ssl, const std::string &mark);
 
+// The marks of TLS sessions (TlsSetup, conn.h).  A session mark is random
+// per session process: the control connection's sessions and tickets
+// carry it.  A user mark is the digest of a login name (with a password
+// file), which the session registers with its session mark
+// (mark_registry.h) so that a data connection of another session of the
+// same user may resume this control connection's session.  Empty when no
+// mark can be made.
+std::string random_session_mark();
+std::string user_session_mark(const std::string &user);
+
 } // namespace tarvex_server

@@ -1,5 +1,7 @@
 #include "transfer.h"
 
+#include "mark_registry.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -107,11 +109,16 @@ void Transfer::begin(bool with_thread)
 bool Transfer::secure(Conn &c, int timeout_ms, std::string &why)
 {
     std::string err;
-    if (c.start_tls(p_.tls, std::min(timeout_ms, connect_timeout_ms), cancel_fd_, err) != Io::ok) {
+    int limit = std::min(timeout_ms, connect_timeout_ms);
+    long long until = now_ms() + limit;
+    if (c.start_tls(p_.tls, limit, cancel_fd_, err) != Io::ok) {
         why = "TLS handshake failed";
         return false;
     }
-    if (p_.tls_require_resume && !c.tls_session_marked(p_.tls_session_mark)) {
+    int left = static_cast<int>(std::max(0LL, until - now_ms()));
+    if (p_.tls_require_resume &&
+        !mark_registry::admits(c.tls_resumed_mark(), p_.tls_session_mark, p_.tls_user_mark, left,
+                               cancel_fd_)) {
         c.finish(0); // an orderly end: the client reads the 425 that follows
         why = "the TLS session of the control connection was not resumed";
         if (p_.refused)
@@ -336,7 +343,7 @@ void Transfer::serve_read(const Request &r)
         io = conn_->read_some(r.buf + got, r.len - got, n, p_.io_timeout_ms, cancel_fd_);
         if (io == Io::eof) {
             eof_ = true;
-            io = Io::ok;
+            io = take_end() ? Io::ok : Io::error;
             break;
         }
         if (io != Io::ok)
@@ -357,6 +364,21 @@ void Transfer::serve_read(const Request &r)
     complete(r, true, got, at, eof_ && ahead_begin_ == ahead_end_);
 }
 
+// The client's data have ended: whether the end is taken.  An end without
+// TLS close_notify is noted (the session marks the store in its logs);
+// with tls_strict_eof it fails the store, before the plug-in is told of an
+// end, so nothing is kept.
+bool Transfer::take_end()
+{
+    if (!conn_->end_unconfirmed())
+        return true;
+    end_unconfirmed_ = true;
+    if (!p_.tls_strict_eof)
+        return true;
+    fail("426 The data connection ended without TLS close_notify; transfer aborted.");
+    return false;
+}
+
 // A read of nothing: the plug-in has every byte it expects and waits for
 // the end of the client's data.  It completes at the end of data; a byte
 // instead means the client sends more than it announced, and the transfer
@@ -370,7 +392,7 @@ void Transfer::await_end(const Request &r)
         size_t n = 0;
         io = conn_->read_some(&extra, 1, n, p_.io_timeout_ms, cancel_fd_);
     }
-    if (io == Io::eof) {
+    if (io == Io::eof && take_end()) {
         eof_ = true;
         complete(r, true, 0, stream_offset_, true);
         return;

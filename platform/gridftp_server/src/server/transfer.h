@@ -31,11 +31,17 @@ namespace tarvex_server {
 struct TransferParams {
     std::string what;            // for the 150 reply: "RETR /a/b", "LIST /"
     SSL_CTX *tls = nullptr;      // PROT P: TLS on the data connection
-    // The mark of the control connection's TLS sessions: a protected data
-    // connection must resume one of them (RFC 4217's practice), which only
-    // the client that holds the control connection can.
+    // The marks of the session (tls.h): a protected data connection must
+    // resume a TLS session of its control connection (RFC 4217's
+    // practice), which only the client that holds the control connection
+    // can, or one of another control connection of the same user
+    // (mark_registry.h).
     std::string tls_session_mark;
+    std::string tls_user_mark;
     bool tls_require_resume = true;
+    // A store over TLS whose data end without close_notify fails (426)
+    // instead of ending the file there.
+    bool tls_strict_eof = false;
     int io_timeout_ms = 900000;
     tarvex_off_t range_offset = 0; // REST offset
     tarvex_off_t range_length = -1;
@@ -78,6 +84,8 @@ public:
     // Non-empty when the data connection failed: the reply to give.
     std::string failure() const;
     long long bytes() const { return bytes_; }
+    // A store's data ended without TLS close_notify (Conn::end_unconfirmed()).
+    bool end_unconfirmed() const { return end_unconfirmed_; }
     const std::string &what() const { return p_.what; }
 
 private:
@@ -98,6 +106,7 @@ private:
     void serve_read(const Request &r);
     void await_end(const Request &r);
     void complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof);
+    bool take_end();
     void fail(const std::string &reply);
     bool usable();
     // Queues a plug-in's buffer for the data thread, or says why it cannot.
@@ -124,6 +133,7 @@ private:
     std::atomic<long long> bytes_{0};
     bool read_range_given_ = false;
     bool eof_ = false;
+    std::atomic<bool> end_unconfirmed_{false};
     tarvex_off_t stream_offset_ = 0;
 
     // Data thread only: the client's data read ahead, [ahead_begin_,

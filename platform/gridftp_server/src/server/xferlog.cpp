@@ -80,7 +80,8 @@ std::string xferlog_line(const XferRecord &r)
     return xferlog_time(r.end) + " " + std::to_string(seconds) + " " + log_word(r.host) + " " +
            std::to_string(r.bytes) + " " + log_word(r.path) + " b _ " + (r.incoming ? "i" : "o") +
            " " + (r.anonymous ? "a" : "r") + " " + log_word(r.user) + " ftp 0 * " +
-           (r.complete ? "c" : "i") + "\n";
+           (r.complete ? "c" : "i") + (r.complete && r.end_unconfirmed ? " end-unconfirmed" : "") +
+           "\n";
 }
 
 TransferLog::~TransferLog()

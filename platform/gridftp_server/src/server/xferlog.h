@@ -8,7 +8,10 @@
 // address, bytes moved, path, transfer type, special action, direction (o:
 // download, i: upload), access mode (a: --anonymous-map, r: a password
 // login), login name, service, authentication method, authenticated user
-// id, and completion status (c: complete, i: incomplete).
+// id, and completion status (c: complete, i: incomplete).  A complete
+// upload of unannounced size whose protected data connection ended without
+// TLS close_notify gets one more word, "end-unconfirmed": the client may
+// have been cut off, and the file with it.
 //
 // Only the listening process writes the file.  Sessions run as their
 // login's local account with the plug-in's code in them: they could not
@@ -38,6 +41,7 @@ struct XferRecord {
     bool anonymous = false;   // the server runs with --anonymous-map
     std::string user;         // the login name
     bool complete = false;    // answered 226
+    bool end_unconfirmed = false; // an upload ended without TLS close_notify
 };
 
 // The line for `r`, newline included.  Path, login and address are single
