@@ -30,11 +30,21 @@ struct Options {
     bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;
     std::string transfer_log;      // "": no transfer log
+
+    // What an operator watches and audits, and implicit TLS.
+    int implicit_tls_port = -1;    // -1: none; 0 picks a free port
+    std::string implicit_tls_port_file;
+    std::string audit_log;         // "": no audit log
+    std::string metrics_listen;    // "": no metrics; "ADDR:PORT"
+    std::string metrics_port_file;
 };
 
 // Parses argv.  Returns 0 to go on, 1 after printing help or the version
 // (exit 0), -1 on a usage error (message in `err`).
 int parse_options(int argc, char **argv, Options &opts, std::string &err);
+// "ADDR:PORT" (an IPv6 address in brackets: "[::1]:9464") into a numeric
+// address and a port (0-65535); false when it is not that.
+bool split_host_port(const std::string &text, std::string &host, int &port);
 const char *usage_text();
 
 } // namespace tarvex_server
