@@ -119,7 +119,7 @@ void MetricsHttp::accept_clients()
             close(fd); // a scraper is never this many at once: somebody floods
             continue;
         }
-        clients_.push_back(Client{fd, monotonic_ms() + deadline_ms, {}, {}});
+        clients_.push_back(Client{fd, monotonic_ms() + deadline_ms_, {}, {}});
     }
 }
 

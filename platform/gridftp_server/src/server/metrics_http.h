@@ -5,7 +5,7 @@
 // (405 for other methods, 404 for other paths, 400 for what is not a
 // request), one request per connection, then closes.  Every socket is
 // non-blocking: a scraper that sends slowly or reads slowly costs the
-// listening process nothing but a slot, for at most `deadline_ms`, and
+// listening process nothing but a slot, for at most its deadline (5 s), and
 // never holds up the accepting of FTP clients.  A thread would do the same
 // more simply, but the listening process forks a session for each client,
 // and forking a process that runs threads is what sanitizer builds refuse.
@@ -22,10 +22,11 @@ namespace tarvex_server {
 class MetricsHttp {
 public:
     static constexpr int max_connections = 8;
-    static constexpr int deadline_ms = 5000;
     static constexpr size_t max_request = 8192;
 
-    MetricsHttp() = default;
+    // `deadline_ms`: how long a connection may take from being accepted
+    // to its response's end.
+    explicit MetricsHttp(int deadline_ms = 5000) : deadline_ms_(deadline_ms) {}
     MetricsHttp(const MetricsHttp &) = delete;
     MetricsHttp &operator=(const MetricsHttp &) = delete;
     ~MetricsHttp();
@@ -58,6 +59,7 @@ private:
     bool read_request(Client &c, const std::function<std::string()> &page);
     bool write_response(Client &c);
 
+    int deadline_ms_;
     int listen_fd_ = -1;
     std::vector<Client> clients_;
 };
