@@ -12,6 +12,7 @@ import signal
 import socket
 import ssl
 import subprocess
+import tempfile
 import unittest
 
 from box_harness import BoxTest, CredentialHelper, reply_of, run, sha256, wait_for, write_random
@@ -292,6 +293,28 @@ class Metrics(BoxTest):
         self.assertEqual(f.nlst("/"), [])
         self.assertIn("tarvex_sessions_open 1\n", self.scrape())
         f.quit()
+
+
+class AlertingRules(unittest.TestCase):
+    """The README's and the manual page's example rules: the same, and
+    loaded by promtool."""
+
+    def test_documented_rules_load(self):
+        if shutil.which("promtool") is None:
+            self.skipTest("promtool is not installed (scripts/install-deps installs it)")
+        root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+        with open(os.path.join(root, "README.md"), encoding="utf-8") as f:
+            readme = f.read().split("```yaml\n", 1)[1].split("```", 1)[0]
+        with open(os.path.join(root, "doc", "tarvex-gridftp-server.8"), encoding="utf-8") as f:
+            page = f.read().split("Two alerting rules", 1)[1]
+        page = page.split(".EX\n", 1)[1].split(".EE", 1)[0].replace("\\-", "-")
+        self.assertEqual(page, readme)
+        with tempfile.NamedTemporaryFile("w", suffix=".yml") as f:
+            f.write(readme)
+            f.flush()
+            r = run(["promtool", "check", "rules", f.name], timeout=60)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertIn("SUCCESS: 2 rules found", r.stdout)
 
 
 if __name__ == "__main__":

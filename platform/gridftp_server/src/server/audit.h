@@ -9,7 +9,7 @@
 // none: RNTO's new name, SITE_CHMOD's octal mode), then the reply code and
 // the reply's text to the end of the line (the lines of a reply of several
 // joined by " | ").  A rename is one line, at RNTO: RNFR changes nothing.
-// The first six fields are single words (log_word()); the text is escaped
+// The first seven fields are single words (log_word()); the text is escaped
 // as every log field is (log_field()).  Uploads and downloads are the
 // transfer log's (xferlog.h), not repeated here.
 //
