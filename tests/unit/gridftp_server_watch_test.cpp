@@ -357,6 +357,7 @@ TEST_F(MetricsHttpLoop, HugeRequestsAndFloodsAreTurnedAway)
     std::string huge = answer(client("GET /metrics HTTP/1.0\r\nX: " + std::string(20000, 'a')));
     EXPECT_EQ(huge.substr(0, 26), "HTTP/1.0 400 Bad Request\r\n");
     std::vector<int> held;
+    held.reserve(MetricsHttp::max_connections);
     for (int i = 0; i < MetricsHttp::max_connections; ++i)
         held.push_back(client(""));
     // Taken in: the turn that accepts them comes before the next

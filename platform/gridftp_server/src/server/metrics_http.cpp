@@ -95,9 +95,9 @@ void MetricsHttp::serve(const std::vector<pollfd> &fds, size_t first,
     for (size_t i = 0; i < clients_.size(); ++i) {
         Client &c = clients_[i];
         size_t at = first + 1 + i;
-        short ready = at < fds.size() && fds[at].fd == c.fd ? fds[at].revents : 0;
+        bool ready = at < fds.size() && fds[at].fd == c.fd && fds[at].revents != 0;
         bool going = now < c.deadline;
-        if (going && ready != 0)
+        if (going && ready)
             going = c.out.empty() ? read_request(c, page) : write_response(c);
         if (going)
             kept.push_back(std::move(c));
