@@ -329,7 +329,13 @@ class Control:
                 config["part_size"] = _int(doc, "part_size", 0, minimum=1)
             if "min_session_size" in doc:
                 config["min_session_size"] = _int(doc, "min_session_size", 0)
-            return 200, dict(config), None
+            if "conflicts_as_list" in doc:
+                if not isinstance(doc["conflicts_as_list"], bool):
+                    raise ControlError("'conflicts_as_list' must be true or false")
+                with self.store.lock:
+                    self.store.conflicts_as_list = doc["conflicts_as_list"]
+            with self.store.lock:
+                return 200, dict(config, conflicts_as_list=self.store.conflicts_as_list), None
 
     def log(self, query):
         with self.state.lock:
