@@ -64,6 +64,7 @@ public:
     }
 
     long long items() const { return items_; }
+    Transfer &transfer() { return t_; }
 
 private:
     Transfer &t_;
@@ -100,6 +101,39 @@ tarvex_result_t too_many_items(int limit)
 }
 
 } // namespace
+
+// What the folder listings of one LIST, NLST or MLSD share: the writer, the
+// item count of a walk and the folders found for it.
+struct ListWalk {
+    ListWalk(Transfer &t, int list_kind, const FactSet &facts, bool walks, int most)
+        : w(t, list_kind, facts), kind(list_kind), recursive(walks), limit(most)
+    {
+    }
+
+    // An entry of the folder `where`; false when the walk has its limit.
+    bool take(const StatEntry &e)
+    {
+        bool self = e.name == ".";
+        if (e.name == ".." || (self && kind != kind_mlsd) || !listable(e, where))
+            return true;
+        if (recursive && w.items() >= limit) {
+            over = true;
+            return false;
+        }
+        w.line(e, e.name, self, where);
+        if (recursive && is_dir(e))
+            subfolders.push_back(e.name);
+        return true;
+    }
+
+    ListWriter w;
+    int kind;
+    bool recursive;
+    int limit;
+    bool over = false;
+    std::string where;                   // the folder being listed
+    std::vector<std::string> subfolders; // its folders, for the walk
+};
 
 void Session::cmd_list(const std::string &arg)
 {
@@ -169,72 +203,73 @@ void Session::listing(const std::string &raw_arg, int kind)
         }
     }
     Transfer t(data_, transfer_params(path));
-    ListWriter w(t, kind, facts_);
-    bool recursive = a.recursive && kind != kind_mlsd;
-    bool over = false;
-    std::vector<std::string> subfolders; // of the folder being listed
-    std::string where = path;
-    auto each = [&](const StatEntry &e) {
-        bool self = e.name == ".";
-        if (e.name == ".." || (self && kind != kind_mlsd) || !listable(e, where))
-            return true;
-        if (recursive && w.items() >= opts_.recursive_list_limit) {
-            over = true;
-            return false;
-        }
-        w.line(e, e.name, self, where);
-        if (recursive && is_dir(e))
-            subfolders.push_back(e.name);
-        return true;
-    };
-    auto flush = [&] { w.flush(); };
-    tarvex_result_t result = list_entries(path, t, each, flush);
-
-    if (result != TARVEX_SUCCESS && !t.began() && !t.aborted() && kind != kind_mlsd) {
-        // LIST and NLST of a file show that file.
-        StatEntry e;
-        tarvex_result_t r2;
-        if (stat_one(path, e, r2) && !is_dir(e)) {
-            tarvex_error_discard(result);
-            result = TARVEX_SUCCESS;
-            w.line(e, a.path.empty() ? base_name(path) : a.path, false, folder_of(path));
-            w.flush();
-        } else {
-            tarvex_error_discard(r2);
-        }
+    ListWalk walk(t, kind, facts_, a.recursive && kind != kind_mlsd, opts_.recursive_list_limit);
+    tarvex_result_t result = list_folder(walk, path);
+    if (result != TARVEX_SUCCESS && !t.began() && !t.aborted() && kind != kind_mlsd &&
+        list_file(walk, path, a.path)) {
+        tarvex_error_discard(result);
+        result = TARVEX_SUCCESS;
     }
     if (result != TARVEX_SUCCESS && !t.began() && !t.aborted()) {
         retire_data();
         reply_error(result, 550);
         return;
     }
+    if (result == TARVEX_SUCCESS)
+        result = list_below(walk, path, shown_top(a.path), t);
+    finish_transfer(result, t, 451);
+}
 
-    // ls -R: each folder below, depth first in listing order, after a
-    // blank line and a header that names it as the client would.
+tarvex_result_t Session::list_folder(ListWalk &walk, const std::string &path)
+{
+    walk.where = path;
+    return list_entries(
+        path, walk.w.transfer(), [&](const StatEntry &e) { return walk.take(e); },
+        [&] { walk.w.flush(); });
+}
+
+// LIST and NLST of a file show that file; false when `path` is none.
+bool Session::list_file(ListWalk &walk, const std::string &path, const std::string &written)
+{
+    StatEntry e;
+    tarvex_result_t r;
+    if (!stat_one(path, e, r) || is_dir(e)) {
+        tarvex_error_discard(r);
+        return false;
+    }
+    walk.w.line(e, written.empty() ? base_name(path) : written, false, folder_of(path));
+    walk.w.flush();
+    return true;
+}
+
+// ls -R: the folders found below `path`, depth first in listing order,
+// each after a blank line and a header that names it as the client would.
+tarvex_result_t Session::list_below(ListWalk &walk, const std::string &path,
+                                    const std::string &shown, Transfer &t)
+{
     struct Folder {
         std::string path, shown;
     };
     std::vector<Folder> todo; // a stack: the last one is listed next
     auto push_subfolders = [&](const Folder &parent) {
-        for (auto it = subfolders.rbegin(); it != subfolders.rend(); ++it)
+        for (auto it = walk.subfolders.rbegin(); it != walk.subfolders.rend(); ++it)
             todo.push_back({joined(parent.path, *it), joined(parent.shown, *it)});
-        subfolders.clear();
+        walk.subfolders.clear();
     };
-    push_subfolders({path, shown_top(a.path)});
-    while (result == TARVEX_SUCCESS && !over && !todo.empty() && !t.aborted() &&
+    push_subfolders({path, shown});
+    tarvex_result_t result = TARVEX_SUCCESS;
+    while (result == TARVEX_SUCCESS && !walk.over && !todo.empty() && !t.aborted() &&
            t.failure().empty()) {
         Folder f = std::move(todo.back());
         todo.pop_back();
-        where = f.path;
-        w.text("\r\n" + f.shown + ":\r\n");
-        result = list_entries(f.path, t, each, flush);
+        walk.w.text("\r\n" + f.shown + ":\r\n");
+        result = list_folder(walk, f.path);
         push_subfolders(f);
     }
-    if (over && result == TARVEX_SUCCESS) {
-        w.flush();
-        result = too_many_items(opts_.recursive_list_limit);
-    }
-    finish_transfer(result, t, 451);
+    if (!walk.over || result != TARVEX_SUCCESS)
+        return result;
+    walk.w.flush();
+    return too_many_items(walk.limit);
 }
 
 // LIST and NLST of a wildcard: the entries of the folder whose names match

@@ -33,6 +33,7 @@ struct ServerContext {
 };
 
 class Session;
+struct ListWalk; // commands_list.cpp
 
 // The context of one plug-in call: the provider's `ctx`.
 struct PluginCall {
@@ -161,6 +162,10 @@ private:
     void cmd_mlsd(const std::string &arg);
     void listing(const std::string &arg, int kind);
     void list_matches(const std::string &written, const std::string &path, int kind);
+    tarvex_result_t list_folder(ListWalk &walk, const std::string &path);
+    bool list_file(ListWalk &walk, const std::string &path, const std::string &written);
+    tarvex_result_t list_below(ListWalk &walk, const std::string &path, const std::string &shown,
+                               Transfer &t);
     // One plug-in listing of `path`: every entry (the folder's own "."
     // too) goes to `each`, which returns false to stop the listing there;
     // `batch_done` after each batch.  Stopping is no failure.
