@@ -6,6 +6,8 @@ find_library(TARVEX_LIBCRYPT crypt REQUIRED)
 # harnesses (include directory src/server).
 add_library(tarvex_server_parse STATIC
   src/server/parse.cpp
+  src/server/list_args.cpp
+  src/server/line_ends.cpp
   src/server/log.cpp
   src/server/xferlog.cpp)
 target_include_directories(tarvex_server_parse PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src/server)
@@ -18,6 +20,7 @@ add_executable(tarvex-gridftp-server
   src/server/commands_info.cpp
   src/server/commands_fs.cpp
   src/server/commands_data.cpp
+  src/server/commands_list.cpp
   src/server/control.cpp
   src/server/conn.cpp
   src/server/data_channel.cpp

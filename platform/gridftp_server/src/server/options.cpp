@@ -70,6 +70,9 @@ const char usage[] =
     "  --cancel-grace S      seconds the storage plug-in gets to stop an\n"
     "                        operation after ABOR, a lost client or SIGTERM,\n"
     "                        before the session ends without it (default 5)\n"
+    "  --recursive-list-limit N  items a LIST -R or NLST -R shows at most\n"
+    "                        (default 100000); a larger tree's listing ends\n"
+    "                        there with 451\n"
     "  --foreground          do not detach from the terminal\n"
     "  --help                this text\n"
     "  --version             the program's version\n"
@@ -169,6 +172,8 @@ Taken take_valued(std::string_view a, const char *v, Options &o)
         ok = parse_int(v, 1, 3600, o.login_timeout);
     else if (a == "--cancel-grace")
         ok = parse_int(v, 1, 600, o.cancel_grace);
+    else if (a == "--recursive-list-limit")
+        ok = parse_int(v, 1, 100000000, o.recursive_list_limit);
     else
         return Taken::unknown;
     return ok ? Taken::ok : Taken::bad_value;

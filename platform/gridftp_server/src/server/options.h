@@ -26,6 +26,7 @@ struct Options {
     int idle_timeout = 900;        // seconds
     int login_timeout = 60;        // seconds from connecting to a login
     int cancel_grace = 5;          // seconds a cancelled plug-in call may take
+    int recursive_list_limit = 100000; // items a LIST -R shows at most
     bool tls_data_any_session = false; // PROT P without resuming the control's session
     bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;
