@@ -74,7 +74,11 @@ class Tree:
         return self.path("bin", program)
 
     def lib(self, name=""):
-        return self.path("lib", name)
+        """The platform's private library folder, which holds the plug-ins."""
+        return self.path("lib", "tarvex", name)
+
+    def pkgconfig(self, name=""):
+        return self.path("share", "pkgconfig", name)
 
 
 def install_build(destdir):
@@ -94,7 +98,7 @@ def expected_files(tree):
         out.append(("link for -l" + name, tree.lib("lib%s.so" % name)))
     out += [("plug-in " + p, tree.lib(p)) for p in PLUGINS]
     out += [("header " + h, tree.path("include", "tarvex", h)) for h in public_headers()]
-    out += [("pkg-config file " + p, tree.lib("pkgconfig/%s.pc" % p))
+    out += [("pkg-config file " + p, tree.pkgconfig("%s.pc" % p))
             for p in ("tarvex-gridftp-server", "tarvex-dsi-rest")]
     out.append(("systemd unit", tree.path("lib", "systemd", "system", UNIT)))
     out.append(("manual page (the unit's documentation)",
