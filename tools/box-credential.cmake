@@ -7,6 +7,9 @@ add_executable(tarvex-box-credential
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/credential_store.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/main.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box-credential/settings.cpp)
+# --version prints the project's version.
+target_compile_definitions(tarvex-box-credential PRIVATE
+  TARVEX_VERSION="${CMAKE_PROJECT_VERSION}")
 target_link_libraries(tarvex-box-credential PRIVATE
   tarvex_box_internal tarvex_dsi_rest tarvex_common PkgConfig::JANSSON)
 # Installed, it finds the platform's libraries in ../lib/tarvex, wherever

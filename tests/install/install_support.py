@@ -33,6 +33,7 @@ VERSION = os.environ.get("TARVEX_VERSION", "")
 LIBRARIES = ("tarvex_common", "tarvex_gridftp_server", "tarvex_dsi_rest")
 PLUGINS = ("libtarvex_gridftp_server_posix.so", "libtarvex_gridftp_server_box.so")
 PROGRAMS = ("tarvex-gridftp-server", "tarvex-box-credential")
+MANUAL_PAGES = ("tarvex-gridftp-server.8", "tarvex-box-credential.1")
 UNIT = "tarvex-gridftp-server.service"
 CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/logrotate.d/tarvex-gridftp-server")
 EXAMPLES = ("passwd", "box-policy.json", "box-credential.json", "box-client.json",
@@ -101,8 +102,8 @@ def expected_files(tree):
     out += [("pkg-config file " + p, tree.pkgconfig("%s.pc" % p))
             for p in ("tarvex-gridftp-server", "tarvex-dsi-rest")]
     out.append(("systemd unit", tree.path("lib", "systemd", "system", UNIT)))
-    out.append(("manual page (the unit's documentation)",
-                tree.path("share", "man", "man8", "tarvex-gridftp-server.8")))
+    out += [("manual page " + p, tree.path("share", "man", "man" + p[-1], p + ".gz"))
+            for p in MANUAL_PAGES]
     out += [("configuration " + c, tree.system_path(c)) for c in CONFIG_FILES]
     out += [("example " + e, tree.path("share", "doc", "tarvex-gridftp-server", "examples", e))
             for e in EXAMPLES]
