@@ -268,6 +268,24 @@ def unit_setting(unit_text, key):
     return m.group(1).strip() if m else None
 
 
+def lintian_findings(deb):
+    """lintian's errors and warnings on the package file, one line each
+    ("E: PACKAGE: TAG [details]")."""
+    r = run(["lintian", "--tag-display-limit", "0", deb], check=False, timeout=600)
+    if r.returncode not in (0, 1):  # 1: it found an error
+        raise AssertionError("lintian failed (%d):\n%s" % (r.returncode, r.stderr))
+    return [line for line in r.stdout.splitlines() if re.match(r"[EW]: ", line)]
+
+
+def listed_lintian_warnings():
+    """The warnings the README accepts, each on a line of its own with its
+    reason: "- `TAG`: why"."""
+    with open(os.path.join(SOURCE, "README.md"), encoding="utf-8") as f:
+        text = f.read()
+    section = text.split("\n## Installing\n", 1)[1].split("\n## ", 1)[0]
+    return set(re.findall(r"^- lintian warning `([a-z0-9-]+)`: \S", section, re.M))
+
+
 def timed(what, call):
     """call(), printing how long it took (ctest -V shows it)."""
     start = time.monotonic()
