@@ -33,14 +33,14 @@ add_executable(tarvex-gridftp-server
   src/server/config_data.cpp
   src/server/tls.cpp
   src/server/mark_registry.cpp)
-# --version prints the project's version.
+# --version prints the project's version; plug-ins are looked for by
+# default in the library folder (see --dsi-path).
 target_compile_definitions(tarvex-gridftp-server PRIVATE
-  TARVEX_VERSION="${CMAKE_PROJECT_VERSION}")
+  TARVEX_VERSION="${CMAKE_PROJECT_VERSION}"
+  TARVEX_PLUGIN_DIR_FROM_BINDIR="${TARVEX_LIBDIR_FROM_BINDIR}")
 target_link_libraries(tarvex-gridftp-server PRIVATE
   tarvex_server_parse tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
   Threads::Threads)
-# Plug-ins are found in ../lib beside the program (see --dsi-path).
 set_target_properties(tarvex-gridftp-server PROPERTIES
-  BUILD_RPATH "${CMAKE_BINARY_DIR}/lib"
-  INSTALL_RPATH "$ORIGIN/../lib")
+  INSTALL_RPATH "$ORIGIN/${TARVEX_LIBDIR_FROM_BINDIR}")
 install(TARGETS tarvex-gridftp-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -10,7 +10,7 @@ struct Options {
     int port = -1;                 // required; 0 picks a free port
     std::string bind = "127.0.0.1";
     std::string dsi;               // plug-in name, required
-    std::string dsi_path;          // "" : <program dir>/../lib
+    std::string dsi_path;          // "" : <program dir>/../lib/tarvex
     std::string passwd_file;
     bool anonymous_map = false;
     std::string tls_cert;
