@@ -17,6 +17,26 @@ function(tarvex_install_configured template destination)
   set(CMAKE_INSTALL_MANIFEST_FILES "${CMAKE_INSTALL_MANIFEST_FILES}" PARENT_SCOPE)
 endfunction()
 
+# Writes the Debian changelog TEMPLATE, with @version@, @release@,
+# @maintainer@ and @date@ (now, or SOURCE_DATE_EPOCH's time) replaced, to
+# DESTINATION/changelog.Debian.gz under the prefix, compressed with
+# gzip -9n as Debian wants it.
+function(tarvex_install_debian_changelog template destination)
+  set(version "${tarvex_version}")
+  set(release "${tarvex_release}")
+  set(maintainer "${tarvex_maintainer}")
+  string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+  set(target "${CMAKE_INSTALL_PREFIX}/${destination}/changelog.Debian")
+  message(STATUS "Installing: $ENV{DESTDIR}${target}.gz")
+  configure_file("${template}" "$ENV{DESTDIR}${target}" @ONLY)
+  execute_process(COMMAND gzip -9nf "$ENV{DESTDIR}${target}" RESULT_VARIABLE failed)
+  if(failed)
+    message(FATAL_ERROR "gzip of $ENV{DESTDIR}${target} failed")
+  endif()
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${target}.gz")
+  set(CMAKE_INSTALL_MANIFEST_FILES "${CMAKE_INSTALL_MANIFEST_FILES}" PARENT_SCOPE)
+endfunction()
+
 # Installs FILE as DIRECTORY/NAME (an absolute folder) unless a file of that
 # name is there already: configuration an operator may have changed.  A
 # folder that cannot be made (an unprivileged install without DESTDIR) is

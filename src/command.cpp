@@ -9,6 +9,7 @@
  */
 #include <strings.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -35,6 +36,26 @@ tarvex_result_t tarvex_l_box_ftp_error(int code, const char *error_class,
     tarvex_object_t *error = tarvex_gfs_ftp_response_error_construct(
         nullptr, nullptr, code, error_class, "GridFTP-Path: %s", path);
     return error ? tarvex_error_put(error) : TARVEX_BOX_MALLOC_ERROR();
+}
+
+/* Ends the error chain of `result` with a box error of one reply line,
+ * `key: "text"`, after any cause of its own.  Out of memory the result
+ * goes without it. */
+tarvex_result_t tarvex_l_box_add_line(tarvex_result_t result, const char *key,
+                                      const char *text)
+{
+    tarvex_object_t *error = tarvex_error_peek(result);
+    if (error == nullptr)
+        return result;
+    tarvex_dsi_rest_key_value_t pairs[1] = {{key, text}};
+    tarvex_dsi_rest_key_array_t info = {1, pairs};
+    tarvex_object_t *line = tarvex_box_error_construct(nullptr, nullptr, &info);
+    if (line == nullptr)
+        return result;
+    while (tarvex_error_get_cause(error) != nullptr)
+        error = tarvex_error_get_cause(error);
+    tarvex_error_set_cause(error, line);
+    return result;
 }
 
 /* A path split at its last "/": the folder's path and the last name.  For
@@ -170,10 +191,38 @@ tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathna
 
 /* ---- delete ---- */
 
-/* Bodies of DELETE answers carry nothing the plug-in reads. */
-tarvex_result_t tarvex_l_box_ignore_body(void *, void *, size_t)
+/* The body of a DELETE answer, kept only for the code of a refusal: the
+ * first few KiB of the last attempt's. */
+constexpr size_t tarvex_l_box_kept_body = 4096;
+
+tarvex_result_t tarvex_l_box_keep_body(void *arg, void *buffer, size_t length)
 {
+    auto *body = static_cast<std::string *>(arg);
+    size_t room = tarvex_l_box_kept_body - std::min(body->size(), tarvex_l_box_kept_body);
+    body->append(static_cast<const char *>(buffer), std::min(length, room));
     return TARVEX_SUCCESS;
+}
+
+tarvex_result_t tarvex_l_box_forget_body(tarvex_box_request_t *, void *arg)
+{
+    static_cast<std::string *>(arg)->clear();
+    return TARVEX_SUCCESS;
+}
+
+/* A refusal judged by its status alone says nothing of its reason when
+ * that status is 400 ("Bad BOX request"): Box's code from the body
+ * ("folder_not_empty" for RMD of a folder with items) follows on a line of
+ * its own. */
+tarvex_result_t tarvex_l_box_with_refusal_code(tarvex_result_t result, int status,
+                                               const std::string &body)
+{
+    if (result == TARVEX_SUCCESS || status != 400)
+        return result;
+    tarvex_box_json_ptr doc(json_loadb(body.data(), body.size(), 0, nullptr));
+    const char *code = json_string_value(json_object_get(doc.get(), "code"));
+    if (code == nullptr || code[0] == '\0')
+        return result;
+    return tarvex_l_box_add_line(result, "Box-Details", code);
 }
 
 /* Whether `type` may delete an item of this kind: the answer's error when
@@ -232,7 +281,11 @@ tarvex_result_t tarvex_l_box_delete_object(tarvex_box_session_t *box,
     request.method = "DELETE";
     request.url = url.get();
     request.query = recursive ? &query : nullptr;
-    request.read_callback = tarvex_l_box_ignore_body;
+    std::string body;
+    request.read_callback = tarvex_l_box_keep_body;
+    request.read_callback_arg = &body;
+    request.before_attempt = tarvex_l_box_forget_body;
+    request.before_attempt_arg = &body;
     request.attempts = 2;
     request.retry = &box->user_retry;
     /* A refusal is judged by its status alone and never tried again, even
@@ -242,6 +295,7 @@ tarvex_result_t tarvex_l_box_delete_object(tarvex_box_session_t *box,
     request.translate_without_body = true;
     request.refusal_is_final = true;
     result = tarvex_box_request(box, &request);
+    result = tarvex_l_box_with_refusal_code(result, request.response.response_code, body);
 
     /* The entry goes so that the next use of the path asks Box again,
      * unless Box said plainly that it kept the item (a 4xx other than "not
@@ -264,6 +318,117 @@ bool tarvex_l_box_below(const char *path, const char *folder)
 {
     size_t length = strlen(folder);
     return strncmp(path, folder, length) == 0 && path[length] == '/';
+}
+
+/* One PUT that gives the item `id` (a folder or a file) the name `name`
+ * in the folder `parent_id`, whose cached path is `parent_key`; the
+ * answer is cached there. */
+tarvex_result_t tarvex_l_box_move(tarvex_box_session_t *box, bool folder, const std::string &id,
+                                  const std::string &name, const std::string &parent_id,
+                                  const std::string &parent_key)
+{
+    tarvex_box_json_ptr body;
+    tarvex_result_t result = tarvex_l_box_name_body(name, parent_id.c_str(), &body);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_box_cstr_ptr url(tarvex_common_create_string(
+        "%s/2.0/%s/%s", tarvex_box_api_base(), folder ? "folders" : "files", id.c_str()));
+    if (url == nullptr)
+        return TARVEX_BOX_MALLOC_ERROR();
+
+    tarvex_box_request_t request = {};
+    tarvex_box_request_guard guard{&request};
+    result = tarvex_l_box_send_name(box, "tarvex_i_box_rename", "PUT", url.get(), body.get(),
+                                    &request);
+    if (result == TARVEX_SUCCESS)
+        result = tarvex_l_box_cache_answer(box, request.json, parent_key.c_str());
+    return result;
+}
+
+/* The cache key of `name` in the folder cached as `folder_key`. */
+std::string tarvex_l_box_key_in(const std::string &folder_key, const std::string &name)
+{
+    return folder_key.size() == 1 ? folder_key + name : folder_key + "/" + name;
+}
+
+/* A free name for a file moved aside: its own name with a random end, or
+ * the end alone where that would pass Box's 255 characters. */
+tarvex_result_t tarvex_l_box_aside_name(const std::string &name, std::string *aside)
+{
+    tarvex_uuid_t uuid;
+    if (tarvex_uuid_create(&uuid) != 0)
+        return TARVEX_BOX_GENERIC_ERROR("%s", "No random name for the replaced file.");
+    std::string end = ".tarvex-replaced-" + std::string(uuid.text, 8);
+    *aside = name.size() + end.size() <= 255 ? name + end : end.substr(1);
+    return TARVEX_SUCCESS;
+}
+
+/*
+ * RNTO onto an existing file, with the policy's "rename_replaces": the old
+ * file is moved aside under a free name, the source takes the name, and
+ * only then is the old file deleted.  Both files stay on Box until the new
+ * one has the name, so a failure at any step loses neither:
+ *  - moving the old file aside fails: nothing has changed;
+ *  - moving the source fails: the old file gets its name back, and if that
+ *    fails too the error names where it is;
+ *  - deleting the old file fails: the rename is done, and the old file
+ *    stays under its aside name (the error log names it).
+ * Deleting first would leave the name empty, and the old bytes only in
+ * Box's trash, whenever the source's move then failed.
+ */
+tarvex_result_t tarvex_l_box_rename_over(tarvex_box_session_t *box, const std::string &from_id,
+                                         const std::string &from_key,
+                                         const tarvex_box_path_info_t *target,
+                                         const tarvex_box_path_info_t *parent,
+                                         const std::string &name)
+{
+    const std::string target_id = target->id;
+    const std::string target_key = target->name;
+    const std::string parent_id = parent->id;
+    const std::string parent_key = parent->name;
+    if (target_id == from_id)
+        return TARVEX_SUCCESS; /* a file onto itself: nothing to do */
+
+    std::string aside;
+    tarvex_result_t result = tarvex_l_box_aside_name(name, &aside);
+    if (result == TARVEX_SUCCESS)
+        result = tarvex_l_box_move(box, false, target_id, aside, parent_id, parent_key);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_box_path_cache_remove(&box->cache, target_key.c_str());
+    const std::string aside_key = tarvex_l_box_key_in(parent_key, aside);
+
+    result = tarvex_l_box_move(box, false, from_id, name, parent_id, parent_key);
+    if (result != TARVEX_SUCCESS) {
+        tarvex_result_t back = tarvex_l_box_move(box, false, target_id, name, parent_id,
+                                                 parent_key);
+        if (back == TARVEX_SUCCESS) {
+            tarvex_box_path_cache_remove(&box->cache, aside_key.c_str());
+            return result;
+        }
+        tarvex_error_discard(back);
+        std::string where = "The file to be replaced is kept as " + aside_key + ".";
+        return tarvex_l_box_add_line(result, "Box-Details", where.c_str());
+    }
+    tarvex_box_path_cache_remove(&box->cache, from_key.c_str());
+
+    tarvex_box_path_info_t old_file = {};
+    old_file.name = const_cast<char *>(aside_key.c_str());
+    old_file.id = const_cast<char *>(target_id.c_str());
+    old_file.type = TARVEX_BOX_FILE;
+    tarvex_result_t removed = tarvex_i_box_delete_object(box, &old_file, TARVEX_GFS_CMD_DELE);
+    if (removed != TARVEX_SUCCESS) {
+        TARVEX_BOX_LOG(TARVEX_BOX_ERROR, "the replaced file stays as %s\n", aside_key.c_str());
+        tarvex_error_discard(removed);
+    }
+    return TARVEX_SUCCESS;
+}
+
+/* Whether the policy lets RNTO replace `target`: a file only, and only by
+ * a file. */
+bool tarvex_l_box_may_replace(const tarvex_box_path_info_t *target, bool from_folder)
+{
+    return tarvex_i_box_rename_replaces && !from_folder && target->type == TARVEX_BOX_FILE;
 }
 
 tarvex_result_t tarvex_l_box_rename(tarvex_box_session_t *box, const char *from_pathname,
@@ -294,26 +459,17 @@ tarvex_result_t tarvex_l_box_rename(tarvex_box_session_t *box, const char *from_
     tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
     if (!tarvex_l_box_is_folder(parent_info))
         return tarvex_l_box_ftp_error(553, "NOT_A_DIRECTORY", split.folder.c_str());
-    /* An existing target is never replaced, not even by itself. */
-    if (path_info != nullptr)
-        return tarvex_l_box_ftp_error(553, "PATH_EXISTS", pathname);
+    if (path_info != nullptr) {
+        /* Without the policy's word an existing target is never replaced,
+         * not even by itself. */
+        if (!tarvex_l_box_may_replace(path_info, from_folder))
+            return tarvex_l_box_ftp_error(553, "PATH_EXISTS", pathname);
+        return tarvex_l_box_rename_over(box, from_id, from_key, path_info, parent_info,
+                                        split.name);
+    }
 
-    tarvex_box_json_ptr body;
-    result = tarvex_l_box_name_body(split.name, parent_info->id, &body);
-    if (result != TARVEX_SUCCESS)
-        return result;
-    tarvex_box_cstr_ptr url(tarvex_common_create_string(
-        "%s/2.0/%s/%s", tarvex_box_api_base(), from_folder ? "folders" : "files",
-        from_id.c_str()));
-    if (url == nullptr)
-        return TARVEX_BOX_MALLOC_ERROR();
-
-    tarvex_box_request_t request = {};
-    tarvex_box_request_guard guard{&request};
-    result = tarvex_l_box_send_name(box, "tarvex_i_box_rename", "PUT", url.get(), body.get(),
-                                    &request);
-    if (result == TARVEX_SUCCESS)
-        result = tarvex_l_box_cache_answer(box, request.json, parent_info->name);
+    result = tarvex_l_box_move(box, from_folder, from_id, split.name, parent_info->id,
+                               parent_info->name);
     /* Entries cached below a moved folder keep their old paths; resolution
      * no longer reaches them through the old folder. */
     if (result == TARVEX_SUCCESS)

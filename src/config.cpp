@@ -26,6 +26,7 @@ int tarvex_i_box_progress_timeout_ms = 30000;
 int tarvex_i_box_chunked_minimum = 52428800;
 const char *tarvex_i_box_retry_path = "$HOME/.tarvex/box-r";
 const char *tarvex_i_box_upload_path = "$HOME/.tarvex/box-u";
+bool tarvex_i_box_rename_replaces = false;
 
 } // extern "C"
 
@@ -181,6 +182,25 @@ tarvex_result_t read_pacing_store(json_t *policy)
     return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
 }
 
+/*
+ * "rename_replaces" (our own key): true lets RNTO replace an existing file
+ * (command.cpp).  Absent or null is false, as a policy without it has
+ * always behaved; any other value than a boolean stops the session, so
+ * that a quoted "true" does not quietly leave renames refusing.
+ */
+tarvex_result_t read_rename_replaces(json_t *policy)
+{
+    json_t *value = json_object_get(policy, "rename_replaces");
+    tarvex_i_box_rename_replaces = json_is_true(value);
+    if (value == nullptr || json_is_null(value) || json_is_boolean(value))
+        return TARVEX_SUCCESS;
+    tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 500, "INTERNAL_ERROR",
+        "GridFTP-Error: Bad \"rename_replaces\" in collection storage policy: it must be "
+        "true or false.");
+    return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+}
+
 } // namespace
 
 extern "C" bool tarvex_box_url_may_carry_token(const char *url)
@@ -242,6 +262,11 @@ tarvex_result_t parse_policy(const char *text, int *rate)
         result = store;
     else
         tarvex_error_discard(store);
+    tarvex_result_t replaces = read_rename_replaces(policy.get());
+    if (result == TARVEX_SUCCESS)
+        result = replaces;
+    else
+        tarvex_error_discard(replaces);
     return result;
 }
 

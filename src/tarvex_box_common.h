@@ -72,6 +72,9 @@ extern int tarvex_i_box_progress_timeout_ms;  /* 30000 */
 extern int tarvex_i_box_chunked_minimum;      /* 52428800 */
 extern const char *tarvex_i_box_retry_path;   /* "$HOME/.tarvex/box-r" */
 extern const char *tarvex_i_box_upload_path;  /* "$HOME/.tarvex/box-u" */
+/* The policy's "rename_replaces" (default false): RNTO onto an existing
+ * file replaces it. */
+extern bool tarvex_i_box_rename_replaces;
 
 /* The two origins of Box's APIs (scheme and host, no trailing slash).
  * Defaults "https://api.box.com" and "https://upload.box.com"; the

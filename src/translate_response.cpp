@@ -36,9 +36,13 @@ const char *first_error_name(json_t *context_info)
     return json_string_value(json_object_get(first, "name"));
 }
 
+/* "name" of context_info.conflicts: an object, or as Box's published API
+ * describes it a list, whose first element is taken. */
 const char *conflict_name(json_t *context_info)
 {
     json_t *conflicts = json_object_get(context_info, "conflicts");
+    if (json_is_array(conflicts))
+        conflicts = json_array_get(conflicts, 0);
     return json_string_value(json_object_get(conflicts, "name"));
 }
 

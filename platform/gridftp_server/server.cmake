@@ -7,6 +7,8 @@ find_library(TARVEX_LIBCRYPT crypt REQUIRED)
 # harnesses (include directory src/server).
 add_library(tarvex_server_parse STATIC
   src/server/parse.cpp
+  src/server/list_args.cpp
+  src/server/line_ends.cpp
   src/server/log.cpp
   src/server/xferlog.cpp
   src/server/audit.cpp
@@ -23,6 +25,7 @@ add_executable(tarvex-gridftp-server
   src/server/commands_info.cpp
   src/server/commands_fs.cpp
   src/server/commands_data.cpp
+  src/server/commands_list.cpp
   src/server/control.cpp
   src/server/conn.cpp
   src/server/data_channel.cpp
@@ -35,14 +38,14 @@ add_executable(tarvex-gridftp-server
   src/server/config_data.cpp
   src/server/tls.cpp
   src/server/mark_registry.cpp)
-# --version prints the project's version.
+# --version prints the project's version; plug-ins are looked for by
+# default in the library folder (see --dsi-path).
 target_compile_definitions(tarvex-gridftp-server PRIVATE
-  TARVEX_VERSION="${CMAKE_PROJECT_VERSION}")
+  TARVEX_VERSION="${CMAKE_PROJECT_VERSION}"
+  TARVEX_PLUGIN_DIR_FROM_BINDIR="${TARVEX_LIBDIR_FROM_BINDIR}")
 target_link_libraries(tarvex-gridftp-server PRIVATE
   tarvex_server_parse tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
   Threads::Threads)
-# Plug-ins are found in ../lib beside the program (see --dsi-path).
 set_target_properties(tarvex-gridftp-server PROPERTIES
-  BUILD_RPATH "${CMAKE_BINARY_DIR}/lib"
-  INSTALL_RPATH "$ORIGIN/../lib")
+  INSTALL_RPATH "$ORIGIN/${TARVEX_LIBDIR_FROM_BINDIR}")
 install(TARGETS tarvex-gridftp-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

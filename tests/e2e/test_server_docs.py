@@ -1,7 +1,8 @@
-"""The operator's documents against the program: the manual page has an
-item for every option of --help and none other, renders without a warning
-and installs where man finds it; the README's "Running the server" and the
-manual page name no option the program does not have; --version and the
+"""The operator's documents against the programs: each manual page (the
+server's and the credential helper's) has an item for every option of its
+program's --help and none other, renders without a warning and installs
+where man finds it; the README's "Running the server" and the server's
+manual page name no option the server does not have; --version and the
 manual page carry the project's version."""
 import os
 import re
@@ -13,7 +14,7 @@ import unittest
 from server_harness import SERVER
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
-MAN_PAGE = os.path.join(ROOT, "doc", "tarvex-gridftp-server.8")
+BOX_CREDENTIAL = os.environ.get("TARVEX_BOX_CREDENTIAL", "")
 README = os.path.join(ROOT, "README.md")
 BUILD = os.environ.get("TARVEX_BUILD_DIR", "")
 CMAKE = os.environ.get("TARVEX_CMAKE", "cmake")
@@ -22,13 +23,6 @@ CMAKE = os.environ.get("TARVEX_CMAKE", "cmake")
 # line, whatever follows one of these words is not the server's.
 OTHER_COMMANDS = re.compile(r"\b(tarvex-box-credential|systemctl|curl|lftp|wget|openssl|mkpasswd)\b")
 OPTION = re.compile(r"(?<![\w-])--[a-z][a-z0-9-]*")
-
-
-def help_options():
-    out = subprocess.run([SERVER, "--help"], capture_output=True, text=True, check=True,
-                         timeout=30).stdout
-    # An item starts two spaces in; its continuation lines further.
-    return set(re.findall(r"^  (--[a-z][a-z0-9-]*)", out, re.M))
 
 
 def man_text(source):
@@ -52,19 +46,19 @@ def project_version():
         return re.search(r"project\(tarvex VERSION ([0-9.]+)", f.read()).group(1)
 
 
-@unittest.skipUnless(SERVER, "TARVEX_SERVER_BIN not set")
-class Documents(unittest.TestCase):
+class ManualPage:
+    """Checks of one program's manual page: PROGRAM, PAGE (under doc/),
+    SECTION, TITLE (its NAME line) and help_options(the --help text)."""
+
     @classmethod
     def setUpClass(cls):
-        cls.options = help_options()
-        with open(MAN_PAGE, encoding="utf-8") as f:
+        cls.help = subprocess.run([cls.PROGRAM, "--help"], capture_output=True, text=True,
+                                  check=True, timeout=30).stdout
+        cls.options = cls.help_options(cls.help)
+        cls.path = os.path.join(ROOT, "doc", cls.PAGE)
+        with open(cls.path, encoding="utf-8") as f:
             cls.man_source = f.read()
         cls.man = man_text(cls.man_source)
-
-    def test_help_lists_the_options(self):
-        # The test reads --help right: a few options every operator uses.
-        self.assertTrue({"--port", "--dsi", "--passwd", "--transfer-log", "--version",
-                         "--help"} <= self.options, self.options)
 
     def test_manual_page_has_an_item_per_option(self):
         section = self.man.split(".SH OPTIONS", 1)[1].split("\n.SH ", 1)[0]
@@ -72,6 +66,55 @@ class Documents(unittest.TestCase):
         tags = re.findall(r"^\.TP\n\.[A-Z]*\s*(--[a-z][a-z0-9-]*)", section, re.M)
         self.assertEqual(sorted(set(tags)), sorted(self.options))
         self.assertEqual(len(tags), len(set(tags)), "an option has two items")
+
+    def test_version(self):
+        name = os.path.basename(self.PROGRAM)
+        out = subprocess.run([self.PROGRAM, "--version"], capture_output=True, text=True,
+                             check=True, timeout=30).stdout
+        self.assertEqual(out, "%s %s\n" % (name, project_version()))
+        th = re.search(r"^\.TH .*", self.man_source, re.M).group(0)
+        self.assertIn('"tarvex %s"' % project_version(), th)
+
+    @unittest.skipUnless(shutil.which("man"), "man is not installed")
+    def test_manual_page_renders_without_warnings(self):
+        r = subprocess.run(["man", "--warnings", "-l", self.path], capture_output=True,
+                           text=True, timeout=60, env=dict(os.environ, MANWIDTH="80"))
+        self.assertEqual((r.returncode, r.stderr), (0, ""))
+        self.assertIn(self.TITLE, r.stdout)
+
+    @unittest.skipUnless(BUILD and shutil.which("man"), "needs the build folder and man")
+    def test_manual_page_installs_where_man_finds_it(self):
+        prefix = tempfile.mkdtemp(prefix="tarvex-e2e-man-")
+        try:
+            subprocess.run([CMAKE, "-DCMAKE_INSTALL_PREFIX=" + prefix, "-P",
+                            os.path.join(BUILD, "doc", "cmake_install.cmake")],
+                           check=True, capture_output=True, timeout=60)
+            r = subprocess.run(["man", "--warnings", "-M", os.path.join(prefix, "share", "man"),
+                                self.SECTION, os.path.basename(self.PROGRAM)],
+                               capture_output=True, text=True, timeout=60,
+                               env=dict(os.environ, MANWIDTH="80"))
+            self.assertEqual((r.returncode, r.stderr), (0, ""))
+            self.assertIn(self.TITLE, r.stdout)
+        finally:
+            shutil.rmtree(prefix, ignore_errors=True)
+
+
+@unittest.skipUnless(SERVER, "TARVEX_SERVER_BIN not set")
+class ServerDocuments(ManualPage, unittest.TestCase):
+    PROGRAM = SERVER
+    PAGE = "tarvex-gridftp-server.8"
+    SECTION = "8"
+    TITLE = "tarvex-gridftp-server - FTP and GridFTP server"
+
+    @staticmethod
+    def help_options(text):
+        # An item starts two spaces in; its continuation lines further.
+        return set(re.findall(r"^  (--[a-z][a-z0-9-]*)", text, re.M))
+
+    def test_help_lists_the_options(self):
+        # The test reads --help right: a few options every operator uses.
+        self.assertTrue({"--port", "--dsi", "--passwd", "--transfer-log", "--version",
+                         "--help"} <= self.options, self.options)
 
     def test_documents_name_only_options_that_exist(self):
         with open(README, encoding="utf-8") as f:
@@ -83,35 +126,19 @@ class Documents(unittest.TestCase):
         self.assertEqual(options_used(self.man) - self.options, set(),
                          "manual page options --help does not list")
 
-    def test_version(self):
-        out = subprocess.run([SERVER, "--version"], capture_output=True, text=True, check=True,
-                             timeout=30).stdout
-        self.assertEqual(out, "tarvex-gridftp-server %s\n" % project_version())
-        th = re.search(r"^\.TH .*", self.man_source, re.M).group(0)
-        self.assertIn('"tarvex %s"' % project_version(), th)
 
-    @unittest.skipUnless(shutil.which("man"), "man is not installed")
-    def test_manual_page_renders_without_warnings(self):
-        r = subprocess.run(["man", "--warnings", "-l", MAN_PAGE], capture_output=True,
-                           text=True, timeout=60, env=dict(os.environ, MANWIDTH="80"))
-        self.assertEqual((r.returncode, r.stderr), (0, ""))
-        self.assertIn("TRANSFER LOG", r.stdout)
-        self.assertIn("--transfer-log FILE", r.stdout)
+@unittest.skipUnless(BOX_CREDENTIAL, "TARVEX_BOX_CREDENTIAL not set")
+class CredentialHelperDocuments(ManualPage, unittest.TestCase):
+    PROGRAM = BOX_CREDENTIAL
+    PAGE = "tarvex-box-credential.1"
+    SECTION = "1"
+    TITLE = "tarvex-box-credential - keep users' Box credentials"
 
-    @unittest.skipUnless(BUILD and shutil.which("man"), "needs the build folder and man")
-    def test_manual_page_installs_where_man_finds_it(self):
-        prefix = tempfile.mkdtemp(prefix="tarvex-e2e-man-")
-        try:
-            subprocess.run([CMAKE, "-DCMAKE_INSTALL_PREFIX=" + prefix, "-P",
-                            os.path.join(BUILD, "doc", "cmake_install.cmake")],
-                           check=True, capture_output=True, timeout=60)
-            r = subprocess.run(["man", "--warnings", "-M", os.path.join(prefix, "share", "man"),
-                                "8", "tarvex-gridftp-server"], capture_output=True, text=True,
-                               timeout=60, env=dict(os.environ, MANWIDTH="80"))
-            self.assertEqual((r.returncode, r.stderr), (0, ""))
-            self.assertIn("tarvex-gridftp-server - FTP and GridFTP server", r.stdout)
-        finally:
-            shutil.rmtree(prefix, ignore_errors=True)
+    @staticmethod
+    def help_options(text):
+        # Its usage names the modes (--renew, --enrol) in the synopsis and
+        # the settings below; --help and --version are answered by main().
+        return set(OPTION.findall(text)) | {"--help", "--version"}
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@ import os
 import socket
 import unittest
 
-from server_harness import ServerTest, sha256_file, write_random
+from server_harness import Server, ServerTest, sha256_file, write_random
 
 
 def use_eprt(f):
@@ -137,6 +137,61 @@ class FtplibBase(ServerTest):
         self.f.sendcmd("OPTS MLST type;size;modify;perm;unique;UNIX.mode;")
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "/no-such-folder")
 
+    def test_wildcards_and_recursive_listings(self):
+        for rel in ("a.txt", "b.txt", "c.bin", ".h.txt", "x1.txt", "x[1].txt", "-dash.txt",
+                    "sub/d.txt", "sub/deep/e.txt"):
+            self.put("w/" + rel, rel.encode())
+        self.assertEqual(sorted(self.f.nlst("/w/*.txt")),
+                         ["/w/-dash.txt", "/w/a.txt", "/w/b.txt", "/w/x1.txt", "/w/x[1].txt"])
+        self.f.cwd("/w")
+        self.assertEqual(sorted(self.f.nlst("?.bin")), ["c.bin"])
+        self.assertEqual(sorted(self.f.nlst("sub/*")), ["sub/d.txt", "sub/deep"])
+        # A name that exists as written is not taken as a pattern, and a
+        # word that starts with '-' but is no set of options is a name.
+        self.assertEqual(self.f.nlst("x[1].txt"), ["x[1].txt"])
+        self.assertEqual(self.f.nlst("-dash.txt"), ["-dash.txt"])
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "*.none")
+        lines = []
+        self.f.retrlines("LIST -lR /w", lines.append)
+        self.assertEqual([l for l in lines if l.endswith(":")], ["/w/sub:", "/w/sub/deep:"])
+        self.assertTrue(lines[-1].endswith(" e.txt"), lines)
+        self.assertEqual(sum(1 for l in lines if l[:1] in ("-", "d")), 11)
+        names = []
+        self.f.retrlines("NLST -R", names.append)
+        self.assertEqual(names[names.index("./sub/deep:") + 1:], ["e.txt"])
+        # One item, one unique fact, however it is asked for.
+        facts = dict(self.f.mlsd("/w"))
+        mlst = self.f.sendcmd("MLST /w/a.txt")
+        self.assertIn("unique=%s;" % facts["a.txt"]["unique"], mlst)
+        self.assertEqual(dict(self.f.mlsd("/w/sub"))["."]["unique"], facts["sub"]["unique"])
+
+    def test_ascii_mode_and_stou(self):
+        self.f.storlines("STOR /t.txt", io.BytesIO(b"one\r\ntwo\nthree\r\n"))
+        with open(self.local("t.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"one\ntwo\nthree\n")
+        self.f.sendcmd("TYPE A")
+        self.assertEqual(self.f.size("/t.txt"), 14)  # the stored bytes
+        self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, "REST 3")
+        conn = self.f.transfercmd("RETR /t.txt")
+        got = b""
+        while chunk := conn.recv(65536):
+            got += chunk
+        conn.close()
+        self.f.voidresp()
+        self.assertEqual(got, b"one\r\ntwo\r\nthree\r\n")
+        # STOU: a new name beside the one suggested, named in the 150 reply.
+        self.f.sendcmd("TYPE I")
+        said = []
+        send = self.f.sendcmd
+        self.f.sendcmd = lambda cmd: said.append(send(cmd)) or said[-1]
+        self.f.storbinary("STOU t.txt", io.BytesIO(b"\r\nunique"))
+        del self.f.sendcmd
+        self.assertRegex(said[-1], r"^150 FILE: t\.txt\.[0-9a-f]{8}$")
+        with open(self.local(said[-1][len("150 FILE: "):]), "rb") as f:
+            self.assertEqual(f.read(), b"\r\nunique")
+        with open(self.local("t.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"one\ntwo\nthree\n")
+
     def test_transfers_in_every_data_mode(self):
         data = os.urandom(5 * 1024 * 1024 + 123)
         modes = [("pasv", lambda f: f.set_pasv(True)), ("epsv", use_epsv),
@@ -241,6 +296,32 @@ class FtplibBase(ServerTest):
 
 class FtplibPlain(FtplibBase):
     tls = False
+
+    def test_recursive_listing_stops_at_its_limit(self):
+        # In the clear: over TLS a cut listing's data connection ends
+        # without TLS's orderly close, as every failed transfer's does.
+        server = Server(extra=["--recursive-list-limit", "4"])
+        try:
+            for rel in ("four/1", "four/s/2", "four/s/3", "five/1", "five/s/2", "five/s/3/4"):
+                open(self.make(server.root, rel), "wb").close()
+            f = server.ftp()
+            lines = []
+            f.retrlines("LIST -R /four", lines.append)
+            self.assertEqual(len(lines), 6)  # 4 items, a blank line, a header
+            lines = []
+            self.assertRaisesRegex(ftplib.error_temp, "^451 .*more than 4 items.*incomplete",
+                                   f.retrlines, "LIST -R /five", lines.append)
+            self.assertEqual(sum(1 for l in lines if l[:1] in ("-", "d")), 4)
+            f.quit()
+        finally:
+            server.stop()
+
+    @staticmethod
+    def make(root, rel):
+        """A file at `rel` under `root`, its folders made."""
+        path = os.path.join(root, rel)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        return path
 
 
 class FtplibTls(FtplibBase):

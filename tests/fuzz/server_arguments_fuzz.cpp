@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "fuzz_support.h"
+#include "list_args.h"
 #include "parse.h"
 
 using namespace tarvex_fuzz;
@@ -156,6 +157,18 @@ void any_name(const std::string &arg)
         check(!is_control_byte(c), "a name with control bytes taken", arg);
 }
 
+// LIST and NLST: the path is the end of the argument, and the pattern a
+// client writes is matched against any name without harm.
+void list(const std::string &arg)
+{
+    ListArgs a = parse_list_args(arg);
+    check(std::string_view(arg).ends_with(a.path), "a LIST path that is not the argument's end",
+          arg);
+    wildcard_match(std::string(folder_prefix(a.path)) + "*", a.path);
+    if (has_wildcard(a.path))
+        wildcard_match(a.path, arg);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -178,6 +191,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         eprt(command.arg);
     else if (verb == "EPSV")
         epsv(command.arg);
+    else if (verb == "LIST" || verb == "NLST")
+        list(command.arg);
     else if (verb == "OPTS")
         check((parse_fact_list(command.arg) & ~63u) == 0, "an MLST fact beyond the known six");
     else

@@ -33,6 +33,7 @@ VERSION = os.environ.get("TARVEX_VERSION", "")
 LIBRARIES = ("tarvex_common", "tarvex_gridftp_server", "tarvex_dsi_rest")
 PLUGINS = ("libtarvex_gridftp_server_posix.so", "libtarvex_gridftp_server_box.so")
 PROGRAMS = ("tarvex-gridftp-server", "tarvex-box-credential")
+MANUAL_PAGES = ("tarvex-gridftp-server.8", "tarvex-box-credential.1")
 UNIT = "tarvex-gridftp-server.service"
 CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/logrotate.d/tarvex-gridftp-server")
 EXAMPLES = ("passwd", "box-policy.json", "box-credential.json", "box-client.json",
@@ -74,7 +75,11 @@ class Tree:
         return self.path("bin", program)
 
     def lib(self, name=""):
-        return self.path("lib", name)
+        """The platform's private library folder, which holds the plug-ins."""
+        return self.path("lib", "tarvex", name)
+
+    def pkgconfig(self, name=""):
+        return self.path("share", "pkgconfig", name)
 
 
 def install_build(destdir):
@@ -94,11 +99,11 @@ def expected_files(tree):
         out.append(("link for -l" + name, tree.lib("lib%s.so" % name)))
     out += [("plug-in " + p, tree.lib(p)) for p in PLUGINS]
     out += [("header " + h, tree.path("include", "tarvex", h)) for h in public_headers()]
-    out += [("pkg-config file " + p, tree.lib("pkgconfig/%s.pc" % p))
+    out += [("pkg-config file " + p, tree.pkgconfig("%s.pc" % p))
             for p in ("tarvex-gridftp-server", "tarvex-dsi-rest")]
     out.append(("systemd unit", tree.path("lib", "systemd", "system", UNIT)))
-    out.append(("manual page (the unit's documentation)",
-                tree.path("share", "man", "man8", "tarvex-gridftp-server.8")))
+    out += [("manual page " + p, tree.path("share", "man", "man" + p[-1], p + ".gz"))
+            for p in MANUAL_PAGES]
     out += [("configuration " + c, tree.system_path(c)) for c in CONFIG_FILES]
     out += [("example " + e, tree.path("share", "doc", "tarvex-gridftp-server", "examples", e))
             for e in EXAMPLES]
@@ -261,6 +266,24 @@ def unit_command(unit_text):
 def unit_setting(unit_text, key):
     m = re.search(r"^%s=(.*)$" % re.escape(key), unit_text, re.M)
     return m.group(1).strip() if m else None
+
+
+def lintian_findings(deb):
+    """lintian's errors and warnings on the package file, one line each
+    ("E: PACKAGE: TAG [details]")."""
+    r = run(["lintian", "--tag-display-limit", "0", deb], check=False, timeout=600)
+    if r.returncode not in (0, 1):  # 1: it found an error
+        raise AssertionError("lintian failed (%d):\n%s" % (r.returncode, r.stderr))
+    return [line for line in r.stdout.splitlines() if re.match(r"[EW]: ", line)]
+
+
+def listed_lintian_warnings():
+    """The warnings the README accepts, each on a line of its own with its
+    reason: "- `TAG`: why"."""
+    with open(os.path.join(SOURCE, "README.md"), encoding="utf-8") as f:
+        text = f.read()
+    section = text.split("\n## Installing\n", 1)[1].split("\n## ", 1)[0]
+    return set(re.findall(r"^- lintian warning `([a-z0-9-]+)`: \S", section, re.M))
 
 
 def timed(what, call):

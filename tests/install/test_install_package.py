@@ -1,7 +1,7 @@
 """The Debian package: cpack -G DEB of the build into a scratch folder, read
 back with dpkg-deb.  Its control fields and scripts, its dependencies
-against the libraries its files link, and its contents unpacked and run as
-the installed tree is (the same checks)."""
+against the libraries its files link, lintian's view of it, and its
+contents unpacked and run as the installed tree is (the same checks)."""
 import os
 import re
 import shutil
@@ -11,7 +11,8 @@ import tempfile
 import unittest
 
 from install_support import (BUILD, CONFIG_FILES, CPACK, VERSION, Tree, dynamic_section,
-                             elf_files, resolved_libraries, run, timed)
+                             elf_files, lintian_findings, listed_lintian_warnings,
+                             resolved_libraries, run, timed)
 from test_install_tree import TreeChecks
 
 PACKAGE = "tarvex-gridftp-server"
@@ -123,6 +124,18 @@ class DebianPackage(TreeChecks, unittest.TestCase):
                         for d, _, names in os.walk(self.tree.system_path("/etc")) for n in names)
         self.assertEqual(conffiles, in_etc)
         self.assertEqual(sorted(CONFIG_FILES), in_etc)
+
+    def test_lintian_finds_no_error_and_only_the_listed_warnings(self):
+        if shutil.which("lintian") is None:
+            print("SKIPPED LOUDLY: lintian is not installed; the package is unchecked",
+                  file=sys.stderr)
+            self.skipTest("lintian is not installed")
+        findings = timed("lintian", lambda: lintian_findings(self.deb))
+        print("\n".join(["lintian:"] + findings), file=sys.stderr)
+        self.assertEqual([f for f in findings if f.startswith("E:")], [])
+        # Both ways: a warning fixed since is no longer listed as accepted.
+        warned = {f.split()[2] for f in findings if f.startswith("W:")}
+        self.assertEqual(sorted(warned), sorted(listed_lintian_warnings()))
 
 
 if __name__ == "__main__":

@@ -76,8 +76,8 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         shutil.rmtree(cls.work, ignore_errors=True)
 
     def pkg_config(self, *args):
-        lib = self.tree.lib("pkgconfig")
-        env = dict(os.environ, PKG_CONFIG_PATH=lib, PKG_CONFIG_SYSROOT_DIR=self.tree.root)
+        env = dict(os.environ, PKG_CONFIG_PATH=self.tree.pkgconfig(),
+                   PKG_CONFIG_SYSROOT_DIR=self.tree.root)
         return run(["pkg-config"] + list(args), env=env).stdout.split()
 
     def test_plugin_built_against_the_installed_headers_is_served(self):
@@ -105,7 +105,7 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         run(["cc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-pedantic", "-o",
              os.path.join(self.work, "rest"), source] + flags)
         self.assertEqual(self.pkg_config("--variable=plugindir", "tarvex-gridftp-server"),
-                         [self.tree.root + self.tree.prefix + "/lib"])
+                         [self.tree.root + self.tree.prefix + "/lib/tarvex"])
 
     def test_unit_runs_the_installed_programs_with_existing_options(self):
         with open(self.tree.path("lib", "systemd", "system", UNIT)) as f:

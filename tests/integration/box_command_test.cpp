@@ -248,6 +248,12 @@ TEST_F(command_test, ADeleteRefusedByBoxIsNeverRetried)
     EXPECT_EQ(cached("/d/sub"), nullptr);
     EXPECT_NE(emulator().item("/d/a.txt"), "");
 
+    /* Box's reason for a plain 400 follows the reply's first line. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RMD, "/d"),
+              "451-Bad BOX request\r\n451 Box-Details: \"folder_not_empty\"\r\n");
+    EXPECT_NE(cached("/d"), nullptr);
+    take_requests();
+
     /* A dropped connection is tried twice. */
     fault("DELETE", "^/2.0/files/", 1, R"("drop":true)");
     EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "");
@@ -291,6 +297,73 @@ TEST_F(command_test, Rename)
     EXPECT_NE(emulator().item("/e/sub2"), "");
     EXPECT_EQ(tarvex_box_path_resolve(session_, "/e/sub2", nullptr, nullptr), TARVEX_SUCCESS);
     EXPECT_TRUE(take_requests().empty());
+}
+
+/* With the policy's "rename_replaces" a file takes the name of another:
+ * the old one is moved aside, the new one renamed, then the old one
+ * deleted; a failure on the way leaves both files on Box. */
+TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
+{
+    struct replaces_on {
+        replaces_on() { tarvex_i_box_rename_replaces = true; }
+        ~replaces_on() { tarvex_i_box_rename_replaces = false; }
+    } on;
+    ids_ = seed(R"([{"path":"/d/old.txt","content":"old"},{"path":"/d/new.txt","content":"new"}])");
+    const std::string put_old = "PUT /2.0/files/" + ids_["/d/old.txt"];
+    const std::string put_new = "PUT /2.0/files/" + ids_["/d/new.txt"];
+    auto names_in_d = [] {
+        strings out;
+        for (const auto &e : emulator().tree())
+            if (e.path.rfind("/d/", 0) == 0)
+                out.push_back(e.path);
+        return out;
+    };
+    ASSERT_EQ(tarvex_box_path_resolve(session_, "/d/sub", nullptr, nullptr), TARVEX_SUCCESS);
+    take_requests();
+
+    /* Folders are never replaced, nor replace; a file onto itself is done. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/sub", "/d/a.txt"),
+              "553-PATH_EXISTS\r\n553 GridFTP-Path: /d/sub\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/sub"),
+              "553-PATH_EXISTS\r\n553 GridFTP-Path: /d/a.txt\r\n");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/a.txt"), "");
+    EXPECT_TRUE(take_requests().empty());
+
+    /* The new file's move fails: the old file gets its name back. */
+    fault("PUT", "^/2.0/files/" + ids_["/d/new.txt"] + "$", 1, R"("status":403,"body":null)");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt"), "550 PERMISSION_DENIED\r\n");
+    EXPECT_EQ(requests_made(), (strings{put_old, put_new, put_old}));
+    EXPECT_EQ(emulator().content("/d/old.txt"), "old");
+    EXPECT_EQ(emulator().content("/d/new.txt"), "new");
+    EXPECT_EQ(names_in_d().size(), 4u);
+
+    /* ... and so does the way back: the error names where the old file is. */
+    fault("PUT", "^/2.0/files/" + ids_["/d/old.txt"] + "$", 1, R"("delay_ms":0)");
+    fault("PUT", "^/2.0/files/" + ids_["/d/new.txt"] + "$", 1, R"("status":403,"body":null)");
+    fault("PUT", "^/2.0/files/" + ids_["/d/old.txt"] + "$", 1, R"("status":403,"body":null)");
+    std::string reply = run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt");
+    std::string aside;
+    for (const auto &path : names_in_d())
+        if (path.rfind("/d/old.txt.tarvex-replaced-", 0) == 0)
+            aside = path;
+    ASSERT_FALSE(aside.empty());
+    EXPECT_EQ(reply, "550-PERMISSION_DENIED\r\n550 Box-Details: \"The file to be replaced is kept as " +
+                         aside + ".\"\r\n");
+    EXPECT_EQ(emulator().content(aside), "old");
+    EXPECT_EQ(emulator().content("/d/new.txt"), "new");
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", aside), "");
+    take_requests();
+
+    /* The replacement: three requests, the old file is gone, the new one
+     * resolves under its new name from the cache. */
+    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt"), "");
+    EXPECT_EQ(requests_made(),
+              (strings{put_old, put_new, "DELETE /2.0/files/" + ids_["/d/old.txt"]}));
+    EXPECT_EQ(emulator().content("/d/old.txt"), "new");
+    EXPECT_EQ(names_in_d(), (strings{"/d/a.txt", "/d/sub", "/d/old.txt"}));
+    EXPECT_EQ(cached("/d/new.txt"), nullptr);
+    ASSERT_NE(cached("/d/old.txt"), nullptr);
+    EXPECT_EQ(std::string(cached("/d/old.txt")->id), ids_["/d/new.txt"]);
 }
 
 TEST_F(command_test, MetadataPropertiesAreCreatedThenPatched)

@@ -177,6 +177,20 @@ class EmulatorTest(EmulatorCase):
         status, doc, _ = self.emu.json("POST", url, iter([body[:777], body[777:]]), headers)
         self.assertEqual((status, doc["entries"][0]["size"]), (201, 11000))
 
+    def test_conflicts_come_as_an_object_or_as_a_list(self):
+        ids = self.emu.seed({"path": "/c/taken", "type": "folder"})
+        body = json.dumps({"name": "TAKEN", "parent": {"id": ids["/c"]}}).encode()
+        for as_list, wrap in ((None, lambda mini: mini), (True, lambda mini: [mini]),
+                              (False, lambda mini: mini)):
+            with self.subTest(as_list=as_list):
+                if as_list is not None:
+                    self.emu.control("POST", "config", {"conflicts_as_list": as_list})
+                doc = self.assertBoxError(self.emu.json("POST", "/2.0/folders", body),
+                                          409, "item_name_in_use")
+                self.assertEqual(doc["context_info"]["conflicts"],
+                                 wrap({"type": "folder", "id": ids["/c/taken"],
+                                       "sequence_id": "0", "etag": "0", "name": "taken"}))
+
     def test_upload_session_checks_parts_and_commits(self):
         u = self.emu.seed({"path": "/u", "type": "folder"})["/u"]
         data = pattern(7, 2500)

@@ -133,6 +133,9 @@ TEST_F(BoxFrameError, TranslatesBoxErrorBodiesByCode)
         {404, R"({"code":"not_found"})", nullptr, "550 PATH_NOT_FOUND  +box", false, 0},
         {409, R"({"code":"item_name_in_use","context_info":{"conflicts":{"name":"x"}}})", nullptr,
          "553 PATH_EXISTS GridFTP-Path: x +box", false, 0},
+        /* The list form of Box's published API: its first element. */
+        {409, R"({"code":"item_name_in_use","context_info":{"conflicts":[{"name":"y"},{"name":"z"}]}})",
+         nullptr, "553 PATH_EXISTS GridFTP-Path: y +box", false, 0},
         {404, R"({"code":"trashed"})", nullptr,
          "550 PATH_NOT_FOUND GridFTP-Path: \"<Trashed Item>\" +box", false, 0},
         {400, R"({"code":"item_name_invalid"})", nullptr,

@@ -64,6 +64,29 @@ TEST_F(BoxFrameSession, PolicyRate)
     }
 }
 
+/* "rename_replaces": a boolean, absent or null; each policy sets it anew. */
+TEST_F(BoxFrameSession, PolicyRenameReplaces)
+{
+    const struct { const char *policy; bool replaces; const char *failure; } cases[] = {
+        {R"({"rename_replaces": true})", true, ""},
+        {"{}", false, ""},
+        {R"({"rename_replaces": true})", true, ""},
+        {R"({"rename_replaces": null})", false, ""},
+        {R"({"rename_replaces": false})", false, ""},
+        {R"({"rename_replaces": "true"})", false,
+         "500 GridFTP-Error: Bad \"rename_replaces\" in collection storage policy: it must be "
+         "true or false."},
+        {R"({"rename_replaces": 1})", false,
+         "500 GridFTP-Error: Bad \"rename_replaces\" in collection storage policy: it must be "
+         "true or false."},
+    };
+    for (const auto &c : cases) {
+        int rate = 16;
+        EXPECT_EQ(failure(tarvex_box_config_parse_json(c.policy, &rate)), c.failure) << c.policy;
+        EXPECT_EQ(tarvex_i_box_rename_replaces, c.replaces) << c.policy;
+    }
+}
+
 /* The bearer token goes over https, or plain http to this host only. */
 TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
 {

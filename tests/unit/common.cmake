@@ -1,6 +1,6 @@
 # Unit tests of the runtime library tarvex_common.
 
-# A tiny extension for the loader tests, kept out of build/lib so that it is
+# A tiny extension for the loader tests, kept out of build/lib/tarvex so that it is
 # found only through the search path.
 add_library(tarvex_test_ext MODULE ${CMAKE_CURRENT_LIST_DIR}/fixtures/tarvex_test_ext.cpp)
 target_include_directories(tarvex_test_ext PRIVATE ${TARVEX_SOURCE_ROOT}/platform/common/include)

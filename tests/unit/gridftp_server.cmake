@@ -1,6 +1,6 @@
 # Unit tests of the server framework library and of the scripted driver.
 
-# A one-table plug-in for the load-by-name tests, kept out of build/lib so
+# A one-table plug-in for the load-by-name tests, kept out of build/lib/tarvex so
 # that only the search path finds it.
 add_library(tarvex_gridftp_server_gfsfixture MODULE
   ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_plugin_fixture.cpp)

@@ -1,5 +1,6 @@
 // The server's parsers of client input (command lines, REST, ALLO, CKSM,
-// PORT, EPRT, EPSV, MLST facts) and its escaping of log fields.
+// PORT, EPRT, EPSV, MLST facts, LIST arguments and wildcards), its TYPE A
+// line ends and its escaping of log fields.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
@@ -8,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "line_ends.h"
+#include "list_args.h"
 #include "log.h"
 #include "parse.h"
 
@@ -233,6 +236,86 @@ TEST(ServerParse, NamesFactsAndReplyText)
 
     EXPECT_EQ(printable("a\rb\n\x1b\xff" "c\xc3\xa4"), "a?b???c\xc3\xa4");
     EXPECT_EQ(printable("\xc2\x9b" "1m \xc0\xaf \xe2\x82\xac"), "??1m ?? \xe2\x82\xac");
+}
+
+TEST(ServerParse, ListArgumentsOptionsAndPaths)
+{
+    struct Case {
+        const char *arg;
+        bool recursive;
+        const char *path;
+    } cases[] = {
+        {"", false, ""},
+        {"-la", false, ""},
+        {"-lR /S/t", true, "/S/t"},
+        {"-l  -a  dir name", false, "dir name"},
+        {"-R", true, ""},
+        {"-dash.txt", false, "-dash.txt"}, // '.' is no option letter
+        {"-dash", false, "-dash"},         // nor are 's' and 'h'
+        {"-", false, "-"},
+        {"-a -x.txt", false, "-x.txt"},
+        {"x -R", false, "x -R"},           // options come first only
+    };
+    for (const auto &c : cases) {
+        ListArgs a = parse_list_args(c.arg);
+        EXPECT_EQ(a.recursive, c.recursive) << c.arg;
+        EXPECT_EQ(a.path, c.path) << c.arg;
+    }
+}
+
+TEST(ServerParse, Wildcards)
+{
+    for (const char *name : {"*.txt", "a?", "x[12]", "[!a]*"})
+        EXPECT_TRUE(has_wildcard(name)) << name;
+    for (const char *name : {"a.txt", "x[", "x[]", "]x[", ""})
+        EXPECT_FALSE(has_wildcard(name)) << name;
+    struct Case {
+        const char *pattern, *name;
+        bool match;
+    } cases[] = {
+        {"*.txt", "a.txt", true},   {"*.txt", "a.txt.bak", false}, {"*.txt", ".h.txt", false},
+        {".*", ".h.txt", true},     {"?.bin", "a.bin", true},      {"?.bin", "ab.bin", false},
+        {"x[12].d", "x2.d", true},  {"x[12].d", "x3.d", false},    {"x[!1]", "x2", true},
+        {"\\*", "*", true},         {"\\*", "a", false},          {"*", "-dash.txt", true},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(wildcard_match(c.pattern, c.name), c.match) << c.pattern << " " << c.name;
+    EXPECT_EQ(folder_prefix("/S/t/*.txt"), "/S/t/");
+    EXPECT_EQ(folder_prefix("sub/*"), "sub/");
+    EXPECT_EQ(folder_prefix("*.txt"), "");
+}
+
+// Converted whole and in every split into two pieces, so that a CR LF
+// across pieces is seen as one line end.
+TEST(ServerParse, AsciiLineEnds)
+{
+    struct Case {
+        std::string wire, stored;
+    } to_lf[] = {
+        {"a\r\nb\r\n", "a\nb\n"}, {"a\rb\r", "a\rb\r"}, {"\r\r\n", "\r\n"},
+        {"a\nb", "a\nb"},           {"", ""},
+    };
+    for (const auto &c : to_lf)
+        for (size_t cut = 0; cut <= c.wire.size(); ++cut) {
+            CrlfToLf d;
+            std::string out;
+            d.feed(c.wire.data(), cut, out);
+            d.feed(c.wire.data() + cut, c.wire.size() - cut, out);
+            d.finish(out);
+            EXPECT_EQ(out, c.stored) << c.wire << " cut at " << cut;
+        }
+    Case to_crlf[] = {
+        {"a\r\nb\r\n", "a\nb\n"}, {"\r\n\r\n", "\n\n"}, {"x\r\n", "x\r\n"},
+        {"\r\r\n", "\r\r\n"},
+    };
+    for (const auto &c : to_crlf)
+        for (size_t cut = 0; cut <= c.stored.size(); ++cut) {
+            LfToCrlf e;
+            std::string out;
+            e.feed(c.stored.data(), cut, out);
+            e.feed(c.stored.data() + cut, c.stored.size() - cut, out);
+            EXPECT_EQ(out, c.wire) << c.stored << " cut at " << cut;
+        }
 }
 
 TEST(ServerLog, FieldsAreEscaped)

@@ -10,7 +10,7 @@ add_executable(tarvex_gridftp_server_transfer_tests
   ${server_src}/mark_registry.cpp)
 target_include_directories(tarvex_gridftp_server_transfer_tests PRIVATE ${server_src})
 target_link_libraries(tarvex_gridftp_server_transfer_tests PRIVATE
-  tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto tarvex_test_error_check
+  tarvex_server_parse tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto tarvex_test_error_check
   GTest::gtest_main
   Threads::Threads)
 gtest_discover_tests(tarvex_gridftp_server_transfer_tests

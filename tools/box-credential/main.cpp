@@ -274,10 +274,15 @@ int run(const std::vector<std::string> &args)
 int main(int argc, char **argv)
 {
     std::vector<std::string> args(argv + 1, argv + argc);
-    for (const std::string &a : args)
+    for (const std::string &a : args) {
         if (a == "--help" || a == "-h") {
             fputs(box_credential::usage, stdout);
             return 0;
         }
+        if (a == "--version") {
+            printf("tarvex-box-credential %s\n", TARVEX_VERSION);
+            return 0;
+        }
+    }
     return box_credential::run(args);
 }

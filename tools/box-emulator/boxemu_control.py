@@ -350,7 +350,13 @@ class Control:
             for key in WAN_KEYS:
                 if key in doc:
                     config[key] = _int(doc, key, 0)
-            return 200, dict(config), None
+            if "conflicts_as_list" in doc:
+                if not isinstance(doc["conflicts_as_list"], bool):
+                    raise ControlError("'conflicts_as_list' must be true or false")
+                with self.store.lock:
+                    self.store.conflicts_as_list = doc["conflicts_as_list"]
+            with self.store.lock:
+                return 200, dict(config, conflicts_as_list=self.store.conflicts_as_list), None
 
     def log(self, query):
         with self.state.lock:

@@ -150,6 +150,9 @@ class Store:
                 session.discard()
             self.counter = 1000
             self.version_counter = 5000
+            # Box's published API gives context_info.conflicts as a list;
+            # the object form is what Box has been seen to answer.
+            self.conflicts_as_list = False
             self.items = {}
             self.trash = {}
             self.sessions = {}
@@ -206,8 +209,9 @@ class Store:
         other = self.child_named(folder, name)
         if other is None or other is exclude:
             return
+        mini = self.mini(other)
         raise BoxError(409, "item_name_in_use", "Item with the same name already exists",
-                       {"conflicts": self.mini(other)})
+                       {"conflicts": [mini] if self.conflicts_as_list else mini})
 
     def attach(self, item, folder):
         item.parent = folder

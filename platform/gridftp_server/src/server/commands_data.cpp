@@ -1,5 +1,6 @@
 // Data commands: TYPE, MODE, STRU, PASV, EPSV, PORT, EPRT, REST, ALLO, ABOR,
-// RETR, STOR, LIST, NLST and MLSD.
+// RETR, STOR, APPE and STOU (the listings are in commands_list.cpp).
+#include <openssl/rand.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -17,19 +18,19 @@
 
 namespace tarvex_server {
 
-namespace {
-
-enum ListKind { kind_list, kind_nlst, kind_mlsd };
-
-} // namespace
-
 void Session::cmd_type(const std::string &arg)
 {
-    // Data move as bytes whatever the type: ASCII is accepted because
-    // clients ask for it for listings, and files pass through unchanged.
+    // TYPE A converts the line ends of files (CR LF on the wire, LF
+    // stored); listings are CR LF text in either type.
     char t = static_cast<char>(toupper(static_cast<unsigned char>(arg[0])));
-    if (t == 'I' || t == 'A' || (t == 'L' && arg.find('8') != std::string::npos)) {
-        reply(200, t == 'A' ? "Type set to A." : "Type set to I.");
+    if (t == 'A') {
+        type_ascii_ = true;
+        reply(200, "Type set to A.");
+        return;
+    }
+    if (t == 'I' || (t == 'L' && arg.find('8') != std::string::npos)) {
+        type_ascii_ = false;
+        reply(200, "Type set to I.");
         return;
     }
     reply(504, "Type not supported.");
@@ -129,6 +130,12 @@ void Session::cmd_rest(const std::string &arg)
         reply(code, why);
         return;
     }
+    if (type_ascii_ && v != 0) {
+        // The offset would count the stored bytes for one side and the
+        // CR LF bytes on the wire for the other.
+        reply(504, "REST is not served in ASCII mode: use TYPE I.");
+        return;
+    }
     rest_ = v;
     reply(350, "Restarting at " + std::to_string(v) + ". Send RETR or STOR.");
 }
@@ -192,11 +199,10 @@ TransferParams Session::transfer_params(const std::string &what)
     return p;
 }
 
-// The replies at the end of a transfer or listing; true for 226.
-bool Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
+bool Session::finish_transfer(tarvex_result_t result, Transfer &t, int default_code)
 {
     std::string failure = t.failure();
-    bool ok = c.result == TARVEX_SUCCESS && failure.empty() && !t.aborted();
+    bool ok = result == TARVEX_SUCCESS && failure.empty() && !t.aborted();
     if (ok && !t.began())
         t.begin(false); // a plug-in that had nothing to send still owes the 150
     failure = t.failure();
@@ -207,14 +213,14 @@ bool Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
     else
         retire_data();
     if (t.aborted()) {
-        tarvex_error_discard(c.result);
+        tarvex_error_discard(result);
         reply(426, "Connection closed; transfer aborted.");
         reply(226, "Abort successful.");
     } else if (!failure.empty()) {
-        tarvex_error_discard(c.result);
+        tarvex_error_discard(result);
         ctl_.send_raw(printable(failure) + "\r\n");
-    } else if (c.result != TARVEX_SUCCESS) {
-        reply_error(c.result, default_code);
+    } else if (result != TARVEX_SUCCESS) {
+        reply_error(result, default_code);
     } else {
         reply(226, "Transfer complete.");
         return true;
@@ -222,7 +228,8 @@ bool Session::finish_transfer(PluginCall &c, Transfer &t, int default_code)
     return false;
 }
 
-void Session::transfer(bool store, const std::string &arg, bool append)
+void Session::transfer(bool store, const std::string &arg, bool append,
+                       const std::string &announce)
 {
     tarvex_off_t rest = rest_;
     tarvex_off_t alloc = alloc_;
@@ -261,6 +268,8 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     // end looked like; without one, the end of the connection is the end
     // of the file.
     p.tls_strict_eof = store && alloc == 0 && opts_.tls_strict_eof;
+    p.ascii = type_ascii_;
+    p.announce = announce;
     Transfer t(data_, p);
 
     tarvex_gfs_transfer_info_t info{};
@@ -268,7 +277,9 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     info.partial_offset = rest;
     info.partial_length = -1;
     info.truncate = store && rest == 0;
-    info.alloc_size = alloc;
+    // ALLO counts the bytes on the wire; in TYPE A the stored size is
+    // known only at the end.
+    info.alloc_size = type_ascii_ ? 0 : alloc;
     info.nstreams = 1;
     info.node_count = 1;
     info.stripe_count = 1;
@@ -279,7 +290,7 @@ void Session::transfer(bool store, const std::string &arg, bool append)
     call_plugin(c, [&](tarvex_gfs_operation_t op) {
         (store ? iface_->recv_func : iface_->send_func)(op, &info, session_arg_);
     });
-    bool ok = finish_transfer(c, t, 451);
+    bool ok = finish_transfer(c.result, t, 451);
     long long ms = now_ms() - t0;
     std::string note = alloc > 0 ? " (ALLO " + std::to_string(alloc) + ")" : "";
     bool unconfirmed = store && alloc == 0 && t.end_unconfirmed();
@@ -342,90 +353,45 @@ void Session::cmd_appe(const std::string &arg)
     transfer(true, arg, true);
 }
 
-void Session::cmd_list(const std::string &arg)
+// STOU: a store under a name no item of its folder has, named in the 150
+// reply as RFC 1123 (4.1.2.9) has it, "150 FILE: name".  A name the client
+// suggests ("STOU tmp.a.txt", as Net::FTP's put_unique sends) is kept as
+// the start of the new name, its folder too.  A random end, checked to be
+// free, keeps two sessions that suggest the same name apart.
+void Session::cmd_stou(const std::string &arg)
 {
-    listing(arg, kind_list);
-}
-
-void Session::cmd_nlst(const std::string &arg)
-{
-    listing(arg, kind_nlst);
-}
-
-void Session::cmd_mlsd(const std::string &arg)
-{
-    listing(arg, kind_mlsd);
-}
-
-void Session::listing(const std::string &raw_arg, int kind)
-{
-    // "LIST -la dir": ls options are accepted and ignored.
-    std::string arg = raw_arg;
-    while (kind != kind_mlsd && !arg.empty() && arg[0] == '-') {
-        size_t sp = arg.find(' ');
-        size_t next = sp == std::string::npos ? sp : arg.find_first_not_of(' ', sp);
-        arg = next == std::string::npos ? "" : arg.substr(next);
-    }
-    if (!data_allowed())
+    if (iface_->recv_func == nullptr) {
+        reply(502, "This storage cannot store files.");
         return;
-    std::string path = path_arg(arg);
-    Transfer t(data_, transfer_params(path));
-    time_t now = time(nullptr);
-
-    // Each batch is written to the data connection as it arrives, so a
-    // folder of any size lists in constant memory.
-    auto write_entries = [&, kind](tarvex_gridftp_server_control_stat_t *a, int n) {
-        std::string text;
-        for (int i = 0; i < n; ++i) {
-            StatEntry e = copy_entry(a[i]);
-            bool self = e.name == ".";
-            if (e.name == ".." || (self && kind != kind_mlsd) || !listable(e, path))
-                continue;
-            if (kind == kind_list)
-                text += list_line(e, e.name, now);
-            else if (kind == kind_nlst)
-                text += e.name;
-            else
-                text += mlst_facts(e, facts_, self, e.name);
-            text += "\r\n";
-        }
-        if (!text.empty())
-            t.write_text(text);
-    };
-
-    tarvex_gfs_stat_info_t info{};
-    info.file_only = false;
-    info.pathname = path.data();
-    PluginCall c;
-    c.transfer = &t;
-    c.on_stat = [&](tarvex_result_t r, tarvex_gridftp_server_control_stat_t *a, int n, bool) {
-        if (r != TARVEX_SUCCESS || a == nullptr || n <= 0)
-            return;
-        t.begin(false);
-        write_entries(a, n);
-    };
-    call_plugin(c, [&](tarvex_gfs_operation_t op) { iface_->stat_func(op, &info, session_arg_); });
-
-    if (c.result != TARVEX_SUCCESS && !t.began() && !t.aborted() && kind != kind_mlsd) {
-        // LIST and NLST of a file show that file.
+    }
+    if (rest_ != 0) {
+        reply(503, "STOU makes a new file: REST does not apply.");
+        return;
+    }
+    std::string written = arg.empty() ? "stou" : arg;
+    for (int tries = 0; tries < 4; ++tries) {
+        unsigned char r[4];
+        if (RAND_bytes(r, sizeof r) != 1)
+            break;
+        char end[16];
+        snprintf(end, sizeof end, ".%02x%02x%02x%02x", r[0], r[1], r[2], r[3]);
+        std::string name = written + end;
         StatEntry e;
-        tarvex_result_t r2;
-        if (stat_one(path, e, r2) && !is_dir(e)) {
-            tarvex_error_discard(c.result);
-            c.result = TARVEX_SUCCESS;
-            t.begin(false);
-            std::string name = arg.empty() ? base_name(path) : arg;
-            t.write_text((kind == kind_list ? list_line(e, name, now) : name) + "\r\n");
-        } else {
-            tarvex_error_discard(r2);
+        tarvex_result_t res = TARVEX_SUCCESS;
+        bool taken = stat_one(path_arg(name), e, res);
+        tarvex_error_discard(res);
+        if (abort_owed_) {
+            retire_data();
+            reply(426, "STOU aborted.");
+            return;
+        }
+        if (!taken) {
+            transfer(true, name, false, "FILE: " + name);
+            return;
         }
     }
-    if (c.result != TARVEX_SUCCESS && !t.began() && !t.aborted()) {
-        retire_data();
-        reply_error(c.result, 550);
-        return;
-    }
-    finish_transfer(c, t, 451);
+    retire_data();
+    reply(451, "No unique file name could be found.");
 }
 
 } // namespace tarvex_server

@@ -100,7 +100,9 @@ void Session::cmd_cwd(const std::string &arg)
         return;
     }
     cwd_ = path;
-    reply(250, "Directory changed to " + cwd_ + ".");
+    // No path in the text: clients that look for one after "to" took the
+    // sentence's full stop for part of it.
+    reply(250, "CWD command successful.");
 }
 
 void Session::cmd_cdup(const std::string &)
@@ -231,7 +233,7 @@ void Session::cmd_mlst(const std::string &arg)
     StatEntry e;
     if (!stat_or_reply(path, e))
         return;
-    reply(250, "Listing " + path + "\n" + mlst_facts(e, facts_, false, path) + "\nEnd");
+    reply(250, "Listing " + path + "\n" + mlst_facts(e, facts_, false, path, path) + "\nEnd");
 }
 
 void Session::cmd_cksm(const std::string &arg)

@@ -106,7 +106,7 @@ void Session::cmd_help(const std::string &)
           "The following commands are recognized:\n"
           "ABOR ALLO APPE AUTH CDUP CKSM CWD  DELE EPRT EPSV FEAT HELP LIST MDTM MKD\n"
           "MLSD MLST MODE NLST NOOP OPTS PASS PASV PBSZ PORT PROT PWD  QUIT REST\n"
-          "RETR RMD  RNFR RNTO SITE SIZE STAT STOR STRU SYST TYPE USER\n"
+          "RETR RMD  RNFR RNTO SITE SIZE STAT STOR STOU STRU SYST TYPE USER\n"
           "SITE RDEL <path> removes a folder tree; OPTS CKSM INTERVAL=<s> asks for\n"
           "CKSM progress replies.\n"
           "Help OK.");
@@ -131,7 +131,8 @@ void Session::cmd_stat(const std::string &arg)
         text += logged_in_ ? "Logged in as " + user_ + "\n" : "Not logged in\n";
         text += std::string("Control connection ") + (tls_ ? "protected by TLS" : "in the clear") + "\n";
         text += std::string("Data connections ") + (prot_p_ ? "protected" : "in the clear") + "\n";
-        text += "TYPE: BINARY, STRUcture: File, MODE: Stream\nNo data connection\n";
+        text += std::string("TYPE: ") + (type_ascii_ ? "ASCII" : "BINARY") +
+                ", STRUcture: File, MODE: Stream\nNo data connection\n";
         reply(211, text + "End of status.");
         return;
     }

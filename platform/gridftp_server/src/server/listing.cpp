@@ -152,7 +152,23 @@ std::string mdtm_time(time_t t)
     return buf;
 }
 
-std::string mlst_facts(const StatEntry &e, const FactSet &f, bool cdir, const std::string &name)
+namespace {
+
+// FNV-1a, 64 bits.
+uint64_t path_hash(const std::string &path)
+{
+    uint64_t h = 14695981039346656037ull;
+    for (unsigned char c : path) {
+        h ^= c;
+        h *= 1099511628211ull;
+    }
+    return h;
+}
+
+} // namespace
+
+std::string mlst_facts(const StatEntry &e, const FactSet &f, bool cdir, const std::string &name,
+                       const std::string &path)
 {
     std::string out;
     bool dir = S_ISDIR(e.mode);
@@ -187,8 +203,8 @@ std::string mlst_facts(const StatEntry &e, const FactSet &f, bool cdir, const st
     }
     if (f.unique) {
         char buf[48];
-        snprintf(buf, sizeof buf, "unique=%xg%x;", static_cast<unsigned>(e.dev),
-                 static_cast<unsigned>(e.ino));
+        snprintf(buf, sizeof buf, "unique=%xg%llx;", static_cast<unsigned>(e.dev),
+                 static_cast<unsigned long long>(path_hash(path)));
         out += buf;
     }
     if (f.unix_mode) {

@@ -45,8 +45,11 @@ bool listable(const StatEntry &e, const std::string &where);
 
 std::string list_line(const StatEntry &e, const std::string &name, time_t now);
 // The facts and a space, then `name`; `cdir` marks the listed folder itself.
+// `path` is the item's full path: its unique fact is made of the storage's
+// device number and that path, so that MLST and MLSD give one item one
+// value (a storage may number an item differently in a listing and alone).
 std::string mlst_facts(const StatEntry &e, const FactSet &facts, bool cdir,
-                       const std::string &name);
+                       const std::string &name, const std::string &path);
 std::string mdtm_time(time_t t);
 bool is_dir(const StatEntry &e);
 

@@ -30,7 +30,7 @@ std::string default_plugin_path()
         return "";
     std::string exe(buf, static_cast<size_t>(n));
     std::string dir = exe.substr(0, exe.rfind('/'));
-    return dir + "/../lib";
+    return dir + "/" TARVEX_PLUGIN_DIR_FROM_BINDIR;
 }
 
 // Loads the plug-in once in a throw-away process, so that a wrong name or a

@@ -29,8 +29,9 @@ const char usage[] =
     "  --bind ADDR           address to listen on (default 127.0.0.1;\n"
     "                        0.0.0.0 or :: to serve the network)\n"
     "  --dsi NAME            storage plug-in: libtarvex_gridftp_server_NAME.so\n"
-    "  --dsi-path DIR[:DIR]  where plug-ins are searched first (default: the lib\n"
-    "                        directory beside the program's, ../lib)\n"
+    "  --dsi-path DIR[:DIR]  where plug-ins are searched first (default: the\n"
+    "                        platform's library folder, ../lib/tarvex from the\n"
+    "                        program's)\n"
     "  --passwd FILE         logins: lines \"login:crypt-hash[:account]\"; '#' starts\n"
     "                        a comment.  Hashes are crypt(3) strings (yescrypt,\n"
     "                        SHA-512, ...).  When the server runs as root a session\n"
@@ -84,6 +85,9 @@ const char usage[] =
     "  --cancel-grace S      seconds the storage plug-in gets to stop an\n"
     "                        operation after ABOR, a lost client or SIGTERM,\n"
     "                        before the session ends without it (default 5)\n"
+    "  --recursive-list-limit N  items a LIST -R or NLST -R shows at most\n"
+    "                        (default 100000); a larger tree's listing ends\n"
+    "                        there with 451\n"
     "  --foreground          do not detach from the terminal\n"
     "  --help                this text\n"
     "  --version             the program's version\n"
@@ -207,6 +211,8 @@ Taken take_valued(std::string_view a, const char *v, Options &o)
         ok = parse_int(v, 1, 3600, o.login_timeout);
     else if (a == "--cancel-grace")
         ok = parse_int(v, 1, 600, o.cancel_grace);
+    else if (a == "--recursive-list-limit")
+        ok = parse_int(v, 1, 100000000, o.recursive_list_limit);
     else
         return take_watched(a, v, o);
     return ok ? Taken::ok : Taken::bad_value;

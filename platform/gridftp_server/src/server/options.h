@@ -10,7 +10,7 @@ struct Options {
     int port = -1;                 // required; 0 picks a free port
     std::string bind = "127.0.0.1";
     std::string dsi;               // plug-in name, required
-    std::string dsi_path;          // "" : <program dir>/../lib
+    std::string dsi_path;          // "" : <program dir>/../lib/tarvex
     std::string passwd_file;
     bool anonymous_map = false;
     std::string tls_cert;
@@ -26,6 +26,7 @@ struct Options {
     int idle_timeout = 900;        // seconds
     int login_timeout = 60;        // seconds from connecting to a login
     int cancel_grace = 5;          // seconds a cancelled plug-in call may take
+    int recursive_list_limit = 100000; // items a LIST -R shows at most
     bool tls_data_any_session = false; // PROT P without resuming the control's session
     bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;

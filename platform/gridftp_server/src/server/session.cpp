@@ -266,6 +266,7 @@ const std::map<std::string, Session::Command> &Session::commands()
         {"RETR", {&Session::cmd_retr, true, true}},
         {"STOR", {&Session::cmd_stor, true, true}},
         {"APPE", {&Session::cmd_appe, true, true}},
+        {"STOU", {&Session::cmd_stou, true, false}},
         {"LIST", {&Session::cmd_list, true, false}},
         {"NLST", {&Session::cmd_nlst, true, false}},
         {"MLSD", {&Session::cmd_mlsd, true, false}},

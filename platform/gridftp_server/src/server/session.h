@@ -34,6 +34,7 @@ struct ServerContext {
 };
 
 class Session;
+struct ListWalk; // commands_list.cpp
 
 // The context of one plug-in call: the provider's `ctx`.
 struct PluginCall {
@@ -164,16 +165,32 @@ private:
     void cmd_retr(const std::string &arg);
     void cmd_stor(const std::string &arg);
     void cmd_appe(const std::string &arg);
+    void cmd_stou(const std::string &arg);
     void cmd_list(const std::string &arg);
     void cmd_nlst(const std::string &arg);
     void cmd_mlsd(const std::string &arg);
     void listing(const std::string &arg, int kind);
+    void list_matches(const std::string &written, const std::string &path, int kind);
+    tarvex_result_t list_folder(ListWalk &walk, const std::string &path);
+    bool list_file(ListWalk &walk, const std::string &path, const std::string &written);
+    tarvex_result_t list_below(ListWalk &walk, const std::string &path, const std::string &shown,
+                               Transfer &t);
+    // One plug-in listing of `path`: every entry (the folder's own "."
+    // too) goes to `each`, which returns false to stop the listing there;
+    // `batch_done` after each batch.  Stopping is no failure.
+    tarvex_result_t list_entries(const std::string &path, Transfer &t,
+                                 const std::function<bool(const StatEntry &)> &each,
+                                 const std::function<void()> &batch_done);
     bool data_allowed();
     void retire_data();
     bool refused_after_epsv_all();
     TransferParams transfer_params(const std::string &what);
-    bool finish_transfer(PluginCall &c, Transfer &t, int default_code);
-    void transfer(bool store, const std::string &arg, bool append = false);
+    // The replies at the end of a transfer or listing whose storage
+    // answered `result` (taken over); true for 226.
+    bool finish_transfer(tarvex_result_t result, Transfer &t, int default_code);
+    // `announce`: the 150 reply's text, when not the usual one.
+    void transfer(bool store, const std::string &arg, bool append = false,
+                  const std::string &announce = {});
     void log_transfer(bool store, const std::string &path, long long bytes, long long ms, bool ok,
                       bool end_unconfirmed = false);
 
@@ -223,6 +240,7 @@ private:
     std::string rnfr_; // empty: no RNFR waiting for its RNTO
     tarvex_off_t rest_ = 0;
     tarvex_off_t alloc_ = 0;
+    bool type_ascii_ = false; // TYPE A: files' line ends are converted
     DataSetup data_;
     // The setup of a transfer refused before its data connection was
     // opened, kept until the client's next command: see retire_data().

@@ -76,7 +76,10 @@ void Transfer::begin(bool with_thread)
     // send data and then STAT at once, and a STAT seen before the flag was
     // set waited for the transfer's end, which waited for that client.
     announced_ = true;
-    p_.send_reply(150, "Opening BINARY mode data connection for " + p_.what + ".");
+    p_.send_reply(150, !p_.announce.empty()
+                           ? p_.announce
+                           : std::string("Opening ") + (p_.ascii ? "ASCII" : "BINARY") +
+                                 " mode data connection for " + p_.what + ".");
     std::string why;
     conn_ = setup_.open(connect_timeout_ms, cancel_fd_, why,
                         p_.tls != nullptr ? DataSetup::Vetter([this](Conn &c, int timeout_ms,
@@ -243,8 +246,7 @@ void Transfer::serve()
             continue;
         }
         if (r.is_write) {
-            Io io = conn_->write_all(r.buf, r.len, p_.io_timeout_ms, cancel_fd_);
-            if (io != Io::ok) {
+            if (!write_file_data(r)) {
                 fail(aborted_ ? "426 Connection closed; transfer aborted."
                               : "426 Data connection failed; transfer aborted.");
                 complete(r, false, 0, 0, false);
@@ -254,11 +256,12 @@ void Transfer::serve()
             complete(r, true, r.len, 0, false);
             continue;
         }
-        if (r.len == 0) {
+        if (r.len == 0)
             await_end(r);
-            continue;
-        }
-        serve_read(r);
+        else if (p_.ascii)
+            serve_read_ascii(r);
+        else
+            serve_read(r);
     }
     {
         std::lock_guard lock(mu_);
@@ -273,7 +276,7 @@ void Transfer::serve()
 // after the data's end, a failure or an abort.
 bool Transfer::may_read_ahead() const
 {
-    return receiving_ && !conn_->is_tls() && !eof_ && ahead_io_ == Io::ok &&
+    return receiving_ && !p_.ascii && !conn_->is_tls() && !eof_ && ahead_io_ == Io::ok &&
            ahead_end_ < read_ahead_limit && failure_.empty() && !aborted_;
 }
 
@@ -379,6 +382,50 @@ bool Transfer::take_end()
     return false;
 }
 
+// A plug-in's buffer of a retrieval onto the data connection, in TYPE A
+// with CR LF line ends.
+bool Transfer::write_file_data(const Request &r)
+{
+    if (!p_.ascii)
+        return conn_->write_all(r.buf, r.len, p_.io_timeout_ms, cancel_fd_) == Io::ok;
+    std::string wire;
+    to_wire_.feed(reinterpret_cast<const char *>(r.buf), r.len, wire);
+    return conn_->write_all(wire.data(), wire.size(), p_.io_timeout_ms, cancel_fd_) == Io::ok;
+}
+
+// serve_read() in TYPE A: the plug-in gets the data with LF line ends, so
+// its offsets and sizes are those of the stored file.  No read-ahead: the
+// converted data waiting in ascii_in_ play its part.
+void Transfer::serve_read_ascii(const Request &r)
+{
+    Io io = Io::ok;
+    char raw[64 * 1024];
+    while (io == Io::ok && !eof_ && ascii_in_.size() < r.len) {
+        size_t n = 0;
+        io = conn_->read_some(raw, sizeof raw, n, p_.io_timeout_ms, cancel_fd_);
+        if (io == Io::eof) {
+            eof_ = true;
+            io = take_end() ? Io::ok : Io::error;
+            from_wire_.finish(ascii_in_);
+        } else if (io == Io::ok) {
+            from_wire_.feed(raw, n, ascii_in_);
+        }
+    }
+    if (io != Io::ok) {
+        fail(aborted_ ? "426 Connection closed; transfer aborted."
+                      : "426 Data connection failed; transfer aborted.");
+        complete(r, false, 0, stream_offset_, false);
+        return;
+    }
+    size_t got = std::min(static_cast<size_t>(r.len), ascii_in_.size());
+    memcpy(r.buf, ascii_in_.data(), got);
+    ascii_in_.erase(0, got);
+    tarvex_off_t at = stream_offset_;
+    stream_offset_ += static_cast<tarvex_off_t>(got);
+    bytes_ += static_cast<long long>(got);
+    complete(r, true, got, at, eof_ && ascii_in_.empty());
+}
+
 // A read of nothing: the plug-in has every byte it expects and waits for
 // the end of the client's data.  It completes at the end of data; a byte
 // instead means the client sends more than it announced, and the transfer
@@ -386,7 +433,8 @@ bool Transfer::take_end()
 // the plug-in ask again and again, spinning, without ever seeing the end.)
 void Transfer::await_end(const Request &r)
 {
-    Io io = ahead_begin_ < ahead_end_ ? Io::ok : ahead_io_ != Io::ok ? ahead_io_ : Io::eof;
+    bool held = ahead_begin_ < ahead_end_ || !ascii_in_.empty();
+    Io io = held ? Io::ok : ahead_io_ != Io::ok ? ahead_io_ : Io::eof;
     if (io == Io::eof && !eof_) {
         char extra;
         size_t n = 0;

@@ -24,12 +24,15 @@
 
 #include "conn.h"
 #include "data_channel.h"
+#include "line_ends.h"
 #include "tarvex_gridftp_server.h"
 
 namespace tarvex_server {
 
 struct TransferParams {
     std::string what;            // for the 150 reply: "RETR /a/b", "LIST /"
+    std::string announce;        // the 150 reply's text instead (STOU's "FILE: name")
+    bool ascii = false;          // TYPE A: line ends converted (line_ends.h)
     SSL_CTX *tls = nullptr;      // PROT P: TLS on the data connection
     // The marks of the session (tls.h): a protected data connection must
     // resume a TLS session of its control connection (RFC 4217's
@@ -104,6 +107,8 @@ private:
     void read_ahead();
     tarvex_size_t take_ahead(tarvex_byte_t *buf, tarvex_size_t len);
     void serve_read(const Request &r);
+    void serve_read_ascii(const Request &r);
+    bool write_file_data(const Request &r);
     void await_end(const Request &r);
     void complete(const Request &r, bool ok, tarvex_size_t n, tarvex_off_t offset, bool eof);
     bool take_end();
@@ -143,6 +148,12 @@ private:
     size_t ahead_begin_ = 0;
     size_t ahead_end_ = 0;
     Io ahead_io_ = Io::ok;
+
+    // Data thread only, TYPE A: the line-end converters, and converted
+    // data of a store not yet handed to the plug-in.
+    CrlfToLf from_wire_;
+    LfToCrlf to_wire_;
+    std::string ascii_in_;
 };
 
 // An error result for a data-connection failure.

@@ -1,0 +1,177 @@
+"""The FTP clients of a Debian system on Box, each driven as its users drive
+it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's wildcards and
+recursive listing, lftp's recursive listing and its upload to a temporary
+name, ftp-upload's temporary names (rename over the file, and STOU), wput's
+ASCII uploads and yafc after a cd.  The server runs the shipped policy's
+"rename_replaces"."""
+import ftplib
+import os
+import shutil
+import subprocess
+import unittest
+
+from box_harness import BoxTest, run
+
+CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc")
+
+
+def seed_tree(emu):
+    emu.seed({"path": "/S/t/a.txt", "content": "alpha\n"},
+             {"path": "/S/t/b.txt", "content": "beta\n"},
+             {"path": "/S/t/c.bin", "content": "c"},
+             {"path": "/S/t/-dash.txt", "content": "dash\n"},
+             {"path": "/S/t/x1.tmp", "content": "1"},
+             {"path": "/S/t/x2.tmp", "content": "2"},
+             {"path": "/S/t/sub/d.txt", "content": "delta\n"},
+             {"path": "/S/t/sub/deep/e.txt", "content": "echo\n"})
+
+
+class BoxClients(BoxTest):
+
+    @classmethod
+    def setUpClass(cls):
+        missing = [c for c in CLIENTS if shutil.which(c) is None]
+        if missing:
+            raise unittest.SkipTest("not installed: " + " ".join(missing))
+        super().setUpClass()
+
+    @classmethod
+    def start_server(cls, extra=(), **kw):
+        return super().start_server(extra, policy={"user_api_rate_limit": 100,
+                                                   "rename_replaces": True}, **kw)
+
+    def setUp(self):
+        super().setUp()
+        seed_tree(self.emu)
+        name = self.id().rsplit(".", 1)[1]
+        self.dir = self.local(name)
+        # The clients' own files (~/.ncftp, yafc's bookmarks) go elsewhere.
+        self.home = self.local(name + "-home")
+        os.makedirs(self.dir)
+        os.makedirs(self.home)
+
+    def client(self, args, script=None):
+        r = run(args, input=script, cwd=self.dir, timeout=120,
+                env=dict(os.environ, HOME=self.home))
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.diagnostics())
+        return r.stdout
+
+    def tnftp(self, *commands):
+        script = "user anonymous x\nprompt\n" + "\n".join(commands) + "\nquit\n"
+        return self.client(["tnftp", "-n", "-v", "127.0.0.1", str(self.server.port)], script)
+
+    def ncftp_login(self):
+        return ["-P", str(self.server.port), "-u", "anonymous", "-p", "x"]
+
+    def ftp_upload(self, *args):
+        return self.client(["ftp-upload", "-h", "127.0.0.1:%d" % self.server.port,
+                            "-u", "anonymous", "--password", "x", "-d", "/S/t"] + list(args))
+
+    def stored(self, path):
+        return self.emu.content(path)
+
+    def names(self, folder):
+        return sorted(p[len(folder):] for p in self.paths()
+                      if p.startswith(folder) and "/" not in p[len(folder):])
+
+    def local_bytes(self, name):
+        with open(os.path.join(self.dir, name), "rb") as f:
+            return f.read()
+
+    def write_local(self, name, data):
+        with open(os.path.join(self.dir, name), "wb") as f:
+            f.write(data)
+
+    # -- wildcards ----------------------------------------------------------
+
+    def test_wildcards_in_tnftp_ncftp_and_ftplib(self):
+        self.tnftp("cd /S/t", "mget *.txt", "mdelete *.tmp")
+        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "a.txt", "b.txt"])
+        self.assertEqual(self.local_bytes("a.txt"), b"alpha\n")
+        self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub"])
+
+        # A name that starts with '-' is that file, not ls options.
+        os.remove(os.path.join(self.dir, "a.txt"))
+        os.remove(os.path.join(self.dir, "-dash.txt"))
+        self.tnftp("cd /S/t", "mget -dash.txt")
+        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "b.txt"])
+
+        shutil.rmtree(self.dir)
+        os.makedirs(self.dir)
+        self.client(["ncftpget"] + self.ncftp_login() + ["127.0.0.1", ".", "/S/t/sub/*.txt"])
+        self.assertEqual(os.listdir(self.dir), ["d.txt"])
+        self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
+
+        f = self.ftp()
+        f.cwd("/S/t")
+        self.assertEqual(sorted(f.nlst("*.txt")), ["-dash.txt", "a.txt", "b.txt"])
+        f.quit()
+
+    # -- recursive listings ---------------------------------------------------
+
+    def test_recursive_listing_in_lftp_and_ncftpls(self):
+        out = self.lftp("ls -R /S/t").stdout
+        self.assertIn("/S/t/sub/deep:", out)
+        self.assertRegex(out, r"(?s)/S/t/sub:.* d\.txt\n.*/S/t/sub/deep:\n.* e\.txt\n")
+        out = self.client(["ncftpls"] + self.ncftp_login() + ["-R", "ftp://127.0.0.1/S/t/"])
+        self.assertRegex(out, r"(?s)\./sub:.* d\.txt\n.*\./sub/deep:\n.* e\.txt\n")
+
+    # -- uploads under a temporary name ----------------------------------------
+
+    def test_temporary_names_in_lftp_and_ftp_upload(self):
+        self.write_local("a.txt", b"new alpha\n")
+        self.lftp("set xfer:use-temp-file yes; lcd %s; cd /S/t; put a.txt" % self.dir)
+        self.assertEqual(self.stored("/S/t/a.txt"), b"new alpha\n")
+
+        self.write_local("b.txt", b"new beta\n")
+        self.ftp_upload("--tmp-format", "tmp.%s", "b.txt")
+        self.assertEqual(self.stored("/S/t/b.txt"), b"new beta\n")
+
+        # STOU: a unique name beside the file, then the rename over it.
+        self.write_local("c.bin", b"new c")
+        self.ftp_upload("--tmp-samedir", "c.bin")
+        self.assertEqual(self.stored("/S/t/c.bin"), b"new c")
+        self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub",
+                                               "x1.tmp", "x2.tmp"])
+
+    # -- ASCII mode ---------------------------------------------------------
+
+    def test_ascii_mode_in_tnftp_and_wput(self):
+        self.write_local("lines.txt", b"one\ntwo\n")
+        # tnftp sends the local LF file with CR LF ends; Box stores LF.
+        self.tnftp("cd /S/t", "ascii", "put lines.txt", "binary", "get lines.txt bin.txt",
+                   "ascii", "get lines.txt text.txt")
+        self.assertEqual(self.stored("/S/t/lines.txt"), b"one\ntwo\n")
+        self.assertEqual(self.local_bytes("bin.txt"), b"one\ntwo\n")
+        self.assertEqual(self.local_bytes("text.txt"), b"one\ntwo\n")
+        # wput sends .txt files in ASCII mode unasked.
+        self.write_local("w.txt", b"three\r\nfour\r\n")
+        self.client(["wput", "-nc", "w.txt",
+                     "ftp://anonymous:x@127.0.0.1:%d/S/t/w.txt" % self.server.port])
+        self.assertEqual(self.stored("/S/t/w.txt"), b"three\nfour\n")
+
+    # -- yafc -------------------------------------------------------------------
+
+    def test_yafc_gets_a_file_after_cd(self):
+        self.client(["yafc", "-n", "-q", "-W", self.home,
+                     "ftp://anonymous:x@127.0.0.1:%d" % self.server.port],
+                    "cd /S/t/sub\nget d.txt\nquit\n")
+        self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
+
+    # -- facts and replies --------------------------------------------------------
+
+    def test_unique_facts_and_a_refused_rmd(self):
+        f = self.ftp()
+        facts = dict(f.mlsd("/S/t"))
+        self.assertIn("unique=%s;" % facts["a.txt"]["unique"], f.sendcmd("MLST /S/t/a.txt"))
+        self.assertEqual(dict(f.mlsd("/S/t/sub"))["."]["unique"], facts["sub"]["unique"])
+        try:
+            f.rmd("/S/t/sub")
+            self.fail("RMD of a folder with items succeeded")
+        except ftplib.error_perm as e:
+            self.assertEqual(str(e), '550-Bad BOX request\n550 Box-Details: "folder_not_empty"')
+        f.quit()
+
+
+if __name__ == "__main__":
+    unittest.main()
