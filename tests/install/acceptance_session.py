@@ -5,8 +5,11 @@ file, the Box application, the helper's settings), with a Box emulator on
 user whose first access token lasts 120 seconds, and has one curl session
 list, download (slowly, so that the session outlives the token's first 20
 seconds) and upload through the server, the token renewed by
-tarvex-box-credential on the way, and a second session list again.  Prints
-what it checked; exit status 1 when a check failed."""
+tarvex-box-credential on the way, and a second session list again.  Then
+what an operator watches: implicit FTPS with curl and lftp, the audit log's
+lines of the changes a client made, and a /metrics scrape checked against
+what happened and by promtool.  Prints what it checked; exit status 1 when
+a check failed."""
 import hashlib
 import json
 import os
@@ -18,6 +21,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import urllib.request
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -34,6 +38,16 @@ REFRESH = "r-acceptance-first"
 FIRST_LIFETIME = 120
 BIG = 6 << 20          # downloaded at 200 KiB/s: about 30 s
 RATE = "200k"
+# The options of the steps that watch the server, appended to the unit's
+# command line as the configuration would carry them (a drop-in's
+# ExecStart, or the configuration file's "implicit-tls-port = 9990" lines).
+# Port 9990 rather than 990: the unit drops every capability, and a port
+# below 1024 needs a drop-in that grants CAP_NET_BIND_SERVICE (README).
+IMPLICIT_PORT = 9990
+METRICS = "127.0.0.1:9464"
+AUDIT_LOG = "/var/log/tarvex/audit"
+WATCH_OPTIONS = ["--implicit-tls-port", str(IMPLICIT_PORT), "--audit-log", AUDIT_LOG,
+                 "--metrics-listen", METRICS]
 failures = []
 
 
@@ -83,7 +97,7 @@ def start_service(log):
     as a drop-in's Environment= would give it."""
     with open(UNIT) as f:
         text = f.read()
-    command = unit_command(text)
+    command = unit_command(text) + WATCH_OPTIONS
     command[command.index("--bind") + 1] = "127.0.0.1"
     account = pwd.getpwnam(unit_setting(text, "User"))
     env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": account.pw_dir,
@@ -175,6 +189,78 @@ def session(emu, ca, work):
     check(seconds > FIRST_LIFETIME - 100, "the session outlived the first token's 20 s")
 
 
+def implicit_ftps(ca, work):
+    """curl lists and changes through an ftps:// URL, lftp downloads."""
+    url = "ftps://127.0.0.1:%d/acceptance/" % IMPLICIT_PORT
+    r = subprocess.run(["curl", "-sS", "--max-time", "120", "--cacert", ca, "--list-only",
+                        "--user", "%s:%s" % (USER, PASSWORD), url,
+                        "-Q", "MKD /acceptance/made", "-Q", "RNFR /acceptance/made",
+                        "-Q", "RNTO /acceptance/renamed", "-Q", "RMD /acceptance/renamed"],
+                       capture_output=True, text=True, timeout=180)
+    check(r.returncode == 0 and "readme.txt" in r.stdout.split(),
+          "curl ftps:// listing with MKD, RNFR, RNTO, RMD " + r.stderr.strip())
+    script = ("set ssl:ca-file %s; set net:max-retries 1; set cmd:fail-exit true; "
+              "get /acceptance/readme.txt -o %s/readme.txt; quit" % (ca, work))
+    r = subprocess.run(["lftp", "-u", "%s,%s" % (USER, PASSWORD), "-e", script,
+                        "ftps://127.0.0.1:%d" % IMPLICIT_PORT],
+                       capture_output=True, text=True, timeout=180)
+    got = ""
+    if os.path.exists(os.path.join(work, "readme.txt")):
+        with open(os.path.join(work, "readme.txt")) as f:
+            got = f.read()
+    check(r.returncode == 0 and got == "installed\n", "lftp ftps:// download " + r.stderr.strip())
+
+
+def audit_lines():
+    """(login, command, path, second, code) of each line of the audit log,
+    once the three changes of implicit_ftps() are there."""
+    def read():
+        if not os.path.exists(AUDIT_LOG):
+            return None
+        with open(AUDIT_LOG) as f:
+            lines = f.read().splitlines()
+        return lines if len(lines) >= 3 else None
+    try:
+        lines = wait_for(read, "three audit lines", timeout=30)
+    except AssertionError:
+        lines = read() or []
+    print("audit log:\n  " + "\n  ".join(lines), flush=True)
+    return [tuple(line.split(" ", 7)[2:7]) for line in lines]
+
+
+def scrape():
+    with urllib.request.urlopen("http://%s/metrics" % METRICS, timeout=30) as r:
+        return r.read().decode()
+
+
+def watch(ca, work):
+    """The steps an operator takes to watch the server."""
+    implicit_ftps(ca, work)
+    check(audit_lines() == [(USER, "MKD", "/acceptance/made", "-", "257"),
+                            (USER, "RNTO", "/acceptance/made", "/acceptance/renamed", "250"),
+                            (USER, "RMD", "/acceptance/renamed", "-", "250")],
+          "audit log: MKD, RNTO and RMD by %s" % USER)
+    page = scrape()
+    samples = {}
+    for line in page.splitlines():
+        if line and not line.startswith("#"):
+            name, value = line.rsplit(" ", 1)
+            samples[name] = float(value)
+    want = {'tarvex_logins_total{result="ok"}': 4,
+            'tarvex_transfers_total{direction="download",result="complete"}': 2,
+            'tarvex_transfers_total{direction="upload",result="complete"}': 1,
+            "tarvex_storage_token_renewals_total": 1,
+            "tarvex_storage_token_renewal_failures_total": 0}
+    got = {k: samples.get(k) for k in want}
+    check(got == want, "metrics: logins, transfers and token renewals %r" % got)
+    if shutil.which("promtool") is None:
+        print("SKIPPED LOUDLY: promtool is not installed (scripts/install-deps installs it)")
+        return
+    r = subprocess.run(["promtool", "check", "metrics"], input=page, capture_output=True,
+                       text=True, timeout=60)
+    check(r.returncode == 0, "promtool check metrics " + (r.stdout + r.stderr).strip())
+
+
 def main():
     work = tempfile.mkdtemp(prefix="tarvex-acceptance-session-")
     emu = Emulator(https=True)
@@ -214,6 +300,12 @@ def main():
               bearer("POST", "/api/2.0/files/content") == [second["access_token"]],
               "the download with the first token, the upload with the renewed one")
         check(not [e for e in emu.log() if e["status"] == 401], "no request refused as 401")
+
+        # The configuration file, --check-config and a SIGHUP reload of a
+        # new certificate come here, before the steps that watch the
+        # server (which count the sessions of the steps before them).
+
+        watch(ca, work)
     finally:
         if service is not None:
             service.terminate()
@@ -226,15 +318,18 @@ def main():
         shutil.rmtree(work, ignore_errors=True)
     logins = re.findall(r"\[(\d+)\]: %s logged in" % USER, text)
     transfers = re.findall(r"\[(\d+)\]: (RETR|STOR) /acceptance/", text)
-    check(len(logins) == 2 and [p for p, _ in transfers] == [logins[0]] * 2,
+    # (The sessions of watch() come after these two.)
+    check(len(logins) >= 2 and [p for p, _ in transfers[:2]] == [logins[0]] * 2 and
+          logins[1] not in [p for p, _ in transfers],
           "the first session downloaded and uploaded, then a second logged in")
     check(first["access_token"] not in text and second["access_token"] not in text,
           "no token in the service's log")
     with open("/var/log/tarvex/xferlog") as f:
         xfer = [line.split() for line in f]
     check(sorted((x[8], x[11], x[13]) for x in xfer) ==
-          [("/acceptance/big.bin", "o", USER), ("/acceptance/upload.bin", "i", USER)],
-          "transfer log: the download and the upload")
+          [("/acceptance/big.bin", "o", USER), ("/acceptance/readme.txt", "o", USER),
+           ("/acceptance/upload.bin", "i", USER)],
+          "transfer log: the downloads (the second by lftp over implicit TLS) and the upload")
     print("acceptance: %s" % ("FAILED: " + "; ".join(failures) if failures else "passed"))
     return 1 if failures else 0
 
