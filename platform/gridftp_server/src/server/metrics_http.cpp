@@ -111,7 +111,9 @@ void MetricsHttp::serve(const std::vector<pollfd> &fds, size_t first,
 
 void MetricsHttp::accept_clients()
 {
-    for (;;) {
+    // A few a turn: a flood of connections takes turns with the FTP port's
+    // clients instead of holding the loop.
+    for (int taken = 0; taken < 2 * max_connections; ++taken) {
         int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0)
             return;
