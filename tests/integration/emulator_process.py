@@ -131,8 +131,11 @@ def digest(data):
 
 
 def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False):
-    """A multipart upload (attributes, then file) and its headers."""
-    attrs = {"name": name, "parent": {"id": parent}}
+    """A multipart upload (attributes, then file) and its headers; no
+    parent (None) for a new version of a file."""
+    attrs = {"name": name}
+    if parent is not None:
+        attrs["parent"] = {"id": parent}
     if modified:
         attrs["content_modified_at"] = modified
     parts = [(b'name="attributes"', json.dumps(attrs).encode()),

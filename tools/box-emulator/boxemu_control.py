@@ -329,6 +329,11 @@ class Control:
                 config["part_size"] = _int(doc, "part_size", 0, minimum=1)
             if "min_session_size" in doc:
                 config["min_session_size"] = _int(doc, "min_session_size", 0)
+            if "download_base" in doc:
+                base = doc["download_base"]
+                if base is not None and not re.fullmatch(r"https?://[^/?#]+", str(base)):
+                    raise ControlError("'download_base' must be null or scheme://host:port")
+                config["download_base"] = base
             return 200, dict(config), None
 
     def log(self, query):
