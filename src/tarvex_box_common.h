@@ -72,6 +72,12 @@ extern int tarvex_i_box_progress_timeout_ms;  /* 30000 */
 extern int tarvex_i_box_chunked_minimum;      /* 52428800 */
 extern const char *tarvex_i_box_retry_path;   /* "$HOME/.tarvex/box-r" */
 extern const char *tarvex_i_box_upload_path;  /* "$HOME/.tarvex/box-u" */
+/* How a store over an existing file replaces it (policy key "replace"). */
+typedef enum {
+    TARVEX_BOX_REPLACE_DELETE_FIRST, /* delete the old file, then upload */
+    TARVEX_BOX_REPLACE_NEW_VERSION   /* upload a new version of the file */
+} tarvex_box_replace_t;
+extern tarvex_box_replace_t tarvex_i_box_replace; /* delete-first */
 
 /* The two origins of Box's APIs (scheme and host, no trailing slash).
  * Defaults "https://api.box.com" and "https://upload.box.com"; the

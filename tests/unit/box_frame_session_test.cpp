@@ -64,6 +64,30 @@ TEST_F(BoxFrameSession, PolicyRate)
     }
 }
 
+/* "replace" takes its two words; anything else names the key; every
+ * parse starts from the default. */
+TEST_F(BoxFrameSession, PolicyReplace)
+{
+    const struct { const char *policy; tarvex_box_replace_t replace; bool refused; } cases[] = {
+        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
+        {"{}", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
+        {R"({"replace": null})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "delete-first"})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "New-Version"})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
+        {R"({"replace": true})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
+    };
+    for (const auto &c : cases) {
+        int rate = 16;
+        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
+        EXPECT_EQ(tarvex_i_box_replace, c.replace) << c.policy;
+        EXPECT_EQ(got, c.refused ? "500 GridFTP-Error: Bad \"replace\" in collection storage "
+                                   "policy: it must be \"delete-first\" or \"new-version\"."
+                                 : "")
+            << c.policy;
+    }
+}
+
 /* The bearer token goes over https, or plain http to this host only. */
 TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
 {
