@@ -113,7 +113,13 @@ tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request
                                                      request->query, &headers.array,
                                                      &callbacks);
     if (result != TARVEX_SUCCESS) {
+        /* A failure a new attempt may cure is one of the network (a
+         * reset, a time-out, a cut answer): Box may have had the whole
+         * request by then.  The rest (a callback's refusal, a TLS or
+         * name failure) end the exchange before Box could act. */
         *retry = tarvex_dsi_rest_error_is_retryable(result);
+        if (*retry)
+            request->answers_lost++;
         return result;
     }
 
@@ -141,6 +147,7 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
      * calling operation, which traces its own way in and out. */
     tarvex_box_request_release(request);
     request->attempts_made = 0;
+    request->answers_lost = 0;
     if (!set_wanted_headers(request))
         return TARVEX_BOX_MALLOC_ERROR();
 

@@ -197,6 +197,9 @@ typedef struct tarvex_box_upload_session_s {
     json_t *part_array;
     MD5_CTX md5_ctx;
     SHA_CTX sha1_ctx;
+    /* The session makes a new version of an existing file (policy
+     * "replace": "new-version"), not a new file. */
+    bool new_version;
 } tarvex_box_upload_session_t;
 
 /* ---- storage-interface entry points ---- */
@@ -299,6 +302,9 @@ typedef struct tarvex_box_request_s {
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */
     int attempts_made;
+    /* Attempts that got no answer: a transport failure, which may have come
+     * after Box received the whole request and acted on it. */
+    int answers_lost;
 } tarvex_box_request_t;
 
 tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
