@@ -89,6 +89,9 @@ void tarvex_box_set_bases(const char *api_base, const char *upload_base);
 /* Whether a request to `url` may carry the user's bearer token: https, or
  * plain http to a loopback address (127.0.0.0/8, [::1], localhost). */
 bool tarvex_box_url_may_carry_token(const char *url);
+/* Whether `url` is on the API or the upload origin (scheme, host and port):
+ * the only ones the user's token is sent to. */
+bool tarvex_box_url_on_box_origin(const char *url);
 
 /* ---- error object ---- */
 
@@ -243,9 +246,11 @@ tarvex_result_t tarvex_box_translate_response(
  * Each attempt: clear the outputs, trace "API CALL!" at DEBUG, renew the
  * token (refresh_token only), pace (tarvex_i_box_retry_delay with the last
  * translated "Retry-After" seconds and `retry`; skipped with no_delay),
- * prepare it (before_attempt, when set), send.
+ * prepare it (before_attempt, when set), send.  The token goes with it
+ * only to the API and upload origins, never with a signed_url.
  *   - transport failure: retried when the REST client calls it retryable;
- *   - status below 400 (or == expected_status when that is set): success;
+ *   - status below 400 (or == expected_status when that is set, or one of
+ *     success_statuses when those are set; see there): success;
  *   - anything else: tarvex_box_translate_response() with the body document
  *     (none with translate_without_body or a read_callback); a success from
  *     it is a success (so unlisted 4xx pass, and a status below 400 other
@@ -288,6 +293,15 @@ typedef struct tarvex_box_request_s {
     bool refresh_token;
     int progress_timeout_ms;     /* 0: tarvex_i_box_progress_timeout_ms */
     bool translate_without_body; /* translate from the status alone */
+    /* Non-NULL: only these statuses are successes (expected_status is then
+     * unused); any other fails, with the translation's error where it
+     * makes one, else a 451 naming the status, never retried. */
+    const int *success_statuses;
+    size_t success_status_count;
+    /* The URL carries its own authorisation (a download link Box answered
+     * with): the token never goes with it.  Otherwise it goes only to the
+     * API and upload origins. */
+    bool signed_url;
     bool refusal_is_final;       /* a status of 400 or more is never retried */
     int expected_status;         /* non-zero: only this status is a plain success */
     const char *caller;          /* the operation whose attempts these are: its
