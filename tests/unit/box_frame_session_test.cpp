@@ -113,6 +113,25 @@ TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
     tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
 }
 
+/* The token goes to the two configured origins only: scheme, host and port
+ * alike (a default port written or not), nowhere a redirect might name. */
+TEST_F(BoxFrameSession, TheTokenGoesOnlyToTheConfiguredOrigins)
+{
+    tarvex_box_set_bases("https://api.box.com", "http://127.0.0.1:8080");
+    const struct { const char *url; bool box; } urls[] = {
+        {"https://api.box.com/2.0/files/1/content", true}, {"HTTPS://API.BOX.COM:443/x", true},
+        {"http://127.0.0.1:8080/api/2.0/files/content", true},
+        {"https://dl.boxcloud.com/d/1/b1!sig/download", false},
+        {"http://api.box.com/2.0", false},       {"https://api.box.com:8443/", false},
+        {"http://127.0.0.1:8081/x", false},      {"http://localhost:8080/x", false},
+        {"https://user@api.box.com/", false},    {"ftp://api.box.com/", false},
+        {"", false},
+    };
+    for (const auto &u : urls)
+        EXPECT_EQ(tarvex_box_url_on_box_origin(u.url), u.box) << u.url;
+    tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
+}
+
 TEST_F(BoxFrameSession, DatesWithOffsets)
 {
     const struct { const char *text; time_t utc; } cases[] = {
@@ -181,6 +200,32 @@ TEST_F(BoxFrameSession, CredentialAndItsRenewal)
     EXPECT_STREQ(box.access_token, "t2");
     free(box.access_token);
     free(box.user_id);
+}
+
+/* A credential that does not parse is refused without a word of it: the
+ * reply and the log line say where it broke, never what was there. */
+TEST_F(BoxFrameSession, AMalformedCredentialIsNeverQuoted)
+{
+    const struct { const char *text, *failure; } cases[] = {
+        {"ya29.SECRET-token", "0 token: Error loading user credential: not JSON (line 1, "
+                              "column 2)\n"},
+        {R"({"access_token":"SECRET-token")", "0 token: Error loading user credential: not "
+                                              "JSON (line 1, column 30)\n"},
+        {R"({"access_token":SECRET-token})", "0 token: Error loading user credential: not JSON "
+                                             "(line 1, column 22)\n"},
+        {R"({"access_token":"SECRET-token","sub":"1"})",
+         "500 GridFTP-Error: Error unpacking user credential: Object item not found: "
+         "token_expiry\n"},
+    };
+    for (const auto &c : cases) {
+        config = {{"creds", c.text}};
+        tarvex_box_session_t box{};
+        std::string got = failure(refresh(&box));
+        EXPECT_EQ(got.find("SECRET"), std::string::npos) << got;
+        EXPECT_EQ(got, c.failure) << c.text;
+        free(box.access_token);
+        free(box.user_id);
+    }
 }
 
 std::string expand(const char *text)
