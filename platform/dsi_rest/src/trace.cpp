@@ -17,9 +17,10 @@ namespace tarvex_dsi_rest_internal {
 
 namespace {
 
-// Headers whose value is a credential, each way.
+// Headers whose value is a credential, each way.  A redirect's target can
+// be one: Box answers a file's content with a signed download link.
 constexpr const char *secret_headers[] = {"Authorization", "Proxy-Authorization", "Cookie",
-                                          "Set-Cookie"};
+                                          "Set-Cookie", "Location", "Content-Location"};
 
 bool is_secret_header(std::string_view line)
 {
