@@ -172,8 +172,8 @@ tarvex_result_t tarvex_l_box_name_download(tarvex_result_t result, const char *p
     if (error == nullptr)
         return result;
     std::string host = tarvex_box_origin(location);
-    tarvex_dsi_rest_key_value_t pairs[2] = {{"Box-Path", path},
-                                            {"Box-Download-Host", host.c_str()}};
+    tarvex_dsi_rest_key_value_t pairs[2] = {
+        {"Box-Path", path}, {"Box-Download-Host", host.empty() ? nullptr : host.c_str()}};
     tarvex_dsi_rest_key_array_t info = {2, pairs};
     tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
     if (details == nullptr)
