@@ -1,7 +1,9 @@
 /*
  * Upload (STOR and its restarts).  The receive operation replaces a file
- * of the same name, checks the announced size against the user's Box
- * upload limit and stores the client's data either in one multipart
+ * of the same name (deleting it first, or, with the policy's "replace":
+ * "new-version", by uploading a new version of it), checks the announced
+ * size against the user's Box upload limit and stores the client's data
+ * either in one multipart
  * request or, for files announced larger than tarvex_i_box_chunked_minimum,
  * through a Box upload session: the data is read one part at a time into
  * one buffer, each part is sent with its own SHA-1, running SHA-1 and MD5

@@ -4,7 +4,8 @@
  * URL, which answers with a redirect, and the "Location" it names, whose
  * body the REST client streams into the data channel at the range's
  * offsets.  Nothing is held in memory beyond the REST client's buffers,
- * whatever the file's size.
+ * whatever the file's size.  The "Location" is a signed link: it is
+ * fetched without the user's token and never named in a reply or a log.
  */
 #include <cerrno>
 #include <cstdio>
