@@ -608,6 +608,12 @@ tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
     data.before_attempt = tarvex_l_box_cksm_before_attempt;
     data.before_attempt_arg = &download;
     data.translate_without_body = true;
+    /* The link is signed: it goes without the token.  And only the bytes
+     * asked for make a sum: the whole file (200), or the range (206). */
+    static const int whole_file[] = {200}, part_of_it[] = {206};
+    data.signed_url = true;
+    data.success_statuses = range.empty() ? whole_file : part_of_it;
+    data.success_status_count = 1;
     data.attempts = 3 - content.attempts_made;
     data.retry = &box->user_retry;
     return tarvex_box_request(box, &data);

@@ -27,6 +27,7 @@ int tarvex_i_box_chunked_minimum = 52428800;
 const char *tarvex_i_box_retry_path = "$HOME/.tarvex/box-r";
 const char *tarvex_i_box_upload_path = "$HOME/.tarvex/box-u";
 bool tarvex_i_box_rename_replaces = false;
+tarvex_box_replace_t tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
 
 } // extern "C"
 
@@ -201,6 +202,32 @@ tarvex_result_t read_rename_replaces(json_t *policy)
     return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
 }
 
+/*
+ * How a store replaces a file of the same name ("replace", our own key):
+ * "delete-first" (absent or null: the way it has always been) or
+ * "new-version".  Set on every parse, so that no session keeps what an
+ * earlier policy said.  Any other value stops the session: an operator who
+ * asked for the safer way must not get the other unawares.
+ */
+tarvex_result_t read_replace(json_t *policy)
+{
+    json_t *value = json_object_get(policy, "replace");
+    const char *text = json_string_value(value);
+    tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
+    if (value == nullptr || json_is_null(value) ||
+        (text != nullptr && strcmp(text, "delete-first") == 0))
+        return TARVEX_SUCCESS;
+    if (text != nullptr && strcmp(text, "new-version") == 0) {
+        tarvex_i_box_replace = TARVEX_BOX_REPLACE_NEW_VERSION;
+        return TARVEX_SUCCESS;
+    }
+    tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 500, "INTERNAL_ERROR",
+        "GridFTP-Error: Bad \"replace\" in collection storage policy: it must be "
+        "\"delete-first\" or \"new-version\".");
+    return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+}
+
 } // namespace
 
 extern "C" bool tarvex_box_url_may_carry_token(const char *url)
@@ -267,6 +294,11 @@ tarvex_result_t parse_policy(const char *text, int *rate)
         result = replaces;
     else
         tarvex_error_discard(replaces);
+    tarvex_result_t replace = read_replace(policy.get());
+    if (result == TARVEX_SUCCESS)
+        result = replace;
+    else
+        tarvex_error_discard(replace);
     return result;
 }
 

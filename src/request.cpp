@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "origin.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -40,6 +41,14 @@ bool set_wanted_headers(tarvex_box_request_t *request)
     return true;
 }
 
+/* Whether this attempt carries the user's token: only to the API and
+ * upload origins the settings name, never with a URL that is its own
+ * authorisation (whatever origin a redirect names). */
+bool carries_token(const tarvex_box_session_t *box, const tarvex_box_request_t *request)
+{
+    return box != nullptr && !request->signed_url && tarvex_box_url_on_box_origin(request->url);
+}
+
 /* The request headers of one attempt: "Authorization" first (the token
  * may have been renewed since the last attempt), "Content-Type" for a
  * JSON body, then the caller's. */
@@ -50,7 +59,7 @@ struct attempt_headers {
 
     attempt_headers(const tarvex_box_session_t *box, const tarvex_box_request_t *request)
     {
-        if (box != nullptr) {
+        if (carries_token(box, request)) {
             authorization = "Bearer ";
             authorization += box->access_token ? box->access_token : "";
             pairs.push_back({"Authorization", authorization.c_str()});
@@ -63,6 +72,28 @@ struct attempt_headers {
         array = {pairs.size(), pairs.data()};
     }
 };
+
+/* Whether an answer of `status` is one to take. */
+bool taken(const tarvex_box_request_t *request, int status)
+{
+    if (request->success_statuses != nullptr) {
+        for (size_t i = 0; i < request->success_status_count; i++)
+            if (request->success_statuses[i] == status)
+                return true;
+        return false;
+    }
+    return request->expected_status != 0 ? status == request->expected_status : status < 400;
+}
+
+/* 451 for an answer of none of the statuses asked for (not retried). */
+tarvex_result_t unexpected_status(const tarvex_box_request_t *request, bool *retry)
+{
+    *retry = false;
+    return tarvex_error_put(tarvex_error_construct_error(
+        nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request", __LINE__,
+        "Box answered with HTTP status %d, which this request cannot use.",
+        request->response.response_code));
+}
 
 void clear_attempt(tarvex_box_request_t *request)
 {
@@ -77,13 +108,15 @@ void clear_attempt(tarvex_box_request_t *request)
 tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request,
                         bool *retry, unsigned long *retry_after)
 {
-    /* Whatever named the URL (a setting, or a redirect Box answered), the
-     * token never goes out in the clear across a network. */
-    if (box != nullptr && !tarvex_box_url_may_carry_token(request->url))
+    /* Whatever named the URL, neither the token nor a signed link (as good
+     * as a password for its file) goes out in the clear across a network. */
+    bool token = carries_token(box, request);
+    if ((token || request->signed_url) && !tarvex_box_url_may_carry_token(request->url))
         return tarvex_error_put(tarvex_error_construct_error(
             nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request",
-            __LINE__, "Refusing to send the Box credential to %s: only https, or plain "
-            "http to a loopback address.", request->url ? request->url : "(none)"));
+            __LINE__, "Refusing to send %s to %s: only https, or plain http to a loopback "
+            "address.", token ? "the Box credential" : "a signed download link",
+            tarvex_box_origin(request->url).c_str()));
     attempt_headers headers(box, request);
 
     tarvex_dsi_rest_callbacks_t callbacks = {};
@@ -113,20 +146,31 @@ tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request
                                                      request->query, &headers.array,
                                                      &callbacks);
     if (result != TARVEX_SUCCESS) {
+        /* A failure a new attempt may cure is one of the network (a
+         * reset, a time-out, a cut answer): Box may have had the whole
+         * request by then.  The rest (a callback's refusal, a TLS or
+         * name failure) end the exchange before Box could act. */
         *retry = tarvex_dsi_rest_error_is_retryable(result);
+        if (*retry)
+            request->answers_lost++;
         return result;
     }
 
     int status = request->response.response_code;
-    bool taken = request->expected_status != 0 ? status == request->expected_status
-                                               : status < 400;
-    if (taken)
+    if (taken(request, status))
         return request->check_answer ? request->check_answer(request, retry, retry_after)
                                      : TARVEX_SUCCESS;
+    /* Where only some statuses will do, no other passes: not one below
+     * 400, nor one the translation lets pass (an unlisted 4xx). */
+    bool strict = request->success_statuses != nullptr;
+    if (strict && status < 400)
+        return unexpected_status(request, retry);
 
     result = tarvex_box_translate_response(
         &request->response, request->translate_without_body ? nullptr : request->json,
         retry, retry_after);
+    if (result == TARVEX_SUCCESS && strict)
+        return unexpected_status(request, retry);
     if (result != TARVEX_SUCCESS && request->refusal_is_final && status >= 400)
         *retry = false;
     return result;
@@ -141,6 +185,7 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
      * calling operation, which traces its own way in and out. */
     tarvex_box_request_release(request);
     request->attempts_made = 0;
+    request->answers_lost = 0;
     if (!set_wanted_headers(request))
         return TARVEX_BOX_MALLOC_ERROR();
 

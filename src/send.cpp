@@ -4,13 +4,19 @@
  * URL, which answers with a redirect, and the "Location" it names, whose
  * body the REST client streams into the data channel at the range's
  * offsets.  Nothing is held in memory beyond the REST client's buffers,
- * whatever the file's size.
+ * whatever the file's size.  The "Location" is a signed link: it is
+ * fetched without the user's token and never named in a reply or a log.
  */
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+
+#include <algorithm>
+#include <string>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
+#include "origin.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -20,6 +26,9 @@ namespace {
  * the content request is one the download cannot have. */
 constexpr int tarvex_l_box_range_attempts = 2;
 
+/* The download's answers that carry the file's bytes. */
+constexpr int tarvex_l_box_body_statuses[] = {200, 206};
+
 /* One read range on its way from Box into the data channel. */
 struct tarvex_l_box_range {
     tarvex_off_t start_byte;
@@ -28,6 +37,14 @@ struct tarvex_l_box_range {
     tarvex_off_t asked_from;               /* the first byte `value` asks for */
     tarvex_box_cstr_ptr value;             /* the "Range" value, or none */
     tarvex_dsi_rest_key_value_t header;
+    /* The answer being read (tarvex_l_box_take_body), judged at its first
+     * byte: where its bytes start, and how many the range still wants. */
+    const tarvex_box_request_t *download;
+    bool judged;
+    bool usable;       /* 200, or a 206 from the first byte asked for */
+    uint64_t skip;     /* bytes of a whole-file answer before the range */
+    tarvex_off_t left; /* bytes the range still wants; negative: all */
+    const char *refusal; /* why the answer's body was refused, or none */
 };
 
 /*
@@ -72,6 +89,10 @@ void tarvex_l_box_range_headers(const tarvex_l_box_range *range, tarvex_box_requ
 tarvex_result_t tarvex_l_box_resume(tarvex_box_request_t *request, void *arg)
 {
     auto *range = static_cast<tarvex_l_box_range *>(arg);
+    range->judged = range->usable = false;
+    range->skip = 0;
+    range->left = -1;
+    range->refusal = nullptr;
     range->sink.eof = false;
     range->sink.length = range->byte_count < 0 ? -1
                                                : range->start_byte + range->byte_count -
@@ -83,6 +104,85 @@ tarvex_result_t tarvex_l_box_resume(tarvex_box_request_t *request, void *arg)
     }
     tarvex_l_box_range_headers(range, request);
     return TARVEX_SUCCESS;
+}
+
+/*
+ * What the answer's bytes are, before the first of them is written: a 206
+ * must start at the byte asked for (else its bytes would land out of
+ * place); a 200 is the whole file, so the bytes before the range are
+ * skipped.  Either way no more than the range is written.  Any other
+ * answer's body is an error page, no part of the file: its status fails
+ * the request.
+ */
+void tarvex_l_box_judge(tarvex_l_box_range *range)
+{
+    range->judged = true;
+    tarvex_off_t wanted = range->byte_count < 0
+                              ? -1
+                              : range->start_byte + range->byte_count - range->asked_from;
+    int status = range->download->response.response_code;
+    if (status == 206) {
+        const char *value = tarvex_box_request_header(range->download, "Content-Range");
+        long long first = -1;
+        if (value == nullptr || sscanf(value, "bytes %lld-", &first) != 1 ||
+            first != static_cast<long long>(range->asked_from)) {
+            range->refusal = "Box's partial answer does not start at the byte asked for.";
+            return;
+        }
+    } else if (status == 200) {
+        range->skip = static_cast<uint64_t>(range->asked_from);
+    } else {
+        return;
+    }
+    range->usable = true;
+    range->left = wanted;
+}
+
+/* The download's read callback: the range's bytes of the answer to the
+ * data channel, at their offsets. */
+tarvex_result_t tarvex_l_box_take_body(void *arg, void *buffer, size_t length)
+{
+    auto *range = static_cast<tarvex_l_box_range *>(arg);
+    if (!range->judged)
+        tarvex_l_box_judge(range);
+    if (range->refusal != nullptr)
+        return TARVEX_BOX_GENERIC_ERROR("%s", range->refusal); /* ends the exchange */
+    if (!range->usable)
+        return TARVEX_SUCCESS;
+    auto *data = static_cast<char *>(buffer);
+    size_t skipped = static_cast<size_t>(std::min<uint64_t>(range->skip, length));
+    range->skip -= skipped;
+    data += skipped;
+    length -= skipped;
+    if (range->left >= 0) {
+        length = static_cast<size_t>(std::min<tarvex_off_t>(range->left,
+                                                            static_cast<tarvex_off_t>(length)));
+        range->left -= static_cast<tarvex_off_t>(length);
+    }
+    if (length == 0)
+        return TARVEX_SUCCESS;
+    return tarvex_dsi_rest_read_gridftp_op(&range->sink, data, length);
+}
+
+/* A download's failure names the file and the host it came from, never
+ * the signed link itself: its details end the error's chain. */
+tarvex_result_t tarvex_l_box_name_download(tarvex_result_t result, const char *path,
+                                           const char *location)
+{
+    tarvex_object_t *error = tarvex_error_peek(result);
+    if (error == nullptr)
+        return result;
+    std::string host = tarvex_box_origin(location);
+    tarvex_dsi_rest_key_value_t pairs[2] = {
+        {"Box-Path", path}, {"Box-Download-Host", host.empty() ? nullptr : host.c_str()}};
+    tarvex_dsi_rest_key_array_t info = {2, pairs};
+    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
+    if (details == nullptr)
+        return result;
+    while (tarvex_error_get_cause(error) != nullptr)
+        error = tarvex_error_get_cause(error);
+    tarvex_error_set_cause(error, details);
+    return result;
 }
 
 /*
@@ -119,10 +219,11 @@ tarvex_result_t tarvex_l_box_ask_location(tarvex_box_session_t *box, const char 
 /* One read range: the content request, then the download streamed into the
  * data channel from `start_byte` on. */
 tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_operation_t op,
-                                        const char *content_url, tarvex_off_t start_byte,
-                                        tarvex_off_t byte_count)
+                                        const char *path, const char *content_url,
+                                        tarvex_off_t start_byte, tarvex_off_t byte_count)
 {
     tarvex_l_box_range range = {};
+    range.left = -1;
     range.start_byte = start_byte;
     range.byte_count = byte_count;
     range.sink = {op, start_byte, byte_count, false};
@@ -137,21 +238,35 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
     if (result != TARVEX_SUCCESS)
         return result;
 
+    static const char *const wanted[] = {"Content-Range"};
     tarvex_box_request_t download = {};
     tarvex_box_request_guard download_guard{&download};
     download.caller = "tarvex_i_box_send";
     download.method = "GET";
     download.url = location;
+    /* The link is signed: it goes without the token, wherever it points. */
+    download.signed_url = true;
     download.attempts = tarvex_l_box_range_attempts + 1 - content.attempts_made;
     /* Only the API requests are paced: the content request just was, and
      * the download goes to the host its redirect names. */
     download.no_delay = true;
     download.translate_without_body = true; /* the body went to the client */
-    download.read_callback = tarvex_dsi_rest_read_gridftp_op;
-    download.read_callback_arg = &range.sink;
+    /* A download is good only when it brought the bytes. */
+    download.success_statuses = tarvex_l_box_body_statuses;
+    download.success_status_count = 2;
+    download.wanted_headers = wanted;
+    download.wanted_header_count = 1;
+    download.read_callback = tarvex_l_box_take_body;
+    download.read_callback_arg = &range;
     download.before_attempt = tarvex_l_box_resume;
     download.before_attempt_arg = &range;
-    return tarvex_box_request(box, &download);
+    range.download = &download;
+    result = tarvex_box_request(box, &download);
+    if (result != TARVEX_SUCCESS && range.refusal != nullptr) {
+        tarvex_error_discard(result);
+        result = TARVEX_BOX_GENERIC_ERROR("%s", range.refusal);
+    }
+    return tarvex_l_box_name_download(result, path, location);
 }
 
 /* Everything between entry and the one finished_transfer call. */
@@ -182,7 +297,8 @@ tarvex_result_t tarvex_l_box_send(tarvex_gfs_operation_t op,
             return TARVEX_SUCCESS;
         if (start_byte < 0)
             return TARVEX_BOX_GENERIC_ERROR("%s", "The server asked for a negative offset");
-        result = tarvex_l_box_send_range(box, op, content_url.get(), start_byte, byte_count);
+        result = tarvex_l_box_send_range(box, op, transfer_info->pathname, content_url.get(),
+                                         start_byte, byte_count);
         if (result != TARVEX_SUCCESS || byte_count < 1)
             return result; /* a range to the end of the file is the last one */
     }

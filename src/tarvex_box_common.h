@@ -75,6 +75,12 @@ extern const char *tarvex_i_box_upload_path;  /* "$HOME/.tarvex/box-u" */
 /* The policy's "rename_replaces" (default false): RNTO onto an existing
  * file replaces it. */
 extern bool tarvex_i_box_rename_replaces;
+/* How a store over an existing file replaces it (policy key "replace"). */
+typedef enum {
+    TARVEX_BOX_REPLACE_DELETE_FIRST, /* delete the old file, then upload */
+    TARVEX_BOX_REPLACE_NEW_VERSION   /* upload a new version of the file */
+} tarvex_box_replace_t;
+extern tarvex_box_replace_t tarvex_i_box_replace; /* delete-first */
 
 /* The two origins of Box's APIs (scheme and host, no trailing slash).
  * Defaults "https://api.box.com" and "https://upload.box.com"; the
@@ -86,6 +92,9 @@ void tarvex_box_set_bases(const char *api_base, const char *upload_base);
 /* Whether a request to `url` may carry the user's bearer token: https, or
  * plain http to a loopback address (127.0.0.0/8, [::1], localhost). */
 bool tarvex_box_url_may_carry_token(const char *url);
+/* Whether `url` is on the API or the upload origin (scheme, host and port):
+ * the only ones the user's token is sent to. */
+bool tarvex_box_url_on_box_origin(const char *url);
 
 /* ---- error object ---- */
 
@@ -194,6 +203,9 @@ typedef struct tarvex_box_upload_session_s {
     json_t *part_array;
     MD5_CTX md5_ctx;
     SHA_CTX sha1_ctx;
+    /* The session makes a new version of an existing file (policy
+     * "replace": "new-version"), not a new file. */
+    bool new_version;
 } tarvex_box_upload_session_t;
 
 /* ---- storage-interface entry points ---- */
@@ -237,9 +249,11 @@ tarvex_result_t tarvex_box_translate_response(
  * Each attempt: clear the outputs, trace "API CALL!" at DEBUG, renew the
  * token (refresh_token only), pace (tarvex_i_box_retry_delay with the last
  * translated "Retry-After" seconds and `retry`; skipped with no_delay),
- * prepare it (before_attempt, when set), send.
+ * prepare it (before_attempt, when set), send.  The token goes with it
+ * only to the API and upload origins, never with a signed_url.
  *   - transport failure: retried when the REST client calls it retryable;
- *   - status below 400 (or == expected_status when that is set): success;
+ *   - status below 400 (or == expected_status when that is set, or one of
+ *     success_statuses when those are set; see there): success;
  *   - anything else: tarvex_box_translate_response() with the body document
  *     (none with translate_without_body or a read_callback); a success from
  *     it is a success (so unlisted 4xx pass, and a status below 400 other
@@ -282,6 +296,15 @@ typedef struct tarvex_box_request_s {
     bool refresh_token;
     int progress_timeout_ms;     /* 0: tarvex_i_box_progress_timeout_ms */
     bool translate_without_body; /* translate from the status alone */
+    /* Non-NULL: only these statuses are successes (expected_status is then
+     * unused); any other fails, with the translation's error where it
+     * makes one, else a 451 naming the status, never retried. */
+    const int *success_statuses;
+    size_t success_status_count;
+    /* The URL carries its own authorisation (a download link Box answered
+     * with): the token never goes with it.  Otherwise it goes only to the
+     * API and upload origins. */
+    bool signed_url;
     bool refusal_is_final;       /* a status of 400 or more is never retried */
     int expected_status;         /* non-zero: only this status is a plain success */
     const char *caller;          /* the operation whose attempts these are: its
@@ -296,6 +319,9 @@ typedef struct tarvex_box_request_s {
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */
     int attempts_made;
+    /* Attempts that got no answer: a transport failure, which may have come
+     * after Box received the whole request and acted on it. */
+    int answers_lost;
 } tarvex_box_request_t;
 
 tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,

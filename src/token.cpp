@@ -67,11 +67,14 @@ static tarvex_result_t tarvex_l_box_parse_token_json(const char *text, char **us
                                                      time_t *access_token_exp,
                                                      uint64_t *max_upload)
 {
+    /* The parser's own text quotes what it read near the fault, which may
+     * be the token: only the place is told, in every reply and log line. */
     json_error_t error;
     tarvex_box_json_ptr credential(json_loads(text, 0, &error));
     if (credential.get() == nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("Error loading user credential: %s\n",
-                                        error.text);
+        return TARVEX_BOX_GENERIC_ERROR(
+            "Error loading user credential: not JSON (line %d, column %d)\n", error.line,
+            error.column);
 
     const char *token = nullptr;
     const char *expiry = nullptr;

@@ -113,7 +113,7 @@ def enrol(emu):
                             "user_id": "4242"}],
         "next_lifetimes": [FIRST_LIFETIME]})
     r = subprocess.run(["tarvex-box-credential", "--enrol", USER, "--account", "tarvex",
-                        "--client", "/etc/tarvex/box-client.json", "--refresh-token", "-"],
+                        "--client", "/etc/tarvex/box-client.json", "--refresh-token-file", "-"],
                        input=REFRESH + "\n", capture_output=True, text=True, timeout=60,
                        env=dict(os.environ,
                                 TARVEX_DSI_REST_CA_FILE="/etc/tarvex/tls/emulator-ca.pem"))

@@ -224,8 +224,8 @@ def serve_box_from(tree, check):
         os.chmod(client, 0o600)
         helper = [tree.bin("tarvex-box-credential"), "--state-dir", os.path.join(work, "state"),
                   "--token-url", emu.base + "/oauth2/token", "--api-base", emu.base]
-        run(helper + ["--enrol", "anonymous", "--client", client, "--refresh-token", "r-install"],
-            env=clean_environment())
+        run(helper + ["--enrol", "anonymous", "--client", client, "--refresh-token-file", "-"],
+            env=clean_environment(), input="r-install\n")
         policy = os.path.join(work, "policy.json")
         with open(policy, "w") as f:
             json.dump({"user_api_rate_limit": 100, "box_api_base": emu.base,

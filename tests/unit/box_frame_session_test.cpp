@@ -87,6 +87,30 @@ TEST_F(BoxFrameSession, PolicyRenameReplaces)
     }
 }
 
+/* "replace" takes its two words; anything else names the key; every
+ * parse starts from the default. */
+TEST_F(BoxFrameSession, PolicyReplace)
+{
+    const struct { const char *policy; tarvex_box_replace_t replace; bool refused; } cases[] = {
+        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
+        {"{}", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
+        {R"({"replace": null})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "delete-first"})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "New-Version"})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
+        {R"({"replace": true})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
+    };
+    for (const auto &c : cases) {
+        int rate = 16;
+        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
+        EXPECT_EQ(tarvex_i_box_replace, c.replace) << c.policy;
+        EXPECT_EQ(got, c.refused ? "500 GridFTP-Error: Bad \"replace\" in collection storage "
+                                   "policy: it must be \"delete-first\" or \"new-version\"."
+                                 : "")
+            << c.policy;
+    }
+}
+
 /* The bearer token goes over https, or plain http to this host only. */
 TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
 {
@@ -109,6 +133,25 @@ TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
     EXPECT_EQ(failure(tarvex_box_config_parse_json(
                   R"({"box_api_base": "http://127.0.0.1:9"})", &rate)),
               "");
+    tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
+}
+
+/* The token goes to the two configured origins only: scheme, host and port
+ * alike (a default port written or not), nowhere a redirect might name. */
+TEST_F(BoxFrameSession, TheTokenGoesOnlyToTheConfiguredOrigins)
+{
+    tarvex_box_set_bases("https://api.box.com", "http://127.0.0.1:8080");
+    const struct { const char *url; bool box; } urls[] = {
+        {"https://api.box.com/2.0/files/1/content", true}, {"HTTPS://API.BOX.COM:443/x", true},
+        {"http://127.0.0.1:8080/api/2.0/files/content", true},
+        {"https://dl.boxcloud.com/d/1/b1!sig/download", false},
+        {"http://api.box.com/2.0", false},       {"https://api.box.com:8443/", false},
+        {"http://127.0.0.1:8081/x", false},      {"http://localhost:8080/x", false},
+        {"https://user@api.box.com/", false},    {"ftp://api.box.com/", false},
+        {"", false},
+    };
+    for (const auto &u : urls)
+        EXPECT_EQ(tarvex_box_url_on_box_origin(u.url), u.box) << u.url;
     tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
 }
 
@@ -180,6 +223,32 @@ TEST_F(BoxFrameSession, CredentialAndItsRenewal)
     EXPECT_STREQ(box.access_token, "t2");
     free(box.access_token);
     free(box.user_id);
+}
+
+/* A credential that does not parse is refused without a word of it: the
+ * reply and the log line say where it broke, never what was there. */
+TEST_F(BoxFrameSession, AMalformedCredentialIsNeverQuoted)
+{
+    const struct { const char *text, *failure; } cases[] = {
+        {"ya29.SECRET-token", "0 token: Error loading user credential: not JSON (line 1, "
+                              "column 2)\n"},
+        {R"({"access_token":"SECRET-token")", "0 token: Error loading user credential: not "
+                                              "JSON (line 1, column 30)\n"},
+        {R"({"access_token":SECRET-token})", "0 token: Error loading user credential: not JSON "
+                                             "(line 1, column 22)\n"},
+        {R"({"access_token":"SECRET-token","sub":"1"})",
+         "500 GridFTP-Error: Error unpacking user credential: Object item not found: "
+         "token_expiry\n"},
+    };
+    for (const auto &c : cases) {
+        config = {{"creds", c.text}};
+        tarvex_box_session_t box{};
+        std::string got = failure(refresh(&box));
+        EXPECT_EQ(got.find("SECRET"), std::string::npos) << got;
+        EXPECT_EQ(got, c.failure) << c.text;
+        free(box.access_token);
+        free(box.user_id);
+    }
 }
 
 std::string expand(const char *text)

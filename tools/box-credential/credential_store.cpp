@@ -155,8 +155,11 @@ credential parse(const std::string &text, const std::string &path)
 {
     json_error_t error;
     tarvex_box_json_ptr doc(json_loadb(text.data(), text.size(), 0, &error));
+    // The parser's text quotes what it read near the fault: tokens, here.
     if (!doc)
-        throw failure("bad state file " + path + ": " + error.text);
+        throw failure("bad state file " + path + ": not JSON (line " +
+                      std::to_string(error.line) + ", column " + std::to_string(error.column) +
+                      ")");
     reader r(doc.get(), path);
     if (!json_is_object(doc.get()))
         r.bad("not a JSON object");
