@@ -19,6 +19,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "command"
 #include "digest_pipe.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -607,8 +608,10 @@ extern "C" void tarvex_i_box_mkdir(tarvex_gfs_operation_t op,
                                    tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result =
         tarvex_box_guarded([&] { return tarvex_l_box_mkdir(box, cmd_info->pathname); });
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     /* MKD's reply text is the path asked for, whatever the outcome. */
     tarvex_gridftp_server_finished_command(op, result, cmd_info->pathname);
     TARVEX_BOX_TRACE_RESULT(result);
@@ -619,6 +622,7 @@ extern "C" void tarvex_i_box_delete(tarvex_gfs_operation_t op,
                                     tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result = tarvex_box_guarded([&] {
         tarvex_box_path_info_t *path_info = nullptr;
         tarvex_result_t resolved =
@@ -627,6 +631,7 @@ extern "C" void tarvex_i_box_delete(tarvex_gfs_operation_t op,
             return resolved;
         return tarvex_i_box_delete_object(box, path_info, cmd_info->command);
     });
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     tarvex_gridftp_server_finished_command(op, result, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
@@ -636,9 +641,11 @@ extern "C" void tarvex_i_box_rename(tarvex_gfs_operation_t op,
                                     tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result = tarvex_box_guarded([&] {
         return tarvex_l_box_rename(box, cmd_info->from_pathname, cmd_info->pathname);
     });
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname, cmd_info->from_pathname);
     tarvex_gridftp_server_finished_command(op, result, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
@@ -649,8 +656,11 @@ extern "C" void tarvex_i_box_cksm(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     char cksumstr[tarvex_l_box_cksum_size] = "";
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result =
         tarvex_box_guarded([&] { return tarvex_l_box_cksm(op, cmd_info, box, cksumstr); });
+    /* A recorded MD5 property changes the file's record. */
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     tarvex_gridftp_server_finished_command(op, result, cksumstr[0] != '\0' ? cksumstr : nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
