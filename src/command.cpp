@@ -132,6 +132,30 @@ tarvex_result_t tarvex_l_box_send_name(tarvex_box_session_t *box, const char *ca
 
 /* ---- make folder ---- */
 
+/*
+ * Box answered 409 to a new folder: the name was taken after our lookup,
+ * typically by another session of a client that makes the same folders
+ * over several connections at once.  The folder's parent is listed again;
+ * if a folder has the name now, the MKD has what it asked for.
+ */
+tarvex_result_t tarvex_l_box_made_meanwhile(tarvex_box_session_t *box, const char *pathname,
+                                            tarvex_box_path_info_t *parent_info,
+                                            tarvex_result_t refusal)
+{
+    tarvex_box_path_info_t *path_info = nullptr;
+    tarvex_result_t listed =
+        tarvex_box_get_folder_items(box, parent_info->id, parent_info->name, nullptr, nullptr);
+    if (listed == TARVEX_SUCCESS) {
+        tarvex_box_cache_mark_listed(parent_info);
+        tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
+    }
+    tarvex_error_discard(listed);
+    if (!tarvex_l_box_is_folder(path_info))
+        return refusal;
+    tarvex_error_discard(refusal);
+    return TARVEX_SUCCESS;
+}
+
 tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathname)
 {
     tarvex_l_box_split_path split(pathname);
@@ -162,6 +186,8 @@ tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathna
     tarvex_box_request_guard guard{&request};
     result = tarvex_l_box_send_name(box, "tarvex_i_box_mkdir", "POST", url.get(),
                                     body.get(), &request);
+    if (result != TARVEX_SUCCESS && request.response.response_code == 409)
+        return tarvex_l_box_made_meanwhile(box, pathname, parent_info, result);
     if (result != TARVEX_SUCCESS)
         return result;
     /* The new folder is cached so that the next command on it needs no

@@ -135,6 +135,25 @@ TEST_F(two_sessions, ACommandThatChangesNothingIsNotPublished)
     EXPECT_EQ(listings(), strings{});
 }
 
+/* Two connections of a client make the same folder at once: the one Box
+ * answers 409 finds the folder made by the other and succeeds, in either
+ * mode (here the other is the emulator's seed, unseen by the session). */
+TEST_F(two_sessions, AFolderMadeMeanwhileIsWhatMkdAskedFor)
+{
+    ASSERT_NE(start(), nullptr);
+    const struct { const char *seeded; const char *reply; } rows[] = {
+        {R"({"path":"/m","type":"folder"})", ""},
+        {R"({"path":"/f","content":"x"})", "553-PATH_EXISTS\r\n"},
+    };
+    for (const auto &r : rows) {
+        seed(std::string("[") + r.seeded + "]");
+        const std::string path = r.reply[0] == '\0' ? "/m" : "/f";
+        EXPECT_EQ(command(driver_, session_, TARVEX_GFS_CMD_MKD, path).substr(0, strlen(r.reply)),
+                  r.reply);
+        EXPECT_EQ(see(session_, path), r.reply[0] == '\0' ? "folder" : "file");
+    }
+}
+
 /* The ring holds 256 changes: one more than B can read, and B drops its
  * whole cache.  The changes are of a path B has nothing cached for. */
 TEST_F(two_sessions, FallingBehindTheRingDropsTheWholeCache)
