@@ -7,7 +7,12 @@
  * listing of a folder also fills the path cache (one record per item,
  * kept for the session); a second round shows the listing's own memory.
  *
+ *   list_folder [private|shared]
  *   list_folder: items=10000 seconds=<s> pacing_floor_seconds=<f> ratio=<s/f> peak_rss_mb=<m>
+ *
+ * The argument is the policy's "session_cache" (default "private"): with
+ * "shared" every path resolution first catches up with the user's change
+ * journal, whose cost is what comparing the two runs shows.
  */
 #include <pwd.h>
 #include <unistd.h>
@@ -35,6 +40,7 @@ struct answers {
     long entries = 0;
     long batches = 0;
     std::string creds;
+    std::string policy = "{}";
 };
 
 tarvex_gfs_operation_provider_t provider()
@@ -59,7 +65,7 @@ tarvex_gfs_operation_provider_t provider()
     };
     p.get_config_data = [](void *ctx, const char *key, char **data) -> tarvex_result_t {
         auto *a = static_cast<answers *>(ctx);
-        *data = strcmp(key, "config") == 0  ? strdup("{}")
+        *data = strcmp(key, "config") == 0  ? strdup(a->policy.c_str())
                 : strcmp(key, "creds") == 0 ? strdup(a->creds.c_str())
                                             : nullptr;
         return TARVEX_SUCCESS;
@@ -170,8 +176,13 @@ bool list(const tarvex_gfs_operation_provider_t &p, answers &a, const char *fold
 
 } // namespace
 
-int main()
+int main(int argc, char **argv)
 {
+    const std::string mode = argc > 1 ? argv[1] : "private";
+    if (mode != "private" && mode != "shared") {
+        fprintf(stderr, "usage: list_folder [private|shared]\n");
+        return 2;
+    }
     if (tarvex_module_activate(&tarvex_i_box_common_module) != 0) {
         fprintf(stderr, "list_folder: cannot activate the plug-in's runtime\n");
         return 1;
@@ -197,6 +208,8 @@ int main()
 
         tarvex_gfs_operation_provider_t p = provider();
         answers a;
+        a.policy = R"({"session_cache": ")" + mode + "\"}";
+        printf("# session_cache=%s\n", mode.c_str());
         a.creds = R"({"access_token":"test-token","token_expiry":"2099-01-01T00:00:00.000000+00:00",)"
                   R"("sub":"bench-user","max_upload":53687091200})";
         tarvex_gfs_session_info_t session_info = {};
