@@ -87,7 +87,7 @@ class tarvex_box_journal_store {
 public:
     static constexpr uint64_t kept = 1024; /* entries the list keeps */
 
-    tarvex_box_journal_store(std::shared_ptr<tarvex_box_store_s> store, std::string user,
+    tarvex_box_journal_store(std::shared_ptr<tarvex_box_store_s> store, const std::string &user,
                              uint64_t host);
     /* Notes where the journal stands now, before the session lists anything. */
     void start();
@@ -102,7 +102,7 @@ private:
     std::shared_ptr<tarvex_box_store_s> store_;
     std::string meta_key_, list_key_;
     uint64_t host_;
-    std::string epoch_;   /* "": no journal in the store when last seen */
+    std::string epoch_; /* "": no journal in the store when last seen */
     uint64_t seen_ = 0;
     bool known_ = false;  /* seen_ and epoch_ are the store's */
     bool unsent_ = false; /* a change could not be published */

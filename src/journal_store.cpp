@@ -80,8 +80,7 @@ std::string hex(uint64_t value)
 }
 
 /* "<gen> <host> <writer> <path>"; false when it is not that. */
-bool parse_entry(const std::string &text, uint64_t *generation,
-                 tarvex_box_journal_entry *entry)
+bool parse_entry(const std::string &text, uint64_t *generation, tarvex_box_journal_entry *entry)
 {
     size_t first = text.find(' ');
     size_t second = first == std::string::npos ? first : text.find(' ', first + 1);
@@ -110,11 +109,10 @@ uint64_t number(const std::string &text)
 } // namespace
 
 tarvex_box_journal_store::tarvex_box_journal_store(std::shared_ptr<tarvex_box_store_s> store,
-                                                   std::string user, uint64_t host)
-    : store_(std::move(store)), meta_key_(key_prefix + user),
-      list_key_(key_prefix + user + ":log"), host_(host)
-{
-}
+                                                   const std::string &user, uint64_t host)
+    : store_(std::move(store)), meta_key_(key_prefix + user), list_key_(key_prefix + user + ":log"),
+      host_(host)
+{}
 
 void tarvex_box_journal_store::start()
 {
@@ -137,8 +135,9 @@ void tarvex_box_journal_store::look(std::vector<tarvex_box_journal_entry> *entri
     next_look_us_ = tarvex_time_monotonic_usec() + (int64_t)tarvex_i_box_journal_poll_ms * 1000;
     if (unsent_)
         publish(0, {});
-    std::optional<std::vector<std::string>> answer = tarvex_box_store_eval(
-        *store_, look_script, {meta_key_, list_key_}, {std::to_string(seen_), std::to_string(kept)});
+    std::optional<std::vector<std::string>> answer =
+        tarvex_box_store_eval(*store_, look_script, {meta_key_, list_key_},
+                              {std::to_string(seen_), std::to_string(kept)});
     /* Away: what happens meanwhile stays in the list for the next look. */
     if (!answer || answer->size() < 2)
         return;

@@ -49,7 +49,7 @@ policy_setting &the_policy()
 }
 
 /* A year: longer is a typing error more likely than a wish. */
-constexpr json_int_t longest_ttl = 365 * 24 * 3600;
+constexpr json_int_t longest_ttl = json_int_t{365} * 24 * 3600;
 
 tarvex_result_t refuse(const char *key, const char *why)
 {
@@ -237,9 +237,10 @@ tarvex_result_t tarvex_box_journal_open(tarvex_box_session_t *box)
                     std::move(store), box->user_id, journal->file->host());
                 journal->store->start();
             }
-            TARVEX_BOX_LOG(TARVEX_BOX_DEBUG, "shared session cache: journal %s%s\n",
-                           journal->file->is_shared() ? "file" : "in private memory",
-                           journal->store != nullptr ? " and store" : "");
+            TARVEX_BOX_LOG_AS(TARVEX_BOX_DEBUG, "tarvex_box_journal_open",
+                              "shared session cache: journal %s%s\n",
+                              journal->file->is_shared() ? "file" : "in private memory",
+                              journal->store != nullptr ? " and store" : "");
         }
         box->journal = journal.release();
         return TARVEX_SUCCESS;
@@ -308,8 +309,7 @@ bool tarvex_box_cache_expired(const tarvex_box_session_t *box, const tarvex_box_
     return older_than_ttl(box, info->cached_at);
 }
 
-bool tarvex_box_cache_listed(const tarvex_box_session_t *box,
-                             const tarvex_box_path_info_t *folder)
+bool tarvex_box_cache_listed(const tarvex_box_session_t *box, const tarvex_box_path_info_t *folder)
 {
     return folder->listed && !older_than_ttl(box, folder->listed_at);
 }

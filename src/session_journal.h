@@ -36,8 +36,8 @@
 /* ---- the policy ---- */
 
 struct tarvex_box_cache_policy {
-    bool shared = false;        /* "session_cache": "shared" */
-    int64_t ttl_seconds = -1;   /* "cache_ttl_seconds"; -1: no expiry */
+    bool shared = false;      /* "session_cache": "shared" */
+    int64_t ttl_seconds = -1; /* "cache_ttl_seconds"; -1: no expiry */
 };
 
 /* The policy for the sessions started from now on (set by the policy
@@ -97,12 +97,10 @@ void tarvex_box_cache_stamp(tarvex_box_path_info_t *info);
 /* Marks a folder record as listed, now. */
 void tarvex_box_cache_mark_listed(tarvex_box_path_info_t *folder);
 /* Whether a cached record is older than the session's time to live. */
-bool tarvex_box_cache_expired(const tarvex_box_session_t *box,
-                              const tarvex_box_path_info_t *info);
+bool tarvex_box_cache_expired(const tarvex_box_session_t *box, const tarvex_box_path_info_t *info);
 /* Whether a folder's listing is in the cache and still young enough to
  * say that a name missing from it is missing on Box. */
-bool tarvex_box_cache_listed(const tarvex_box_session_t *box,
-                             const tarvex_box_path_info_t *folder);
+bool tarvex_box_cache_listed(const tarvex_box_session_t *box, const tarvex_box_path_info_t *folder);
 /* Whether the root counts as listed at every resolution (the private
  * cache without expiry: session start listed it, and nothing else could
  * tell otherwise). */

@@ -22,8 +22,9 @@ std::shared_ptr<tarvex_box_store_s> tarvex_box_store_open();
  * when the store does not know it).  The answer must be an array; its
  * elements come back as text (integers written in decimal, nil as "").
  * None when the store cannot be asked now or answered something else. */
-std::optional<std::vector<std::string>> tarvex_box_store_eval(
-    tarvex_box_store_s &store, const std::string &script, const std::vector<std::string> &keys,
-    const std::vector<std::string> &args);
+std::optional<std::vector<std::string>> tarvex_box_store_eval(tarvex_box_store_s &store,
+                                                              const std::string &script,
+                                                              const std::vector<std::string> &keys,
+                                                              const std::vector<std::string> &args);
 
 #endif
