@@ -13,10 +13,13 @@
 //                                        measured)
 //
 // Prints
-//   requests_per_second: rps=<n> connections=<m> [session_cache=<mode>]
+//   requests_per_second: rps=<n> connections=<m> cpu_us=<c> [session_cache=<mode>]
 // where m is the number of connections the client opened for them (and
-// one warm-up request before them).
+// one warm-up request before them), and c the processor time this process
+// (not the emulator) spent per request: on a machine shared with other
+// work it varies far less than the rate.
 #include <pwd.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -109,6 +112,16 @@ void stat_folder(const tarvex_gfs_operation_provider_t &p, answers &a)
         throw std::runtime_error("stat failed");
 }
 
+/* Processor time of this process so far, user and system, in
+ * microseconds. */
+int64_t cpu_us()
+{
+    struct rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return (int64_t)(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000 +
+           usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
+}
+
 /* Pacing and journal files in a scratch folder; "$HOME/.tarvex" is made by
  * session start and removed again if it was not there before. */
 class scratch {
@@ -180,12 +193,15 @@ int main(int argc, char **argv)
         uint64_t connections = tarvex_dsi_rest_connections_opened();
         one();
         int64_t start = tarvex_time_monotonic_usec();
+        int64_t cpu_start = cpu_us();
         for (int i = 0; i < request_count; i++)
             one();
         double elapsed = (tarvex_time_monotonic_usec() - start) / 1e6;
+        double cpu_per_request = double(cpu_us() - cpu_start) / request_count;
         connections = tarvex_dsi_rest_connections_opened() - connections;
-        printf("requests_per_second: rps=%.0f connections=%llu", request_count / elapsed,
-               static_cast<unsigned long long>(connections));
+        printf("requests_per_second: rps=%.0f connections=%llu cpu_us=%.1f",
+               request_count / elapsed, static_cast<unsigned long long>(connections),
+               cpu_per_request);
         if (!mode.empty())
             printf(" session_cache=%s", mode.c_str());
         printf("\n");
