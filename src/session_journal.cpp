@@ -263,6 +263,7 @@ void tarvex_box_journal_catch_up(tarvex_box_session_t *box)
         /* Out of memory while reading what changed: forget everything
          * rather than keep what may be stale. */
         drop_everything(box);
+        box->journal->seen = box->journal->file->generation();
     }
 }
 
