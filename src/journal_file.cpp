@@ -200,15 +200,17 @@ void tarvex_box_journal_file::append(uint64_t writer, const std::string &path)
     const std::string text = path.size() <= path_room ? path : std::string("*");
     const uint64_t generation = load(h->generation) + 1;
     slot *s = slot_at(generation);
+    /* The slot's words are stored with release and loaded with acquire
+     * (plain moves on x86): a reader that sees any word of a later entry
+     * then also sees this 0, and knows its copy is torn. */
     store(s->generation, 0);
-    std::atomic_thread_fence(std::memory_order_release);
-    store(s->writer, writer);
-    store(s->length, text.size());
+    store(s->writer, writer, std::memory_order_release);
+    store(s->length, text.size(), std::memory_order_release);
     for (size_t w = 0; w * sizeof(uint64_t) < text.size(); w++) {
         uint64_t word = 0;
         memcpy(&word, text.data() + w * sizeof(uint64_t),
                std::min(sizeof(uint64_t), text.size() - w * sizeof(uint64_t)));
-        store(s->text[w], word);
+        store(s->text[w], word, std::memory_order_release);
     }
     store(s->generation, generation, std::memory_order_release);
     store(h->generation, generation, std::memory_order_release);
@@ -228,14 +230,13 @@ bool tarvex_box_journal_file::read(uint64_t seen, uint64_t upto,
             return false;
         tarvex_box_journal_entry entry;
         entry.host = host_id;
-        entry.writer = load(s->writer);
-        const uint64_t length = load(s->length);
+        entry.writer = load(s->writer, std::memory_order_acquire);
+        const uint64_t length = load(s->length, std::memory_order_acquire);
         if (length > path_room)
             return false;
         uint64_t words[path_words];
         for (size_t w = 0; w * sizeof(uint64_t) < length; w++)
-            words[w] = load(s->text[w]);
-        std::atomic_thread_fence(std::memory_order_acquire);
+            words[w] = load(s->text[w], std::memory_order_acquire);
         if (load(s->generation) != generation)
             return false;
         entry.path.assign(reinterpret_cast<const char *>(words), length);
