@@ -13,6 +13,9 @@
  * While the server cannot be reached the session paces by its host's
  * files, says so once in the log, and tries the server again at most once
  * every few seconds.  A client's command never fails because of the store.
+ *
+ * The same connection runs the scripts of the sessions' change journal
+ * (shared_store.h, journal_store.cpp).
  */
 #include <hiredis/hiredis.h>
 #include <openssl/sha.h>
