@@ -181,7 +181,13 @@ uint64_t tarvex_box_journal_file::host() const
 
 uint64_t tarvex_box_journal_file::generation() const
 {
-    return map_ != nullptr ? load(head()->generation, std::memory_order_acquire) : 0;
+    return load(*generation_word(), std::memory_order_acquire);
+}
+
+const uint64_t *tarvex_box_journal_file::generation_word() const
+{
+    static const uint64_t none = 0;
+    return map_ != nullptr ? &head()->generation : &none;
 }
 
 void tarvex_box_journal_file::append(uint64_t writer, const std::string &path)

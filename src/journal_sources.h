@@ -50,6 +50,9 @@ public:
     uint64_t host() const;
     /* One atomic load. */
     uint64_t generation() const;
+    /* The word generation() loads, for a reader that loads it itself (in
+     * private memory when the ring has none). */
+    const uint64_t *generation_word() const;
     /* Appends an entry; a path too long for a slot is written as "*". */
     void append(uint64_t writer, const std::string &path);
     /* The entries after `seen` up to `upto`; false when any of them is no

@@ -9,6 +9,7 @@
  * that cannot know what it missed drops its whole cache (the root record
  * stays, unlisted), which costs it only listings.
  */
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -27,7 +28,8 @@ struct tarvex_box_journal_s {
     uint64_t writer = tarvex_box_journal_random_id(); /* this session */
     /* Only with the shared cache: */
     std::unique_ptr<tarvex_box_journal_file> file;
-    uint64_t seen = 0; /* the file's generation last caught up with */
+    const uint64_t *generation = nullptr; /* the file's generation word */
+    uint64_t seen = 0;                    /* the generation last caught up with */
     std::unique_ptr<tarvex_box_journal_store> store;
 };
 
@@ -122,7 +124,9 @@ void catch_up(tarvex_box_session_t *box)
 {
     tarvex_box_journal_s *journal = box->journal;
     /* The one atomic read of a session that is current. */
-    const uint64_t generation = journal->file->generation();
+    const uint64_t generation =
+        std::atomic_ref<uint64_t>(*const_cast<uint64_t *>(journal->generation))
+            .load(std::memory_order_acquire);
     if (generation != journal->seen) {
         std::vector<tarvex_box_journal_entry> entries;
         if (journal->file->read(journal->seen, generation, &entries))
@@ -231,6 +235,7 @@ tarvex_result_t tarvex_box_journal_open(tarvex_box_session_t *box)
         if (journal->policy.shared) {
             const std::string name = std::string(box->user_id) + "j";
             journal->file = std::make_unique<tarvex_box_journal_file>(name.c_str());
+            journal->generation = journal->file->generation_word();
             journal->seen = journal->file->generation();
             if (std::shared_ptr<tarvex_box_store_s> store = tarvex_box_store_open()) {
                 journal->store = std::make_unique<tarvex_box_journal_store>(

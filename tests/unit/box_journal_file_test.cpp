@@ -72,11 +72,12 @@ TEST(BoxJournalFile, ConcurrentWritersAndALocklessReader)
         seen = now;
     };
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (reader.generation() < 2 * per_writer && std::chrono::steady_clock::now() < deadline)
+    while (reader.generation() < uint64_t{2} * per_writer &&
+           std::chrono::steady_clock::now() < deadline)
         ASSERT_NO_FATAL_FAILURE(read_along());
     EXPECT_EQ(one.status(), 0);
     EXPECT_EQ(two.status(), 0);
-    EXPECT_EQ(reader.generation(), uint64_t(2 * per_writer));
+    EXPECT_EQ(reader.generation(), uint64_t{2} * per_writer);
     printf("entries read whole while written: %zu\n", taken);
 }
 
