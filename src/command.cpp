@@ -135,8 +135,10 @@ tarvex_result_t tarvex_l_box_send_name(tarvex_box_session_t *box, const char *ca
 /*
  * Box answered 409 to a new folder: the name was taken after our lookup,
  * typically by another session of a client that makes the same folders
- * over several connections at once.  The folder's parent is listed again;
- * if a folder has the name now, the MKD has what it asked for.
+ * over several connections at once.  With the shared session cache (made
+ * for such clients) the folder's parent is listed again, and if a folder
+ * has the name now, the MKD has what it asked for; the private cache
+ * reports the refusal, as it always has.
  */
 tarvex_result_t tarvex_l_box_made_meanwhile(tarvex_box_session_t *box, const char *pathname,
                                             tarvex_box_path_info_t *parent_info,
@@ -186,7 +188,8 @@ tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathna
     tarvex_box_request_guard guard{&request};
     result = tarvex_l_box_send_name(box, "tarvex_i_box_mkdir", "POST", url.get(),
                                     body.get(), &request);
-    if (result != TARVEX_SUCCESS && request.response.response_code == 409)
+    if (result != TARVEX_SUCCESS && request.response.response_code == 409 &&
+        tarvex_box_cache_shared(box))
         return tarvex_l_box_made_meanwhile(box, pathname, parent_info, result);
     if (result != TARVEX_SUCCESS)
         return result;

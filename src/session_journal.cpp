@@ -291,6 +291,11 @@ void tarvex_box_journal_publish(tarvex_box_session_t *box, unsigned long writes_
     publish(box, path, other_path);
 }
 
+bool tarvex_box_cache_shared(const tarvex_box_session_t *box)
+{
+    return shared(box);
+}
+
 void tarvex_box_journal_publish_path(tarvex_box_session_t *box, const char *path)
 {
     if (shared(box))

@@ -83,6 +83,9 @@ unsigned long tarvex_box_journal_writes(const tarvex_box_session_t *box);
 void tarvex_box_journal_publish(tarvex_box_session_t *box, unsigned long writes_before,
                                 const char *path, const char *other_path = nullptr);
 
+/* Whether the session runs with the shared cache. */
+bool tarvex_box_cache_shared(const tarvex_box_session_t *box);
+
 /* Publishes `path` as changed, unconditionally ("*": everything). */
 void tarvex_box_journal_publish_path(tarvex_box_session_t *box, const char *path);
 

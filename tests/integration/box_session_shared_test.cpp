@@ -135,22 +135,27 @@ TEST_F(two_sessions, ACommandThatChangesNothingIsNotPublished)
     EXPECT_EQ(listings(), strings{});
 }
 
-/* Two connections of a client make the same folder at once: the one Box
- * answers 409 finds the folder made by the other and succeeds, in either
- * mode (here the other is the emulator's seed, unseen by the session). */
+/* Two connections of a client make the same folder at once: with the
+ * shared cache the one Box answers 409 finds the folder made by the other
+ * and succeeds (here the other is the emulator's seed, unseen by the
+ * session); the private cache reports the refusal. */
 TEST_F(two_sessions, AFolderMadeMeanwhileIsWhatMkdAskedFor)
 {
-    ASSERT_NE(start(), nullptr);
-    const struct { const char *seeded; const char *reply; } rows[] = {
-        {R"({"path":"/m","type":"folder"})", ""},
-        {R"({"path":"/f","content":"x"})", "553-PATH_EXISTS\r\n"},
+    const struct { const char *mode, *path, *seeded, *reply; } rows[] = {
+        {"shared", "/m", R"({"path":"/m","type":"folder"})", ""},
+        {"shared", "/f", R"({"path":"/f","content":"x"})", "553-PATH_EXISTS\r\n"},
+        {"private", "/p", R"({"path":"/p","type":"folder"})", "553-PATH_EXISTS\r\n"},
     };
     for (const auto &r : rows) {
+        driver_.set_config("config", std::string(R"({"session_cache":")") + r.mode + "\"}");
+        tarvex_box_session_t *box = start();
+        ASSERT_NE(box, nullptr);
         seed(std::string("[") + r.seeded + "]");
-        const std::string path = r.reply[0] == '\0' ? "/m" : "/f";
-        EXPECT_EQ(command(driver_, session_, TARVEX_GFS_CMD_MKD, path).substr(0, strlen(r.reply)),
-                  r.reply);
-        EXPECT_EQ(see(session_, path), r.reply[0] == '\0' ? "folder" : "file");
+        EXPECT_EQ(command(driver_, box, TARVEX_GFS_CMD_MKD, r.path).substr(0, strlen(r.reply)),
+                  r.reply)
+            << r.mode << " " << r.path;
+        driver_.destroy(&box_table, box);
+        session_ = nullptr;
     }
 }
 
