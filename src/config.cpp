@@ -13,6 +13,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "config"
 #include "pacing.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -299,6 +300,13 @@ tarvex_result_t parse_policy(const char *text, int *rate)
         result = replace;
     else
         tarvex_error_discard(replace);
+    /* "session_cache" and "cache_ttl_seconds": our own keys too, refused
+     * by name when a value is wrong (session_journal.h). */
+    tarvex_result_t cache = tarvex_box_cache_policy_parse(policy.get());
+    if (result == TARVEX_SUCCESS)
+        result = cache;
+    else
+        tarvex_error_discard(cache);
     return result;
 }
 

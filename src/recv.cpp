@@ -26,6 +26,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "recv"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 #include "upload_answer.h"
@@ -1028,8 +1029,10 @@ extern "C" void tarvex_i_box_recv(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     auto *box = static_cast<tarvex_box_session_t *>(user_arg);
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result =
         tarvex_box_guarded([&] { return tarvex_l_box_recv(op, transfer_info, box); });
+    tarvex_box_journal_publish(box, writes, transfer_info->pathname);
     tarvex_gridftp_server_finished_transfer(op, result);
     TARVEX_BOX_TRACE_RESULT(result);
 }

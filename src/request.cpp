@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "origin.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -214,6 +215,10 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
         }
 
         request->attempts_made++;
+        /* Anything but a GET may change Box: the command then tells the
+         * user's other sessions (session_journal.h). */
+        if (request->method != nullptr && strcmp(request->method, "GET") != 0)
+            tarvex_box_journal_note_write(box);
         /* Only a translated answer says how long to wait; a transport
          * failure leaves the last answer's "Retry-After" in force.  The
          * attempt builds its headers as strings: out of memory it fails,

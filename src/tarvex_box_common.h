@@ -147,6 +147,11 @@ typedef struct tarvex_box_path_info_s {
     bool listed;
     bool has_metadata;
     bool freeme;
+    /* When the record entered the path cache and when the folder was last
+     * listed, on the cache's clock (session_journal.h): what a policy's
+     * "cache_ttl_seconds" measures. */
+    int64_t cached_at;
+    int64_t listed_at;
 } tarvex_box_path_info_t;
 
 /* ---- pacing ---- */
@@ -190,6 +195,8 @@ typedef struct tarvex_box_session_s {
     tarvex_hashtable_t upload_state;
     tarvex_box_retry_t user_retry;
     tarvex_box_retry_t user_upload_retry;
+    /* What keeps the path cache current (session_journal.h). */
+    struct tarvex_box_journal_s *journal;
 } tarvex_box_session_t;
 
 /* ---- upload session ---- */

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "box_scratch.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 
 namespace {
@@ -109,6 +110,38 @@ TEST_F(BoxFrameSession, PolicyReplace)
                                  : "")
             << c.policy;
     }
+}
+
+/* "session_cache" and "cache_ttl_seconds": absent or null are the
+ * defaults, a wrong value refuses the policy naming its key. */
+TEST_F(BoxFrameSession, PolicyCacheKeys)
+{
+    const char *const bad_mode = "500 GridFTP-Error: Bad \"session_cache\" in collection "
+                                 "storage policy: it must be \"private\" or \"shared\".";
+    const char *const bad_ttl = "500 GridFTP-Error: Bad \"cache_ttl_seconds\" in collection "
+                                "storage policy: it must be a whole number of seconds from 0 "
+                                "to 31536000.";
+    const struct { const char *policy; bool shared; int64_t ttl; const char *failure; } cases[] = {
+        {"{}", false, -1, ""},
+        {R"({"session_cache": "shared", "cache_ttl_seconds": 60})", true, 60, ""},
+        {R"({"session_cache": "private", "cache_ttl_seconds": 0})", false, 0, ""},
+        {R"({"session_cache": null, "cache_ttl_seconds": null})", false, -1, ""},
+        {R"({"cache_ttl_seconds": 31536000})", false, 31536000, ""},
+        {R"({"session_cache": "Shared"})", false, -1, bad_mode},
+        {R"({"session_cache": true})", false, -1, bad_mode},
+        {R"({"cache_ttl_seconds": -1})", false, -1, bad_ttl},
+        {R"({"cache_ttl_seconds": 1.5})", false, -1, bad_ttl},
+        {R"({"cache_ttl_seconds": "60"})", false, -1, bad_ttl},
+        {R"({"cache_ttl_seconds": 31536001})", false, -1, bad_ttl},
+    };
+    for (const auto &c : cases) {
+        tarvex_box_cache_policy_set({});
+        int rate = 16;
+        EXPECT_EQ(failure(tarvex_box_config_parse_json(c.policy, &rate)), c.failure) << c.policy;
+        EXPECT_EQ(tarvex_box_cache_policy_get().shared, c.shared) << c.policy;
+        EXPECT_EQ(tarvex_box_cache_policy_get().ttl_seconds, c.ttl) << c.policy;
+    }
+    tarvex_box_cache_policy_set({});
 }
 
 /* The bearer token goes over https, or plain http to this host only. */
