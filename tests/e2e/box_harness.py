@@ -14,6 +14,7 @@ import http.client
 import io
 import json
 import os
+import pwd
 import shlex
 import shutil
 import socket
@@ -306,7 +307,9 @@ class BoxCredentialTool(CredentialHelper):
         return run([BOX_CREDENTIAL] + self.settings + list(args), timeout=60, env=env)
 
     def enrol(self, user, client_file, refresh_token):
-        r = self.run("--enrol", user, "--client", client_file, "--refresh-token", refresh_token)
+        account = pwd.getpwuid(os.geteuid()).pw_name   # the server's, in the tests
+        r = self.run("--enrol", user, "--account", account, "--client", client_file,
+                     "--refresh-token", refresh_token)
         if r.returncode != 0:
             raise AssertionError("enrolment failed: " + r.stderr)
         return r

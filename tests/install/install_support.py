@@ -8,6 +8,7 @@ inside it (/usr/local, /usr)."""
 import glob
 import json
 import os
+import pwd
 import re
 import shlex
 import shutil
@@ -219,7 +220,8 @@ def serve_box_from(tree, check):
         os.chmod(client, 0o600)
         helper = [tree.bin("tarvex-box-credential"), "--state-dir", os.path.join(work, "state"),
                   "--token-url", emu.base + "/oauth2/token", "--api-base", emu.base]
-        run(helper + ["--enrol", "anonymous", "--client", client, "--refresh-token", "r-install"],
+        run(helper + ["--enrol", "anonymous", "--account", pwd.getpwuid(os.geteuid()).pw_name,
+                      "--client", client, "--refresh-token", "r-install"],
             env=clean_environment())
         policy = os.path.join(work, "policy.json")
         with open(policy, "w") as f:
