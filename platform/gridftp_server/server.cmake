@@ -13,6 +13,7 @@ add_executable(tarvex-gridftp-server
   src/server/main.cpp
   src/server/options.cpp
   src/server/config_file.cpp
+  src/server/setup.cpp
   src/server/listener.cpp
   src/server/session.cpp
   src/server/commands_login.cpp

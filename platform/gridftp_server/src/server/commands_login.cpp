@@ -79,10 +79,7 @@ void Session::cmd_pass(const std::string &arg)
         ok = lookup_own_account(acct);
     } else {
         std::string account;
-        std::string err;
-        ok = check_password(opts_.passwd_file, login, arg, account, err);
-        if (!err.empty())
-            log_session(log_field(err));
+        ok = ctx_.passwords != nullptr && ctx_.passwords->check(login, arg, account);
         if (ok && geteuid() == 0) {
             ok = lookup_account(account, acct);
             if (!ok)
