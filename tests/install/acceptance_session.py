@@ -83,8 +83,8 @@ def start_service(log):
     as a drop-in's Environment= would give it."""
     with open(UNIT) as f:
         text = f.read()
-    command = unit_command(text)
-    command[command.index("--bind") + 1] = "127.0.0.1"
+    # The command line's options win over the configuration file's.
+    command = unit_command(text) + ["--bind", "127.0.0.1"]
     account = pwd.getpwnam(unit_setting(text, "User"))
     env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": account.pw_dir,
            "USER": account.pw_name, "LOGNAME": account.pw_name,

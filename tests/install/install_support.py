@@ -35,7 +35,8 @@ LIBRARIES = ("tarvex_common", "tarvex_gridftp_server", "tarvex_dsi_rest")
 PLUGINS = ("libtarvex_gridftp_server_posix.so", "libtarvex_gridftp_server_box.so")
 PROGRAMS = ("tarvex-gridftp-server", "tarvex-box-credential")
 UNIT = "tarvex-gridftp-server.service"
-CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/logrotate.d/tarvex-gridftp-server")
+CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/tarvex/tarvex-gridftp-server.conf",
+                "/etc/logrotate.d/tarvex-gridftp-server")
 EXAMPLES = ("passwd", "box-policy.json", "box-credential.json", "box-client.json",
             "per-account.conf")
 
