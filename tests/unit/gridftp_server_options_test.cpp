@@ -76,6 +76,7 @@ Parsed parse(std::vector<std::string> args)
 {
     args.insert(args.begin(), "tarvex-gridftp-server");
     std::vector<char *> argv;
+    argv.reserve(args.size());
     for (std::string &a : args)
         argv.push_back(a.data());
     Parsed p;

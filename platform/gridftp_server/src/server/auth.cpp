@@ -59,7 +59,8 @@ bool read_entries(const std::string &path, std::vector<Entry> &out, std::string 
         bool skip = false;
         std::string why = parse_line(line, e, skip);
         if (!why.empty()) {
-            err = path + ":" + std::to_string(n) + ": " + why;
+            err = path;
+            err.append(":").append(std::to_string(n)).append(": ").append(why);
             return false;
         }
         if (!skip)

@@ -80,7 +80,8 @@ bool parse_config_text(const std::string &path, const std::string &text,
         s.line = number;
         std::string why = parse_line(line, s);
         if (!why.empty()) {
-            err = path + ":" + std::to_string(number) + ": " + why;
+            err = path;
+            err.append(":").append(std::to_string(number)).append(": ").append(why);
             return false;
         }
         out.push_back(std::move(s));

@@ -43,6 +43,8 @@ enum Verdict : char {
     refused = 'R',
     unchecked = 'U',
     checker_only = 'C', // unreadable data of a key the plug-in checks
+    no_answer = 'N',    // (not sent) the child ended without a record
+    too_late = 'T',     // (not sent) the child did not end in time
 };
 
 struct Record {
@@ -170,6 +172,40 @@ std::string place_text(const std::string &path, const Record &r)
     return out + log_field(r.message);
 }
 
+// What the plug-in said of the data of `key` (file `path`, text or none
+// when unreadable; `r.message` says why when unreadable).
+void judge(const std::string &key, const std::string &path, std::optional<std::string> &text,
+           const Record &r, Setup &setup, std::vector<std::string> &problems)
+{
+    std::string data = "configuration data \"" + key + "\"";
+    switch (r.verdict) {
+    case refused:
+        problems.push_back(place_text(path, r) + " (" + data + ")");
+        break;
+    case usable:
+        setup.found.push_back(data + " (" + path + "): checked by the plug-in, usable");
+        setup.checked_data[key] = std::move(*text);
+        break;
+    case checker_only:
+        problems.push_back(data + ": " + r.message);
+        break;
+    case no_answer:
+    case too_late:
+        problems.push_back(path + ": the plug-in's check of \"" + key + "\" did not " +
+                           (r.verdict == no_answer ? "answer" : "end in time"));
+        break;
+    default:
+        // Read at each use, as the file may come later (a credential
+        // another program writes): only worth a warning now.
+        if (text)
+            setup.found.push_back(data + " (" + path +
+                                  "): read at each login (the plug-in has no check)");
+        else
+            setup.warnings.push_back(data + ": " + r.message + " (read at each login)");
+        break;
+    }
+}
+
 // The plug-in loads, and the data of each --config-file file it checks is
 // usable; that data goes to `setup` (read once, here).
 void check_plugin(const Options &opts, const std::string &plugin_path, Setup &setup,
@@ -179,9 +215,9 @@ void check_plugin(const Options &opts, const std::string &plugin_path, Setup &se
     std::map<std::string, std::string> unreadable;
     for (const auto &[key, path] : opts.config_files) {
         std::string text;
-        if (read_config_data_file(path, text) == ConfigData::Status::found)
+        if (read_config_data_file(path, text) == ConfigData::Status::found) {
             texts[key] = std::move(text);
-        else {
+        } else {
             texts[key] = std::nullopt;
             unreadable[key] = text;
         }
@@ -212,35 +248,12 @@ void check_plugin(const Options &opts, const std::string &plugin_path, Setup &se
     setup.found.push_back("storage plug-in " + opts.dsi + ": loads (search path: " +
                           plugin_path + ")");
     for (auto &[key, text] : texts) {
-        const std::string &path = opts.config_files.at(key);
-        std::string what = "configuration data \"" + key + "\" (" + path + ")";
         Record r;
-        if (!take_record(rest, r)) {
-            problems.push_back(path + ": the plug-in's check of \"" + key + "\" did not " +
-                               (ended ? "answer" : "end in time"));
-            continue;
-        }
-        switch (r.verdict) {
-        case refused:
-            problems.push_back(place_text(path, r) + " (configuration data \"" + key + "\")");
-            break;
-        case usable:
-            setup.found.push_back(what + ": checked by the plug-in, usable");
-            setup.checked_data[key] = std::move(*text);
-            break;
-        case checker_only:
-            problems.push_back("configuration data \"" + key + "\": " + unreadable[key]);
-            break;
-        default:
-            // Read at each use, as the file may come later (a credential
-            // another program writes): only worth a warning now.
-            if (text)
-                setup.found.push_back(what + ": read at each login (the plug-in has no check)");
-            else
-                setup.warnings.push_back("configuration data \"" + key + "\": " +
-                                         unreadable[key] + " (read at each login)");
-            break;
-        }
+        if (!take_record(rest, r))
+            r.verdict = ended ? no_answer : too_late;
+        if (!text)
+            r.message = unreadable[key];
+        judge(key, opts.config_files.at(key), text, r, setup, problems);
     }
 }
 
