@@ -1,10 +1,10 @@
 #include "setup.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <limits.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -307,10 +307,13 @@ bool restart_only(const std::string &key)
     // The listening sockets and the files and tables the listening process
     // opens once: a new value needs a restart.  (A setting a session reads
     // is taken by the next session.)
+    // max-sessions sizes the TLS session registry; dsi-path made the
+    // plug-in search path the sessions inherit.
     static const std::set<std::string> keys = {
-        "port",          "bind",          "foreground",         "port-file",
-        "transfer-log",  "max-sessions",  "dsi-path",           "implicit-tls-port",
-        "implicit-tls-port-file",          "metrics-listen",     "metrics-port-file"};
+        "port",         "bind",           "foreground", "port-file",
+        "transfer-log", "max-sessions",   "dsi-path",   "implicit-tls-port",
+        "implicit-tls-port-file",         "metrics-listen", "metrics-port-file",
+    };
     return keys.count(key) != 0;
 }
 
