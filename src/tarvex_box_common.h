@@ -232,6 +232,10 @@ void tarvex_i_box_recv(tarvex_gfs_operation_t op,
 /* ---- policy, credential, path variables ---- */
 
 tarvex_result_t tarvex_box_config_parse_json(const char *text, int *rate);
+/* The policy's check (config_check.cpp), which the module's activation
+ * registers for the server under "box:config"; not exported. */
+extern const tarvex_gfs_config_checker_t tarvex_i_box_config_checker
+    __attribute__((visibility("hidden")));
 tarvex_result_t tarvex_box_token_refresh(tarvex_box_session_t *box,
                                          tarvex_gfs_operation_t op);
 tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,

@@ -127,8 +127,17 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
 
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
-    /* Only the text counts; an error that came with it is dropped, not
-     * leaked. */
+    /* A credential the framework could not get (a helper that refused, a
+     * file it could not read) is its error, "451 Configuration data ...
+     * is not available", with the cause in the server's log: reported as
+     * a token that came back expired, it would send the operator to the
+     * wrong place. */
+    if (text == nullptr && result != TARVEX_SUCCESS) {
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+    /* Otherwise only the text counts; an error that came with it is
+     * dropped, not leaked. */
     tarvex_error_discard(result);
     /* No credential is not an error here: the caller decides what a
      * session without a token may do. */

@@ -14,6 +14,8 @@ target_include_directories(tarvex_server_parse PUBLIC ${CMAKE_CURRENT_SOURCE_DIR
 add_executable(tarvex-gridftp-server
   src/server/main.cpp
   src/server/options.cpp
+  src/server/config_file.cpp
+  src/server/setup.cpp
   src/server/listener.cpp
   src/server/session.cpp
   src/server/commands_login.cpp

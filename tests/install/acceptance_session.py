@@ -5,14 +5,17 @@ file, the Box application, the helper's settings), with a Box emulator on
 user whose first access token lasts 120 seconds, and has one curl session
 list, download (slowly, so that the session outlives the token's first 20
 seconds) and upload through the server, the token renewed by
-tarvex-box-credential on the way, and a second session list again.  Prints
-what it checked; exit status 1 when a check failed."""
+tarvex-box-credential on the way, and a second session list again.  Then
+--check-config on the packaged configuration file, and a new certificate
+that SIGHUP puts in force for a third session.  Prints what it checked;
+exit status 1 when a check failed."""
 import hashlib
 import json
 import os
 import pwd
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -27,6 +30,7 @@ from install_support import unit_command, unit_setting  # noqa: E402
 from server_harness import make_tls_files, write_random  # noqa: E402
 
 UNIT = "/usr/lib/systemd/system/tarvex-gridftp-server.service"
+CONF = "/etc/tarvex/tarvex-gridftp-server.conf"
 PORT = 2811
 USER, PASSWORD = "alice", "acceptance-pw-7"
 CLIENT = {"client_id": "acceptance-app", "client_secret": "acceptance-secret-91d3"}
@@ -83,8 +87,8 @@ def start_service(log):
     as a drop-in's Environment= would give it."""
     with open(UNIT) as f:
         text = f.read()
-    command = unit_command(text)
-    command[command.index("--bind") + 1] = "127.0.0.1"
+    # The command line's options win over the configuration file's.
+    command = unit_command(text) + ["--bind", "127.0.0.1"]
     account = pwd.getpwnam(unit_setting(text, "User"))
     env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": account.pw_dir,
            "USER": account.pw_name, "LOGNAME": account.pw_name,
@@ -175,6 +179,34 @@ def session(emu, ca, work):
     check(seconds > FIRST_LIFETIME - 100, "the session outlived the first token's 20 s")
 
 
+def check_configuration():
+    """--check-config on the packaged file, as the README has the operator
+    run it after setting up."""
+    r = subprocess.run(["tarvex-gridftp-server", "--config", CONF, "--check-config"],
+                       capture_output=True, text=True, timeout=60)
+    check(r.returncode == 0 and r.stdout.endswith("the configuration is usable\n"),
+          "--check-config: " + (r.stdout + r.stderr).strip().replace("\n", " | "))
+
+
+def reload_certificate(service, log_path, work):
+    """A new certificate and key in place, SIGHUP: a session after it meets
+    the new certificate, verified with the CA that signed it."""
+    ca, cert, key = make_tls_files(tempfile.mkdtemp(dir=work))
+    for src, name in ((cert, "server.pem"), (key, "server.key")):
+        with open(src) as f:
+            put("/etc/tarvex/tls/" + name, f.read(), 0o640, "tarvex")
+    service.send_signal(signal.SIGHUP)
+
+    def logged():
+        with open(log_path, errors="replace") as f:
+            return "configuration read again: TLS certificate: subject" in f.read()
+    wait_for(logged, "the reload of the certificate")
+    r, _ = curl(ca, ["ftp://127.0.0.1:%d/acceptance/" % PORT, "-o",
+                     os.path.join(work, "list3")])
+    check(r.returncode == 0, "a session after SIGHUP with the new certificate " +
+          r.stderr.strip())
+
+
 def main():
     work = tempfile.mkdtemp(prefix="tarvex-acceptance-session-")
     emu = Emulator(https=True)
@@ -214,6 +246,8 @@ def main():
               bearer("POST", "/api/2.0/files/content") == [second["access_token"]],
               "the download with the first token, the upload with the renewed one")
         check(not [e for e in emu.log() if e["status"] == 401], "no request refused as 401")
+        check_configuration()
+        reload_certificate(service, log_path, work)
     finally:
         if service is not None:
             service.terminate()
@@ -226,8 +260,8 @@ def main():
         shutil.rmtree(work, ignore_errors=True)
     logins = re.findall(r"\[(\d+)\]: %s logged in" % USER, text)
     transfers = re.findall(r"\[(\d+)\]: (RETR|STOR) /acceptance/", text)
-    check(len(logins) == 2 and [p for p, _ in transfers] == [logins[0]] * 2,
-          "the first session downloaded and uploaded, then a second logged in")
+    check(len(logins) == 3 and [p for p, _ in transfers] == [logins[0]] * 2,
+          "the first session downloaded and uploaded, then a second and a third logged in")
     check(first["access_token"] not in text and second["access_token"] not in text,
           "no token in the service's log")
     with open("/var/log/tarvex/xferlog") as f:

@@ -6,6 +6,7 @@ was, and state files that are not the account's own."""
 import datetime
 import json
 import os
+import pwd
 import re
 import shutil
 import signal
@@ -17,6 +18,8 @@ import unittest
 from emulator_process import HERE, EmulatorCase
 
 HELPER = os.environ.get("TARVEX_BOX_CREDENTIAL", "")
+# Enrolment names the account the sessions run as: here, the test's own.
+ACCOUNT = pwd.getpwuid(os.geteuid()).pw_name
 CLIENT = {"client_id": "app", "client_secret": "app-secret"}
 # The date form the plug-in parses: a fraction and a numeric offset.
 PLUGIN_DATE = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{1,6}[+-]\d\d:\d\d\Z")
@@ -70,7 +73,7 @@ class CredentialHelperTest(EmulatorCase):
             self.emu.control("POST", "oauth", {"refresh_tokens": [
                 {"refresh_token": "r-" + user, "client_id": "app", "user_id": "77"}]})
             grant = ["--refresh-token-file", self.write_file("token-" + user, "r-%s\n" % user)]
-        r = self.helper("--enrol", user, "--client", self.client, *grant)
+        r = self.helper("--enrol", user, "--account", ACCOUNT, "--client", self.client, *grant)
         self.assertEqual(r.returncode, 0, r.stderr)
         return r
 
@@ -256,7 +259,7 @@ class CredentialHelperTest(EmulatorCase):
         # The refresh token from standard input.
         self.emu.control("POST", "oauth", {"refresh_tokens": [
             {"refresh_token": "r-stdin", "client_id": "app", "user_id": "77"}]})
-        r = subprocess.run(self.args("--enrol", "dora", "--client", self.client,
+        r = subprocess.run(self.args("--enrol", "dora", "--account", ACCOUNT, "--client", self.client,
                                      "--refresh-token-file", "-"),
                            input="r-stdin\n", capture_output=True, text=True, timeout=60)
         self.assertEqual(r.returncode, 0, r.stderr)
@@ -279,10 +282,25 @@ class CredentialHelperTest(EmulatorCase):
             with self.subTest(name):
                 prepare()
                 args = (user,) if user == "alice" else (
-                    "--enrol", user, "--client", self.client, "--box-user-id", "77")
+                    "--enrol", user, "--account", ACCOUNT, "--client", self.client,
+                    "--box-user-id", "77")
                 r = self.helper(*args)
                 self.assertFailsCleanly(r, message)
                 self.assertNotIn("SECRET", r.stderr)
+
+    def test_enrolment_keeps_the_endpoints_it_was_given(self):
+        # The server runs the helper without --token-url and --api-base: a
+        # renewal goes where the enrolment's refresh token was issued.
+        self.enrol(lifetime=60)
+        stored = self.stored()
+        self.assertEqual((stored["token_url"], stored["api_base"]),
+                         (self.emu.base + "/oauth2/token", self.emu.base))
+        no_settings = self.write_file("no-settings.json", "{}", 0o644)
+        r = subprocess.run([HELPER, "--config", no_settings, "--state-dir", self.state_dir,
+                            "--renew", "alice"], capture_output=True, text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertNotEqual(json.loads(r.stdout)["access_token"], stored["access_token"])
+        self.assertEqual(len(self.token_requests()), 2)
 
     def test_client_credentials_grant(self):
         enrolled = self.enrol("svc", lifetime=60, box_user_id="77")
@@ -302,7 +320,8 @@ class CredentialHelperTest(EmulatorCase):
                                                      "max_upload_size": 1}})
         self.assertFailsCleanly(self.helper("svc"), "token for user 99 instead of 77")
         self.assertEqual(self.snapshot("svc"), before)
-        r = self.helper("--enrol", "nobody", "--client", self.client, "--box-user-id", "78")
+        r = self.helper("--enrol", "nobody", "--account", ACCOUNT, "--client", self.client,
+                        "--box-user-id", "78")
         self.assertFailsCleanly(r, "invalid_grant.*act as user 78")
         self.assertFalse(os.path.exists(self.state_file("nobody")))
 
@@ -334,6 +353,12 @@ class CredentialHelperTest(EmulatorCase):
                  (("--renew", "--enrol", "alice"), 2, "exclude each other"),
                  (("--enrol", "carol", "--client", self.client), 2, "--enrol needs"),
                  (("--refresh-token-file", token, "alice"), 2, "go with --enrol")]
+        if os.geteuid() == 0:
+            # Kept for root, the credential would be refused to the service
+            # at the first login.
+            cases.append((("--enrol", "carol", "--client", self.client,
+                           "--refresh-token-file", token),
+                          1, "as root, --enrol needs --account NAME.*tarvex for the packaged"))
         for args, status, message in cases:
             with self.subTest(args):
                 r = self.helper(*args)

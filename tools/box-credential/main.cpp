@@ -52,6 +52,8 @@ const char usage[] =
     "  --token-url URL        OAuth 2.0 token endpoint\n"
     "                         (default https://api.box.com/oauth2/token)\n"
     "  --api-base URL         Box API (default https://api.box.com)\n"
+    "                         Either, given with --enrol, is kept for USER's later\n"
+    "                         calls (unless they give it again)\n"
     "Enrolment:\n"
     "  --client FILE          JSON with \"client_id\" and \"client_secret\" of the Box\n"
     "                         application (mode 0600)\n"
@@ -60,8 +62,9 @@ const char usage[] =
     "                         line of FILE ('-': standard input; a file must be its\n"
     "                         owner's alone, mode 0600)\n"
     "  --box-user-id ID       the client-credentials grant, acting as Box user ID\n"
-    "  --account NAME         as root: the local account USER's sessions run as,\n"
-    "                         which the credential is kept for\n"
+    "  --account NAME         the local account USER's sessions run as, which the\n"
+    "                         credential is kept for (tarvex for the packaged\n"
+    "                         service); required as root\n"
     "\n"
     "URLs are https, or plain http to a loopback address.  Environment:\n"
     "TARVEX_DSI_REST_CA_FILE names a CA file to verify the servers with.\n"
@@ -207,14 +210,18 @@ std::string read_refresh_token(const std::string &path)
  * folder is the account's own. */
 void become(const std::string &account, const credential_store &store)
 {
-    if (geteuid() != 0)
-        throw failure("--account needs root");
     struct passwd pw;
     struct passwd *found = nullptr;
     std::vector<char> buffer(16384);
     if (getpwnam_r(account.c_str(), &pw, buffer.data(), buffer.size(), &found) != 0 ||
         found == nullptr)
         throw failure("no local account " + account);
+    if (pw.pw_uid == geteuid()) {
+        store.prepare_folder(pw.pw_uid, getegid()); // the account running this
+        return;
+    }
+    if (geteuid() != 0)
+        throw failure("--account " + account + " needs root");
     store.prepare_folder(pw.pw_uid, pw.pw_gid);
     if (initgroups(account.c_str(), pw.pw_gid) != 0 || setgid(pw.pw_gid) != 0 ||
         setuid(pw.pw_uid) != 0)
@@ -238,6 +245,13 @@ std::string enrol_user(const settings &s, const credential_store &store, const a
     }
     if (a.account)
         become(*a.account, store);
+    else if (geteuid() == 0)
+        // Kept for root, the credential is refused to a server running as
+        // anyone else ("owned by uid 0"), at the first login.
+        throw failure("as root, --enrol needs --account NAME, the account " + a.user +
+                      "'s sessions run as: tarvex for the packaged service, the login's own "
+                      "account with per-account.conf, root only for a server whose sessions "
+                      "run as root");
     else
         store.prepare_folder(geteuid(), getegid());
     return enrol(s, store, c);

@@ -12,7 +12,7 @@ namespace tarvex_server {
 int open_listener(const Options &opts, int &port, std::string &err);
 
 // Serves until SIGTERM or SIGINT; returns the exit status.  SIGHUP reopens
-// the transfer log.
+// the transfer log and reads the setup again (ctx.reload).
 //
 // Session places: at most --max-sessions sessions, and at most
 // --max-sessions-per-address from one client address.  A connection that

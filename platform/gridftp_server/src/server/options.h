@@ -3,6 +3,9 @@
 
 #include <map>
 #include <string>
+#include <vector>
+
+#include "config_file.h"
 
 namespace tarvex_server {
 
@@ -31,11 +34,27 @@ struct Options {
     bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;
     std::string transfer_log;      // "": no transfer log
+    std::string config_path;       // --config FILE, "": none
+    std::vector<Setting> file_settings; // what that file says, in its order
+    bool check_config = false;     // --check-config
 };
 
-// Parses argv.  Returns 0 to go on, 1 after printing help or the version
-// (exit 0), -1 on a usage error (message in `err`).
+// Parses argv, and the file of --config when it is given: the file's
+// settings first, the command line's over them (a repeatable option's
+// key given on both: the command line's).  Returns 0 to go on, 1 after
+// printing help or the version (exit 0), -1 on a usage error (message in
+// `err`, "FILE:LINE: key: why" for the file's).
 int parse_options(int argc, char **argv, Options &opts, std::string &err);
+
+// The same with the file's settings given (read again at SIGHUP).
+int parse_options_with(const std::vector<Setting> &file, int argc, char **argv, Options &opts,
+                       std::string &err);
+
+// One setting of the configuration file, by option name without dashes;
+// a switch takes "true" or "false".  "" when taken, else why not.  Every
+// long option of the command line is a key, except --config and
+// --check-config.
+std::string apply_setting(const Setting &s, Options &opts);
 const char *usage_text();
 
 } // namespace tarvex_server
