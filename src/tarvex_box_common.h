@@ -81,6 +81,14 @@ typedef enum {
     TARVEX_BOX_REPLACE_NEW_VERSION   /* upload a new version of the file */
 } tarvex_box_replace_t;
 extern tarvex_box_replace_t tarvex_i_box_replace; /* delete-first */
+/* For a distant Box (policy keys of the same names); the defaults send
+ * one request at a time and ask for 300 items a page, as always.
+ *   upload_parts_in_flight: parts of an upload session at Box at once, 1-8;
+ *   download_streams: ranges of a large download fetched at once, 1-8;
+ *   list_page_size: the "limit" of a folder listing's pages, 100-1000. */
+extern int tarvex_i_box_upload_parts_in_flight; /* 1 */
+extern int tarvex_i_box_download_streams;       /* 1 */
+extern int tarvex_i_box_list_page_size;         /* 300 */
 
 /* The two origins of Box's APIs (scheme and host, no trailing slash).
  * Defaults "https://api.box.com" and "https://upload.box.com"; the
