@@ -323,6 +323,16 @@ typedef struct tarvex_box_request_s {
      * first, may be changed. */
     tarvex_result_t (*check_answer)(struct tarvex_box_request_s *request, bool *retry,
                                     unsigned long *retry_after);
+    /* Asked before each attempt and while one runs (at least once a
+     * second): true ends the call at once with an error that is not
+     * retried.  For a request made on a thread of its own for a transfer
+     * that may end without it (NULL: it runs its course). */
+    bool (*abandon)(void *abandon_arg);
+    void *abandon_arg;
+    /* Non-NULL: the token sent instead of the session's, for a thread that
+     * keeps its own copy so that another thread's renewal cannot free the
+     * text under it. */
+    const char *access_token;
     /* outputs */
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */
