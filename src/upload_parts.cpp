@@ -306,8 +306,8 @@ void tarvex_l_box_part_flight::fail(int index, tarvex_result_t result)
  * A part both digested and answered: its buffer is free again, and the
  * record takes every acknowledged part that now follows on from the ones
  * it holds, in order, with the digests up to the last of them.  Parts past
- * a failed one never join it: a restart sends them again.  Called with the
- * mutex held.
+ * a failed one never join it (the failed one never does): a restart sends
+ * them again.  Called with the mutex held.
  */
 void tarvex_l_box_part_flight::settle(tarvex_l_box_slot *slot)
 {
@@ -315,8 +315,7 @@ void tarvex_l_box_part_flight::settle(tarvex_l_box_slot *slot)
         done_[slot->index] = std::move(slot->done);
     slot->done = {};
     slot->busy = false;
-    for (auto next = done_.find(prefix_); next != done_.end() && prefix_ < failed_index_;
-         next = done_.find(prefix_)) {
+    for (auto next = done_.find(prefix_); next != done_.end(); next = done_.find(prefix_)) {
         tarvex_l_box_done_part &part = next->second;
         if (part.part != nullptr)
             json_array_append(upload_->part_array, part.part.get());
