@@ -9,7 +9,7 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
   target_link_libraries(tarvex_e2e_home_preload PRIVATE ${CMAKE_DL_LIBS})
   set_target_properties(tarvex_e2e_home_preload PROPERTIES PREFIX "lib")
   foreach(suite test_box_commands test_box_transfers test_box_faults test_box_tls_clients
-                test_box_login_deadline test_box_clients)
+                test_box_login_deadline test_box_clients test_box_wan)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
       add_test(NAME e2e_${suite}
                COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}
