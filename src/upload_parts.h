@@ -101,9 +101,8 @@ private:
  * so that a store that fails can be restarted at that part's boundary.
  *
  * The client's data is still read in order, one part at a time, into one
- * of in_flight buffers (one more while a part is at most 16 MiB, so that
- * reading the next part does not wait for a request to end: the memory
- * stays within in_flight x part size + 16 MiB).  Each part's own SHA-1 is
+ * of in_flight buffers: the memory stays within in_flight x part size and
+ * the session's own.  Each part's own SHA-1 is
  * taken by the thread that sends it; the whole file's SHA-1 and MD5 by one
  * thread, part after part in file order, beside the requests.  A part that
  * fails is retried within its own three attempts while the others go on;
