@@ -73,6 +73,7 @@ struct tarvex_l_box_flight_state {
     std::chrono::steady_clock::time_point last_written;
     tarvex_result_t failure = TARVEX_SUCCESS;
     std::atomic<bool> stopping{false};
+    bool abandoned = false; /* the transfer was answered without some writes */
 
     ~tarvex_l_box_flight_state() { tarvex_error_discard(failure); }
 
@@ -108,7 +109,7 @@ void tarvex_l_box_written(tarvex_gfs_operation_t op, tarvex_result_t result, tar
     state.last_written = std::chrono::steady_clock::now();
     if (result != TARVEX_SUCCESS) {
         state.fail(result);
-    } else {
+    } else if (!state.abandoned) {
         tarvex_gridftp_server_update_bytes_written(op, write->offset,
                                                    static_cast<tarvex_off_t>(write->length));
         tarvex_l_box_span &range = state.ranges[write->range];
@@ -391,6 +392,7 @@ void tarvex_l_box_range_flight::wait_for_writes(std::unique_lock<std::mutex> &lo
         if (state.cond.wait_for(lock, tarvex_l_box_tick) != std::cv_status::timeout)
             continue;
         if (std::chrono::steady_clock::now() - state.last_written > idle) {
+            state.abandoned = true;
             state.fail(TARVEX_BOX_GENERIC_ERROR(
                 "The data channel took nothing for %d ms.", tarvex_i_box_progress_timeout_ms));
             return;
