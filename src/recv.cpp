@@ -3,14 +3,16 @@
  * of the same name (deleting it first, or, with the policy's "replace":
  * "new-version", by uploading a new version of it), checks the announced
  * size against the user's Box upload limit and stores the client's data
- * either in one multipart
- * request or, for files announced larger than tarvex_i_box_chunked_minimum,
- * through a Box upload session: the data is read one part at a time into
- * one buffer, each part is sent with its own SHA-1, running SHA-1 and MD5
- * digests of the whole file are kept, and the session is committed with
- * the whole file's SHA-1; the MD5 is then stored as the file's "tarvex-md5"
- * property.  An open upload session is remembered under the file's path,
- * so that a restarted store in the same login continues at its next part.
+ * either in one multipart request or, for files announced larger than
+ * tarvex_i_box_chunked_minimum, through a Box upload session: the data is
+ * read one part at a time into one buffer (or, with the policy's
+ * "upload_parts_in_flight", several parts go to Box at once:
+ * upload_parts.h), each part is sent with its own SHA-1, running SHA-1 and
+ * MD5 digests of the whole file are kept, and the session is committed
+ * with the whole file's SHA-1; the MD5 is then stored as the file's
+ * "tarvex-md5" property.  An open upload session is remembered under the
+ * file's path, so that a restarted store in the same login continues at
+ * its next part.
  */
 #include <errno.h>
 #include <stdint.h>
@@ -30,6 +32,7 @@
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 #include "upload_answer.h"
+#include "upload_parts.h"
 #include "upload_stream.h"
 
 namespace {
@@ -37,77 +40,6 @@ namespace {
 /* What Box is asked to return of a stored file. */
 constexpr const char *tarvex_l_box_upload_fields =
     "type,id,name,parent,size,content_modified_at,sha1";
-
-/*
- * Meeting point of the part uploader and the framework's read completions
- * (which run on another thread).  Guarded by `mutex`; every completion
- * signals `cond`.
- */
-typedef struct tarvex_l_box_monitor_s {
-    tarvex_mutex_t mutex;
-    tarvex_cond_t cond;
-    size_t length;          /* bytes in the part buffer so far */
-    bool eof;               /* the client's data has ended */
-    bool done;              /* cleared with the others; nothing reads it */
-    tarvex_result_t result; /* of the latest completion */
-    /* Completions so far: the uploader waits until this moves, since a
-     * condition variable may wake without a signal, and a second read
-     * registered while the first is still out would fill the same bytes. */
-    unsigned long completions;
-} tarvex_l_box_monitor_t;
-
-void tarvex_l_box_gridftp_read_cb(tarvex_gfs_operation_t op, tarvex_result_t result,
-                                  tarvex_byte_t *, tarvex_size_t nbytes, tarvex_off_t, bool eof,
-                                  void *user_arg)
-{
-    /* The data landed where the registered buffer pointed; the offset
-     * tells nothing more. */
-    auto *monitor = static_cast<tarvex_l_box_monitor_t *>(user_arg);
-    tarvex_mutex_lock(&monitor->mutex);
-    monitor->result = result;
-    monitor->eof = eof;
-    monitor->length += nbytes;
-    monitor->completions++;
-    tarvex_cond_signal(&monitor->cond);
-    tarvex_mutex_unlock(&monitor->mutex);
-    tarvex_gridftp_server_update_bytes_recvd(op, static_cast<tarvex_off_t>(nbytes));
-}
-
-/* Standard base64 with "=" padding; false when `outbuf` cannot hold the
- * text and its NUL. */
-bool tarvex_l_gfs_base64_encode(const unsigned char *inbuf, size_t in_len, char *outbuf,
-                                size_t out_len)
-{
-    static const char alphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    if (out_len < (in_len + 2) / 3 * 4 + 1)
-        return false;
-    size_t o = 0;
-    for (size_t i = 0; i < in_len; i += 3) {
-        uint32_t group = static_cast<uint32_t>(inbuf[i]) << 16;
-        if (i + 1 < in_len)
-            group |= static_cast<uint32_t>(inbuf[i + 1]) << 8;
-        if (i + 2 < in_len)
-            group |= inbuf[i + 2];
-        outbuf[o++] = alphabet[(group >> 18) & 63];
-        outbuf[o++] = alphabet[(group >> 12) & 63];
-        outbuf[o++] = i + 1 < in_len ? alphabet[(group >> 6) & 63] : '=';
-        outbuf[o++] = i + 2 < in_len ? alphabet[group & 63] : '=';
-    }
-    outbuf[o] = '\0';
-    return true;
-}
-
-/* "sha=" and the base64 of a SHA-1 digest: the form of Box's "digest"
- * header, for one part and for the whole file. */
-constexpr size_t tarvex_l_box_digest_size = sizeof("sha=") - 1 + 28 + 1;
-void tarvex_l_box_digest_value(const unsigned char sha1[SHA_DIGEST_LENGTH],
-                               char value[tarvex_l_box_digest_size])
-{
-    char encoded[29];
-    tarvex_l_gfs_base64_encode(sha1, SHA_DIGEST_LENGTH, encoded, sizeof(encoded));
-    snprintf(value, tarvex_l_box_digest_size, "sha=%s", encoded);
-}
 
 /* The client's wanted modification time as Box's "content_modified_at";
  * false (and an empty text) when the client gave none. */
@@ -391,55 +323,6 @@ tarvex_result_t tarvex_l_box_new_session(json_t *answer, const char *path,
 /* ---- parts ---- */
 
 /*
- * Fills the part buffer from the client's data: up to `part_size` bytes,
- * or fewer when the data ends.  After the last part one more read of no
- * bytes has to see the end of the data, so that a client sending more than
- * it announced fails the store instead of being cut short silently.  One
- * read is out at a time; the callback's updates are seen under the mutex.
- * A read that fails ends the filling: what follows it cannot be trusted.
- */
-tarvex_result_t tarvex_l_box_fill_part(tarvex_gfs_operation_t op, tarvex_l_box_monitor_t *monitor,
-                                       tarvex_byte_t *buffer, size_t part_size, bool last)
-{
-    tarvex_mutex_lock(&monitor->mutex);
-    monitor->length = 0;
-    monitor->eof = false;
-    monitor->done = false;
-    monitor->result = TARVEX_SUCCESS;
-
-    tarvex_result_t result = TARVEX_SUCCESS;
-    for (;;) {
-        size_t wanted = part_size - monitor->length;
-        if (wanted == 0 && !last)
-            break;
-        unsigned long seen = monitor->completions;
-        result = tarvex_gridftp_server_register_read(op, buffer + monitor->length, wanted,
-                                                     tarvex_l_box_gridftp_read_cb, monitor);
-        if (result != TARVEX_SUCCESS)
-            break;
-        while (monitor->completions == seen)
-            tarvex_cond_wait(&monitor->cond, &monitor->mutex);
-        if (monitor->eof || monitor->result != TARVEX_SUCCESS)
-            break;
-    }
-    if (result == TARVEX_SUCCESS)
-        result = monitor->result;
-    tarvex_mutex_unlock(&monitor->mutex);
-    return result;
-}
-
-/* A part's own "digest" value. */
-tarvex_result_t tarvex_l_box_digest_part(const tarvex_byte_t *data, size_t length,
-                                         char digest[tarvex_l_box_digest_size])
-{
-    unsigned char sha1[SHA_DIGEST_LENGTH];
-    if (SHA1(data, length, sha1) == nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed generating part hash.");
-    tarvex_l_box_digest_value(sha1, digest);
-    return TARVEX_SUCCESS;
-}
-
-/*
  * Adds a part to the whole file's running SHA-1 and MD5 while the part's
  * request is out.  Nothing needs them before the commit, and they cost
  * about as much time as the request: on a 2-core machine against the
@@ -504,42 +387,16 @@ tarvex_result_t tarvex_l_box_send_part(tarvex_gfs_operation_t op, tarvex_box_ses
                                        int index, tarvex_byte_t *buffer, size_t length,
                                        bool *unlisted)
 {
-    char digest[tarvex_l_box_digest_size];
-    tarvex_result_t result = tarvex_l_box_digest_part(buffer, length, digest);
+    tarvex_box_part_put put;
+    tarvex_result_t result = put.prepare(upload, url, index, buffer, length);
     if (result != TARVEX_SUCCESS)
         return result;
     tarvex_l_box_file_digester file_digests(upload, buffer, length);
 
-    int64_t first = static_cast<int64_t>(index) * static_cast<int64_t>(upload->part_size);
-    char range[80];
-    snprintf(range, sizeof(range), "bytes %ld-%ld/%ld", static_cast<long>(first),
-             static_cast<long>(first + static_cast<int64_t>(length) - 1),
-             static_cast<long>(upload->total_size));
-
-    /* The header is "digest" in lower case: what Box has always been sent. */
-    tarvex_dsi_rest_key_value_t headers[] = {
-        {"Content-Type", "application/octet-stream"},
-        {"Content-Range", range},
-        {"digest", digest},
-    };
-    tarvex_dsi_rest_write_block_arg_t block = {buffer, length};
-    tarvex_box_request_t request = {};
-    tarvex_box_request_guard guard{&request};
-    request.caller = "tarvex_i_box_upload_parts";
-    request.method = "PUT";
-    request.url = url;
-    request.headers = headers;
-    request.header_count = 3;
-    request.write_callback = tarvex_dsi_rest_write_block;
-    request.write_callback_arg = &block;
-    request.attempts = 3;
-    /* A part may take long: the token is renewed before every attempt,
-     * the attempts are not paced, and a part gets twice the idle time. */
-    request.no_delay = true;
-    request.refresh_token = true;
-    request.op = op;
-    request.progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms;
-    result = tarvex_box_request(box, &request);
+    /* A part may take long: the token is renewed before every attempt. */
+    put.request.refresh_token = true;
+    put.request.op = op;
+    result = tarvex_box_request(box, &put.request);
     tarvex_result_t digested = file_digests.finish();
     if (digested != TARVEX_SUCCESS) {
         tarvex_error_discard(result);
@@ -548,9 +405,9 @@ tarvex_result_t tarvex_l_box_send_part(tarvex_gfs_operation_t op, tarvex_box_ses
     if (result != TARVEX_SUCCESS)
         return result;
 
-    if (request.json == nullptr)
+    if (put.request.json == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
-    json_t *part = json_object_get(request.json, "part");
+    json_t *part = json_object_get(put.request.json, "part");
     *unlisted = part == nullptr;
     if (part != nullptr)
         json_array_append(upload->part_array, part);
@@ -577,7 +434,7 @@ tarvex_result_t tarvex_l_box_commit_check(tarvex_box_request_t *request, bool *r
 /* The whole file's digests: the MD5 as 32 lower-case hex digits, the SHA-1
  * as a "digest" value. */
 tarvex_result_t tarvex_l_box_file_digests(tarvex_box_upload_session_t *upload, char md5_str[33],
-                                          char digest[tarvex_l_box_digest_size],
+                                          char digest[tarvex_box_digest_size],
                                           std::string *sha1_hex)
 {
     unsigned char sha1[SHA_DIGEST_LENGTH];
@@ -592,7 +449,7 @@ tarvex_result_t tarvex_l_box_file_digests(tarvex_box_upload_session_t *upload, c
         *sha1_hex += "0123456789abcdef"[byte >> 4];
         *sha1_hex += "0123456789abcdef"[byte & 15];
     }
-    tarvex_l_box_digest_value(sha1, digest);
+    tarvex_box_digest_value(sha1, digest);
     return TARVEX_SUCCESS;
 }
 
@@ -909,6 +766,18 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     if (url == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
     tarvex_gridftp_server_begin_transfer(op, 0, 0);
+    /* With the policy's "upload_parts_in_flight", several at a time
+     * (upload_parts.h); one at a time should no thread be had. */
+    if (tarvex_i_box_upload_parts_in_flight > 1 &&
+        first_part < static_cast<uint64_t>(upload->num_parts)) {
+        bool started = false;
+        tarvex_result_t result = tarvex_box_upload_parts_in_flight(
+            op, box, upload, url.get(), static_cast<int>(first_part),
+            tarvex_i_box_upload_parts_in_flight, &started);
+        if (started)
+            return result;
+        tarvex_error_discard(result);
+    }
     /* The only copy of the client's data held: one part at a time. */
     std::unique_ptr<tarvex_byte_t, void (*)(void *)> buffer(
         static_cast<tarvex_byte_t *>(malloc(part_size)), free);
@@ -921,17 +790,8 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     if (first_part >= static_cast<uint64_t>(upload->num_parts))
         return TARVEX_FAILURE;
 
-    tarvex_l_box_monitor_t monitor = {};
-    tarvex_mutex_init(&monitor.mutex, nullptr);
-    tarvex_cond_init(&monitor.cond, nullptr);
-    struct monitor_guard {
-        tarvex_l_box_monitor_t *m;
-        ~monitor_guard()
-        {
-            tarvex_cond_destroy(&m->cond);
-            tarvex_mutex_destroy(&m->mutex);
-        }
-    } monitor_guard{&monitor};
+    tarvex_box_monitor_scope reader;
+    tarvex_box_monitor_t &monitor = reader.monitor;
 
     /* A part whose answer lacks "part" is left out of the commit's list;
      * the complaint is kept only when it is the last part's (the next
@@ -941,7 +801,7 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     for (int index = static_cast<int>(first_part); index < upload->num_parts; index++) {
         bool last = index == upload->num_parts - 1;
         tarvex_error_discard(result);
-        result = tarvex_l_box_fill_part(op, &monitor, buffer.get(), part_size, last);
+        result = tarvex_box_fill_part(op, &monitor, buffer.get(), part_size, last);
         if (result != TARVEX_SUCCESS)
             break;
         bool unlisted = false;
@@ -968,7 +828,7 @@ tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box
     tarvex_l_box_format_modtime(modtime, modtime_str);
 
     char md5_str[33];
-    char digest[tarvex_l_box_digest_size];
+    char digest[tarvex_box_digest_size];
     std::string sha1_hex;
     result = tarvex_l_box_file_digests(upload, md5_str, digest, &sha1_hex);
     if (result != TARVEX_SUCCESS)

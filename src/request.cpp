@@ -61,8 +61,10 @@ struct attempt_headers {
     attempt_headers(const tarvex_box_session_t *box, const tarvex_box_request_t *request)
     {
         if (carries_token(box, request)) {
+            const char *token =
+                request->access_token != nullptr ? request->access_token : box->access_token;
             authorization = "Bearer ";
-            authorization += box->access_token ? box->access_token : "";
+            authorization += token != nullptr ? token : "";
             pairs.push_back({"Authorization", authorization.c_str()});
         }
         /* The trailing semicolon is what Box has always been sent. */
@@ -94,6 +96,32 @@ tarvex_result_t unexpected_status(const tarvex_box_request_t *request, bool *ret
         nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request", __LINE__,
         "Box answered with HTTP status %d, which this request cannot use.",
         request->response.response_code));
+}
+
+/* Why a request was abandoned: the transfer it served ended without it. */
+tarvex_result_t abandoned()
+{
+    return tarvex_error_put(tarvex_error_construct_error(
+        nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request", __LINE__,
+        "%s", "The transfer this request was part of has ended."));
+}
+
+/* The progress callback of a request that may be abandoned: the stock idle
+ * time-out (and the operation's cancellation), then the caller's word. */
+struct progress_watch {
+    intptr_t timeout_ms;
+    const tarvex_box_request_t *request;
+};
+
+tarvex_result_t watch_progress(void *arg, uint64_t read_expected, uint64_t read_so_far,
+                               uint64_t write_expected, uint64_t written_so_far)
+{
+    auto *watch = static_cast<const progress_watch *>(arg);
+    tarvex_result_t result = tarvex_dsi_rest_progress_idle_timeout(
+        (void *)watch->timeout_ms, read_expected, read_so_far, write_expected, written_so_far);
+    if (result == TARVEX_SUCCESS && watch->request->abandon(watch->request->abandon_arg))
+        return abandoned();
+    return result;
 }
 
 void clear_attempt(tarvex_box_request_t *request)
@@ -142,6 +170,11 @@ tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request
     callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
     /* The number itself travels as the argument, not a pointer to it. */
     callbacks.progress_callback_arg = (void *)(intptr_t)timeout_ms;
+    progress_watch watch = {timeout_ms, request};
+    if (request->abandon != nullptr) {
+        callbacks.progress_callback = watch_progress;
+        callbacks.progress_callback_arg = &watch;
+    }
 
     tarvex_result_t result = tarvex_dsi_rest_request(request->method, request->url,
                                                      request->query, &headers.array,
@@ -212,6 +245,10 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
             result = request->before_attempt(request, request->before_attempt_arg);
             if (result != TARVEX_SUCCESS)
                 break;
+        }
+        if (request->abandon != nullptr && request->abandon(request->abandon_arg)) {
+            result = abandoned();
+            break;
         }
 
         request->attempts_made++;

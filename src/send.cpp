@@ -6,6 +6,8 @@
  * offsets.  Nothing is held in memory beyond the REST client's buffers,
  * whatever the file's size.  The "Location" is a signed link: it is
  * fetched without the user's token and never named in a reply or a log.
+ * With the policy's "download_streams", a large file's rest is fetched in
+ * several ranges at once instead (download_ranges.h).
  */
 #include <cerrno>
 #include <cstdio>
@@ -16,7 +18,9 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
+#include "download_ranges.h"
 #include "origin.h"
+#include "range_answer.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -34,18 +38,16 @@ struct tarvex_l_box_range {
     tarvex_off_t start_byte;
     tarvex_off_t byte_count;               /* negative: to the end of the file */
     tarvex_dsi_rest_gridftp_op_arg_t sink; /* offset: where the next byte goes */
-    tarvex_off_t asked_from;               /* the first byte `value` asks for */
     tarvex_box_cstr_ptr value;             /* the "Range" value, or none */
     tarvex_dsi_rest_key_value_t header;
-    /* The answer being read (tarvex_l_box_take_body), judged at its first
-     * byte: where its bytes start, and how many the range still wants. */
-    const tarvex_box_request_t *download;
-    bool judged;
-    bool usable;       /* 200, or a 206 from the first byte asked for */
-    uint64_t skip;     /* bytes of a whole-file answer before the range */
-    tarvex_off_t left; /* bytes the range still wants; negative: all */
-    const char *refusal; /* why the answer's body was refused, or none */
+    tarvex_box_range_answer answer;        /* the answer being read */
 };
+
+/* Bytes the range wants from `from` on; negative: to the end. */
+tarvex_off_t tarvex_l_box_wanted_from(const tarvex_l_box_range *range, tarvex_off_t from)
+{
+    return range->byte_count < 0 ? -1 : range->start_byte + range->byte_count - from;
+}
 
 /*
  * Makes the "Range" value asking for the range's bytes from `from` on:
@@ -55,7 +57,7 @@ struct tarvex_l_box_range {
 tarvex_result_t tarvex_l_box_range_ask(tarvex_l_box_range *range, tarvex_off_t from)
 {
     range->value.reset();
-    range->asked_from = from;
+    range->answer.reset(from, tarvex_l_box_wanted_from(range, from));
     if (range->byte_count >= 0) {
         long last = static_cast<long>(range->start_byte + range->byte_count - 1);
         range->value.reset(
@@ -89,79 +91,31 @@ void tarvex_l_box_range_headers(const tarvex_l_box_range *range, tarvex_box_requ
 tarvex_result_t tarvex_l_box_resume(tarvex_box_request_t *request, void *arg)
 {
     auto *range = static_cast<tarvex_l_box_range *>(arg);
-    range->judged = range->usable = false;
-    range->skip = 0;
-    range->left = -1;
-    range->refusal = nullptr;
     range->sink.eof = false;
     range->sink.length = range->byte_count < 0 ? -1
                                                : range->start_byte + range->byte_count -
                                                      range->sink.offset;
-    if (range->sink.offset != range->asked_from) {
+    if (range->sink.offset != range->answer.asked_from) {
         tarvex_result_t result = tarvex_l_box_range_ask(range, range->sink.offset);
         if (result != TARVEX_SUCCESS)
             return result;
     }
+    range->answer.reset(range->sink.offset,
+                        tarvex_l_box_wanted_from(range, range->sink.offset));
     tarvex_l_box_range_headers(range, request);
     return TARVEX_SUCCESS;
 }
 
-/*
- * What the answer's bytes are, before the first of them is written: a 206
- * must start at the byte asked for (else its bytes would land out of
- * place); a 200 is the whole file, so the bytes before the range are
- * skipped.  Either way no more than the range is written.  Any other
- * answer's body is an error page, no part of the file: its status fails
- * the request.
- */
-void tarvex_l_box_judge(tarvex_l_box_range *range)
-{
-    range->judged = true;
-    tarvex_off_t wanted = range->byte_count < 0
-                              ? -1
-                              : range->start_byte + range->byte_count - range->asked_from;
-    int status = range->download->response.response_code;
-    if (status == 206) {
-        const char *value = tarvex_box_request_header(range->download, "Content-Range");
-        long long first = -1;
-        if (value == nullptr || sscanf(value, "bytes %lld-", &first) != 1 ||
-            first != static_cast<long long>(range->asked_from)) {
-            range->refusal = "Box's partial answer does not start at the byte asked for.";
-            return;
-        }
-    } else if (status == 200) {
-        range->skip = static_cast<uint64_t>(range->asked_from);
-    } else {
-        return;
-    }
-    range->usable = true;
-    range->left = wanted;
-}
-
 /* The download's read callback: the range's bytes of the answer to the
- * data channel, at their offsets. */
+ * data channel, at their offsets (range_answer.h). */
 tarvex_result_t tarvex_l_box_take_body(void *arg, void *buffer, size_t length)
 {
     auto *range = static_cast<tarvex_l_box_range *>(arg);
-    if (!range->judged)
-        tarvex_l_box_judge(range);
-    if (range->refusal != nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("%s", range->refusal); /* ends the exchange */
-    if (!range->usable)
-        return TARVEX_SUCCESS;
-    auto *data = static_cast<char *>(buffer);
-    size_t skipped = static_cast<size_t>(std::min<uint64_t>(range->skip, length));
-    range->skip -= skipped;
-    data += skipped;
-    length -= skipped;
-    if (range->left >= 0) {
-        length = static_cast<size_t>(std::min<tarvex_off_t>(range->left,
-                                                            static_cast<tarvex_off_t>(length)));
-        range->left -= static_cast<tarvex_off_t>(length);
-    }
-    if (length == 0)
-        return TARVEX_SUCCESS;
-    return tarvex_dsi_rest_read_gridftp_op(&range->sink, data, length);
+    const char *data = static_cast<const char *>(buffer);
+    tarvex_result_t result = range->answer.take(&data, &length);
+    if (result != TARVEX_SUCCESS || length == 0)
+        return result;
+    return tarvex_dsi_rest_read_gridftp_op(&range->sink, const_cast<char *>(data), length);
 }
 
 /* A download's failure names the file and the host it came from, never
@@ -216,14 +170,15 @@ tarvex_result_t tarvex_l_box_ask_location(tarvex_box_session_t *box, const char 
     return TARVEX_SUCCESS;
 }
 
-/* One read range: the content request, then the download streamed into the
- * data channel from `start_byte` on. */
+/* One read range of the file of `size` bytes: the content request, then
+ * the download streamed into the data channel from `start_byte` on, or
+ * several ranges of it at once (download_ranges.h). */
 tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_operation_t op,
                                         const char *path, const char *content_url,
-                                        tarvex_off_t start_byte, tarvex_off_t byte_count)
+                                        tarvex_off_t start_byte, tarvex_off_t byte_count,
+                                        uint64_t size)
 {
     tarvex_l_box_range range = {};
-    range.left = -1;
     range.start_byte = start_byte;
     range.byte_count = byte_count;
     range.sink = {op, start_byte, byte_count, false};
@@ -238,6 +193,16 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
     if (result != TARVEX_SUCCESS)
         return result;
 
+    int attempts = tarvex_l_box_range_attempts + 1 - content.attempts_made;
+    if (tarvex_box_download_in_streams(start_byte, byte_count, size)) {
+        bool started = false;
+        result = tarvex_box_download_ranges(op, box, location, start_byte, size, attempts,
+                                            &started);
+        if (started)
+            return tarvex_l_box_name_download(result, path, location);
+        tarvex_error_discard(result);
+    }
+
     static const char *const wanted[] = {"Content-Range"};
     tarvex_box_request_t download = {};
     tarvex_box_request_guard download_guard{&download};
@@ -246,7 +211,7 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
     download.url = location;
     /* The link is signed: it goes without the token, wherever it points. */
     download.signed_url = true;
-    download.attempts = tarvex_l_box_range_attempts + 1 - content.attempts_made;
+    download.attempts = attempts;
     /* Only the API requests are paced: the content request just was, and
      * the download goes to the host its redirect names. */
     download.no_delay = true;
@@ -260,11 +225,11 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
     download.read_callback_arg = &range;
     download.before_attempt = tarvex_l_box_resume;
     download.before_attempt_arg = &range;
-    range.download = &download;
+    range.answer.request = &download;
     result = tarvex_box_request(box, &download);
-    if (result != TARVEX_SUCCESS && range.refusal != nullptr) {
+    if (result != TARVEX_SUCCESS && range.answer.refusal != nullptr) {
         tarvex_error_discard(result);
-        result = TARVEX_BOX_GENERIC_ERROR("%s", range.refusal);
+        result = TARVEX_BOX_GENERIC_ERROR("%s", range.answer.refusal);
     }
     return tarvex_l_box_name_download(result, path, location);
 }
@@ -298,7 +263,7 @@ tarvex_result_t tarvex_l_box_send(tarvex_gfs_operation_t op,
         if (start_byte < 0)
             return TARVEX_BOX_GENERIC_ERROR("%s", "The server asked for a negative offset");
         result = tarvex_l_box_send_range(box, op, transfer_info->pathname, content_url.get(),
-                                         start_byte, byte_count);
+                                         start_byte, byte_count, path_info->size);
         if (result != TARVEX_SUCCESS || byte_count < 1)
             return result; /* a range to the end of the file is the last one */
     }

@@ -81,6 +81,14 @@ typedef enum {
     TARVEX_BOX_REPLACE_NEW_VERSION   /* upload a new version of the file */
 } tarvex_box_replace_t;
 extern tarvex_box_replace_t tarvex_i_box_replace; /* delete-first */
+/* For a distant Box (policy keys of the same names); the defaults send
+ * one request at a time and ask for 300 items a page, as always.
+ *   upload_parts_in_flight: parts of an upload session at Box at once, 1-8;
+ *   download_streams: ranges of a large download fetched at once, 1-8;
+ *   list_page_size: the "limit" of a folder listing's pages, 100-1000. */
+extern int tarvex_i_box_upload_parts_in_flight; /* 1 */
+extern int tarvex_i_box_download_streams;       /* 1 */
+extern int tarvex_i_box_list_page_size;         /* 300 */
 
 /* The two origins of Box's APIs (scheme and host, no trailing slash).
  * Defaults "https://api.box.com" and "https://upload.box.com"; the
@@ -326,6 +334,16 @@ typedef struct tarvex_box_request_s {
      * first, may be changed. */
     tarvex_result_t (*check_answer)(struct tarvex_box_request_s *request, bool *retry,
                                     unsigned long *retry_after);
+    /* Asked before each attempt and while one runs (at least once a
+     * second): true ends the call at once with an error that is not
+     * retried.  For a request made on a thread of its own for a transfer
+     * that may end without it (NULL: it runs its course). */
+    bool (*abandon)(void *abandon_arg);
+    void *abandon_arg;
+    /* Non-NULL: the token sent instead of the session's, for a thread that
+     * keeps its own copy so that another thread's renewal cannot free the
+     * text under it. */
+    const char *access_token;
     /* outputs */
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */

@@ -144,6 +144,51 @@ TEST_F(BoxFrameSession, PolicyCacheKeys)
     tarvex_box_cache_policy_set({});
 }
 
+/* The three counts for a distant Box: whole numbers in their ranges;
+ * absent or null is the default, anything else is refused naming the key,
+ * and every parse starts from the defaults. */
+TEST_F(BoxFrameSession, PolicyCounts)
+{
+    const struct {
+        const char *policy;
+        int parts, streams, page;
+        const char *refused; /* the key named, or "" */
+    } cases[] = {
+        {R"({"upload_parts_in_flight": 8, "download_streams": 1, "list_page_size": 1000})", 8,
+         1, 1000, ""},
+        {"{}", 1, 1, 300, ""},
+        {R"({"upload_parts_in_flight": 1, "download_streams": 8, "list_page_size": 100})", 1,
+         8, 100, ""},
+        {R"({"upload_parts_in_flight": null, "download_streams": 4})", 1, 4, 300, ""},
+        {R"({"upload_parts_in_flight": 0})", 1, 1, 300, "upload_parts_in_flight"},
+        {R"({"upload_parts_in_flight": 9})", 1, 1, 300, "upload_parts_in_flight"},
+        {R"({"download_streams": "4"})", 1, 1, 300, "download_streams"},
+        {R"({"download_streams": 2.0})", 1, 1, 300, "download_streams"},
+        {R"({"list_page_size": 99})", 1, 1, 300, "list_page_size"},
+        {R"({"list_page_size": 1001, "download_streams": 3})", 1, 3, 300, "list_page_size"},
+        {R"({"list_page_size": true})", 1, 1, 300, "list_page_size"},
+    };
+    const std::map<std::string, std::string> ranges = {
+        {"upload_parts_in_flight", "1 to 8"},
+        {"download_streams", "1 to 8"},
+        {"list_page_size", "100 to 1000"}};
+    for (const auto &c : cases) {
+        int rate = 16;
+        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
+        std::string want = c.refused[0] == '\0'
+                               ? ""
+                               : std::string("500 GridFTP-Error: Bad \"") + c.refused +
+                                     "\" in collection storage policy: it must be a whole "
+                                     "number from " + ranges.at(c.refused) + ".";
+        EXPECT_EQ(got, want) << c.policy;
+        EXPECT_EQ(tarvex_i_box_upload_parts_in_flight, c.parts) << c.policy;
+        EXPECT_EQ(tarvex_i_box_download_streams, c.streams) << c.policy;
+        EXPECT_EQ(tarvex_i_box_list_page_size, c.page) << c.policy;
+    }
+    int rate = 16;
+    EXPECT_EQ(failure(tarvex_box_config_parse_json("{}", &rate)), "");
+}
+
 /* The bearer token goes over https, or plain http to this host only. */
 TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
 {
