@@ -16,6 +16,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -234,6 +235,40 @@ inline std::vector<pid_t> children_of(pid_t parent)
     closedir(proc);
     return found;
 }
+
+/* Watches the server's session processes while a transfer runs and keeps
+ * the highest VmHWM seen (the kernel's own peak, so sampling only has to
+ * catch it before the process ends) and which process it was. */
+class SessionPeak {
+public:
+    explicit SessionPeak(pid_t server) : thread_([this, server] {
+        while (!stop_) {
+            for (pid_t pid : children_of(server)) {
+                long kb = status_kb(pid, "VmHWM:");
+                if (kb > peak_kb_) {
+                    peak_kb_ = kb;
+                    pid_ = pid;
+                }
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }) {}
+    ~SessionPeak() { stop(); }
+    void stop()
+    {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    long peak_kb() const { return peak_kb_; }
+    pid_t pid() const { return pid_; }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::atomic<long> peak_kb_{0};
+    std::atomic<pid_t> pid_{0};
+    std::thread thread_;
+};
 
 inline double mbps(long long bytes, double seconds)
 {

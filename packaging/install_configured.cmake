@@ -56,3 +56,13 @@ function(tarvex_install_config_once file directory name)
   file(INSTALL "${file}" DESTINATION "${directory}" RENAME "${name}"
        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endfunction()
+
+# The same for a template (NAME.in, with the replacements of
+# tarvex_install_configured), written first to SCRATCH.
+function(tarvex_install_configured_once template scratch directory)
+  set(prefix "${CMAKE_INSTALL_PREFIX}")
+  set(bindir "${prefix}/${tarvex_bindir}")
+  get_filename_component(name "${template}" NAME_WLE)
+  configure_file("${template}" "${scratch}/${name}" @ONLY)
+  tarvex_install_config_once("${scratch}/${name}" "${directory}" "${name}")
+endfunction()

@@ -20,6 +20,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "command"
 #include "digest_pipe.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -152,6 +153,32 @@ tarvex_result_t tarvex_l_box_send_name(tarvex_box_session_t *box, const char *ca
 
 /* ---- make folder ---- */
 
+/*
+ * Box answered 409 to a new folder: the name was taken after our lookup,
+ * typically by another session of a client that makes the same folders
+ * over several connections at once.  With the shared session cache (made
+ * for such clients) the folder's parent is listed again, and if a folder
+ * has the name now, the MKD has what it asked for; the private cache
+ * reports the refusal, as it always has.
+ */
+tarvex_result_t tarvex_l_box_made_meanwhile(tarvex_box_session_t *box, const char *pathname,
+                                            tarvex_box_path_info_t *parent_info,
+                                            tarvex_result_t refusal)
+{
+    tarvex_box_path_info_t *path_info = nullptr;
+    tarvex_result_t listed =
+        tarvex_box_get_folder_items(box, parent_info->id, parent_info->name, nullptr, nullptr);
+    if (listed == TARVEX_SUCCESS) {
+        tarvex_box_cache_mark_listed(parent_info);
+        tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
+    }
+    tarvex_error_discard(listed);
+    if (!tarvex_l_box_is_folder(path_info))
+        return refusal;
+    tarvex_error_discard(refusal);
+    return TARVEX_SUCCESS;
+}
+
 tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathname)
 {
     tarvex_l_box_split_path split(pathname);
@@ -182,6 +209,9 @@ tarvex_result_t tarvex_l_box_mkdir(tarvex_box_session_t *box, const char *pathna
     tarvex_box_request_guard guard{&request};
     result = tarvex_l_box_send_name(box, "tarvex_i_box_mkdir", "POST", url.get(),
                                     body.get(), &request);
+    if (result != TARVEX_SUCCESS && request.response.response_code == 409 &&
+        tarvex_box_cache_shared(box))
+        return tarvex_l_box_made_meanwhile(box, pathname, parent_info, result);
     if (result != TARVEX_SUCCESS)
         return result;
     /* The new folder is cached so that the next command on it needs no
@@ -608,6 +638,12 @@ tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
     data.before_attempt = tarvex_l_box_cksm_before_attempt;
     data.before_attempt_arg = &download;
     data.translate_without_body = true;
+    /* The link is signed: it goes without the token.  And only the bytes
+     * asked for make a sum: the whole file (200), or the range (206). */
+    static const int whole_file[] = {200}, part_of_it[] = {206};
+    data.signed_url = true;
+    data.success_statuses = range.empty() ? whole_file : part_of_it;
+    data.success_status_count = 1;
     data.attempts = 3 - content.attempts_made;
     data.retry = &box->user_retry;
     return tarvex_box_request(box, &data);
@@ -763,8 +799,10 @@ extern "C" void tarvex_i_box_mkdir(tarvex_gfs_operation_t op,
                                    tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result =
         tarvex_box_guarded([&] { return tarvex_l_box_mkdir(box, cmd_info->pathname); });
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     /* MKD's reply text is the path asked for, whatever the outcome. */
     tarvex_gridftp_server_finished_command(op, result, cmd_info->pathname);
     TARVEX_BOX_TRACE_RESULT(result);
@@ -775,6 +813,7 @@ extern "C" void tarvex_i_box_delete(tarvex_gfs_operation_t op,
                                     tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result = tarvex_box_guarded([&] {
         tarvex_box_path_info_t *path_info = nullptr;
         tarvex_result_t resolved =
@@ -783,6 +822,7 @@ extern "C" void tarvex_i_box_delete(tarvex_gfs_operation_t op,
             return resolved;
         return tarvex_i_box_delete_object(box, path_info, cmd_info->command);
     });
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     tarvex_gridftp_server_finished_command(op, result, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
@@ -792,9 +832,11 @@ extern "C" void tarvex_i_box_rename(tarvex_gfs_operation_t op,
                                     tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result = tarvex_box_guarded([&] {
         return tarvex_l_box_rename(box, cmd_info->from_pathname, cmd_info->pathname);
     });
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname, cmd_info->from_pathname);
     tarvex_gridftp_server_finished_command(op, result, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
@@ -805,8 +847,11 @@ extern "C" void tarvex_i_box_cksm(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     char cksumstr[tarvex_l_box_cksum_size] = "";
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result =
         tarvex_box_guarded([&] { return tarvex_l_box_cksm(op, cmd_info, box, cksumstr); });
+    /* A recorded MD5 property changes the file's record. */
+    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     tarvex_gridftp_server_finished_command(op, result, cksumstr[0] != '\0' ? cksumstr : nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }

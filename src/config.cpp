@@ -13,6 +13,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "config"
 #include "pacing.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -27,6 +28,10 @@ int tarvex_i_box_chunked_minimum = 52428800;
 const char *tarvex_i_box_retry_path = "$HOME/.tarvex/box-r";
 const char *tarvex_i_box_upload_path = "$HOME/.tarvex/box-u";
 bool tarvex_i_box_rename_replaces = false;
+tarvex_box_replace_t tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
+int tarvex_i_box_upload_parts_in_flight = 1;
+int tarvex_i_box_download_streams = 1;
+int tarvex_i_box_list_page_size = 300;
 
 } // extern "C"
 
@@ -156,6 +161,17 @@ tarvex_result_t refuse_base(const char *base)
     return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
 }
 
+/* 500 naming a key of our own that the policy got wrong, and what it must
+ * be instead. */
+tarvex_result_t bad_key(const char *key, const char *must_be)
+{
+    tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 500, "INTERNAL_ERROR",
+        "GridFTP-Error: Bad \"%s\" in collection storage policy: it must be %s.", key,
+        must_be);
+    return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+}
+
 /*
  * The shared pacing store ("pacing_store", our own key; absent or null for
  * none).  Unlike an unreachable store, which sessions ride out on their
@@ -194,11 +210,74 @@ tarvex_result_t read_rename_replaces(json_t *policy)
     tarvex_i_box_rename_replaces = json_is_true(value);
     if (value == nullptr || json_is_null(value) || json_is_boolean(value))
         return TARVEX_SUCCESS;
-    tarvex_object_t *object = tarvex_gfs_ftp_response_error_construct(
-        nullptr, nullptr, 500, "INTERNAL_ERROR",
-        "GridFTP-Error: Bad \"rename_replaces\" in collection storage policy: it must be "
-        "true or false.");
-    return object ? tarvex_error_put(object) : TARVEX_BOX_MALLOC_ERROR();
+    return bad_key("rename_replaces", "true or false");
+}
+
+/*
+ * How a store replaces a file of the same name ("replace", our own key):
+ * "delete-first" (absent or null: the way it has always been) or
+ * "new-version".  Set on every parse, so that no session keeps what an
+ * earlier policy said.  Any other value stops the session: an operator who
+ * asked for the safer way must not get the other unawares.
+ */
+tarvex_result_t read_replace(json_t *policy)
+{
+    json_t *value = json_object_get(policy, "replace");
+    const char *text = json_string_value(value);
+    tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
+    if (value == nullptr || json_is_null(value) ||
+        (text != nullptr && strcmp(text, "delete-first") == 0))
+        return TARVEX_SUCCESS;
+    if (text != nullptr && strcmp(text, "new-version") == 0) {
+        tarvex_i_box_replace = TARVEX_BOX_REPLACE_NEW_VERSION;
+        return TARVEX_SUCCESS;
+    }
+    return bad_key("replace", "\"delete-first\" or \"new-version\"");
+}
+
+/*
+ * A whole number of our own in [low, high] under `key`; absent or null is
+ * `fallback`, which is also what the setting holds after a refusal.  Set
+ * on every parse, so that no session keeps what an earlier policy said.
+ * Out of range or of another type (a quoted number, 2.5, true) stops the
+ * session: an operator who asked for more must not get the default
+ * unawares.
+ */
+tarvex_result_t read_count(json_t *policy, const char *key, int low, int high, int fallback,
+                           int *setting)
+{
+    json_t *value = json_object_get(policy, key);
+    *setting = fallback;
+    if (value == nullptr || json_is_null(value))
+        return TARVEX_SUCCESS;
+    json_int_t number = json_is_integer(value) ? json_integer_value(value) : low - 1;
+    if (number >= low && number <= high) {
+        *setting = static_cast<int>(number);
+        return TARVEX_SUCCESS;
+    }
+    std::string what = "a whole number from " + std::to_string(low) + " to " +
+                       std::to_string(high);
+    return bad_key(key, what.c_str());
+}
+
+/* How many parts of an upload session go to Box at once (upload_parts.h). */
+tarvex_result_t read_upload_parts_in_flight(json_t *policy)
+{
+    return read_count(policy, "upload_parts_in_flight", 1, 8, 1,
+                      &tarvex_i_box_upload_parts_in_flight);
+}
+
+/* How many ranges of a large download come from Box at once
+ * (download_ranges.h). */
+tarvex_result_t read_download_streams(json_t *policy)
+{
+    return read_count(policy, "download_streams", 1, 8, 1, &tarvex_i_box_download_streams);
+}
+
+/* The "limit" of a folder listing's pages; Box allows up to 1000. */
+tarvex_result_t read_list_page_size(json_t *policy)
+{
+    return read_count(policy, "list_page_size", 100, 1000, 300, &tarvex_i_box_list_page_size);
 }
 
 } // namespace
@@ -255,18 +334,19 @@ tarvex_result_t parse_policy(const char *text, int *rate)
     for (const char *base : {tarvex_box_api_base(), tarvex_box_upload_base()})
         if (result == TARVEX_SUCCESS && !tarvex_box_url_may_carry_token(base))
             result = refuse_base(base);
-    /* Read whatever came before, so that no store of an earlier policy
-     * outlives this one. */
-    tarvex_result_t store = read_pacing_store(policy.get());
-    if (result == TARVEX_SUCCESS)
-        result = store;
-    else
-        tarvex_error_discard(store);
-    tarvex_result_t replaces = read_rename_replaces(policy.get());
-    if (result == TARVEX_SUCCESS)
-        result = replaces;
-    else
-        tarvex_error_discard(replaces);
+    /* Every key of our own is read whatever came before, so that no setting
+     * of an earlier policy outlives this one; the first failure is the
+     * answer. "session_cache" and "cache_ttl_seconds" are read by the
+     * shared cache's own parser (session_journal.h). */
+    for (tarvex_result_t (*read)(json_t *) :
+         {read_pacing_store, read_rename_replaces, read_replace, read_upload_parts_in_flight,
+          read_download_streams, read_list_page_size, tarvex_box_cache_policy_parse}) {
+        tarvex_result_t next = read(policy.get());
+        if (result == TARVEX_SUCCESS)
+            result = next;
+        else
+            tarvex_error_discard(next);
+    }
     return result;
 }
 

@@ -3,6 +3,7 @@
  */
 #include <cstdlib>
 
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 
 namespace {
@@ -33,6 +34,8 @@ extern "C" void tarvex_i_box_destroy(void *user_arg)
         tarvex_box_path_info_free(static_cast<tarvex_box_path_info_t *>(
             tarvex_hashtable_remove(&box->upload_state, const_cast<char *>("/"))));
     tarvex_hashtable_destroy_all(&box->upload_state, tarvex_box_upload_session_free);
+
+    tarvex_box_journal_close(box);
 
     /* Pacing states that were never opened have nothing to release. */
     if (box->user_retry.is)

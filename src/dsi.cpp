@@ -1,6 +1,7 @@
 /*
  * The plug-in module: what the server loads.  Activation registers the
- * storage-interface table under "box"; deactivation takes it away.
+ * storage-interface table under "box" and the policy's check under
+ * "box:config"; deactivation takes both away.
  */
 #include "tarvex_box_common.h"
 
@@ -60,11 +61,16 @@ static int tarvex_l_box_activate(void)
     (void)tarvex_extension_registry_add(
         &tarvex_i_gfs_dsi_registry, "box", &tarvex_gridftp_server_box_module,
         const_cast<tarvex_gfs_storage_iface_t *>(&tarvex_l_box_dsi_iface));
+    /* The server checks the policy before any login with it. */
+    (void)tarvex_extension_registry_add(
+        &tarvex_i_gfs_config_check_registry, "box:config", &tarvex_gridftp_server_box_module,
+        const_cast<tarvex_gfs_config_checker_t *>(&tarvex_i_box_config_checker));
     return 0;
 }
 
 static int tarvex_l_box_deactivate(void)
 {
+    (void)tarvex_extension_registry_remove(&tarvex_i_gfs_config_check_registry, "box:config");
     (void)tarvex_extension_registry_remove(&tarvex_i_gfs_dsi_registry, "box");
     (void)tarvex_module_deactivate(&tarvex_i_box_common_module);
     return 0;

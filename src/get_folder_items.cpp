@@ -23,9 +23,13 @@ constexpr const char *tarvex_l_box_list_fields =
     "type,id,name,parent,size,content_modified_at,sha1";
 constexpr const char *tarvex_l_box_file_fields =
     "type,id,name,parent,size,content_modified_at,sha1,metadata.global.properties";
-/* Box's largest page for marker paging keeps the number of requests (and
- * of pacing delays) low. */
-constexpr const char *tarvex_l_box_page_limit = "300";
+/* The page's "limit": 300 unless the policy's "list_page_size" says
+ * otherwise.  Larger pages mean fewer requests (and pacing delays), which
+ * is what a distant Box's round trips cost most. */
+std::string tarvex_l_box_page_limit()
+{
+    return std::to_string(tarvex_i_box_list_page_size);
+}
 
 /* One GET with the request conventions: two attempts, paced by the API
  * pacing state, the answer as JSON in request->json. */
@@ -119,6 +123,7 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
     tarvex_result_t result = TARVEX_SUCCESS;
     tarvex_box_cstr_ptr marker;
     tarvex_box_listing_markers markers;
+    const std::string limit = tarvex_l_box_page_limit();
     do {
         /* The first page goes without a marker: the REST client leaves a
          * key without a value out of the query. */
@@ -126,7 +131,7 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
             {"fields", tarvex_l_box_list_fields},
             {"usemarker", "true"},
             {"marker", marker.get()},
-            {"limit", tarvex_l_box_page_limit},
+            {"limit", limit.c_str()},
         };
         tarvex_dsi_rest_key_array_t query = {4, query_pairs};
 

@@ -16,7 +16,8 @@
  * in the same listing (its pages would repeat for ever, or an empty page
  * with the marker "" would be asked for again and again), or after more
  * pages than any real folder has.  Box keeps folders far below a million
- * items; 20,000 pages of 300 is six million.
+ * items; 20,000 pages of 100 (the smallest a policy may ask for) is two
+ * million.
  */
 class tarvex_box_listing_markers {
 public:

@@ -144,6 +144,8 @@ extern "C" tarvex_box_path_info_t *tarvex_box_path_info_copy(
     copy->modtime = info->modtime;
     copy->listed = info->listed;
     copy->has_metadata = info->has_metadata;
+    copy->cached_at = info->cached_at;
+    copy->listed_at = info->listed_at;
     return copy;
 }
 

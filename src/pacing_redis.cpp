@@ -13,8 +13,12 @@
  * While the server cannot be reached the session paces by its host's
  * files, says so once in the log, and tries the server again at most once
  * every few seconds.  A client's command never fails because of the store.
+ *
+ * The same connection runs the scripts of the sessions' change journal
+ * (shared_store.h, journal_store.cpp).
  */
 #include <hiredis/hiredis.h>
+#include <openssl/sha.h>
 #include <pthread.h>
 #include <signal.h>
 #include <strings.h>
@@ -31,6 +35,7 @@
 #include <vector>
 
 #include "pacing.h"
+#include "shared_store.h"
 
 namespace {
 
@@ -307,7 +312,54 @@ public:
         return std::nullopt;
     }
 
+    /* Runs a script by its digest, then by its text when the store does
+     * not know it; the answer's elements as text, or none. */
+    std::optional<std::vector<std::string>> eval(const std::string &script,
+                                                 const std::string &digest,
+                                                 const std::vector<std::string> &keys,
+                                                 const std::vector<std::string> &args)
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        sigpipe_guard no_sigpipe;
+        if (context_ == nullptr && !connect())
+            return std::nullopt;
+        std::vector<std::string> words = {"EVALSHA", digest, std::to_string(keys.size())};
+        words.insert(words.end(), keys.begin(), keys.end());
+        words.insert(words.end(), args.begin(), args.end());
+        reply_ptr reply = command(words);
+        if (reply != nullptr && reply->type == REDIS_REPLY_ERROR &&
+            strncmp(reply->str, "NOSCRIPT", 8) == 0) {
+            words[0] = "EVAL";
+            words[1] = script;
+            reply = command(words);
+        }
+        if (reply != nullptr && reply->type == REDIS_REPLY_ARRAY)
+            return array_text(reply.get());
+        if (reply == nullptr)
+            give_up(context_->errstr);
+        else if (reply->type == REDIS_REPLY_ERROR)
+            give_up(std::string(reply->str, reply->len));
+        else
+            give_up("an answer that is not an array");
+        return std::nullopt;
+    }
+
 private:
+    static std::vector<std::string> array_text(const redisReply *reply)
+    {
+        std::vector<std::string> text;
+        for (size_t i = 0; i < reply->elements; i++) {
+            const redisReply *element = reply->element[i];
+            if (element->type == REDIS_REPLY_INTEGER)
+                text.push_back(std::to_string(element->integer));
+            else if (element->type == REDIS_REPLY_STRING || element->type == REDIS_REPLY_STATUS)
+                text.emplace_back(element->str, element->len);
+            else
+                text.emplace_back();
+        }
+        return text;
+    }
+
     reply_ptr command(const std::vector<std::string> &words)
     {
         std::vector<const char *> argv;
@@ -484,7 +536,11 @@ bool tarvex_box_pacing_store_configure(const char *url, std::string *why)
     return url == nullptr || store.address.has_value();
 }
 
-tarvex_box_pacing_s *tarvex_box_pacing_store_open(const char *name)
+namespace {
+
+/* The link to the configured store, shared by whatever is open on it;
+ * null when no store is configured. */
+std::shared_ptr<redis_link> store_link()
 {
     store_setting &store = the_store();
     std::lock_guard<std::mutex> guard(store.lock);
@@ -495,5 +551,47 @@ tarvex_box_pacing_s *tarvex_box_pacing_store_open(const char *name)
         link = std::make_shared<redis_link>(*store.address);
         store.link = link;
     }
+    return link;
+}
+
+std::string hex_sha1(const std::string &text)
+{
+    unsigned char digest[SHA_DIGEST_LENGTH];
+    SHA1(reinterpret_cast<const unsigned char *>(text.data()), text.size(), digest);
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char byte : digest) {
+        hex += digits[byte >> 4];
+        hex += digits[byte & 15];
+    }
+    return hex;
+}
+
+} // namespace
+
+tarvex_box_pacing_s *tarvex_box_pacing_store_open(const char *name)
+{
+    std::shared_ptr<redis_link> link = store_link();
+    if (link == nullptr)
+        return nullptr;
     return new redis_pacing(link, key_prefix + std::string(name));
+}
+
+struct tarvex_box_store_s {
+    std::shared_ptr<redis_link> link;
+};
+
+std::shared_ptr<tarvex_box_store_s> tarvex_box_store_open()
+{
+    std::shared_ptr<redis_link> link = store_link();
+    if (link == nullptr)
+        return nullptr;
+    return std::make_shared<tarvex_box_store_s>(tarvex_box_store_s{std::move(link)});
+}
+
+std::optional<std::vector<std::string>> tarvex_box_store_eval(
+    tarvex_box_store_s &store, const std::string &script, const std::vector<std::string> &keys,
+    const std::vector<std::string> &args)
+{
+    return store.link->eval(script, hex_sha1(script), keys, args);
 }

@@ -12,6 +12,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "path_cache"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 
 namespace {
@@ -58,6 +59,7 @@ extern "C" tarvex_result_t tarvex_box_path_cache_update(tarvex_hashtable_t *cach
     tarvex_box_path_info_t *copy = tarvex_box_path_info_copy(info);
     if (copy == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
+    tarvex_box_cache_stamp(copy);
 
     if (below) {
         /* The root's children are "/x", everyone else's "/base/x". */

@@ -6,11 +6,15 @@
  * A folder's listing, once made, is trusted: a name missing from a listed
  * folder is reported missing without asking Box again.  A cached entry
  * whose parent is not the folder it was reached through is stale; it is
- * dropped and the folder listed again.
+ * dropped and the folder listed again.  So is one older than the policy's
+ * time to live, and a listing that old no longer counts; with the shared
+ * session cache, what the user's other sessions changed is dropped before
+ * the walk begins (session_journal.h).
  */
 #include <cstring>
 #include <string>
 
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -30,7 +34,7 @@ tarvex_result_t tarvex_l_box_list(tarvex_box_session_t *box, tarvex_box_path_inf
     tarvex_result_t result =
         tarvex_box_get_folder_items(box, folder->id, folder->name, nullptr, nullptr);
     if (result == TARVEX_SUCCESS)
-        folder->listed = true;
+        tarvex_box_cache_mark_listed(folder);
     return result;
 }
 
@@ -50,15 +54,17 @@ tarvex_result_t tarvex_l_box_lookup(tarvex_box_session_t *box,
                                     tarvex_box_path_info_t **entry)
 {
     tarvex_box_path_info_t *found = tarvex_box_path_cache_query(&box->cache, key.c_str());
-    if (found != nullptr && tarvex_l_box_is_child(found, folder)) {
+    if (found != nullptr && tarvex_l_box_is_child(found, folder) &&
+        !tarvex_box_cache_expired(box, found)) {
         *entry = found;
         return TARVEX_SUCCESS;
     }
     if (found != nullptr) {
-        /* Moved or replaced on Box since we cached it. */
+        /* Moved or replaced on Box since we cached it, or cached too long
+         * ago to be trusted. */
         tarvex_box_path_cache_remove(&box->cache, key.c_str());
         folder->listed = false;
-    } else if (folder->listed) {
+    } else if (tarvex_box_cache_listed(box, folder)) {
         *entry = nullptr;
         return TARVEX_SUCCESS;
     }
@@ -86,11 +92,15 @@ tarvex_result_t tarvex_l_box_path_resolve(tarvex_box_session_t *box, const char 
         return tarvex_l_box_not_found(path != nullptr ? path : "");
     }
 
-    /* Session start listed the root, so it counts as listed for good. */
+    tarvex_box_journal_catch_up(box);
+
+    /* Session start listed the root, so it counts as listed for good,
+     * unless listings may age or other sessions' changes unlist it. */
     tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&box->cache, "/");
     if (folder == nullptr)
         return TARVEX_BOX_GENERIC_ERROR("%s", "The root folder is missing from the cache");
-    folder->listed = true;
+    if (tarvex_box_cache_root_always_listed(box))
+        folder->listed = true;
 
     const std::string whole(path);
     tarvex_box_path_info_t *entry = nullptr;
@@ -104,7 +114,7 @@ tarvex_result_t tarvex_l_box_path_resolve(tarvex_box_session_t *box, const char 
          * prefix of "//x" must not be taken for the root. */
         tarvex_box_path_info_t *next = nullptr;
         const std::string prefix = whole.substr(0, slash);
-        if (slash == start && folder->listed) {
+        if (slash == start && tarvex_box_cache_listed(box, folder)) {
             walked = false;
             break;
         }

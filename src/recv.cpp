@@ -1,14 +1,18 @@
 /*
  * Upload (STOR and its restarts).  The receive operation replaces a file
- * of the same name, checks the announced size against the user's Box
- * upload limit and stores the client's data either in one multipart
- * request or, for files announced larger than tarvex_i_box_chunked_minimum,
- * through a Box upload session: the data is read one part at a time into
- * one buffer, each part is sent with its own SHA-1, running SHA-1 and MD5
- * digests of the whole file are kept, and the session is committed with
- * the whole file's SHA-1; the MD5 is then stored as the file's "tarvex-md5"
- * property.  An open upload session is remembered under the file's path,
- * so that a restarted store in the same login continues at its next part.
+ * of the same name (deleting it first, or, with the policy's "replace":
+ * "new-version", by uploading a new version of it), checks the announced
+ * size against the user's Box upload limit and stores the client's data
+ * either in one multipart request or, for files announced larger than
+ * tarvex_i_box_chunked_minimum, through a Box upload session: the data is
+ * read one part at a time into one buffer (or, with the policy's
+ * "upload_parts_in_flight", several parts go to Box at once:
+ * upload_parts.h), each part is sent with its own SHA-1, running SHA-1 and
+ * MD5 digests of the whole file are kept, and the session is committed
+ * with the whole file's SHA-1; the MD5 is then stored as the file's
+ * "tarvex-md5" property.  An open upload session is remembered under the
+ * file's path, so that a restarted store in the same login continues at
+ * its next part.
  */
 #include <errno.h>
 #include <stdint.h>
@@ -18,90 +22,24 @@
 #include <time.h>
 
 #include <memory>
+#include <string>
 #include <system_error>
 #include <thread>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "recv"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "upload_answer.h"
+#include "upload_parts.h"
+#include "upload_stream.h"
 
 namespace {
 
 /* What Box is asked to return of a stored file. */
 constexpr const char *tarvex_l_box_upload_fields =
     "type,id,name,parent,size,content_modified_at,sha1";
-
-/*
- * Meeting point of the part uploader and the framework's read completions
- * (which run on another thread).  Guarded by `mutex`; every completion
- * signals `cond`.
- */
-typedef struct tarvex_l_box_monitor_s {
-    tarvex_mutex_t mutex;
-    tarvex_cond_t cond;
-    size_t length;          /* bytes in the part buffer so far */
-    bool eof;               /* the client's data has ended */
-    bool done;              /* cleared with the others; nothing reads it */
-    tarvex_result_t result; /* of the latest completion */
-    /* Completions so far: the uploader waits until this moves, since a
-     * condition variable may wake without a signal, and a second read
-     * registered while the first is still out would fill the same bytes. */
-    unsigned long completions;
-} tarvex_l_box_monitor_t;
-
-void tarvex_l_box_gridftp_read_cb(tarvex_gfs_operation_t op, tarvex_result_t result,
-                                  tarvex_byte_t *, tarvex_size_t nbytes, tarvex_off_t, bool eof,
-                                  void *user_arg)
-{
-    /* The data landed where the registered buffer pointed; the offset
-     * tells nothing more. */
-    auto *monitor = static_cast<tarvex_l_box_monitor_t *>(user_arg);
-    tarvex_mutex_lock(&monitor->mutex);
-    monitor->result = result;
-    monitor->eof = eof;
-    monitor->length += nbytes;
-    monitor->completions++;
-    tarvex_cond_signal(&monitor->cond);
-    tarvex_mutex_unlock(&monitor->mutex);
-    tarvex_gridftp_server_update_bytes_recvd(op, static_cast<tarvex_off_t>(nbytes));
-}
-
-/* Standard base64 with "=" padding; false when `outbuf` cannot hold the
- * text and its NUL. */
-bool tarvex_l_gfs_base64_encode(const unsigned char *inbuf, size_t in_len, char *outbuf,
-                                size_t out_len)
-{
-    static const char alphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    if (out_len < (in_len + 2) / 3 * 4 + 1)
-        return false;
-    size_t o = 0;
-    for (size_t i = 0; i < in_len; i += 3) {
-        uint32_t group = static_cast<uint32_t>(inbuf[i]) << 16;
-        if (i + 1 < in_len)
-            group |= static_cast<uint32_t>(inbuf[i + 1]) << 8;
-        if (i + 2 < in_len)
-            group |= inbuf[i + 2];
-        outbuf[o++] = alphabet[(group >> 18) & 63];
-        outbuf[o++] = alphabet[(group >> 12) & 63];
-        outbuf[o++] = i + 1 < in_len ? alphabet[(group >> 6) & 63] : '=';
-        outbuf[o++] = i + 2 < in_len ? alphabet[group & 63] : '=';
-    }
-    outbuf[o] = '\0';
-    return true;
-}
-
-/* "sha=" and the base64 of a SHA-1 digest: the form of Box's "digest"
- * header, for one part and for the whole file. */
-constexpr size_t tarvex_l_box_digest_size = sizeof("sha=") - 1 + 28 + 1;
-void tarvex_l_box_digest_value(const unsigned char sha1[SHA_DIGEST_LENGTH],
-                               char value[tarvex_l_box_digest_size])
-{
-    char encoded[29];
-    tarvex_l_gfs_base64_encode(sha1, SHA_DIGEST_LENGTH, encoded, sizeof(encoded));
-    snprintf(value, tarvex_l_box_digest_size, "sha=%s", encoded);
-}
 
 /* The client's wanted modification time as Box's "content_modified_at";
  * false (and an empty text) when the client gave none. */
@@ -145,46 +83,6 @@ tarvex_result_t tarvex_l_box_error_with_cause(tarvex_result_t cause, const char 
                                                          TARVEX_GFS_ERROR_GENERIC,
                                                          TARVEX_BOX_SOURCE, __func__,
                                                          __LINE__, "%s", message));
-}
-
-/*
- * Takes in the "entries" of Box's answer to a store: each is parsed,
- * given the file's MD5 property when `md5_str` is set, and entered into
- * the path cache under the parent's path.  An answer without an
- * "entries" array is taken as it is.
- */
-tarvex_result_t tarvex_l_box_take_entries(tarvex_box_session_t *box, json_t *answer,
-                                          const tarvex_box_path_info_t *parent,
-                                          const char *md5_str)
-{
-    json_t *entries = json_object_get(answer, "entries");
-    if (!json_is_array(entries))
-        return TARVEX_SUCCESS;
-    for (size_t i = 0; i < json_array_size(entries); i++) {
-        tarvex_box_path_info_t entry = {};
-        tarvex_box_info_guard guard{&entry};
-        tarvex_result_t result = tarvex_box_object_info_parse(json_array_get(entries, i), &entry);
-        /* An entry without an id or a name cannot be addressed or cached:
-         * as unusable as one that does not parse. */
-        if (result != TARVEX_SUCCESS || entry.id == nullptr || entry.name == nullptr) {
-            tarvex_error_discard(result);
-            return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
-        }
-        if (md5_str != nullptr) {
-            result = tarvex_i_box_set_metadata(box, &entry, "tarvex-md5", md5_str);
-            if (result != TARVEX_SUCCESS)
-                return result;
-            entry.md5 = strdup(md5_str);
-            if (entry.md5 == nullptr)
-                return TARVEX_BOX_MALLOC_ERROR();
-        }
-        result = tarvex_box_path_cache_update(&box->cache, &entry, parent->name);
-        if (result != TARVEX_SUCCESS) {
-            tarvex_error_discard(result);
-            return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
-        }
-    }
-    return TARVEX_SUCCESS;
 }
 
 /*
@@ -238,6 +136,67 @@ tarvex_result_t tarvex_l_box_delete_existing(tarvex_box_session_t *box,
     return result;
 }
 
+/* 553 before anything is touched: the root folder cannot be stored over. */
+tarvex_result_t tarvex_l_box_refuse_folder_path(const char *path)
+{
+    return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+        nullptr, nullptr, 553, "INVALID_PATH_NAME", "GridFTP-Path: %s is a folder", path));
+}
+
+/*
+ * A restart (REST, APPE: no truncation, an offset) can only continue an
+ * upload session this login opened for the path: the one-request upload
+ * would store the bytes from the offset on as the whole file, and without
+ * a session there is nothing to continue.  Refused here, before anything
+ * of the old file is touched.
+ */
+tarvex_result_t tarvex_l_box_check_restart(tarvex_gfs_transfer_info_t *info,
+                                           tarvex_box_session_t *box, bool one_request)
+{
+    if (info->truncate || info->partial_offset == 0)
+        return TARVEX_SUCCESS;
+    if (one_request)
+        return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 553, "APPEND_NOT_SUPPORTED", nullptr));
+    if (tarvex_box_upload_state_query(&box->upload_state, info->pathname) == nullptr)
+        return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
+            nullptr, nullptr, 553, "MULTI_PART_UPLOAD_NOT_FOUND", nullptr));
+    return TARVEX_SUCCESS;
+}
+
+/*
+ * What becomes of the item already at the path.  With "replace":
+ * "new-version" a file stays, and the store uploads a new version of it
+ * (`*version_of` its id), so that its content is current until the new one
+ * is complete.  Otherwise it is deleted as by DELE (type 3,
+ * TARVEX_BOX_UNKNOWN in the item types' numbering): a folder is refused
+ * ("Path is a folder.") and stays, in either mode.  A restart continues a
+ * session that was opened as a new version or after the deletion.
+ */
+tarvex_result_t tarvex_l_box_clear_the_way(tarvex_gfs_transfer_info_t *info,
+                                           tarvex_box_session_t *box,
+                                           tarvex_box_path_info_t *path_info,
+                                           std::string *version_of)
+{
+    bool keep_file = tarvex_i_box_replace == TARVEX_BOX_REPLACE_NEW_VERSION &&
+                     path_info->type == TARVEX_BOX_FILE;
+    if (!keep_file)
+        return tarvex_l_box_delete_existing(box, path_info);
+    if (info->truncate)
+        *version_of = path_info->id;
+    return TARVEX_SUCCESS;
+}
+
+tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
+                                        tarvex_gfs_transfer_info_t *info,
+                                        tarvex_box_session_t *box, tarvex_box_path_info_t *parent,
+                                        const char *version_of);
+tarvex_result_t tarvex_l_box_recv_chunked(tarvex_gfs_operation_t op,
+                                          tarvex_gfs_transfer_info_t *info,
+                                          tarvex_box_session_t *box,
+                                          tarvex_box_path_info_t *parent,
+                                          const char *version_of);
+
 tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info,
                                   tarvex_box_session_t *box)
 {
@@ -245,31 +204,27 @@ tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer
     if (result != TARVEX_SUCCESS)
         return result;
 
-    /* A restarted store can only continue an upload session.  The
-     * one-request upload cannot continue a file: it would store the bytes
-     * sent from the restart offset as the whole file, after deleting the
-     * old one.  Refused before anything is deleted. */
     bool one_request =
         static_cast<int64_t>(info->alloc_size) <= static_cast<int64_t>(tarvex_i_box_chunked_minimum);
-    if (!info->truncate && info->partial_offset != 0 && one_request)
-        return tarvex_l_box_ftp_error(tarvex_gfs_ftp_response_error_construct(
-            nullptr, nullptr, 553, "APPEND_NOT_SUPPORTED", nullptr));
+    result = tarvex_l_box_check_restart(info, box, one_request);
+    if (result != TARVEX_SUCCESS)
+        return result;
 
     tarvex_box_path_info_t *path_info = nullptr;
     tarvex_box_path_info_t *parent_info = nullptr;
     result = tarvex_box_path_resolve(box, info->pathname, &path_info, &parent_info);
     /* No parent: the folder to store into is missing (the resolution's
-     * error), or the path names a folder itself ("/" or a trailing "/"),
-     * which resolves without a parent; such a store answers success and
-     * stores nothing, as it always has. */
+     * error), or the path is the root itself ("/", also as "/d/.."). */
     if (parent_info == nullptr)
-        return result;
+        return result == TARVEX_SUCCESS ? tarvex_l_box_refuse_folder_path(info->pathname)
+                                        : result;
 
-    /* The old file is deleted before the size check and before any new
-     * byte has arrived: a store that then fails for any reason leaves
-     * neither file behind.  Clients have always seen it so. */
+    /* By default the old file is deleted before the size check and before
+     * any new byte has arrived: a store that then fails for any reason
+     * leaves neither file behind.  Clients have always seen it so. */
+    std::string version_of;
     if (result == TARVEX_SUCCESS) {
-        result = tarvex_l_box_delete_existing(box, path_info);
+        result = tarvex_l_box_clear_the_way(info, box, path_info, &version_of);
         if (result != TARVEX_SUCCESS)
             return result;
     } else {
@@ -278,25 +233,33 @@ tarvex_result_t tarvex_l_box_recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer
     }
 
     /* So a client whose store is refused for its size has already lost
-     * the file it meant to replace. */
+     * the file it meant to replace, unless it is replaced by versions. */
     if (static_cast<uint64_t>(info->alloc_size) > box->max_upload)
         return tarvex_l_box_quota_exceeded(info->pathname, info->alloc_size, box->max_upload);
 
     /* A client that announces no size (no ALLO) always gets the one-request
      * upload, whatever it then sends. */
+    const char *target = version_of.empty() ? nullptr : version_of.c_str();
     if (!one_request)
-        return tarvex_i_box_recv_chunked(op, info, box, parent_info);
-    return tarvex_i_box_recv_small(op, info, box, parent_info);
+        return tarvex_box_traced("tarvex_i_box_recv_chunked", [&] {
+            return tarvex_l_box_recv_chunked(op, info, box, parent_info, target);
+        });
+    return tarvex_box_traced("tarvex_i_box_recv_small", [&] {
+        return tarvex_l_box_recv_small(op, info, box, parent_info, target);
+    });
 }
 
 /* ---- the one-request upload ---- */
 
-/* The attributes part of the one-request upload, as compact JSON text. */
+/* The attributes part of the one-request upload, as compact JSON text: a
+ * new file names its folder, a new version only its name. */
 tarvex_box_cstr_ptr tarvex_l_box_upload_attributes(const char *name, const char *parent_id,
                                                    const char *modtime_str)
 {
     tarvex_box_json_ptr attributes(
-        json_pack("{s:s, s:{s:s}}", "name", name, "parent", "id", parent_id));
+        parent_id != nullptr
+            ? json_pack("{s:s, s:{s:s}}", "name", name, "parent", "id", parent_id)
+            : json_pack("{s:s}", "name", name));
     if (attributes == nullptr)
         return nullptr;
     if (modtime_str[0] != '\0' &&
@@ -358,55 +321,6 @@ tarvex_result_t tarvex_l_box_new_session(json_t *answer, const char *path,
 }
 
 /* ---- parts ---- */
-
-/*
- * Fills the part buffer from the client's data: up to `part_size` bytes,
- * or fewer when the data ends.  After the last part one more read of no
- * bytes has to see the end of the data, so that a client sending more than
- * it announced fails the store instead of being cut short silently.  One
- * read is out at a time; the callback's updates are seen under the mutex.
- * A read that fails ends the filling: what follows it cannot be trusted.
- */
-tarvex_result_t tarvex_l_box_fill_part(tarvex_gfs_operation_t op, tarvex_l_box_monitor_t *monitor,
-                                       tarvex_byte_t *buffer, size_t part_size, bool last)
-{
-    tarvex_mutex_lock(&monitor->mutex);
-    monitor->length = 0;
-    monitor->eof = false;
-    monitor->done = false;
-    monitor->result = TARVEX_SUCCESS;
-
-    tarvex_result_t result = TARVEX_SUCCESS;
-    for (;;) {
-        size_t wanted = part_size - monitor->length;
-        if (wanted == 0 && !last)
-            break;
-        unsigned long seen = monitor->completions;
-        result = tarvex_gridftp_server_register_read(op, buffer + monitor->length, wanted,
-                                                     tarvex_l_box_gridftp_read_cb, monitor);
-        if (result != TARVEX_SUCCESS)
-            break;
-        while (monitor->completions == seen)
-            tarvex_cond_wait(&monitor->cond, &monitor->mutex);
-        if (monitor->eof || monitor->result != TARVEX_SUCCESS)
-            break;
-    }
-    if (result == TARVEX_SUCCESS)
-        result = monitor->result;
-    tarvex_mutex_unlock(&monitor->mutex);
-    return result;
-}
-
-/* A part's own "digest" value. */
-tarvex_result_t tarvex_l_box_digest_part(const tarvex_byte_t *data, size_t length,
-                                         char digest[tarvex_l_box_digest_size])
-{
-    unsigned char sha1[SHA_DIGEST_LENGTH];
-    if (SHA1(data, length, sha1) == nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed generating part hash.");
-    tarvex_l_box_digest_value(sha1, digest);
-    return TARVEX_SUCCESS;
-}
 
 /*
  * Adds a part to the whole file's running SHA-1 and MD5 while the part's
@@ -473,42 +387,16 @@ tarvex_result_t tarvex_l_box_send_part(tarvex_gfs_operation_t op, tarvex_box_ses
                                        int index, tarvex_byte_t *buffer, size_t length,
                                        bool *unlisted)
 {
-    char digest[tarvex_l_box_digest_size];
-    tarvex_result_t result = tarvex_l_box_digest_part(buffer, length, digest);
+    tarvex_box_part_put put;
+    tarvex_result_t result = put.prepare(upload, url, index, buffer, length);
     if (result != TARVEX_SUCCESS)
         return result;
     tarvex_l_box_file_digester file_digests(upload, buffer, length);
 
-    int64_t first = static_cast<int64_t>(index) * static_cast<int64_t>(upload->part_size);
-    char range[80];
-    snprintf(range, sizeof(range), "bytes %ld-%ld/%ld", static_cast<long>(first),
-             static_cast<long>(first + static_cast<int64_t>(length) - 1),
-             static_cast<long>(upload->total_size));
-
-    /* The header is "digest" in lower case: what Box has always been sent. */
-    tarvex_dsi_rest_key_value_t headers[] = {
-        {"Content-Type", "application/octet-stream"},
-        {"Content-Range", range},
-        {"digest", digest},
-    };
-    tarvex_dsi_rest_write_block_arg_t block = {buffer, length};
-    tarvex_box_request_t request = {};
-    tarvex_box_request_guard guard{&request};
-    request.caller = "tarvex_i_box_upload_parts";
-    request.method = "PUT";
-    request.url = url;
-    request.headers = headers;
-    request.header_count = 3;
-    request.write_callback = tarvex_dsi_rest_write_block;
-    request.write_callback_arg = &block;
-    request.attempts = 3;
-    /* A part may take long: the token is renewed before every attempt,
-     * the attempts are not paced, and a part gets twice the idle time. */
-    request.no_delay = true;
-    request.refresh_token = true;
-    request.op = op;
-    request.progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms;
-    result = tarvex_box_request(box, &request);
+    /* A part may take long: the token is renewed before every attempt. */
+    put.request.refresh_token = true;
+    put.request.op = op;
+    result = tarvex_box_request(box, &put.request);
     tarvex_result_t digested = file_digests.finish();
     if (digested != TARVEX_SUCCESS) {
         tarvex_error_discard(result);
@@ -517,9 +405,9 @@ tarvex_result_t tarvex_l_box_send_part(tarvex_gfs_operation_t op, tarvex_box_ses
     if (result != TARVEX_SUCCESS)
         return result;
 
-    if (request.json == nullptr)
+    if (put.request.json == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
-    json_t *part = json_object_get(request.json, "part");
+    json_t *part = json_object_get(put.request.json, "part");
     *unlisted = part == nullptr;
     if (part != nullptr)
         json_array_append(upload->part_array, part);
@@ -546,7 +434,8 @@ tarvex_result_t tarvex_l_box_commit_check(tarvex_box_request_t *request, bool *r
 /* The whole file's digests: the MD5 as 32 lower-case hex digits, the SHA-1
  * as a "digest" value. */
 tarvex_result_t tarvex_l_box_file_digests(tarvex_box_upload_session_t *upload, char md5_str[33],
-                                          char digest[tarvex_l_box_digest_size])
+                                          char digest[tarvex_box_digest_size],
+                                          std::string *sha1_hex)
 {
     unsigned char sha1[SHA_DIGEST_LENGTH];
     unsigned char md5[MD5_DIGEST_LENGTH];
@@ -556,7 +445,11 @@ tarvex_result_t tarvex_l_box_file_digests(tarvex_box_upload_session_t *upload, c
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed finalizing file md5 hash.");
     for (size_t i = 0; i < MD5_DIGEST_LENGTH; i++)
         snprintf(md5_str + 2 * i, 3, "%.2x", md5[i]);
-    tarvex_l_box_digest_value(sha1, digest);
+    for (unsigned char byte : sha1) {
+        *sha1_hex += "0123456789abcdef"[byte >> 4];
+        *sha1_hex += "0123456789abcdef"[byte & 15];
+    }
+    tarvex_box_digest_value(sha1, digest);
     return TARVEX_SUCCESS;
 }
 
@@ -586,9 +479,20 @@ tarvex_result_t tarvex_l_box_commit_body(tarvex_box_upload_session_t *upload,
     return *text != nullptr ? TARVEX_SUCCESS : TARVEX_BOX_MALLOC_ERROR();
 }
 
+/* Where the one-request upload goes: a new file, or a new version. */
+tarvex_box_cstr_ptr tarvex_l_box_small_url(const char *version_of)
+{
+    if (version_of != nullptr)
+        return tarvex_box_cstr_ptr(tarvex_common_create_string(
+            "%s/api/2.0/files/%s/content", tarvex_box_upload_base(), version_of));
+    return tarvex_box_cstr_ptr(
+        tarvex_common_create_string("%s/api/2.0/files/content", tarvex_box_upload_base()));
+}
+
 tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
                                         tarvex_gfs_transfer_info_t *info,
-                                        tarvex_box_session_t *box, tarvex_box_path_info_t *parent)
+                                        tarvex_box_session_t *box, tarvex_box_path_info_t *parent,
+                                        const char *version_of)
 {
     /* The range is taken as it is: this path stores whatever arrives as
      * the whole file. */
@@ -612,7 +516,8 @@ tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
     const char *name = tarvex_l_box_base_name(info->pathname);
     if (name == nullptr)
         return tarvex_l_box_no_base_name(info->pathname);
-    tarvex_box_cstr_ptr attributes = tarvex_l_box_upload_attributes(name, parent->id, modtime_str);
+    tarvex_box_cstr_ptr attributes = tarvex_l_box_upload_attributes(
+        name, version_of != nullptr ? nullptr : parent->id, modtime_str);
     /* jansson refuses a name that is not UTF-8 as it refuses no memory. */
     if (attributes == nullptr)
         return TARVEX_BOX_GENERIC_ERROR("%s", "The file name cannot be sent to Box.");
@@ -620,8 +525,7 @@ tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
      * name from the attributes, not from this header. */
     tarvex_box_cstr_ptr disposition(tarvex_common_create_string(
         "form-data; name=\"file\"; filename=\"%s\"", name));
-    tarvex_box_cstr_ptr url(
-        tarvex_common_create_string("%s/api/2.0/files/content", tarvex_box_upload_base()));
+    tarvex_box_cstr_ptr url = tarvex_l_box_small_url(version_of);
     if (disposition == nullptr || url == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
@@ -634,10 +538,11 @@ tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
         {"Content-Type", "application/octet-stream"}};
     tarvex_dsi_rest_write_block_arg_t attributes_block = {attributes.get(),
                                                           strlen(attributes.get())};
-    tarvex_dsi_rest_gridftp_op_arg_t data = {op, start_byte, byte_count, false};
+    tarvex_box_upload_stream data(op, start_byte, byte_count,
+                                  static_cast<uint64_t>(info->alloc_size), version_of != nullptr);
     tarvex_dsi_rest_write_part_t parts[2] = {
         {{1, attributes_headers}, tarvex_dsi_rest_write_block, &attributes_block},
-        {{2, file_headers}, tarvex_dsi_rest_write_gridftp_op, &data},
+        {{2, file_headers}, tarvex_box_upload_stream_write, &data},
     };
     tarvex_dsi_rest_multipart_arg_t multipart = {2, parts};
     tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_upload_fields}};
@@ -659,21 +564,37 @@ tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
     request.attempts = 1;
     request.retry = &box->user_upload_retry;
     result = tarvex_box_request(box, &request);
-    if (result != TARVEX_SUCCESS)
-        return result;
-    if (request.json == nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("%s", "No metadata response after upload.");
-    return tarvex_l_box_take_entries(box, request.json, parent, nullptr);
+    if (data.off_count) {
+        tarvex_error_discard(result);
+        return data.off_count_error();
+    }
+    /* An answer lost after the whole body went out may hide a stored
+     * file; one lost before it cannot. */
+    if (!data.ended)
+        request.answers_lost = 0;
+    std::string md5 = version_of != nullptr ? data.md5_hex() : "";
+    tarvex_box_stored_file file = {parent, name, version_of != nullptr, data.count,
+                                   data.sha1_hex(), md5.empty() ? nullptr : md5.c_str()};
+    return tarvex_box_store_outcome(box, file, result, request);
 }
+
+tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
+                                                   tarvex_gfs_transfer_info_t *info,
+                                                   tarvex_box_path_info_t *parent,
+                                                   const char *version_of,
+                                                   tarvex_box_upload_session_t **upload_out);
 
 tarvex_result_t tarvex_l_box_recv_chunked(tarvex_gfs_operation_t op,
                                           tarvex_gfs_transfer_info_t *info,
                                           tarvex_box_session_t *box,
-                                          tarvex_box_path_info_t *parent)
+                                          tarvex_box_path_info_t *parent,
+                                          const char *version_of)
 {
     tarvex_box_upload_session_t *upload = nullptr;
     if (info->truncate) {
-        tarvex_result_t result = tarvex_i_box_create_upload_session(box, info, parent, &upload);
+        tarvex_result_t result = tarvex_box_traced("tarvex_i_box_create_upload_session", [&] {
+            return tarvex_l_box_create_upload_session(box, info, parent, version_of, &upload);
+        });
         if (result != TARVEX_SUCCESS)
             return result;
     } else {
@@ -699,9 +620,33 @@ tarvex_result_t tarvex_l_box_recv_chunked(tarvex_gfs_operation_t op,
     return result;
 }
 
+/* What opens the session: for a new file its folder, size and name; for
+ * a new version the file's URL, its size and name. */
+tarvex_box_json_ptr tarvex_l_box_session_body(const tarvex_box_path_info_t *parent,
+                                              const char *name, tarvex_off_t size,
+                                              const char *version_of)
+{
+    json_int_t file_size = static_cast<json_int_t>(size);
+    if (version_of != nullptr)
+        return tarvex_box_json_ptr(
+            json_pack("{s:I, s:s}", "file_size", file_size, "file_name", name));
+    return tarvex_box_json_ptr(json_pack("{s:s, s:I, s:s}", "folder_id", parent->id,
+                                         "file_size", file_size, "file_name", name));
+}
+
+tarvex_box_cstr_ptr tarvex_l_box_session_url(const char *version_of)
+{
+    if (version_of != nullptr)
+        return tarvex_box_cstr_ptr(tarvex_common_create_string(
+            "%s/api/2.0/files/%s/upload_sessions", tarvex_box_upload_base(), version_of));
+    return tarvex_box_cstr_ptr(tarvex_common_create_string("%s/api/2.0/files/upload_sessions",
+                                                           tarvex_box_upload_base()));
+}
+
 tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
                                                    tarvex_gfs_transfer_info_t *info,
                                                    tarvex_box_path_info_t *parent,
+                                                   const char *version_of,
                                                    tarvex_box_upload_session_t **upload_out)
 {
     if (parent->type != TARVEX_BOX_FOLDER)
@@ -711,15 +656,13 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
     if (name == nullptr)
         return tarvex_l_box_no_base_name(info->pathname);
 
-    tarvex_box_json_ptr body(json_pack("{s:s, s:I, s:s}", "folder_id", parent->id, "file_size",
-                                       static_cast<json_int_t>(info->alloc_size), "file_name",
-                                       name));
+    tarvex_box_json_ptr body =
+        tarvex_l_box_session_body(parent, name, info->alloc_size, version_of);
     /* jansson refuses a name that is not UTF-8 as it refuses no memory. */
     if (body == nullptr)
         return TARVEX_BOX_GENERIC_ERROR("%s", "The file name cannot be sent to Box.");
     tarvex_box_cstr_ptr text(json_dumps(body.get(), JSON_COMPACT));
-    tarvex_box_cstr_ptr url(tarvex_common_create_string("%s/api/2.0/files/upload_sessions",
-                                                        tarvex_box_upload_base()));
+    tarvex_box_cstr_ptr url = tarvex_l_box_session_url(version_of);
     if (text == nullptr || url == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
@@ -756,6 +699,7 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
     result = tarvex_l_box_new_session(request.json, info->pathname, info->alloc_size, &upload);
     if (result != TARVEX_SUCCESS)
         return result;
+    upload->new_version = version_of != nullptr;
     /* The table keeps an open upload of this path and refuses a second
      * one: a fresh store over an upload that broke off in this login fails
      * here, after Box has opened the new session. */
@@ -822,6 +766,18 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     if (url == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
     tarvex_gridftp_server_begin_transfer(op, 0, 0);
+    /* With the policy's "upload_parts_in_flight", several at a time
+     * (upload_parts.h); one at a time should no thread be had. */
+    if (tarvex_i_box_upload_parts_in_flight > 1 &&
+        first_part < static_cast<uint64_t>(upload->num_parts)) {
+        bool started = false;
+        tarvex_result_t result = tarvex_box_upload_parts_in_flight(
+            op, box, upload, url.get(), static_cast<int>(first_part),
+            tarvex_i_box_upload_parts_in_flight, &started);
+        if (started)
+            return result;
+        tarvex_error_discard(result);
+    }
     /* The only copy of the client's data held: one part at a time. */
     std::unique_ptr<tarvex_byte_t, void (*)(void *)> buffer(
         static_cast<tarvex_byte_t *>(malloc(part_size)), free);
@@ -834,17 +790,8 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     if (first_part >= static_cast<uint64_t>(upload->num_parts))
         return TARVEX_FAILURE;
 
-    tarvex_l_box_monitor_t monitor = {};
-    tarvex_mutex_init(&monitor.mutex, nullptr);
-    tarvex_cond_init(&monitor.cond, nullptr);
-    struct monitor_guard {
-        tarvex_l_box_monitor_t *m;
-        ~monitor_guard()
-        {
-            tarvex_cond_destroy(&m->cond);
-            tarvex_mutex_destroy(&m->mutex);
-        }
-    } monitor_guard{&monitor};
+    tarvex_box_monitor_scope reader;
+    tarvex_box_monitor_t &monitor = reader.monitor;
 
     /* A part whose answer lacks "part" is left out of the commit's list;
      * the complaint is kept only when it is the last part's (the next
@@ -854,7 +801,7 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
     for (int index = static_cast<int>(first_part); index < upload->num_parts; index++) {
         bool last = index == upload->num_parts - 1;
         tarvex_error_discard(result);
-        result = tarvex_l_box_fill_part(op, &monitor, buffer.get(), part_size, last);
+        result = tarvex_box_fill_part(op, &monitor, buffer.get(), part_size, last);
         if (result != TARVEX_SUCCESS)
             break;
         bool unlisted = false;
@@ -869,6 +816,7 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
 }
 
 tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box_session_t *box,
+                                           tarvex_gfs_transfer_info_t *info,
                                            tarvex_box_path_info_t *parent,
                                            tarvex_box_upload_session_t *upload)
 {
@@ -880,8 +828,9 @@ tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box
     tarvex_l_box_format_modtime(modtime, modtime_str);
 
     char md5_str[33];
-    char digest[tarvex_l_box_digest_size];
-    result = tarvex_l_box_file_digests(upload, md5_str, digest);
+    char digest[tarvex_box_digest_size];
+    std::string sha1_hex;
+    result = tarvex_l_box_file_digests(upload, md5_str, digest, &sha1_hex);
     if (result != TARVEX_SUCCESS)
         return result;
     tarvex_box_cstr_ptr body;
@@ -921,11 +870,14 @@ tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box
     request.retry = nullptr;
     request.check_answer = tarvex_l_box_commit_check;
     result = tarvex_box_request(box, &request);
-    if (result != TARVEX_SUCCESS)
-        return result;
-    if (request.json == nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("%s", "No metadata response after upload.");
-    return tarvex_l_box_take_entries(box, request.json, parent, md5_str);
+    const char *name = tarvex_l_box_base_name(info->pathname);
+    if (name == nullptr) {
+        tarvex_error_discard(result);
+        return tarvex_l_box_no_base_name(info->pathname);
+    }
+    tarvex_box_stored_file file = {parent,           name,   upload->new_version,
+                                   upload->total_size, sha1_hex, md5_str};
+    return tarvex_box_store_outcome(box, file, result, request);
 }
 
 } // namespace
@@ -937,18 +889,22 @@ extern "C" void tarvex_i_box_recv(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     auto *box = static_cast<tarvex_box_session_t *>(user_arg);
+    const unsigned long writes = tarvex_box_journal_writes(box);
     tarvex_result_t result =
         tarvex_box_guarded([&] { return tarvex_l_box_recv(op, transfer_info, box); });
+    tarvex_box_journal_publish(box, writes, transfer_info->pathname);
     tarvex_gridftp_server_finished_transfer(op, result);
     TARVEX_BOX_TRACE_RESULT(result);
 }
 
+/* The C entry points store new files; the receive operation itself also
+ * stores new versions. */
 extern "C" tarvex_result_t tarvex_i_box_recv_small(tarvex_gfs_operation_t op,
                                                    tarvex_gfs_transfer_info_t *info,
                                                    tarvex_box_session_t *box,
                                                    tarvex_box_path_info_t *parent)
 {
-    return TARVEX_BOX_TRACED(tarvex_l_box_recv_small(op, info, box, parent));
+    return TARVEX_BOX_TRACED(tarvex_l_box_recv_small(op, info, box, parent, nullptr));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_recv_chunked(tarvex_gfs_operation_t op,
@@ -956,14 +912,15 @@ extern "C" tarvex_result_t tarvex_i_box_recv_chunked(tarvex_gfs_operation_t op,
                                                      tarvex_box_session_t *box,
                                                      tarvex_box_path_info_t *parent)
 {
-    return TARVEX_BOX_TRACED(tarvex_l_box_recv_chunked(op, info, box, parent));
+    return TARVEX_BOX_TRACED(tarvex_l_box_recv_chunked(op, info, box, parent, nullptr));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_create_upload_session(
     tarvex_box_session_t *box, tarvex_gfs_transfer_info_t *info, tarvex_box_path_info_t *parent,
     tarvex_box_upload_session_t **upload)
 {
-    return TARVEX_BOX_TRACED(tarvex_l_box_create_upload_session(box, info, parent, upload));
+    return TARVEX_BOX_TRACED(
+        tarvex_l_box_create_upload_session(box, info, parent, nullptr, upload));
 }
 
 extern "C" tarvex_result_t tarvex_box_upload_session_parse(json_t *json,
@@ -982,9 +939,9 @@ extern "C" tarvex_result_t tarvex_i_box_upload_parts(tarvex_gfs_operation_t op,
 
 extern "C" tarvex_result_t tarvex_i_box_commit_upload(tarvex_gfs_operation_t op,
                                                       tarvex_box_session_t *box,
-                                                      tarvex_gfs_transfer_info_t *,
+                                                      tarvex_gfs_transfer_info_t *info,
                                                       tarvex_box_path_info_t *parent,
                                                       tarvex_box_upload_session_t *upload)
 {
-    return TARVEX_BOX_TRACED(tarvex_l_box_commit_upload(op, box, parent, upload));
+    return TARVEX_BOX_TRACED(tarvex_l_box_commit_upload(op, box, info, parent, upload));
 }

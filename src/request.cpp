@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "box_metrics.h"
+#include "origin.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -41,6 +43,14 @@ bool set_wanted_headers(tarvex_box_request_t *request)
     return true;
 }
 
+/* Whether this attempt carries the user's token: only to the API and
+ * upload origins the settings name, never with a URL that is its own
+ * authorisation (whatever origin a redirect names). */
+bool carries_token(const tarvex_box_session_t *box, const tarvex_box_request_t *request)
+{
+    return box != nullptr && !request->signed_url && tarvex_box_url_on_box_origin(request->url);
+}
+
 /* The request headers of one attempt: "Authorization" first (the token
  * may have been renewed since the last attempt), "Content-Type" for a
  * JSON body, then the caller's. */
@@ -51,9 +61,11 @@ struct attempt_headers {
 
     attempt_headers(const tarvex_box_session_t *box, const tarvex_box_request_t *request)
     {
-        if (box != nullptr) {
+        if (carries_token(box, request)) {
+            const char *token =
+                request->access_token != nullptr ? request->access_token : box->access_token;
             authorization = "Bearer ";
-            authorization += box->access_token ? box->access_token : "";
+            authorization += token != nullptr ? token : "";
             pairs.push_back({"Authorization", authorization.c_str()});
         }
         /* The trailing semicolon is what Box has always been sent. */
@@ -64,6 +76,54 @@ struct attempt_headers {
         array = {pairs.size(), pairs.data()};
     }
 };
+
+/* Whether an answer of `status` is one to take. */
+bool taken(const tarvex_box_request_t *request, int status)
+{
+    if (request->success_statuses != nullptr) {
+        for (size_t i = 0; i < request->success_status_count; i++)
+            if (request->success_statuses[i] == status)
+                return true;
+        return false;
+    }
+    return request->expected_status != 0 ? status == request->expected_status : status < 400;
+}
+
+/* 451 for an answer of none of the statuses asked for (not retried). */
+tarvex_result_t unexpected_status(const tarvex_box_request_t *request, bool *retry)
+{
+    *retry = false;
+    return tarvex_error_put(tarvex_error_construct_error(
+        nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request", __LINE__,
+        "Box answered with HTTP status %d, which this request cannot use.",
+        request->response.response_code));
+}
+
+/* Why a request was abandoned: the transfer it served ended without it. */
+tarvex_result_t abandoned()
+{
+    return tarvex_error_put(tarvex_error_construct_error(
+        nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request", __LINE__,
+        "%s", "The transfer this request was part of has ended."));
+}
+
+/* The progress callback of a request that may be abandoned: the stock idle
+ * time-out (and the operation's cancellation), then the caller's word. */
+struct progress_watch {
+    intptr_t timeout_ms;
+    const tarvex_box_request_t *request;
+};
+
+tarvex_result_t watch_progress(void *arg, uint64_t read_expected, uint64_t read_so_far,
+                               uint64_t write_expected, uint64_t written_so_far)
+{
+    auto *watch = static_cast<const progress_watch *>(arg);
+    tarvex_result_t result = tarvex_dsi_rest_progress_idle_timeout(
+        (void *)watch->timeout_ms, read_expected, read_so_far, write_expected, written_so_far);
+    if (result == TARVEX_SUCCESS && watch->request->abandon(watch->request->abandon_arg))
+        return abandoned();
+    return result;
+}
 
 void clear_attempt(tarvex_box_request_t *request)
 {
@@ -78,13 +138,15 @@ void clear_attempt(tarvex_box_request_t *request)
 tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request,
                         bool *retry, unsigned long *retry_after)
 {
-    /* Whatever named the URL (a setting, or a redirect Box answered), the
-     * token never goes out in the clear across a network. */
-    if (box != nullptr && !tarvex_box_url_may_carry_token(request->url))
+    /* Whatever named the URL, neither the token nor a signed link (as good
+     * as a password for its file) goes out in the clear across a network. */
+    bool token = carries_token(box, request);
+    if ((token || request->signed_url) && !tarvex_box_url_may_carry_token(request->url))
         return tarvex_error_put(tarvex_error_construct_error(
             nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, "request", "tarvex_box_request",
-            __LINE__, "Refusing to send the Box credential to %s: only https, or plain "
-            "http to a loopback address.", request->url ? request->url : "(none)"));
+            __LINE__, "Refusing to send %s to %s: only https, or plain http to a loopback "
+            "address.", token ? "the Box credential" : "a signed download link",
+            tarvex_box_origin(request->url).c_str()));
     attempt_headers headers(box, request);
 
     tarvex_dsi_rest_callbacks_t callbacks = {};
@@ -109,25 +171,41 @@ tarvex_result_t attempt(tarvex_box_session_t *box, tarvex_box_request_t *request
     callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
     /* The number itself travels as the argument, not a pointer to it. */
     callbacks.progress_callback_arg = (void *)(intptr_t)timeout_ms;
+    progress_watch watch = {timeout_ms, request};
+    if (request->abandon != nullptr) {
+        callbacks.progress_callback = watch_progress;
+        callbacks.progress_callback_arg = &watch;
+    }
 
     tarvex_result_t result = tarvex_dsi_rest_request(request->method, request->url,
                                                      request->query, &headers.array,
                                                      &callbacks);
     if (result != TARVEX_SUCCESS) {
+        /* A failure a new attempt may cure is one of the network (a
+         * reset, a time-out, a cut answer): Box may have had the whole
+         * request by then.  The rest (a callback's refusal, a TLS or
+         * name failure) end the exchange before Box could act. */
         *retry = tarvex_dsi_rest_error_is_retryable(result);
+        if (*retry)
+            request->answers_lost++;
         return result;
     }
 
     int status = request->response.response_code;
-    bool taken = request->expected_status != 0 ? status == request->expected_status
-                                               : status < 400;
-    if (taken)
+    if (taken(request, status))
         return request->check_answer ? request->check_answer(request, retry, retry_after)
                                      : TARVEX_SUCCESS;
+    /* Where only some statuses will do, no other passes: not one below
+     * 400, nor one the translation lets pass (an unlisted 4xx). */
+    bool strict = request->success_statuses != nullptr;
+    if (strict && status < 400)
+        return unexpected_status(request, retry);
 
     result = tarvex_box_translate_response(
         &request->response, request->translate_without_body ? nullptr : request->json,
         retry, retry_after);
+    if (result == TARVEX_SUCCESS && strict)
+        return unexpected_status(request, retry);
     if (result != TARVEX_SUCCESS && request->refusal_is_final && status >= 400)
         *retry = false;
     return result;
@@ -142,6 +220,7 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
      * calling operation, which traces its own way in and out. */
     tarvex_box_request_release(request);
     request->attempts_made = 0;
+    request->answers_lost = 0;
     if (!set_wanted_headers(request))
         return TARVEX_BOX_MALLOC_ERROR();
 
@@ -168,8 +247,16 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
             if (result != TARVEX_SUCCESS)
                 break;
         }
+        if (request->abandon != nullptr && request->abandon(request->abandon_arg)) {
+            result = abandoned();
+            break;
+        }
 
         request->attempts_made++;
+        /* Anything but a GET may change Box: the command then tells the
+         * user's other sessions (session_journal.h). */
+        if (request->method != nullptr && strcmp(request->method, "GET") != 0)
+            tarvex_box_journal_note_write(box);
         /* Only a translated answer says how long to wait; a transport
          * failure leaves the last answer's "Retry-After" in force.  The
          * attempt builds its headers as strings: out of memory it fails,

@@ -4,13 +4,23 @@
  * URL, which answers with a redirect, and the "Location" it names, whose
  * body the REST client streams into the data channel at the range's
  * offsets.  Nothing is held in memory beyond the REST client's buffers,
- * whatever the file's size.
+ * whatever the file's size.  The "Location" is a signed link: it is
+ * fetched without the user's token and never named in a reply or a log.
+ * With the policy's "download_streams", a large file's rest is fetched in
+ * several ranges at once instead (download_ranges.h).
  */
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+
+#include <algorithm>
+#include <string>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
+#include "download_ranges.h"
+#include "origin.h"
+#include "range_answer.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -20,15 +30,24 @@ namespace {
  * the content request is one the download cannot have. */
 constexpr int tarvex_l_box_range_attempts = 2;
 
+/* The download's answers that carry the file's bytes. */
+constexpr int tarvex_l_box_body_statuses[] = {200, 206};
+
 /* One read range on its way from Box into the data channel. */
 struct tarvex_l_box_range {
     tarvex_off_t start_byte;
     tarvex_off_t byte_count;               /* negative: to the end of the file */
     tarvex_dsi_rest_gridftp_op_arg_t sink; /* offset: where the next byte goes */
-    tarvex_off_t asked_from;               /* the first byte `value` asks for */
     tarvex_box_cstr_ptr value;             /* the "Range" value, or none */
     tarvex_dsi_rest_key_value_t header;
+    tarvex_box_range_answer answer;        /* the answer being read */
 };
+
+/* Bytes the range wants from `from` on; negative: to the end. */
+tarvex_off_t tarvex_l_box_wanted_from(const tarvex_l_box_range *range, tarvex_off_t from)
+{
+    return range->byte_count < 0 ? -1 : range->start_byte + range->byte_count - from;
+}
 
 /*
  * Makes the "Range" value asking for the range's bytes from `from` on:
@@ -38,7 +57,7 @@ struct tarvex_l_box_range {
 tarvex_result_t tarvex_l_box_range_ask(tarvex_l_box_range *range, tarvex_off_t from)
 {
     range->value.reset();
-    range->asked_from = from;
+    range->answer.reset(from, tarvex_l_box_wanted_from(range, from));
     if (range->byte_count >= 0) {
         long last = static_cast<long>(range->start_byte + range->byte_count - 1);
         range->value.reset(
@@ -76,13 +95,48 @@ tarvex_result_t tarvex_l_box_resume(tarvex_box_request_t *request, void *arg)
     range->sink.length = range->byte_count < 0 ? -1
                                                : range->start_byte + range->byte_count -
                                                      range->sink.offset;
-    if (range->sink.offset != range->asked_from) {
+    if (range->sink.offset != range->answer.asked_from) {
         tarvex_result_t result = tarvex_l_box_range_ask(range, range->sink.offset);
         if (result != TARVEX_SUCCESS)
             return result;
     }
+    range->answer.reset(range->sink.offset,
+                        tarvex_l_box_wanted_from(range, range->sink.offset));
     tarvex_l_box_range_headers(range, request);
     return TARVEX_SUCCESS;
+}
+
+/* The download's read callback: the range's bytes of the answer to the
+ * data channel, at their offsets (range_answer.h). */
+tarvex_result_t tarvex_l_box_take_body(void *arg, void *buffer, size_t length)
+{
+    auto *range = static_cast<tarvex_l_box_range *>(arg);
+    const char *data = static_cast<const char *>(buffer);
+    tarvex_result_t result = range->answer.take(&data, &length);
+    if (result != TARVEX_SUCCESS || length == 0)
+        return result;
+    return tarvex_dsi_rest_read_gridftp_op(&range->sink, const_cast<char *>(data), length);
+}
+
+/* A download's failure names the file and the host it came from, never
+ * the signed link itself: its details end the error's chain. */
+tarvex_result_t tarvex_l_box_name_download(tarvex_result_t result, const char *path,
+                                           const char *location)
+{
+    tarvex_object_t *error = tarvex_error_peek(result);
+    if (error == nullptr)
+        return result;
+    std::string host = tarvex_box_origin(location);
+    tarvex_dsi_rest_key_value_t pairs[2] = {
+        {"Box-Path", path}, {"Box-Download-Host", host.empty() ? nullptr : host.c_str()}};
+    tarvex_dsi_rest_key_array_t info = {2, pairs};
+    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
+    if (details == nullptr)
+        return result;
+    while (tarvex_error_get_cause(error) != nullptr)
+        error = tarvex_error_get_cause(error);
+    tarvex_error_set_cause(error, details);
+    return result;
 }
 
 /*
@@ -116,11 +170,13 @@ tarvex_result_t tarvex_l_box_ask_location(tarvex_box_session_t *box, const char 
     return TARVEX_SUCCESS;
 }
 
-/* One read range: the content request, then the download streamed into the
- * data channel from `start_byte` on. */
+/* One read range of the file of `size` bytes: the content request, then
+ * the download streamed into the data channel from `start_byte` on, or
+ * several ranges of it at once (download_ranges.h). */
 tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_operation_t op,
-                                        const char *content_url, tarvex_off_t start_byte,
-                                        tarvex_off_t byte_count)
+                                        const char *path, const char *content_url,
+                                        tarvex_off_t start_byte, tarvex_off_t byte_count,
+                                        uint64_t size)
 {
     tarvex_l_box_range range = {};
     range.start_byte = start_byte;
@@ -137,21 +193,45 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
     if (result != TARVEX_SUCCESS)
         return result;
 
+    int attempts = tarvex_l_box_range_attempts + 1 - content.attempts_made;
+    if (tarvex_box_download_in_streams(start_byte, byte_count, size)) {
+        bool started = false;
+        result = tarvex_box_download_ranges(op, box, location, start_byte, size, attempts,
+                                            &started);
+        if (started)
+            return tarvex_l_box_name_download(result, path, location);
+        tarvex_error_discard(result);
+    }
+
+    static const char *const wanted[] = {"Content-Range"};
     tarvex_box_request_t download = {};
     tarvex_box_request_guard download_guard{&download};
     download.caller = "tarvex_i_box_send";
     download.method = "GET";
     download.url = location;
-    download.attempts = tarvex_l_box_range_attempts + 1 - content.attempts_made;
+    /* The link is signed: it goes without the token, wherever it points. */
+    download.signed_url = true;
+    download.attempts = attempts;
     /* Only the API requests are paced: the content request just was, and
      * the download goes to the host its redirect names. */
     download.no_delay = true;
     download.translate_without_body = true; /* the body went to the client */
-    download.read_callback = tarvex_dsi_rest_read_gridftp_op;
-    download.read_callback_arg = &range.sink;
+    /* A download is good only when it brought the bytes. */
+    download.success_statuses = tarvex_l_box_body_statuses;
+    download.success_status_count = 2;
+    download.wanted_headers = wanted;
+    download.wanted_header_count = 1;
+    download.read_callback = tarvex_l_box_take_body;
+    download.read_callback_arg = &range;
     download.before_attempt = tarvex_l_box_resume;
     download.before_attempt_arg = &range;
-    return tarvex_box_request(box, &download);
+    range.answer.request = &download;
+    result = tarvex_box_request(box, &download);
+    if (result != TARVEX_SUCCESS && range.answer.refusal != nullptr) {
+        tarvex_error_discard(result);
+        result = TARVEX_BOX_GENERIC_ERROR("%s", range.answer.refusal);
+    }
+    return tarvex_l_box_name_download(result, path, location);
 }
 
 /* Everything between entry and the one finished_transfer call. */
@@ -182,7 +262,8 @@ tarvex_result_t tarvex_l_box_send(tarvex_gfs_operation_t op,
             return TARVEX_SUCCESS;
         if (start_byte < 0)
             return TARVEX_BOX_GENERIC_ERROR("%s", "The server asked for a negative offset");
-        result = tarvex_l_box_send_range(box, op, content_url.get(), start_byte, byte_count);
+        result = tarvex_l_box_send_range(box, op, transfer_info->pathname, content_url.get(),
+                                         start_byte, byte_count, path_info->size);
         if (result != TARVEX_SUCCESS || byte_count < 1)
             return result; /* a range to the end of the file is the last one */
     }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -86,7 +87,17 @@ tarvex_result_t tarvex_l_box_start(tarvex_gfs_operation_t op, tarvex_box_session
     if (result != TARVEX_SUCCESS)
         return result;
 
-    return tarvex_box_get_folder_items(box, "0", "/", nullptr, nullptr);
+    /* Before the root listing: a change another session makes meanwhile
+     * is then caught up with at the first lookup. */
+    result = tarvex_box_journal_open(box);
+    if (result != TARVEX_SUCCESS)
+        return result;
+
+    result = tarvex_box_get_folder_items(box, "0", "/", nullptr, nullptr);
+    tarvex_box_path_info_t *root = tarvex_box_path_cache_query(&box->cache, "/");
+    if (result == TARVEX_SUCCESS && root != nullptr)
+        tarvex_box_cache_mark_listed(root);
+    return result;
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 
 namespace {
@@ -98,7 +99,7 @@ extern "C" void tarvex_i_box_stat_multi(tarvex_gfs_operation_t op,
     result = tarvex_box_get_folder_items(box, entry->id, stat_info->pathname,
                                          tarvex_box_stat_entry, &state);
     if (result == TARVEX_SUCCESS)
-        entry->listed = true;
+        tarvex_box_cache_mark_listed(entry);
 
     tarvex_gridftp_server_finished_stat(op, result, state.stat_array, state.stat_count);
     tarvex_l_box_stat_release(state.stat_array, state.stat_count);

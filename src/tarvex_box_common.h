@@ -75,6 +75,20 @@ extern const char *tarvex_i_box_upload_path;  /* "$HOME/.tarvex/box-u" */
 /* The policy's "rename_replaces" (default false): RNTO onto an existing
  * file replaces it. */
 extern bool tarvex_i_box_rename_replaces;
+/* How a store over an existing file replaces it (policy key "replace"). */
+typedef enum {
+    TARVEX_BOX_REPLACE_DELETE_FIRST, /* delete the old file, then upload */
+    TARVEX_BOX_REPLACE_NEW_VERSION   /* upload a new version of the file */
+} tarvex_box_replace_t;
+extern tarvex_box_replace_t tarvex_i_box_replace; /* delete-first */
+/* For a distant Box (policy keys of the same names); the defaults send
+ * one request at a time and ask for 300 items a page, as always.
+ *   upload_parts_in_flight: parts of an upload session at Box at once, 1-8;
+ *   download_streams: ranges of a large download fetched at once, 1-8;
+ *   list_page_size: the "limit" of a folder listing's pages, 100-1000. */
+extern int tarvex_i_box_upload_parts_in_flight; /* 1 */
+extern int tarvex_i_box_download_streams;       /* 1 */
+extern int tarvex_i_box_list_page_size;         /* 300 */
 
 /* The two origins of Box's APIs (scheme and host, no trailing slash).
  * Defaults "https://api.box.com" and "https://upload.box.com"; the
@@ -86,6 +100,9 @@ void tarvex_box_set_bases(const char *api_base, const char *upload_base);
 /* Whether a request to `url` may carry the user's bearer token: https, or
  * plain http to a loopback address (127.0.0.0/8, [::1], localhost). */
 bool tarvex_box_url_may_carry_token(const char *url);
+/* Whether `url` is on the API or the upload origin (scheme, host and port):
+ * the only ones the user's token is sent to. */
+bool tarvex_box_url_on_box_origin(const char *url);
 
 /* ---- error object ---- */
 
@@ -138,6 +155,11 @@ typedef struct tarvex_box_path_info_s {
     bool listed;
     bool has_metadata;
     bool freeme;
+    /* When the record entered the path cache and when the folder was last
+     * listed, on the cache's clock (session_journal.h): what a policy's
+     * "cache_ttl_seconds" measures. */
+    int64_t cached_at;
+    int64_t listed_at;
 } tarvex_box_path_info_t;
 
 /* ---- pacing ---- */
@@ -181,6 +203,8 @@ typedef struct tarvex_box_session_s {
     tarvex_hashtable_t upload_state;
     tarvex_box_retry_t user_retry;
     tarvex_box_retry_t user_upload_retry;
+    /* What keeps the path cache current (session_journal.h). */
+    struct tarvex_box_journal_s *journal;
 } tarvex_box_session_t;
 
 /* ---- upload session ---- */
@@ -194,6 +218,9 @@ typedef struct tarvex_box_upload_session_s {
     json_t *part_array;
     MD5_CTX md5_ctx;
     SHA_CTX sha1_ctx;
+    /* The session makes a new version of an existing file (policy
+     * "replace": "new-version"), not a new file. */
+    bool new_version;
 } tarvex_box_upload_session_t;
 
 /* ---- storage-interface entry points ---- */
@@ -213,6 +240,10 @@ void tarvex_i_box_recv(tarvex_gfs_operation_t op,
 /* ---- policy, credential, path variables ---- */
 
 tarvex_result_t tarvex_box_config_parse_json(const char *text, int *rate);
+/* The policy's check (config_check.cpp), which the module's activation
+ * registers for the server under "box:config"; not exported. */
+extern const tarvex_gfs_config_checker_t tarvex_i_box_config_checker
+    __attribute__((visibility("hidden")));
 tarvex_result_t tarvex_box_token_refresh(tarvex_box_session_t *box,
                                          tarvex_gfs_operation_t op);
 tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
@@ -237,9 +268,11 @@ tarvex_result_t tarvex_box_translate_response(
  * Each attempt: clear the outputs, trace "API CALL!" at DEBUG, renew the
  * token (refresh_token only), pace (tarvex_i_box_retry_delay with the last
  * translated "Retry-After" seconds and `retry`; skipped with no_delay),
- * prepare it (before_attempt, when set), send.
+ * prepare it (before_attempt, when set), send.  The token goes with it
+ * only to the API and upload origins, never with a signed_url.
  *   - transport failure: retried when the REST client calls it retryable;
- *   - status below 400 (or == expected_status when that is set): success;
+ *   - status below 400 (or == expected_status when that is set, or one of
+ *     success_statuses when those are set; see there): success;
  *   - anything else: tarvex_box_translate_response() with the body document
  *     (none with translate_without_body or a read_callback); a success from
  *     it is a success (so unlisted 4xx pass, and a status below 400 other
@@ -282,6 +315,15 @@ typedef struct tarvex_box_request_s {
     bool refresh_token;
     int progress_timeout_ms;     /* 0: tarvex_i_box_progress_timeout_ms */
     bool translate_without_body; /* translate from the status alone */
+    /* Non-NULL: only these statuses are successes (expected_status is then
+     * unused); any other fails, with the translation's error where it
+     * makes one, else a 451 naming the status, never retried. */
+    const int *success_statuses;
+    size_t success_status_count;
+    /* The URL carries its own authorisation (a download link Box answered
+     * with): the token never goes with it.  Otherwise it goes only to the
+     * API and upload origins. */
+    bool signed_url;
     bool refusal_is_final;       /* a status of 400 or more is never retried */
     int expected_status;         /* non-zero: only this status is a plain success */
     const char *caller;          /* the operation whose attempts these are: its
@@ -292,10 +334,23 @@ typedef struct tarvex_box_request_s {
      * first, may be changed. */
     tarvex_result_t (*check_answer)(struct tarvex_box_request_s *request, bool *retry,
                                     unsigned long *retry_after);
+    /* Asked before each attempt and while one runs (at least once a
+     * second): true ends the call at once with an error that is not
+     * retried.  For a request made on a thread of its own for a transfer
+     * that may end without it (NULL: it runs its course). */
+    bool (*abandon)(void *abandon_arg);
+    void *abandon_arg;
+    /* Non-NULL: the token sent instead of the session's, for a thread that
+     * keeps its own copy so that another thread's renewal cannot free the
+     * text under it. */
+    const char *access_token;
     /* outputs */
     tarvex_dsi_rest_response_arg_t response; /* code and wanted header values */
     json_t *json;                            /* response document, or NULL */
     int attempts_made;
+    /* Attempts that got no answer: a transport failure, which may have come
+     * after Box received the whole request and acted on it. */
+    int answers_lost;
 } tarvex_box_request_t;
 
 tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,

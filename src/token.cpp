@@ -68,11 +68,14 @@ static tarvex_result_t tarvex_l_box_parse_token_json(const char *text, char **us
                                                      time_t *access_token_exp,
                                                      uint64_t *max_upload)
 {
+    /* The parser's own text quotes what it read near the fault, which may
+     * be the token: only the place is told, in every reply and log line. */
     json_error_t error;
     tarvex_box_json_ptr credential(json_loads(text, 0, &error));
     if (credential.get() == nullptr)
-        return TARVEX_BOX_GENERIC_ERROR("Error loading user credential: %s\n",
-                                        error.text);
+        return TARVEX_BOX_GENERIC_ERROR(
+            "Error loading user credential: not JSON (line %d, column %d)\n", error.line,
+            error.column);
 
     const char *token = nullptr;
     const char *expiry = nullptr;
@@ -125,8 +128,17 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
 
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
-    /* Only the text counts; an error that came with it is dropped, not
-     * leaked. */
+    /* A credential the framework could not get (a helper that refused, a
+     * file it could not read) is its error, "451 Configuration data ...
+     * is not available", with the cause in the server's log: reported as
+     * a token that came back expired, it would send the operator to the
+     * wrong place. */
+    if (text == nullptr && result != TARVEX_SUCCESS) {
+        TARVEX_BOX_TRACE_RESULT(result);
+        return result;
+    }
+    /* Otherwise only the text counts; an error that came with it is
+     * dropped, not leaked. */
     tarvex_error_discard(result);
     /* No credential is not an error here: the caller decides what a
      * session without a token may do. */

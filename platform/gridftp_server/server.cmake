@@ -19,6 +19,8 @@ target_link_libraries(tarvex_server_parse PUBLIC tarvex_gridftp_server Threads::
 add_executable(tarvex-gridftp-server
   src/server/main.cpp
   src/server/options.cpp
+  src/server/config_file.cpp
+  src/server/setup.cpp
   src/server/listener.cpp
   src/server/session.cpp
   src/server/commands_login.cpp

@@ -1,5 +1,5 @@
 # End-to-end runs of the Box plug-in: real FTP clients (curl, lftp, wget,
-# Python's ftplib, tnftp, ncftp, ftp-upload, wput, yafc) against
+# Python's ftplib, tnftp, ncftp, ftp-upload, wput, yafc, rclone) against
 # tarvex-gridftp-server --dsi box, which talks to the Box emulator; both on
 # 127.0.0.1.
 if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
@@ -9,7 +9,8 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
   target_link_libraries(tarvex_e2e_home_preload PRIVATE ${CMAKE_DL_LIBS})
   set_target_properties(tarvex_e2e_home_preload PROPERTIES PREFIX "lib")
   foreach(suite test_box_commands test_box_transfers test_box_faults test_box_tls_clients
-                test_box_login_deadline test_box_clients test_box_operator)
+                test_box_login_deadline test_box_clients test_box_many_sessions
+                test_box_configuration test_box_wan test_box_operator)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
       add_test(NAME e2e_${suite}
                COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}

@@ -14,6 +14,7 @@ import http.client
 import io
 import json
 import os
+import pwd
 import shlex
 import shutil
 import socket
@@ -306,7 +307,13 @@ class BoxCredentialTool(CredentialHelper):
         return run([BOX_CREDENTIAL] + self.settings + list(args), timeout=60, env=env)
 
     def enrol(self, user, client_file, refresh_token):
-        r = self.run("--enrol", user, "--client", client_file, "--refresh-token", refresh_token)
+        env = dict(os.environ, TARVEX_DSI_REST_CA_FILE=self.emulator.ca or "")
+        env.pop("LD_PRELOAD", None)
+        account = pwd.getpwuid(os.geteuid()).pw_name   # the server's, in the tests
+        r = run([BOX_CREDENTIAL] + self.settings + ["--enrol", user, "--account", account,
+                                                    "--client", client_file,
+                                                    "--refresh-token-file", "-"],
+                timeout=60, env=env, input=refresh_token + "\n")
         if r.returncode != 0:
             raise AssertionError("enrolment failed: " + r.stderr)
         return r

@@ -51,7 +51,7 @@ class Faults(BoxTest):
                         "count": -1})
         got = bytearray()
         text = reply_of(f.retrbinary, "RETR /d/file.bin", got.extend)
-        self.assertRegex(text, r"^4\d\d ")
+        self.assertRegex(text, r"^4\d\d[ -]")
         self.assertIn("reset", text)
         self.assertLess(len(got), size)
         self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
@@ -72,6 +72,74 @@ class Faults(BoxTest):
         self.assertGreater(time.monotonic() - start, 2.0)
         self.assertEqual(sha256(bytes(got)), sha256(pattern(240000)))
         self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
+
+    def test_signed_links_stay_out_of_replies_and_logs(self):
+        # Everything traced, the download cut off at every attempt: the
+        # reply and every log line name the file and the host, never Box's
+        # signed link, and the link never gets the token.
+        logs = os.path.join(self.work, "signed-logs")
+        os.makedirs(logs, exist_ok=True)
+        box_log, rest_log = os.path.join(logs, "box.log"), os.path.join(logs, "rest.log")
+        server = self.start_server(env={"TARVEX_BOX_DEBUG": "ALL," + box_log,
+                                        "TARVEX_DSI_REST_DEBUG": "ALL," + rest_log})
+        self.addCleanup(server.stop)
+        self.emu.seed({"path": "/d/file.bin", "size": 3 * MIB})
+        self.emu.fault({"path_regex": "^/d/", "truncate_after": MIB, "reset": True,
+                        "count": -1})
+        f = server.ftp()
+        self.addCleanup(f.close)
+        text = reply_of(f.retrbinary, "RETR /d/file.bin", lambda data: None)
+        self.assertRegex(text, r"^4\d\d")
+        self.assertIn('Box-Path: "/d/file.bin"', text)
+        f.quit()
+        wait_for(lambda: "logged out" in server.read_log(), "the session to end")
+        downloads = self.requests("GET", "/d/1/")
+        self.assertEqual(len(downloads), 2)
+        self.assertEqual([e["headers"].get("authorization") for e in downloads], [None, None])
+        with open(box_log) as b, open(rest_log) as r:
+            logs = {"reply": text, "server": server.read_log(), "box": b.read(), "rest": r.read()}
+        self.assertRegex(logs["rest"], r"GET http://127\.0\.0\.1:%d -> 20[06]" % self.emu.port)
+        for name, log in logs.items():
+            self.assertNotIn("/d/1/", log, name)
+
+    def test_replace_by_new_version(self):
+        # "replace": "new-version": a store over a file makes a new version
+        # of it; one that fails leaves the content as it was.
+        server = self.start_server(policy={"user_api_rate_limit": 100,
+                                           "replace": "new-version"})
+        self.addCleanup(server.stop)
+        self.emu.seed({"path": "/v.bin", "content": "old", "md5_property": "0" * 32})
+        f = server.ftp()
+        self.addCleanup(f.close)
+        one = pattern(300000)
+        self.assertEqual(self.store(f, "/v.bin", one, allo=False), "226 Transfer complete.")
+        self.assertStoredWhole("/v.bin", one)
+        # Failing: fewer bytes than announced, a torn data connection in
+        # parts, and a commit Box refuses.
+        f.sendcmd("ALLO 10")
+        self.assertRegex(reply_of(f.storbinary, "STOR /v.bin", io.BytesIO(b"short")), r"^451 ")
+        f.sendcmd("ALLO %d" % SIZE)
+        conn = f.transfercmd("STOR /v.bin")
+        conn.sendall(self.data[:5 * PART])
+        wait_for(lambda: len(self.part_puts()) >= 2, "two parts on Box")
+        tear_down(conn)
+        self.assertRegex(reply_of(f.voidresp), r"^4\d\d ")
+        g = server.ftp()      # another log-in: the broken session is not continued
+        self.addCleanup(g.close)
+        self.emu.fault({"method": "POST", "path_regex": "/commit$", "status": 409,
+                        "body": None, "count": -1})
+        self.assertRegex(self.store(g, "/v.bin", self.data), r"^5\d\d")
+        self.assertStoredWhole("/v.bin", one)
+        # Whole, in parts (a log-in of its own: the failed commit's session
+        # stays open in that one): the newest version, with its MD5.
+        self.emu.clear_faults()
+        h = server.ftp()
+        self.addCleanup(h.close)
+        self.assertEqual(self.store(h, "/v.bin", self.data), "226 Transfer complete.")
+        self.assertStoredWhole("/v.bin", self.data)
+        item = self.emu.item("/v.bin")
+        self.assertEqual([v["size"] for v in item["versions"]], [len(one), 3])
+        self.assertEqual(self.requests("DELETE"), [])
 
     # -- Box failing under an upload ----------------------------------------
 

@@ -194,7 +194,24 @@ class Transfers:
 
 
 class TransfersPlain(Transfers, BoxTest):
-    pass
+    # In the clear only: under TLS a data connection the server ends for a
+    # failed store closes without close_notify, which ftplib's storbinary
+    # raises as an SSL error before it reads the reply.
+    def test_ftplib_allo_is_the_size(self):
+        # A client that announced a size and sends fewer bytes (a normal
+        # close) has stored nothing; so has a store on the root folder.
+        self.emu.seed({"path": "/dir", "type": "folder"})
+        f = self.ftp()
+        self.addCleanup(f.close)
+        f.sendcmd("ALLO 200000")
+        self.assertEqual(reply_of(f.storbinary, "STOR /allo.bin", io.BytesIO(pattern(100000))),
+                         "451 The client sent 100000 bytes where it announced 200000 (ALLO); "
+                         "nothing was stored.")
+        for path in ("/", "/dir/.."):
+            self.assertRegex(reply_of(f.storbinary, "STOR " + path, io.BytesIO(b"x")),
+                             r"^553[ -]")
+        self.assertEqual(self.paths(), {"/dir"})
+        self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
 
 
 class TransfersTLS(Transfers, BoxTest):

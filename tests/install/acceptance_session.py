@@ -6,16 +6,20 @@ user whose first access token lasts 120 seconds, and has one curl session
 list, download (slowly, so that the session outlives the token's first 20
 seconds) and upload through the server, the token renewed by
 tarvex-box-credential on the way, and a second session list again.  Then
-what an operator watches: implicit FTPS with curl and lftp, the audit log's
-lines of the changes a client made, and a /metrics scrape checked against
-what happened and by promtool.  Prints what it checked; exit status 1 when
-a check failed."""
+--check-config on the packaged configuration file with the lines an
+operator adds for implicit FTPS, the audit log and the metrics, and a new
+certificate that SIGHUP puts in force for a third session.  Then what an
+operator watches: implicit FTPS with curl and lftp (with that new
+certificate), the audit log's lines of the changes a client made, and a
+/metrics scrape checked against what happened and by promtool.  Prints what
+it checked; exit status 1 when a check failed."""
 import hashlib
 import json
 import os
 import pwd
 import re
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -31,6 +35,7 @@ from install_support import unit_command, unit_setting  # noqa: E402
 from server_harness import make_tls_files, write_random  # noqa: E402
 
 UNIT = "/usr/lib/systemd/system/tarvex-gridftp-server.service"
+CONF = "/etc/tarvex/tarvex-gridftp-server.conf"
 PORT = 2811
 USER, PASSWORD = "alice", "acceptance-pw-7"
 CLIENT = {"client_id": "acceptance-app", "client_secret": "acceptance-secret-91d3"}
@@ -38,16 +43,15 @@ REFRESH = "r-acceptance-first"
 FIRST_LIFETIME = 120
 BIG = 6 << 20          # downloaded at 200 KiB/s: about 30 s
 RATE = "200k"
-# The options of the steps that watch the server, appended to the unit's
-# command line as the configuration would carry them (a drop-in's
-# ExecStart, or the configuration file's "implicit-tls-port = 9990" lines).
+# The settings of the steps that watch the server, appended to the
+# packaged configuration file as an operator adds them.
 # Port 9990 rather than 990: the unit drops every capability, and a port
 # below 1024 needs a drop-in that grants CAP_NET_BIND_SERVICE (README).
 IMPLICIT_PORT = 9990
 METRICS = "127.0.0.1:9464"
 AUDIT_LOG = "/var/log/tarvex/audit"
-WATCH_OPTIONS = ["--implicit-tls-port", str(IMPLICIT_PORT), "--audit-log", AUDIT_LOG,
-                 "--metrics-listen", METRICS]
+WATCH_SETTINGS = ("\n# What an operator watches\nimplicit-tls-port = %d\naudit-log = %s\n"
+                  "metrics-listen = %s\n" % (IMPLICIT_PORT, AUDIT_LOG, METRICS))
 failures = []
 
 
@@ -88,6 +92,9 @@ def configure(emu, work):
         policy = json.load(f)
     policy.update({"box_api_base": emu.base, "box_upload_base": emu.base})
     put("/etc/tarvex/box-policy.json", json.dumps(policy), 0o644)
+    with open(CONF) as f:
+        settings = f.read()
+    put(CONF, settings + WATCH_SETTINGS, 0o644)
     return ca
 
 
@@ -97,8 +104,8 @@ def start_service(log):
     as a drop-in's Environment= would give it."""
     with open(UNIT) as f:
         text = f.read()
-    command = unit_command(text) + WATCH_OPTIONS
-    command[command.index("--bind") + 1] = "127.0.0.1"
+    # The command line's options win over the configuration file's.
+    command = unit_command(text) + ["--bind", "127.0.0.1"]
     account = pwd.getpwnam(unit_setting(text, "User"))
     env = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": account.pw_dir,
            "USER": account.pw_name, "LOGNAME": account.pw_name,
@@ -127,7 +134,7 @@ def enrol(emu):
                             "user_id": "4242"}],
         "next_lifetimes": [FIRST_LIFETIME]})
     r = subprocess.run(["tarvex-box-credential", "--enrol", USER, "--account", "tarvex",
-                        "--client", "/etc/tarvex/box-client.json", "--refresh-token", "-"],
+                        "--client", "/etc/tarvex/box-client.json", "--refresh-token-file", "-"],
                        input=REFRESH + "\n", capture_output=True, text=True, timeout=60,
                        env=dict(os.environ,
                                 TARVEX_DSI_REST_CA_FILE="/etc/tarvex/tls/emulator-ca.pem"))
@@ -190,6 +197,35 @@ def session(emu, ca, work):
         check(sha256(emu.content("/acceptance/upload.bin")) == sha256(f.read()),
               "upload stored on the emulator intact")
     check(seconds > FIRST_LIFETIME - 100, "the session outlived the first token's 20 s")
+
+
+def check_configuration():
+    """--check-config on the packaged file, as the README has the operator
+    run it after setting up."""
+    r = subprocess.run(["tarvex-gridftp-server", "--config", CONF, "--check-config"],
+                       capture_output=True, text=True, timeout=60)
+    check(r.returncode == 0 and r.stdout.endswith("the configuration is usable\n"),
+          "--check-config: " + (r.stdout + r.stderr).strip().replace("\n", " | "))
+
+
+def reload_certificate(service, log_path, work):
+    """A new certificate and key in place, SIGHUP: a session after it meets
+    the new certificate, verified with the CA that signed it."""
+    ca, cert, key = make_tls_files(tempfile.mkdtemp(dir=work))
+    for src, name in ((cert, "server.pem"), (key, "server.key")):
+        with open(src) as f:
+            put("/etc/tarvex/tls/" + name, f.read(), 0o640, "tarvex")
+    service.send_signal(signal.SIGHUP)
+
+    def logged():
+        with open(log_path, errors="replace") as f:
+            return "configuration read again: TLS certificate: subject" in f.read()
+    wait_for(logged, "the reload of the certificate")
+    r, _ = curl(ca, ["ftp://127.0.0.1:%d/acceptance/" % PORT, "-o",
+                     os.path.join(work, "list3")])
+    check(r.returncode == 0, "a session after SIGHUP with the new certificate " +
+          r.stderr.strip())
+    return ca
 
 
 def implicit_ftps(ca, work):
@@ -303,11 +339,8 @@ def main():
               bearer("POST", "/api/2.0/files/content") == [second["access_token"]],
               "the download with the first token, the upload with the renewed one")
         check(not [e for e in emu.log() if e["status"] == 401], "no request refused as 401")
-
-        # The configuration file, --check-config and a SIGHUP reload of a
-        # new certificate come here, before the steps that watch the
-        # server (which count the sessions of the steps before them).
-
+        check_configuration()
+        ca = reload_certificate(service, log_path, work)
         watch(ca, work)
     finally:
         if service is not None:
@@ -321,10 +354,11 @@ def main():
         shutil.rmtree(work, ignore_errors=True)
     logins = re.findall(r"\[(\d+)\]: %s logged in" % USER, text)
     transfers = re.findall(r"\[(\d+)\]: (RETR|STOR) /acceptance/", text)
-    # (The sessions of watch() come after these two.)
-    check(len(logins) >= 2 and [p for p, _ in transfers[:2]] == [logins[0]] * 2 and
-          logins[1] not in [p for p, _ in transfers],
-          "the first session downloaded and uploaded, then a second logged in")
+    # Sessions: the first, the second, the one after SIGHUP, then curl's
+    # and lftp's over implicit TLS (watch()).
+    check(len(logins) == 5 and [p for p, _ in transfers[:2]] == [logins[0]] * 2 and
+          not set(logins[1:3]) & {p for p, _ in transfers},
+          "the first session downloaded and uploaded, then a second and a third logged in")
     check(first["access_token"] not in text and second["access_token"] not in text,
           "no token in the service's log")
     with open("/var/log/tarvex/xferlog") as f:

@@ -8,6 +8,7 @@ inside it (/usr/local, /usr)."""
 import glob
 import json
 import os
+import pwd
 import re
 import shlex
 import shutil
@@ -35,7 +36,8 @@ PLUGINS = ("libtarvex_gridftp_server_posix.so", "libtarvex_gridftp_server_box.so
 PROGRAMS = ("tarvex-gridftp-server", "tarvex-box-credential")
 MANUAL_PAGES = ("tarvex-gridftp-server.8", "tarvex-box-credential.1")
 UNIT = "tarvex-gridftp-server.service"
-CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/logrotate.d/tarvex-gridftp-server")
+CONFIG_FILES = ("/etc/tarvex/box-policy.json", "/etc/tarvex/tarvex-gridftp-server.conf",
+                "/etc/logrotate.d/tarvex-gridftp-server")
 EXAMPLES = ("passwd", "box-policy.json", "box-credential.json", "box-client.json",
             "per-account.conf")
 
@@ -224,8 +226,9 @@ def serve_box_from(tree, check):
         os.chmod(client, 0o600)
         helper = [tree.bin("tarvex-box-credential"), "--state-dir", os.path.join(work, "state"),
                   "--token-url", emu.base + "/oauth2/token", "--api-base", emu.base]
-        run(helper + ["--enrol", "anonymous", "--client", client, "--refresh-token", "r-install"],
-            env=clean_environment())
+        run(helper + ["--enrol", "anonymous", "--account", pwd.getpwuid(os.geteuid()).pw_name,
+                      "--client", client, "--refresh-token-file", "-"],
+            env=clean_environment(), input="r-install\n")
         policy = os.path.join(work, "policy.json")
         with open(policy, "w") as f:
             json.dump({"user_api_rate_limit": 100, "box_api_base": emu.base,

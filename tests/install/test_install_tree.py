@@ -111,7 +111,13 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         with open(self.tree.path("lib", "systemd", "system", UNIT)) as f:
             command = unit_command(f.read())
         self.assertEqual(command[0], self.tree.prefix + "/bin/tarvex-gridftp-server")
-        helpers = [a.split("=", 1)[1] for a in command if a.startswith(("creds=", "renew-creds="))]
+        conf = "/etc/tarvex/tarvex-gridftp-server.conf"
+        self.assertEqual(command[command.index("--config") + 1], conf)
+        with open(self.tree.system_path(conf)) as f:
+            settings = [line.split("=", 1) for line in f
+                        if line.strip() and not line.lstrip().startswith("#")]
+        settings = [(k.strip(), v.strip()) for k, v in settings]
+        helpers = [v.split("=", 1)[1] for k, v in settings if k == "config-command"]
         self.assertEqual(len(helpers), 2)
         for helper in helpers:
             self.assertTrue(helper.startswith(self.tree.prefix + "/bin/tarvex-box-credential "),
@@ -121,6 +127,7 @@ class InstalledTree(TreeChecks, unittest.TestCase):
                     env=clean_environment()).stdout
         known = set(re.findall(r"--[a-z-]+", usage))
         self.assertEqual([a for a in command if a.startswith("--") and a not in known], [])
+        self.assertEqual([k for k, v in settings if "--" + k not in known], [])
 
     def test_unit_passes_systemd_analyze_verify(self):
         if shutil.which("systemd-analyze") is None:

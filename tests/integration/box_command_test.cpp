@@ -440,14 +440,23 @@ TEST_F(command_test, ChecksumOfARangeRecordsNothing)
     EXPECT_NE(cksm("SHA1", "/f.txt", 10, -1), "");
     EXPECT_EQ(take_requests().size(), 3u);
 
-    /* A redirect that would carry the token in the clear across a network
-     * is not followed. */
+    /* A signed link in the clear across a network is not followed (the
+     * token never goes with one), and only the bytes asked for make a sum. */
     fault("GET", "/content$", 1,
           R"("status":302,"headers":{"Location":"http://198.51.100.7/d/x"},"body":null)");
-    EXPECT_NE(cksm("SHA1", "/f.txt", 10, -1).find("Refusing to send the Box credential to "
-                                                  "http://198.51.100.7/d/x"),
+    EXPECT_NE(cksm("SHA1", "/f.txt", 10, -1).find("Refusing to send a signed download link to "
+                                                  "http://198.51.100.7:80: only https"),
               std::string::npos);
     EXPECT_EQ(take_requests().size(), 1u);
+    for (const char *answer : {R"("status":200,"body":"abcdefghijklmnop")",
+                               R"("status":416,"body":null)"}) {
+        fault("GET", "^/d/", 1, answer);
+        EXPECT_NE(cksm("MD5", "/f.txt", 10, -1).find("Box answered with HTTP status"),
+                  std::string::npos)
+            << answer;
+        for (const auto &e : take_requests())
+            EXPECT_EQ(e.header("Authorization"), e.path.rfind("/d/", 0) == 0 ? "" : "Bearer test-token");
+    }
 }
 
 TEST_F(command_test, AnExplicitLengthRepeatsItsRangeUntilARequestFails)

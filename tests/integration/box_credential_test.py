@@ -6,6 +6,7 @@ was, and state files that are not the account's own."""
 import datetime
 import json
 import os
+import pwd
 import re
 import shutil
 import signal
@@ -17,6 +18,8 @@ import unittest
 from emulator_process import HERE, EmulatorCase
 
 HELPER = os.environ.get("TARVEX_BOX_CREDENTIAL", "")
+# Enrolment names the account the sessions run as: here, the test's own.
+ACCOUNT = pwd.getpwuid(os.geteuid()).pw_name
 CLIENT = {"client_id": "app", "client_secret": "app-secret"}
 # The date form the plug-in parses: a fraction and a numeric offset.
 PLUGIN_DATE = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{1,6}[+-]\d\d:\d\d\Z")
@@ -69,8 +72,8 @@ class CredentialHelperTest(EmulatorCase):
         else:
             self.emu.control("POST", "oauth", {"refresh_tokens": [
                 {"refresh_token": "r-" + user, "client_id": "app", "user_id": "77"}]})
-            grant = ["--refresh-token", "r-" + user]
-        r = self.helper("--enrol", user, "--client", self.client, *grant)
+            grant = ["--refresh-token-file", self.write_file("token-" + user, "r-%s\n" % user)]
+        r = self.helper("--enrol", user, "--account", ACCOUNT, "--client", self.client, *grant)
         self.assertEqual(r.returncode, 0, r.stderr)
         return r
 
@@ -198,12 +201,12 @@ class CredentialHelperTest(EmulatorCase):
         def unavailable(user):
             self.emu.control("POST", "faults", {"path_regex": "^/oauth2/token$", "status": 503})
 
-        cases = [("spent", spend, (), "invalid_grant .*spent or revoked"),
+        cases = [("spent", spend, (), "invalid_grant; .*spent or revoked"),
                  ("revoked", revoke, (), "invalid_grant"),
                  ("client", other_secret, (), "invalid_client"),
                  ("box-down", unavailable, (), "answered HTTP 503"),
                  ("network", None, ("--token-url", "http://127.0.0.1:9/oauth2/token"),
-                  "request failed: .*connect.*POST http://127.0.0.1:9/oauth2/token")]
+                  "request failed: .*connect.*POST http://127.0.0.1:9$")]
         for user, prepare, extra, message in cases:
             with self.subTest(user):
                 self.enrol(user, lifetime=60)
@@ -252,6 +255,53 @@ class CredentialHelperTest(EmulatorCase):
                 shutil.rmtree(folder)
                 self.enrol()
 
+    def test_no_credential_text_reaches_the_log(self):
+        # The refresh token from standard input.
+        self.emu.control("POST", "oauth", {"refresh_tokens": [
+            {"refresh_token": "r-stdin", "client_id": "app", "user_id": "77"}]})
+        r = subprocess.run(self.args("--enrol", "dora", "--account", ACCOUNT, "--client", self.client,
+                                     "--refresh-token-file", "-"),
+                           input="r-stdin\n", capture_output=True, text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        # What the token endpoint says besides its code, a code that is no
+        # code, and what a parser would quote of a malformed file: none of
+        # it is written.
+        echo = {"status": 400, "body": {"error": "invalid_grant",
+                                        "error_description": "unknown token SECRET-1"}}
+        odd = {"status": 400, "body": {"error": "SECRET-2 was refused"}}
+        self.enrol(lifetime=60)
+        cases = [("echo", lambda: self.emu.control("POST", "faults", echo), "alice",
+                  "refused the grant: invalid_grant; the refresh token is spent"),
+                 ("odd code", lambda: self.emu.control("POST", "faults", odd), "alice",
+                  "refused the grant: \\(an error code that is not one\\)"),
+                 ("state file", lambda: open(self.state_file(), "w").write('{"x": SECRET-3'),
+                  "alice", "bad state file .*: not JSON \\(line 1, column 12\\)"),
+                 ("client file", lambda: open(self.client, "w").write("[SECRET-4]"), "carol",
+                  "client file .*: not JSON \\(line 1, column 7\\)")]
+        for name, prepare, user, message in cases:
+            with self.subTest(name):
+                prepare()
+                args = (user,) if user == "alice" else (
+                    "--enrol", user, "--account", ACCOUNT, "--client", self.client,
+                    "--box-user-id", "77")
+                r = self.helper(*args)
+                self.assertFailsCleanly(r, message)
+                self.assertNotIn("SECRET", r.stderr)
+
+    def test_enrolment_keeps_the_endpoints_it_was_given(self):
+        # The server runs the helper without --token-url and --api-base: a
+        # renewal goes where the enrolment's refresh token was issued.
+        self.enrol(lifetime=60)
+        stored = self.stored()
+        self.assertEqual((stored["token_url"], stored["api_base"]),
+                         (self.emu.base + "/oauth2/token", self.emu.base))
+        no_settings = self.write_file("no-settings.json", "{}", 0o644)
+        r = subprocess.run([HELPER, "--config", no_settings, "--state-dir", self.state_dir,
+                            "--renew", "alice"], capture_output=True, text=True, timeout=60)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertNotEqual(json.loads(r.stdout)["access_token"], stored["access_token"])
+        self.assertEqual(len(self.token_requests()), 2)
+
     def test_client_credentials_grant(self):
         enrolled = self.enrol("svc", lifetime=60, box_user_id="77")
         self.assertIn("Box user 77 through the client_credentials grant", enrolled.stdout)
@@ -270,7 +320,8 @@ class CredentialHelperTest(EmulatorCase):
                                                      "max_upload_size": 1}})
         self.assertFailsCleanly(self.helper("svc"), "token for user 99 instead of 77")
         self.assertEqual(self.snapshot("svc"), before)
-        r = self.helper("--enrol", "nobody", "--client", self.client, "--box-user-id", "78")
+        r = self.helper("--enrol", "nobody", "--account", ACCOUNT, "--client", self.client,
+                        "--box-user-id", "78")
         self.assertFailsCleanly(r, "invalid_grant.*act as user 78")
         self.assertFalse(os.path.exists(self.state_file("nobody")))
 
@@ -285,17 +336,29 @@ class CredentialHelperTest(EmulatorCase):
         self.assertEqual(json.loads(r.stdout)["sub"], "77")
         typo = self.write_file("typo.json", '{"token_uri": "https://example.com/"}')
         open_client = self.write_file("open-client.json", json.dumps(CLIENT), 0o644)
+        token = self.write_file("token", "x\n")
+        open_token = self.write_file("open-token", "x\n", 0o640)
         cases = [(("--token-url", "http://192.0.2.1/oauth2/token", "alice"), 1,
                   "token URL http://192.0.2.1/oauth2/token refused"),
                  (("--api-base", "http://box.example.com", "alice"), 1, "API base .* refused"),
                  (("--config", typo, "alice"), 1, 'unknown key "token_uri"'),
                  (("../alice",), 1, "not a user name"),
-                 (("--enrol", "carol", "--client", open_client, "--refresh-token", "x"), 1,
-                  "readable by its owner only"),
+                 (("--enrol", "carol", "--client", open_client, "--refresh-token-file", token),
+                  1, "client file .* readable by its owner only"),
+                 (("--enrol", "carol", "--client", self.client, "--refresh-token-file",
+                   open_token), 1, "refresh token file .* readable by its owner only"),
+                 (("--enrol", "carol", "--client", self.client, "--refresh-token", "x"), 2,
+                  "--refresh-token is gone: .*ps.*--refresh-token-file"),
                  ((), 2, "name exactly one USER"),
                  (("--renew", "--enrol", "alice"), 2, "exclude each other"),
                  (("--enrol", "carol", "--client", self.client), 2, "--enrol needs"),
-                 (("--refresh-token", "x", "alice"), 2, "go with --enrol")]
+                 (("--refresh-token-file", token, "alice"), 2, "go with --enrol")]
+        if os.geteuid() == 0:
+            # Kept for root, the credential would be refused to the service
+            # at the first login.
+            cases.append((("--enrol", "carol", "--client", self.client,
+                           "--refresh-token-file", token),
+                          1, "as root, --enrol needs --account NAME.*tarvex for the packaged"))
         for args, status, message in cases:
             with self.subTest(args):
                 r = self.helper(*args)

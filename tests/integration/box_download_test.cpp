@@ -54,14 +54,15 @@ protected:
         emulator().fault(R"({"method":"GET","path_regex":"^/d/",)" + fields + "}");
     }
     /* Each request since the last call as "C" (content) or "D" (download)
-     * and its "Range" value, e.g. "C bytes=100-". */
+     * and its "Range" value, e.g. "C bytes=100-".  The token goes with the
+     * content request only: the download's link is signed. */
     static strings requests()
     {
         strings seen;
         for (const auto &e : take_requests()) {
-            std::string kind = e.path.rfind("/d/", 0) == 0 ? "D" : "C";
-            EXPECT_EQ(e.header("Authorization"), "Bearer test-token") << e.path;
-            seen.push_back(kind + " " + e.header("Range"));
+            bool download = e.path.rfind("/d/", 0) == 0;
+            EXPECT_EQ(e.header("Authorization"), download ? "" : "Bearer test-token") << e.path;
+            seen.push_back((download ? "D " : "C ") + e.header("Range"));
         }
         return seen;
     }
@@ -148,8 +149,8 @@ TEST_F(download_test, ContentAndDownloadShareTwoAttempts)
     } rows[] = {
         {nullptr, busy, {"C ", "D ", "D "}, ""},
         {busy, nullptr, {"C ", "C ", "D "}, ""},
-        {busy, busy, {"C ", "C ", "D "}, "451 TOO_BUSY\r\n"},
-        {busy, cut, {"C ", "C ", "D "}, "451 Transferred a partial file"},
+        {busy, busy, {"C ", "C ", "D "}, "451-TOO_BUSY\r\n"},
+        {busy, cut, {"C ", "C ", "D "}, "451-Transferred a partial file"},
         {drop, nullptr, {"C ", "C ", "D "}, ""},
         {nullptr, drop, {"C ", "D ", "D "}, ""},
         {drop, drop, {"C ", "C ", "D "}, "451"},
@@ -186,7 +187,10 @@ TEST_F(download_test, FailuresAreReportedOnceAndNotRetried)
         {"no Location", R"("status":302,"body":null)", nullptr,
          "Box named no download location for the file", {"C "}},
         {"download refused", nullptr, R"("status":503,"body":null)",
-         "500 INTERNAL_ERROR\r\n", {"C ", "D "}},
+         "500-INTERNAL_ERROR\r\n", {"C ", "D "}},
+        /* The signed link is never named: the file and the host are. */
+        {"download dropped twice", nullptr, R"("drop":true,"count":2)", "GET http://127.0.0.1:",
+         {"C ", "D ", "D "}},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.name);
@@ -197,10 +201,111 @@ TEST_F(download_test, FailuresAreReportedOnceAndNotRetried)
             fault_download(r.download_fault);
         std::string reply = retrieve({{0, -1}});
         EXPECT_NE(reply.find(r.reply), std::string::npos) << reply;
+        EXPECT_EQ(reply.find("/d/1/"), std::string::npos) << reply;
+        if (r.download_fault != nullptr) {
+            EXPECT_NE(reply.find("-Box-Path: \"/d/f.bin\"\r\n"), std::string::npos) << reply;
+            EXPECT_NE(reply.find(" Box-Download-Host: \"" + emulator().base_url()),
+                      std::string::npos)
+                << reply;
+        }
         EXPECT_EQ(requests(), r.requests);
         EXPECT_EQ(driver_.sent_bytes(), 0u);
         expect_one_transfer(1);
     }
+}
+
+/* Only a 200 or a 206 brings the file's bytes; any other final answer of
+ * the download is a failure (with the class Box's translation gives, where
+ * it gives one), never a success with nothing sent. */
+TEST_F(download_test, OnlyTheFilesBytesMakeADownload)
+{
+    const struct {
+        int status;
+        const char *reply;
+    } rows[] = {
+        {404, "550-PATH_NOT_FOUND\r\n"},
+        {405, "451-Box answered with HTTP status 405, which this request cannot use.\r\n"},
+        {410, "451-Box answered with HTTP status 410"}, {413, "451-Box answered with HTTP status 413"},
+        {416, "451-Box answered with HTTP status 416"}, {418, "451-Box answered with HTTP status 418"},
+        {451, "451-Box answered with HTTP status 451"}, {204, "451-Box answered with HTTP status 204"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.status);
+        driver_.clear_events();
+        fault_download(R"("status":)" + std::to_string(r.status) + R"(,"body":null)");
+        std::string reply = retrieve({{0, -1}});
+        EXPECT_EQ(reply.substr(0, strlen(r.reply)), r.reply) << reply;
+        EXPECT_EQ(requests(), (strings{"C ", "D "}));
+        EXPECT_EQ(driver_.sent_bytes(), 0u);
+        expect_one_transfer(1);
+    }
+}
+
+/* A ranged request answered with the whole file (200) has the bytes before
+ * the range skipped and those after it left out; a 206 from another byte
+ * than asked is refused before any of it is written.  A resumed download
+ * answered 200 so goes on where the data channel stopped. */
+TEST_F(download_test, AnswersToRangesLandInPlace)
+{
+    std::string text;
+    for (int i = 0; i < 300000; i++)
+        text += static_cast<char>('a' + (i * 7 + i / 26) % 26);
+    seed(R"([{"path":"/d/t.txt","content":")" + text + R"("}])");
+    tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&session_->cache, "/d");
+    ASSERT_NE(folder, nullptr);
+    folder->listed = false;
+    const std::string whole = R"("status":200,"body":")" + text + R"(")";
+    const std::string shifted =
+        R"("status":206,"headers":{"Content-Range":"bytes 0-299999/300000"},"body":")" + text +
+        R"(")";
+    const struct {
+        const char *name;
+        std::vector<std::string> faults;
+        tarvex_off_t offset, length;
+        const char *reply;
+    } rows[] = {
+        {"200 from 30 on", {whole}, 30, -1, ""},
+        {"200 for 30 to 49", {whole}, 30, 20, ""},
+        {"206 from elsewhere", {shifted}, 30, -1,
+         "451-Box's partial answer does not start at the byte asked for.\r\n"},
+        {"resumed, answered 200", {R"("truncate_after":150000)", whole}, 100, -1, ""},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        driver_.clear_events();
+        for (const std::string &fault : r.faults)
+            fault_download(fault);
+        std::string reply = retrieve({{r.offset, r.length}}, "/d/t.txt");
+        EXPECT_EQ(reply.substr(0, strlen(r.reply)), r.reply) << reply.substr(0, 300);
+        take_requests();
+        if (r.reply[0] != '\0') {
+            EXPECT_EQ(driver_.sent_bytes(), 0u);
+            continue;
+        }
+        size_t length = r.length < 0 ? text.size() - r.offset : r.length;
+        EXPECT_EQ(driver_.sent_bytes(), length);
+        EXPECT_TRUE(driver_.sent_data().substr(r.offset) == text.substr(r.offset, length));
+        tarvex_off_t next = r.offset;
+        for (const auto &[at, size] : driver_.sent_writes()) {
+            EXPECT_EQ(at, next) << "writes overlap or leave a hole";
+            next = at + static_cast<tarvex_off_t>(size);
+        }
+    }
+}
+
+/* Box's downloads come from another host: the signed link goes there
+ * without the token, and the file arrives whole. */
+TEST_F(download_test, TheTokenStaysWithBoxsOwnOrigins)
+{
+    emulator().config(R"({"download_base":"http://localhost:)" +
+                      std::to_string(emulator().port()) + R"("})");
+    EXPECT_EQ(retrieve({{0, -1}}), "");
+    auto log = take_requests();
+    ASSERT_EQ(log.size(), 2u);
+    EXPECT_EQ(log[0].header("Authorization"), "Bearer test-token");
+    EXPECT_EQ(log[1].header("Host"), "localhost:" + std::to_string(emulator().port()));
+    EXPECT_EQ(log[1].header("Authorization"), "");
+    expect_file_from(0, file_size);
 }
 
 TEST_F(download_test, AMissingPathIsReportedBeforeTheTransferBegins)

@@ -142,7 +142,9 @@ class AnswerSchemaTest(EmulatorCase):
                    "download": ids["/dl.txt"], "file_properties_create": ids["/meta.txt"],
                    "file_properties_update": ids["/meta.txt"],
                    "folder_properties_create": ids["/metaf"],
-                   "folder_properties_update": ids["/metaf"]}
+                   "folder_properties_update": ids["/metaf"],
+                   "upload_version": ids["/dl.txt"],
+                   "create_version_upload_session": ids["/dl.txt"]}
         patch = [{"op": "add", "path": "/tarvex-md5", "value": "y"}]
         bodies = {"make_folder": {"name": "n", "parent": {"id": "0"}},
                   "rename_file": {"name": "r.txt", "parent": {"id": ids["/renf"]}},
@@ -152,7 +154,8 @@ class AnswerSchemaTest(EmulatorCase):
                   "folder_properties_update": patch,
                   "create_upload_session": {"folder_id": "0", "file_size": len(data),
                                             "file_name": "s"},
-                  "upload_part": data[:PART]}
+                  "upload_part": data[:PART],
+                  "create_version_upload_session": {"file_size": len(data)}}
         answers = {}
         for entry in REQUESTS:
             name = entry["name"]
@@ -164,6 +167,8 @@ class AnswerSchemaTest(EmulatorCase):
             body = bodies.get(name)
             if name == "upload":
                 body, headers = upload_body("u.bin", "0", data, boundary="tarvex_0123")
+            elif name == "upload_version":
+                body, headers = upload_body("dl.txt", None, b"new", boundary="tarvex_0123")
             elif name == "upload_part":
                 headers.update({"Content-Range": "bytes 0-%d/%d" % (PART - 1, PART),
                                 "digest": digest(body)})
@@ -194,7 +199,11 @@ class AnswerSchemaTest(EmulatorCase):
                  ("GET", "/2.0/folders/999999/items", None, None, 404),
                  ("PUT", "/2.0/files/%s" % f, {"name": "bad/name", "parent": {"id": d}}, None, 400),
                  ("POST", props, {"tarvex-md5": "00"}, None, 201),
-                 ("POST", props, {"tarvex-md5": "00"}, None, 409)]
+                 ("POST", props, {"tarvex-md5": "00"}, None, 409),
+                 ("POST", "/api/2.0/files/%s/content" % f, *upload_body("f.txt", None, b"2"), 200),
+                 ("GET", "/2.0/files/%s/versions" % f, None, None, 200),
+                 ("POST", "/api/2.0/files/%s/upload_sessions" % f,
+                  {"file_size": 1, "file_name": "sub"}, None, 409)]
         for method, url, body, headers, status in cases:
             with self.subTest(method + " " + url, status=status):
                 self.check(method, url, body, headers, status)

@@ -323,6 +323,36 @@ class EmulatorTest(EmulatorCase):
                     {"cut_body_after": -1}):
             self.assertEqual(self.emu.request("POST", "/_emulator/faults", bad)[0], 400, bad)
 
+    def test_new_versions_keep_the_old_content(self):
+        f = self.emu.seed({"path": "/v/f.bin", "content": "one"})["/v/f.bin"]
+        status, doc, _ = self.emu.json("POST", "/api/2.0/files/%s/content?fields=name,size" % f,
+                                       *upload_body("f.bin", None, b"two!"))
+        self.assertEqual((status, doc["entries"][0]["id"], doc["entries"][0]["size"]),
+                         (200, f, 4))
+        data = pattern(0, 2500)
+        status, session, _ = self.emu.json("POST", "/api/2.0/files/%s/upload_sessions" % f,
+                                           {"file_size": len(data), "file_name": "g.bin"})
+        self.assertEqual(status, 201, session)
+        url = "/api/2.0/files/upload_sessions/" + session["id"]
+        parts = [self.emu.json("PUT", url, data[o:o + PART], {
+            "Content-Range": "bytes %d-%d/%d" % (o, min(o + PART, 2500) - 1, 2500),
+            "digest": digest(data[o:o + PART])})[1]["part"] for o in (0, 1000, 2000)]
+        status, doc, _ = self.emu.json("POST", url + "/commit", {"parts": parts},
+                                       {"digest": digest(data)})
+        self.assertEqual((status, doc["entries"][0]["id"]), (201, f))
+        # The current content under the new name; the two before it, newest first.
+        self.assertEqual(self.emu.control("GET", "content?path=/v/g.bin"), data)
+        status, doc, _ = self.emu.json("GET", "/2.0/files/%s/versions" % f)
+        self.assertEqual([(v["name"], v["size"], v["sha1"], v["version_number"])
+                          for v in doc["entries"]],
+                         [("f.bin", 4, hashlib.sha1(b"two!").hexdigest(), "2"),
+                          ("f.bin", 3, hashlib.sha1(b"one").hexdigest(), "1")])
+        self.assertEqual(len(self.emu.control("GET", "item?path=/v/g.bin")["versions"]), 2)
+        # Downloads on another origin when asked to.
+        self.emu.control("POST", "config", {"download_base": "http://localhost:1"})
+        status, hdrs, _ = self.emu.request("GET", "/2.0/files/%s/content" % f)
+        self.assertTrue(hdrs["location"].startswith("http://localhost:1/d/1/"), hdrs)
+
     def test_request_log(self):
         body = json.dumps({"name": "k", "parent": {"id": "0"}}).encode()
         self.emu.request("POST", "/2.0/folders?fields=id", iter([body[:5], body[5:]]),

@@ -107,6 +107,7 @@ protected:
     {
         tarvex_i_box_chunked_minimum = saved_minimum_;
         tarvex_i_box_max_delay = saved_max_delay_;
+        tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
         session_test::TearDown();
     }
     /* Anything above `minimum` bytes goes in parts of `part_size`. */
@@ -151,20 +152,35 @@ protected:
         return tarvex_box_json_ptr(json_loads(emulator().item(path).c_str(), 0, nullptr));
     }
 
+    /* The earlier versions Box keeps of the file at `path`. */
+    static size_t versions(const std::string &path)
+    {
+        return json_array_size(json_object_get(item(path).get(), "versions"));
+    }
+    static std::string md5_property(const std::string &path)
+    {
+        tarvex_box_json_ptr doc = item(path);
+        json_t *props = json_object_get(
+            json_object_get(json_object_get(doc.get(), "metadata"), "global"), "properties");
+        const char *md5 = json_string_value(json_object_get(props, "tarvex-md5"));
+        return md5 ? md5 : "";
+    }
+
     std::map<std::string, std::string> ids_;
     int saved_minimum_ = tarvex_i_box_chunked_minimum;
     int saved_max_delay_ = tarvex_i_box_max_delay;
 };
 
-/* Up to 52428800 announced bytes (or none) one request; one more opens an
- * upload session (refused here, so nothing large is sent). */
+/* Up to the minimum announced bytes (or none) one request; one more opens
+ * an upload session (refused here, so nothing large is sent). */
 TEST_F(upload_test, AnnouncedSizeChoosesTheWay)
 {
-    EXPECT_EQ(store("/d/at-limit.bin", "small", 52428800), "");
+    small_parts(4096, 1024);
+    EXPECT_EQ(store("/d/at-limit.bin", std::string(4096, 'a'), 4096), "");
     EXPECT_EQ(store("/d/unannounced.bin", "any size", 0), "");
     emulator().fault(
         R"({"method":"POST","path_regex":"upload_sessions$","status":403,"body":null})");
-    EXPECT_EQ(store("/d/above.bin", "small", 52428801), "550 PERMISSION_DENIED\r\n");
+    EXPECT_EQ(store("/d/above.bin", std::string(4097, 'a'), 4097), "550 PERMISSION_DENIED\r\n");
     auto log = take_requests();
     EXPECT_EQ(only(log, "POST", "/api/2.0/files/content").size(), 2u);
     EXPECT_EQ(only(log, "POST", sessions).size(), 1u);
@@ -216,6 +232,167 @@ TEST_F(upload_test, ExistingNameIsDeletedFirst)
     EXPECT_EQ(emulator().content("/d/old.txt"), "new");
 }
 
+/* A restart with no upload session of this login to continue, and a store
+ * on the root folder itself, are refused before anything is touched. */
+TEST_F(upload_test, RefusedBeforeTheOldFileIsTouched)
+{
+    const struct {
+        const char *path;
+        tarvex_off_t offset, alloc_size;
+        const char *reply;
+    } rows[] = {
+        /* APPE of the whole file's length, then REST at a part boundary:
+         * both announce a size that would take an upload session. */
+        {"/d/old.txt", 3, 62914560, "553 MULTI_PART_UPLOAD_NOT_FOUND\r\n"},
+        {"/d/old.txt", 8388608, 62914560, "553 MULTI_PART_UPLOAD_NOT_FOUND\r\n"},
+        {"/", 0, 5, "553-INVALID_PATH_NAME\r\n553 GridFTP-Path: / is a folder\r\n"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(std::string(r.path) + " from " + std::to_string(r.offset));
+        tarvex_test::driver d;
+        d.set_receive_data("new");
+        if (r.offset != 0)
+            d.add_write_range(r.offset, -1);
+        EXPECT_EQ(store(d, r.path, r.alloc_size, r.offset == 0), r.reply);
+        EXPECT_TRUE(take_requests().empty());
+        EXPECT_EQ(emulator().content("/d/old.txt"), "old");
+    }
+}
+
+/* A client that announced its size and sends another count of bytes has
+ * its one request abandoned before the body is complete: Box keeps
+ * nothing of it. */
+TEST_F(upload_test, OneRequestTakesExactlyTheAnnouncedCount)
+{
+    const struct {
+        uint64_t sent, announced;
+        const char *reply;
+    } rows[] = {
+        {100000, 200000,
+         "451 The client sent 100000 bytes where it announced 200000 (ALLO); nothing was "
+         "stored.\r\n"},
+        {150, 100,
+         "451 The client sent more than the 100 bytes it announced (ALLO); nothing was "
+         "stored.\r\n"},
+        {0, 1, "451 The client sent 0 bytes where it announced 1 (ALLO); nothing was stored.\r\n"},
+    };
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.sent);
+        tarvex_test::driver d;
+        d.set_receive_pattern(r.sent);
+        EXPECT_EQ(store(d, "/d/counted.bin", static_cast<tarvex_off_t>(r.announced)), r.reply);
+        EXPECT_EQ(emulator().item("/d/counted.bin"), "");
+        /* Never answered: the body broke off (too many bytes may break it
+         * before Box has seen the request at all). */
+        for (const auto &post : only(take_requests(), "POST", "/api/2.0/files/content"))
+            EXPECT_EQ(post.status, 0);
+    }
+}
+
+/* Box's answer must name the stored file.  When it is lost after Box
+ * stored the file (one request, or a commit), the file is looked up: there
+ * with the bytes sent, the store succeeded. */
+TEST_F(upload_test, AnswersThatNameNoFileOrAreLost)
+{
+    small_parts(2048, 1024);
+    emulator().fault(R"({"method":"POST","path_regex":"content$","status":201,"body":{}})");
+    EXPECT_EQ(store("/d/no-entry.bin", "abc", 3),
+              "451 Box's answer to the upload names no file.\r\n");
+    EXPECT_EQ(emulator().item("/d/no-entry.bin"), "");
+
+    const struct {
+        const char *fault;
+        uint64_t size;
+    } rows[] = {
+        {R"({"method":"POST","path_regex":"files/content$","truncate_after":0})", 1000},
+        {R"({"method":"POST","path_regex":"commit$","truncate_after":0})", 3000},
+        {R"({"method":"POST","path_regex":"commit$","truncate_after":0,"reset":true})", 3000},
+    };
+    int n = 0;
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.fault);
+        const std::string path = "/d/lost" + std::to_string(n++) + ".bin";
+        emulator().fault(r.fault);
+        tarvex_test::driver d;
+        EXPECT_EQ(store_pattern(d, path, r.size), "");
+        EXPECT_EQ(emulator().content(path), tarvex_test::pattern(r.size));
+        tarvex_box_path_info_t *cached = tarvex_box_path_cache_query(&session_->cache, path.c_str());
+        ASSERT_NE(cached, nullptr);
+        EXPECT_EQ(cached->size, r.size);
+        if (r.size > 2048) {
+            EXPECT_EQ(md5_property(path), pattern_digests(r.size).md5);
+            EXPECT_FALSE(remembered(path));
+        }
+    }
+}
+
+/* With "replace": "new-version" a store over a file uploads a new version
+ * of it: every way the store can fail leaves the old bytes current. */
+TEST_F(upload_test, NewVersionLeavesTheOldBytesOnEveryFailure)
+{
+    tarvex_i_box_replace = TARVEX_BOX_REPLACE_NEW_VERSION;
+    small_parts(2048, 1024);
+    const std::string part = R"("method":"PUT","path_regex":"upload_sessions/[^/]+$")";
+    const std::string commit = R"("method":"POST","path_regex":"commit$")";
+    const std::string one = R"("method":"POST","path_regex":"^/api/2.0/files/[0-9]+/content$")";
+    const struct {
+        const char *name;
+        std::string fault;
+        uint64_t size, announced, broken_after;
+    } rows[] = {
+        {"refused size", "", 600, 600, 0}, /* the limit is 500 here */
+        {"broken data connection", "", 3000, 0, 1500},
+        {"broken data connection, parts", "", 3000, 3000, 1500},
+        {"announced size not sent", "", 1000, 1500, 0},
+        {"Box refuses the upload", "{" + one + R"(,"status":503,"body":null})", 1000, 0, 0},
+        {"answer lost, nothing stored", "{" + one + R"(,"drop":true})", 1000, 0, 0},
+        {"part failing", "{" + part + R"(,"status":500,"body":null,"count":-1})", 3000, 3000, 0},
+        {"commit failing", "{" + commit + R"(,"status":409,"body":null,"count":-1})", 3000,
+         3000, 0},
+    };
+    int n = 0;
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.name);
+        const std::string path = "/d/kept" + std::to_string(n++) + ".txt";
+        seed(R"([{"path":")" + path + R"(","content":"old","md5_property":"m"}])");
+        session_->max_upload = r.size == 600 ? 500 : 53687091200;
+        tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&session_->cache, "/d");
+        ASSERT_NE(folder, nullptr);
+        folder->listed = false; /* /d was listed before the file was added */
+        if (!r.fault.empty())
+            emulator().fault(r.fault);
+        tarvex_test::driver d;
+        if (r.broken_after != 0)
+            d.fail_receive_after(r.broken_after, "data channel closed");
+        d.set_receive_pattern(r.size);
+        EXPECT_NE(store(d, path, static_cast<tarvex_off_t>(r.announced)), "");
+        EXPECT_EQ(emulator().content(path), "old");
+        EXPECT_EQ(versions(path), 0u);
+        EXPECT_EQ(md5_property(path), "m");
+        EXPECT_TRUE(only(take_requests(), "DELETE", "/").empty());
+        emulator().control("DELETE", "/_emulator/faults");
+    }
+    session_->max_upload = 53687091200;
+
+    /* Whole stores make a new version; the MD5 property follows the
+     * content, also for a file stored in one request. */
+    for (uint64_t size : {1000, 3000}) {
+        SCOPED_TRACE(size);
+        tarvex_test::driver d;
+        EXPECT_EQ(store_pattern(d, "/d/old.txt", size), "");
+        EXPECT_EQ(emulator().content("/d/old.txt"), tarvex_test::pattern(size));
+        EXPECT_EQ(md5_property("/d/old.txt"), pattern_digests(size).md5);
+        auto log = take_requests();
+        EXPECT_TRUE(only(log, "DELETE", "/").empty());
+        EXPECT_EQ(only(log, "POST", "/api/2.0/files/" + ids_["/d/old.txt"] + "/").size(), 1u);
+    }
+    EXPECT_EQ(versions("/d/old.txt"), 2u);
+    tarvex_box_path_info_t *cached = tarvex_box_path_cache_query(&session_->cache, "/d/old.txt");
+    ASSERT_NE(cached, nullptr);
+    EXPECT_STREQ(cached->id, ids_["/d/old.txt"].c_str());
+    EXPECT_EQ(cached->size, 3000u);
+}
+
 /* Bytes stored as sent, in pieces of odd sizes, in one attempt whatever
  * happens; the answer's entry cached under the parent, with the time the
  * client asked for or Box's own. */
@@ -246,7 +423,7 @@ TEST_F(upload_test, OneRequestUpload)
     for (const char *fault : {R"("status":503,"body":null)", R"("drop":true)"}) {
         emulator().fault(R"({"method":"POST","path_regex":"content$",)" + std::string(fault) + "}");
         EXPECT_NE(store("/d/once.bin", data, 0), "") << fault;
-        EXPECT_EQ(take_requests().size(), 1u) << fault;
+        EXPECT_EQ(only(take_requests(), "POST", "/api/2.0/files/content").size(), 1u) << fault;
     }
 }
 

@@ -133,8 +133,11 @@ def digest(data):
 def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False,
                 field="file"):
     """A multipart upload (attributes, then the file in a part named
-    `field`) and its headers."""
-    attrs = {"name": name, "parent": {"id": parent}}
+    `field`) and its headers; no parent (None) for a new version of a
+    file."""
+    attrs = {"name": name}
+    if parent is not None:
+        attrs["parent"] = {"id": parent}
     if modified:
         attrs["content_modified_at"] = modified
     parts = [(b'name="attributes"', json.dumps(attrs).encode()),

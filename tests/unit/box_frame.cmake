@@ -1,6 +1,7 @@
 # Unit tests of the Box plug-in: module and table, debug log, box error and
 # answer translation, policy, credential, path variables, pacing, item
-# records, session caches and the checksum digest pipe.
+# records, session caches, the session journal's file and the checksum
+# digest pipe.
 add_executable(box_frame_test
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_debug_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_error_test.cpp
@@ -8,6 +9,7 @@ add_executable(box_frame_test
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_retry_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_item_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_cache_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_journal_file_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_digest_pipe_test.cpp)
 target_link_libraries(box_frame_test PRIVATE tarvex_box_internal tarvex_test_driver
   tarvex_test_error_check GTest::gtest_main)

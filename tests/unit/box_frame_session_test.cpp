@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "box_scratch.h"
+#include "session_journal.h"
 #include "tarvex_box_common.h"
 
 namespace {
@@ -87,6 +88,107 @@ TEST_F(BoxFrameSession, PolicyRenameReplaces)
     }
 }
 
+/* "replace" takes its two words; anything else names the key; every
+ * parse starts from the default. */
+TEST_F(BoxFrameSession, PolicyReplace)
+{
+    const struct { const char *policy; tarvex_box_replace_t replace; bool refused; } cases[] = {
+        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
+        {"{}", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
+        {R"({"replace": null})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "delete-first"})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
+        {R"({"replace": "New-Version"})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
+        {R"({"replace": true})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
+    };
+    for (const auto &c : cases) {
+        int rate = 16;
+        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
+        EXPECT_EQ(tarvex_i_box_replace, c.replace) << c.policy;
+        EXPECT_EQ(got, c.refused ? "500 GridFTP-Error: Bad \"replace\" in collection storage "
+                                   "policy: it must be \"delete-first\" or \"new-version\"."
+                                 : "")
+            << c.policy;
+    }
+}
+
+/* "session_cache" and "cache_ttl_seconds": absent or null are the
+ * defaults, a wrong value refuses the policy naming its key. */
+TEST_F(BoxFrameSession, PolicyCacheKeys)
+{
+    const char *const bad_mode = "500 GridFTP-Error: Bad \"session_cache\" in collection "
+                                 "storage policy: it must be \"private\" or \"shared\".";
+    const char *const bad_ttl = "500 GridFTP-Error: Bad \"cache_ttl_seconds\" in collection "
+                                "storage policy: it must be a whole number of seconds from 0 "
+                                "to 31536000.";
+    const struct { const char *policy; bool shared; int64_t ttl; const char *failure; } cases[] = {
+        {"{}", false, -1, ""},
+        {R"({"session_cache": "shared", "cache_ttl_seconds": 60})", true, 60, ""},
+        {R"({"session_cache": "private", "cache_ttl_seconds": 0})", false, 0, ""},
+        {R"({"session_cache": null, "cache_ttl_seconds": null})", false, -1, ""},
+        {R"({"cache_ttl_seconds": 31536000})", false, 31536000, ""},
+        {R"({"session_cache": "Shared"})", false, -1, bad_mode},
+        {R"({"session_cache": true})", false, -1, bad_mode},
+        {R"({"cache_ttl_seconds": -1})", false, -1, bad_ttl},
+        {R"({"cache_ttl_seconds": 1.5})", false, -1, bad_ttl},
+        {R"({"cache_ttl_seconds": "60"})", false, -1, bad_ttl},
+        {R"({"cache_ttl_seconds": 31536001})", false, -1, bad_ttl},
+    };
+    for (const auto &c : cases) {
+        tarvex_box_cache_policy_set({});
+        int rate = 16;
+        EXPECT_EQ(failure(tarvex_box_config_parse_json(c.policy, &rate)), c.failure) << c.policy;
+        EXPECT_EQ(tarvex_box_cache_policy_get().shared, c.shared) << c.policy;
+        EXPECT_EQ(tarvex_box_cache_policy_get().ttl_seconds, c.ttl) << c.policy;
+    }
+    tarvex_box_cache_policy_set({});
+}
+
+/* The three counts for a distant Box: whole numbers in their ranges;
+ * absent or null is the default, anything else is refused naming the key,
+ * and every parse starts from the defaults. */
+TEST_F(BoxFrameSession, PolicyCounts)
+{
+    const struct {
+        const char *policy;
+        int parts, streams, page;
+        const char *refused; /* the key named, or "" */
+    } cases[] = {
+        {R"({"upload_parts_in_flight": 8, "download_streams": 1, "list_page_size": 1000})", 8,
+         1, 1000, ""},
+        {"{}", 1, 1, 300, ""},
+        {R"({"upload_parts_in_flight": 1, "download_streams": 8, "list_page_size": 100})", 1,
+         8, 100, ""},
+        {R"({"upload_parts_in_flight": null, "download_streams": 4})", 1, 4, 300, ""},
+        {R"({"upload_parts_in_flight": 0})", 1, 1, 300, "upload_parts_in_flight"},
+        {R"({"upload_parts_in_flight": 9})", 1, 1, 300, "upload_parts_in_flight"},
+        {R"({"download_streams": "4"})", 1, 1, 300, "download_streams"},
+        {R"({"download_streams": 2.0})", 1, 1, 300, "download_streams"},
+        {R"({"list_page_size": 99})", 1, 1, 300, "list_page_size"},
+        {R"({"list_page_size": 1001, "download_streams": 3})", 1, 3, 300, "list_page_size"},
+        {R"({"list_page_size": true})", 1, 1, 300, "list_page_size"},
+    };
+    const std::map<std::string, std::string> ranges = {
+        {"upload_parts_in_flight", "1 to 8"},
+        {"download_streams", "1 to 8"},
+        {"list_page_size", "100 to 1000"}};
+    for (const auto &c : cases) {
+        int rate = 16;
+        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
+        std::string want = c.refused[0] == '\0'
+                               ? ""
+                               : std::string("500 GridFTP-Error: Bad \"") + c.refused +
+                                     "\" in collection storage policy: it must be a whole "
+                                     "number from " + ranges.at(c.refused) + ".";
+        EXPECT_EQ(got, want) << c.policy;
+        EXPECT_EQ(tarvex_i_box_upload_parts_in_flight, c.parts) << c.policy;
+        EXPECT_EQ(tarvex_i_box_download_streams, c.streams) << c.policy;
+        EXPECT_EQ(tarvex_i_box_list_page_size, c.page) << c.policy;
+    }
+    int rate = 16;
+    EXPECT_EQ(failure(tarvex_box_config_parse_json("{}", &rate)), "");
+}
+
 /* The bearer token goes over https, or plain http to this host only. */
 TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
 {
@@ -109,6 +211,25 @@ TEST_F(BoxFrameSession, BasesThatWouldLeakTheTokenAreRefused)
     EXPECT_EQ(failure(tarvex_box_config_parse_json(
                   R"({"box_api_base": "http://127.0.0.1:9"})", &rate)),
               "");
+    tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
+}
+
+/* The token goes to the two configured origins only: scheme, host and port
+ * alike (a default port written or not), nowhere a redirect might name. */
+TEST_F(BoxFrameSession, TheTokenGoesOnlyToTheConfiguredOrigins)
+{
+    tarvex_box_set_bases("https://api.box.com", "http://127.0.0.1:8080");
+    const struct { const char *url; bool box; } urls[] = {
+        {"https://api.box.com/2.0/files/1/content", true}, {"HTTPS://API.BOX.COM:443/x", true},
+        {"http://127.0.0.1:8080/api/2.0/files/content", true},
+        {"https://dl.boxcloud.com/d/1/b1!sig/download", false},
+        {"http://api.box.com/2.0", false},       {"https://api.box.com:8443/", false},
+        {"http://127.0.0.1:8081/x", false},      {"http://localhost:8080/x", false},
+        {"https://user@api.box.com/", false},    {"ftp://api.box.com/", false},
+        {"", false},
+    };
+    for (const auto &u : urls)
+        EXPECT_EQ(tarvex_box_url_on_box_origin(u.url), u.box) << u.url;
     tarvex_box_set_bases("https://api.box.com", "https://upload.box.com");
 }
 
@@ -180,6 +301,32 @@ TEST_F(BoxFrameSession, CredentialAndItsRenewal)
     EXPECT_STREQ(box.access_token, "t2");
     free(box.access_token);
     free(box.user_id);
+}
+
+/* A credential that does not parse is refused without a word of it: the
+ * reply and the log line say where it broke, never what was there. */
+TEST_F(BoxFrameSession, AMalformedCredentialIsNeverQuoted)
+{
+    const struct { const char *text, *failure; } cases[] = {
+        {"ya29.SECRET-token", "0 token: Error loading user credential: not JSON (line 1, "
+                              "column 2)\n"},
+        {R"({"access_token":"SECRET-token")", "0 token: Error loading user credential: not "
+                                              "JSON (line 1, column 30)\n"},
+        {R"({"access_token":SECRET-token})", "0 token: Error loading user credential: not JSON "
+                                             "(line 1, column 22)\n"},
+        {R"({"access_token":"SECRET-token","sub":"1"})",
+         "500 GridFTP-Error: Error unpacking user credential: Object item not found: "
+         "token_expiry\n"},
+    };
+    for (const auto &c : cases) {
+        config = {{"creds", c.text}};
+        tarvex_box_session_t box{};
+        std::string got = failure(refresh(&box));
+        EXPECT_EQ(got.find("SECRET"), std::string::npos) << got;
+        EXPECT_EQ(got, c.failure) << c.text;
+        free(box.access_token);
+        free(box.user_id);
+    }
 }
 
 std::string expand(const char *text)

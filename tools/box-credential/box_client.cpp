@@ -78,6 +78,18 @@ std::string text_of(json_t *doc, const char *key)
     return json_is_string(value) ? json_string_value(value) : "";
 }
 
+/* An OAuth 2.0 error code as Box sends them ("invalid_grant"): a short word
+ * of letters, digits, '_', '.' and '-'. */
+bool is_error_code(const std::string &text)
+{
+    if (text.empty() || text.size() > 64)
+        return false;
+    for (unsigned char c : text)
+        if (!isalnum(c) && c != '_' && c != '.' && c != '-')
+            return false;
+    return true;
+}
+
 /* A non-negative integer member, or -1. */
 int64_t count_of(json_t *doc, const char *key)
 {
@@ -122,10 +134,12 @@ token_answer request_token(const settings &s, const form_fields &form)
     int code = x.response.response_code;
     std::string error = text_of(x.json, "error");
     if (code >= 400 && code < 500 && !error.empty()) {
-        std::string description = text_of(x.json, "error_description");
-        throw grant_refused("the token endpoint refused the grant: " + error +
-                                (description.empty() ? "" : " (" + description + ")"),
-                            error);
+        // Only the error's code goes to the log, and only when it reads as
+        // one: the description (and anything else the endpoint chose to put
+        // there) may echo the refresh token or the secret it was sent.
+        if (!is_error_code(error))
+            error = "(an error code that is not one)";
+        throw grant_refused("the token endpoint refused the grant: " + error, error);
     }
     if (code != 200)
         throw failure("the token endpoint " + s.token_url + " answered HTTP " +

@@ -93,6 +93,21 @@ void renew(const settings &s, const credential_store &store, credential &c)
     store.write(c);
 }
 
+/* Where this credential's grants go: the endpoints given on this command
+ * line, else those its enrolment was given, else the settings'. */
+settings endpoints_for(settings s, const credential &c)
+{
+    if (!s.token_url_given && !c.token_url.empty()) {
+        check_endpoint("token URL", c.token_url);
+        s.token_url = c.token_url;
+    }
+    if (!s.api_base_given && !c.api_base.empty()) {
+        check_endpoint("API base", c.api_base);
+        s.api_base = c.api_base;
+    }
+    return s;
+}
+
 } // namespace
 
 std::string plugin_credential(const credential &c)
@@ -117,13 +132,19 @@ std::string obtain(const settings &s, const credential_store &store, call kind)
     // Another process may have renewed while this one waited for the lock.
     c = store.read();
     if (!usable(c, kind, now()))
-        renew(s, store, c);
+        renew(endpoints_for(s, c), store, c);
     return plugin_credential(c);
 }
 
 std::string enrol(const settings &s, const credential_store &store, credential c)
 {
     unique_fd lock = store.lock();
+    // Later renewals (the server's, without these options) go where the
+    // refresh token was issued.
+    if (s.token_url_given)
+        c.token_url = s.token_url;
+    if (s.api_base_given)
+        c.api_base = s.api_base;
     renew(s, store, c);
     return "enrolled " + store.user() + ": Box user " + c.sub + " through the " + c.grant +
            " grant; token valid until " + expiry_text(c.expires_at) + "\n";

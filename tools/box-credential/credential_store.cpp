@@ -155,8 +155,11 @@ credential parse(const std::string &text, const std::string &path)
 {
     json_error_t error;
     tarvex_box_json_ptr doc(json_loadb(text.data(), text.size(), 0, &error));
+    // The parser's text quotes what it read near the fault: tokens, here.
     if (!doc)
-        throw failure("bad state file " + path + ": " + error.text);
+        throw failure("bad state file " + path + ": not JSON (line " +
+                      std::to_string(error.line) + ", column " + std::to_string(error.column) +
+                      ")");
     reader r(doc.get(), path);
     if (!json_is_object(doc.get()))
         r.bad("not a JSON object");
@@ -173,6 +176,8 @@ credential parse(const std::string &text, const std::string &path)
     c.obtained_at = r.number("obtained_at", 0);
     c.sub = r.text("sub", false);
     c.max_upload = r.number("max_upload", -1);
+    c.token_url = r.text("token_url", false);
+    c.api_base = r.text("api_base", false);
     return c;
 }
 
@@ -199,6 +204,8 @@ std::string serialise(const credential &c)
     }
     put_text("sub", c.sub);
     put_number("max_upload", c.max_upload);
+    put_text("token_url", c.token_url);
+    put_text("api_base", c.api_base);
     tarvex_box_cstr_ptr text(json_dumps(doc.get(), JSON_INDENT(2)));
     if (!text)
         throw std::bad_alloc();

@@ -37,6 +37,10 @@ struct credential {
     int64_t obtained_at = 0;
     std::string sub;            // Box user id, from users/me
     int64_t max_upload = -1;    // bytes, from users/me; -1: not known yet
+    // The endpoints the enrolment was told on the command line, "" for
+    // none: a refresh token is only good where it was issued.
+    std::string token_url;
+    std::string api_base;
 };
 
 /* An open file descriptor, closed when it goes. */

@@ -15,6 +15,7 @@
 
 #include <jansson.h>
 
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -34,7 +35,7 @@ const char usage[] =
     "usage: tarvex-box-credential [SETTINGS] USER\n"
     "       tarvex-box-credential [SETTINGS] --renew USER\n"
     "       tarvex-box-credential [SETTINGS] --enrol USER --client FILE\n"
-    "                             (--refresh-token TOKEN | --box-user-id ID)\n"
+    "                             (--refresh-token-file FILE | --box-user-id ID)\n"
     "                             [--account NAME]\n"
     "\n"
     "Prints USER's Box credential as the Box storage plug-in takes it (JSON:\n"
@@ -51,14 +52,19 @@ const char usage[] =
     "  --token-url URL        OAuth 2.0 token endpoint\n"
     "                         (default https://api.box.com/oauth2/token)\n"
     "  --api-base URL         Box API (default https://api.box.com)\n"
+    "                         Either, given with --enrol, is kept for USER's later\n"
+    "                         calls (unless they give it again)\n"
     "Enrolment:\n"
     "  --client FILE          JSON with \"client_id\" and \"client_secret\" of the Box\n"
     "                         application (mode 0600)\n"
-    "  --refresh-token TOKEN  the refresh-token grant, from TOKEN ('-': read a line\n"
-    "                         from standard input)\n"
+    "  --refresh-token-file FILE\n"
+    "                         the refresh-token grant, with the token on the first\n"
+    "                         line of FILE ('-': standard input; a file must be its\n"
+    "                         owner's alone, mode 0600)\n"
     "  --box-user-id ID       the client-credentials grant, acting as Box user ID\n"
-    "  --account NAME         as root: the local account USER's sessions run as,\n"
-    "                         which the credential is kept for\n"
+    "  --account NAME         the local account USER's sessions run as, which the\n"
+    "                         credential is kept for (tarvex for the packaged\n"
+    "                         service); required as root\n"
     "\n"
     "URLs are https, or plain http to a loopback address.  Environment:\n"
     "TARVEX_DSI_REST_CA_FILE names a CA file to verify the servers with.\n"
@@ -70,7 +76,7 @@ struct arguments {
     bool renew = false;
     bool enrol = false;
     std::optional<std::string> client_file;
-    std::optional<std::string> refresh_token;
+    std::optional<std::string> refresh_token_file;
     std::optional<std::string> box_user_id;
     std::optional<std::string> account;
 };
@@ -108,10 +114,14 @@ arguments parse_arguments(const std::vector<std::string> &args)
             take_value(args, i, "--token-url", out.settings.token_url) ||
             take_value(args, i, "--api-base", out.settings.api_base) ||
             take_value(args, i, "--client", out.client_file) ||
-            take_value(args, i, "--refresh-token", out.refresh_token) ||
+            take_value(args, i, "--refresh-token-file", out.refresh_token_file) ||
             take_value(args, i, "--box-user-id", out.box_user_id) ||
             take_value(args, i, "--account", out.account))
             continue;
+        if (a == "--refresh-token" || a.rfind("--refresh-token=", 0) == 0)
+            throw usage_error("--refresh-token is gone: a token on the command line is shown "
+                              "to every user (ps); give --refresh-token-file FILE, or - for "
+                              "standard input");
         if (a == "--renew")
             out.renew = true;
         else if (a == "--enrol" || a == "--enroll")
@@ -126,14 +136,15 @@ arguments parse_arguments(const std::vector<std::string> &args)
     out.user = users[0];
     if (out.renew && out.enrol)
         throw usage_error("--renew and --enrol exclude each other");
-    bool enrolment_options = out.client_file || out.refresh_token || out.box_user_id ||
+    bool enrolment_options = out.client_file || out.refresh_token_file || out.box_user_id ||
                              out.account;
     if (!out.enrol && enrolment_options)
-        throw usage_error("--client, --refresh-token, --box-user-id and --account go with "
-                          "--enrol");
-    if (out.enrol && (!out.client_file || out.refresh_token.has_value() ==
+        throw usage_error("--client, --refresh-token-file, --box-user-id and --account go "
+                          "with --enrol");
+    if (out.enrol && (!out.client_file || out.refresh_token_file.has_value() ==
                                               out.box_user_id.has_value()))
-        throw usage_error("--enrol needs --client and one of --refresh-token, --box-user-id");
+        throw usage_error(
+            "--enrol needs --client and one of --refresh-token-file, --box-user-id");
     return out;
 }
 
@@ -149,25 +160,49 @@ void read_client_file(const std::string &path, credential &c)
                       " must be a regular file readable by its owner only (0600)");
     json_error_t error;
     tarvex_box_json_ptr doc(json_load_file(path.c_str(), 0, &error));
+    // The parser's text quotes what it read near the fault, the secret
+    // perhaps: only the place is told.
+    if (!doc)
+        throw failure("client file " + path + ": not JSON (line " + std::to_string(error.line) +
+                      ", column " + std::to_string(error.column) + ")");
     const char *id = nullptr;
     const char *secret = nullptr;
-    if (!doc || json_unpack_ex(doc.get(), &error, 0, "{s:s,s:s}", "client_id", &id,
-                               "client_secret", &secret) != 0 ||
+    if (json_unpack_ex(doc.get(), &error, 0, "{s:s,s:s}", "client_id", &id, "client_secret",
+                       &secret) != 0 ||
         id[0] == '\0' || secret[0] == '\0')
-        throw failure("client file " + path + ": needs \"client_id\" and \"client_secret\" (" +
-                      error.text + ")");
+        throw failure("client file " + path +
+                      ": needs \"client_id\" and \"client_secret\", both non-empty strings");
     c.client_id = id;
     c.client_secret = secret;
 }
 
-std::string read_line_from_stdin()
+std::string first_line(std::istream &in, const std::string &where)
 {
     std::string line;
-    if (!std::getline(std::cin, line))
-        throw failure("no refresh token on standard input");
+    if (!std::getline(in, line))
+        throw failure("no refresh token " + where);
     while (!line.empty() && isspace(static_cast<unsigned char>(line.back())))
         line.pop_back();
     return line;
+}
+
+/* The refresh token, from the first line of `path` ('-': standard input),
+ * never from the command line, where every user's ps shows it.  A regular
+ * file that others may read is refused, as the client file is. */
+std::string read_refresh_token(const std::string &path)
+{
+    if (path == "-")
+        return first_line(std::cin, "on standard input");
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        throw failure(path + ": " + strerror(errno));
+    if (S_ISREG(st.st_mode) && (st.st_mode & 077) != 0)
+        throw failure("refresh token file " + path +
+                      " must be readable by its owner only (0600)");
+    std::ifstream in(path);
+    if (!in)
+        throw failure(path + ": " + strerror(errno));
+    return first_line(in, "in " + path);
 }
 
 /* Root enrols for the account USER's sessions run as: the folder is made
@@ -175,14 +210,18 @@ std::string read_line_from_stdin()
  * folder is the account's own. */
 void become(const std::string &account, const credential_store &store)
 {
-    if (geteuid() != 0)
-        throw failure("--account needs root");
     struct passwd pw;
     struct passwd *found = nullptr;
     std::vector<char> buffer(16384);
     if (getpwnam_r(account.c_str(), &pw, buffer.data(), buffer.size(), &found) != 0 ||
         found == nullptr)
         throw failure("no local account " + account);
+    if (pw.pw_uid == geteuid()) {
+        store.prepare_folder(pw.pw_uid, getegid()); // the account running this
+        return;
+    }
+    if (geteuid() != 0)
+        throw failure("--account " + account + " needs root");
     store.prepare_folder(pw.pw_uid, pw.pw_gid);
     if (initgroups(account.c_str(), pw.pw_gid) != 0 || setgid(pw.pw_gid) != 0 ||
         setuid(pw.pw_uid) != 0)
@@ -193,9 +232,9 @@ std::string enrol_user(const settings &s, const credential_store &store, const a
 {
     credential c;
     read_client_file(*a.client_file, c);
-    if (a.refresh_token) {
+    if (a.refresh_token_file) {
         c.grant = refresh_grant;
-        c.refresh_token = *a.refresh_token == "-" ? read_line_from_stdin() : *a.refresh_token;
+        c.refresh_token = read_refresh_token(*a.refresh_token_file);
         if (c.refresh_token.empty())
             throw failure("the refresh token is empty");
     } else {
@@ -206,6 +245,13 @@ std::string enrol_user(const settings &s, const credential_store &store, const a
     }
     if (a.account)
         become(*a.account, store);
+    else if (geteuid() == 0)
+        // Kept for root, the credential is refused to a server running as
+        // anyone else ("owned by uid 0"), at the first login.
+        throw failure("as root, --enrol needs --account NAME, the account " + a.user +
+                      "'s sessions run as: tarvex for the packaged service, the login's own "
+                      "account with per-account.conf, root only for a server whose sessions "
+                      "run as root");
     else
         store.prepare_folder(geteuid(), getegid());
     return enrol(s, store, c);

@@ -45,6 +45,8 @@ void read_settings_file(const std::string &path, bool must_exist, settings &out)
     }
 }
 
+} // namespace
+
 /* The client secret, refresh tokens and access tokens go to these URLs:
  * the same rule as the plug-in's for its bearer token. */
 void check_endpoint(const char *what, const std::string &url)
@@ -54,8 +56,6 @@ void check_endpoint(const char *what, const std::string &url)
                       " refused: credentials go only over https, or plain http to a "
                       "loopback address");
 }
-
-} // namespace
 
 settings load_settings(const settings_overrides &given)
 {
@@ -68,6 +68,8 @@ settings load_settings(const settings_overrides &given)
         out.token_url = *given.token_url;
     if (given.api_base)
         out.api_base = *given.api_base;
+    out.token_url_given = given.token_url.has_value();
+    out.api_base_given = given.api_base.has_value();
     while (out.api_base.size() > 1 && out.api_base.back() == '/')
         out.api_base.pop_back();
     if (out.state_dir.empty() || out.state_dir[0] != '/')

@@ -15,6 +15,9 @@ struct settings {
     std::string state_dir = "/var/lib/tarvex/box";
     std::string token_url = "https://api.box.com/oauth2/token";
     std::string api_base = "https://api.box.com";
+    /* Given on the command line: an enrolment keeps them for the user. */
+    bool token_url_given = false;
+    bool api_base_given = false;
 };
 
 /* The settings file read when no --config is given, if it exists. */
@@ -32,6 +35,10 @@ struct settings_overrides {
  * settings file, an unknown key, or an endpoint that would carry secrets
  * in the clear across a network. */
 settings load_settings(const settings_overrides &given);
+
+/* Throws failure when `url` may not carry credentials (https, or plain
+ * http to a loopback address); `what` names it in the message. */
+void check_endpoint(const char *what, const std::string &url);
 
 } // namespace box_credential
 

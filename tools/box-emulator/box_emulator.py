@@ -71,6 +71,7 @@ class State:
             self.commit_pending = {"count": 0, "retry_after": 1}
             self.config = {"part_size": self.args.part_size,
                            "min_session_size": self.args.min_session_size,
+                           "download_base": None,
                            **wan.start_config(self.args)}
         if hasattr(self, "api"):
             self.api.downloads = {}
@@ -152,6 +153,7 @@ def build_routes(state):
         ("PUT", r"/2\.0/files/%s" % item, lambda r, i: api.update(r, "file", i)),
         ("DELETE", r"/2\.0/files/%s" % item, lambda r, i: api.delete(r, "file", i)),
         ("GET", r"/2\.0/files/%s/content" % item, api.content_redirect),
+        ("GET", r"/2\.0/files/%s/versions" % item, api.versions),
         ("OPTIONS", r"/2\.0/files/content", up.preflight),
         ("GET", r"/2\.0/users/me", state.oauth.users_me),
     ] + [
@@ -159,7 +161,9 @@ def build_routes(state):
         for method in ("GET", "POST", "PUT", "DELETE")
     ] + [
         ("POST", r"/api/2\.0/files/content", up.upload),
+        ("POST", r"/api/2\.0/files/%s/content" % item, up.upload_version),
         ("POST", r"/api/2\.0/files/upload_sessions", up.create_session),
+        ("POST", r"/api/2\.0/files/%s/upload_sessions" % item, up.create_version_session),
         ("PUT", r"/api/2\.0/files/upload_sessions/%s" % item, up.upload_part),
         ("GET", r"/api/2\.0/files/upload_sessions/%s" % item, up.session_status),
         ("DELETE", r"/api/2\.0/files/upload_sessions/%s" % item, up.abort),

@@ -145,6 +145,26 @@ class Api:
             self.store.delete(item, recursive and kind == "folder")
         return Response(204)
 
+    def versions(self, req, file_id):
+        """GET /2.0/files/ID/versions: the versions before the current one,
+        newest first, offset paged."""
+        q = req.query
+        req.body.drain()
+        limit, offset = 1000, 0
+        for key in ("limit", "offset"):
+            text = first(q, key)
+            if text is not None and not re.fullmatch(r"\d+", text):
+                raise bad_request("Invalid value for %s" % key, "invalid_" + key)
+        if first(q, "limit") is not None:
+            limit = min(max(int(first(q, "limit")), 1), 1000)
+        if first(q, "offset") is not None:
+            offset = int(first(q, "offset"))
+        with self.store.lock:
+            item = self.store.get(file_id, "file")
+            entries = self.store.versions_json(item)
+        return Response(200, {"total_count": len(entries), "entries": entries[offset:offset + limit],
+                              "offset": offset, "limit": limit})
+
     # -- downloads ------------------------------------------------------
 
     def content_redirect(self, req, file_id):
@@ -155,7 +175,10 @@ class Api:
             now = time.time()
             self.downloads = {k: v for k, v in self.downloads.items() if v[2] > now}
             self.downloads[key] = (item.id, item.content, now + DOWNLOAD_LIFETIME)
-        location = "%s/d/1/%s/download" % (req.base_url, key)
+        # Box's downloads come from another host; "download_base" (control
+        # config) puts them on another origin here too.
+        base = self.state.config.get("download_base") or req.base_url
+        location = "%s/d/1/%s/download" % (base, key)
         return Response(302, headers={"Location": location})
 
     def download(self, req, key):

@@ -350,6 +350,11 @@ class Control:
             for key in WAN_KEYS:
                 if key in doc:
                     config[key] = _int(doc, key, 0)
+            if "download_base" in doc:
+                base = doc["download_base"]
+                if base is not None and not re.fullmatch(r"https?://[^/?#]+", str(base)):
+                    raise ControlError("'download_base' must be null or scheme://host:port")
+                config["download_base"] = base
             if "conflicts_as_list" in doc:
                 if not isinstance(doc["conflicts_as_list"], bool):
                     raise ControlError("'conflicts_as_list' must be true or false")

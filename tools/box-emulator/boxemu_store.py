@@ -128,10 +128,22 @@ class Item:
         else:
             self.content = None
             self.version_id = None
+            self.version_created_at = now
+            self.versions = []  # the versions before the current one, oldest first
 
     def touch(self):
         self.sequence += 1
         self.modified_at = time.time()
+
+
+class Version:
+    """A file's earlier content, as it was when a newer version replaced it."""
+
+    def __init__(self, item):
+        self.id = item.version_id
+        self.name = item.name
+        self.content = item.content
+        self.created_at = item.version_created_at
 
 
 class Store:
@@ -144,8 +156,8 @@ class Store:
         with self.lock:
             old = getattr(self, "items", {})
             for item in old.values():
-                if item.type == "file" and item.content is not None:
-                    item.content.discard()
+                if item.type == "file":
+                    self.discard_contents(item)
             for session in getattr(self, "sessions", {}).values():
                 session.discard()
             self.counter = 1000
@@ -243,13 +255,32 @@ class Store:
         return item
 
     def set_content(self, item, content, modified_at=None):
+        """Replaces the file's content outright (seeding), no version kept."""
         if item.content is not None:
             item.content.discard()
+        self._set_current(item, content, modified_at)
+
+    def new_version(self, item, content, modified_at=None):
+        """Makes `content` the file's current version; the one before is kept
+        among its versions, as Box keeps them."""
+        item.versions.append(Version(item))
+        self._set_current(item, content, modified_at)
+
+    def _set_current(self, item, content, modified_at):
         item.content = content
         item.version_id = self.new_version_id()
+        item.version_created_at = time.time()
         if modified_at is not None:
             item.content_modified_at = modified_at
         item.touch()
+
+    @staticmethod
+    def discard_contents(item):
+        for content in [item.content] + [v.content for v in item.versions]:
+            if content is not None:
+                content.discard()
+        item.content = None
+        item.versions = []
 
     def delete(self, item, recursive):
         if item is self.root:
@@ -266,9 +297,8 @@ class Store:
         if item.type == "folder":
             for child in list(item.children.values()):
                 self._trash(child)
-        elif item.content is not None:
-            item.content.discard()
-            item.content = None
+        else:
+            self.discard_contents(item)
 
     def move(self, item, name, parent):
         if item is self.root:
@@ -380,9 +410,24 @@ class Store:
             doc["metadata"] = metadata
         return doc
 
+    def version_json(self, version, number):
+        fmt = self.clock.format
+        return {"type": "file_version", "id": version.id, "sha1": version.content.sha1,
+                "name": version.name, "size": version.content.size,
+                "created_at": fmt(version.created_at), "modified_at": fmt(version.created_at),
+                "modified_by": dict(USER), "trashed_at": None, "purged_at": None,
+                "version_number": str(number)}
+
+    def versions_json(self, item):
+        """The file's earlier versions, newest first, as Box lists them."""
+        count = len(item.versions)
+        return [self.version_json(v, count - i) for i, v in enumerate(reversed(item.versions))]
+
     def control_json(self, item):
         doc = self.item_json(item)
         doc.pop("item_collection", None)
+        if item.type == "file":
+            doc["versions"] = self.versions_json(item)
         doc["metadata"] = ({s: {t: dict(i) for t, i in tmpl.items()}
                             for s, tmpl in item.metadata.items()} or None)
         return doc

@@ -86,9 +86,10 @@ def body_chunks(body):
 
 
 class Session:
-    def __init__(self, sid, folder_id, name, size, part_size, directory):
+    def __init__(self, sid, folder_id, name, size, part_size, directory, file_id=None):
         self.id = sid
         self.folder_id = folder_id
+        self.file_id = file_id   # a new version of this file, or None: a new file
         self.name = name
         self.size = size
         self.part_size = part_size
@@ -133,6 +134,26 @@ class Uploads:
     # -- single request upload -------------------------------------------
 
     def upload(self, req):
+        attributes, spooled = self._receive(req)
+        try:
+            return self._store_upload(req, attributes, spooled)
+        except BaseException:
+            self._drop(spooled)
+            raise
+
+    def upload_version(self, req, file_id):
+        """POST /api/2.0/files/ID/content: a new version of a file; the one
+        before stays among its versions."""
+        attributes, spooled = self._receive(req)
+        try:
+            return self._store_version(req, file_id, attributes, spooled)
+        except BaseException:
+            self._drop(spooled)
+            raise
+
+    def _receive(self, req):
+        """The multipart body: (attributes, spooled file or None).  Nothing
+        is kept from a body that does not end as its framing says."""
         ctype, params = header_params(req.headers.get("Content-Type") or "")
         if ctype != "multipart/form-data":
             req.body.drain()
@@ -165,11 +186,7 @@ class Uploads:
             req.body.drain()
             self._drop(spooled)
             raise
-        try:
-            return self._store_upload(req, attributes, spooled)
-        except BaseException:
-            self._drop(spooled)
-            raise
+        return attributes, spooled
 
     @staticmethod
     def _drop(spooled):
@@ -179,13 +196,12 @@ class Uploads:
             except OSError:
                 pass
 
-    def _store_upload(self, req, attributes, spooled):
+    @staticmethod
+    def _checked_file(req, attributes, spooled):
+        """(spool path, SHA-1, content_modified_at) of an upload whose
+        attributes have a name; Box's checks of the file part."""
         if not isinstance(attributes, dict) or "name" not in attributes:
-            raise bad_request("attributes with 'name' and 'parent' are required")
-        parent_id = (attributes.get("parent") or {}).get("id") \
-            if isinstance(attributes.get("parent"), dict) else None
-        if not isinstance(parent_id, str):
-            raise bad_request("attributes need 'parent' with an 'id'")
+            raise bad_request("attributes with 'name' are required")
         if spooled is None:
             raise bad_request("The file part is missing")
         path, _, sha1 = spooled
@@ -193,13 +209,41 @@ class Uploads:
         if wanted and wanted.strip().lower() != sha1:
             raise bad_request("The Content-MD5 header does not match the file's SHA-1",
                               "bad_digest")
-        modified = parse_time_attr(attributes, "content_modified_at")
+        return path, sha1, parse_time_attr(attributes, "content_modified_at")
+
+    def _store_upload(self, req, attributes, spooled):
+        parent_id = (attributes.get("parent") or {}).get("id") \
+            if isinstance(attributes, dict) and isinstance(attributes.get("parent"), dict) \
+            else None
+        path, sha1, modified = self._checked_file(req, attributes, spooled)
+        if not isinstance(parent_id, str):
+            raise bad_request("attributes need 'parent' with an 'id'")
         with self.store.lock:
             parent = self.store.get(parent_id, "folder", name="parent", location="body")
             item = self.store.create_file(parent, attributes["name"], FileContent([path], sha1),
                                           modified)
             entry = self.store.item_json(item, first(req.query, "fields"))
         return Response(201, {"total_count": 1, "entries": [entry]})
+
+    def _store_version(self, req, file_id, attributes, spooled):
+        path, sha1, modified = self._checked_file(req, attributes, spooled)
+        with self.store.lock:
+            item = self.store.get(file_id, "file")
+            self._new_version(item, attributes["name"], FileContent([path], sha1), modified)
+            entry = self.store.item_json(item, first(req.query, "fields"))
+        # Box's description has this answer 200, where a new file is 201.
+        return Response(200, {"total_count": 1, "entries": [entry]})
+
+    def _new_version(self, item, name, content, modified):
+        """A new version, which may carry a new name (checked first, like
+        any other); the version before keeps the name it had."""
+        renamed = name is not None and name != item.name
+        if renamed:
+            check_name(name)
+            self.store.conflict(item.parent, name, exclude=item)
+        self.store.new_version(item, content, modified)
+        if renamed:
+            self.store.move(item, name, item.parent)
 
     # -- preflight -------------------------------------------------------
 
@@ -251,22 +295,46 @@ class Uploads:
         if "file_name" not in doc:
             raise bad_request("file_name is required", "missing_file_name")
         check_name(doc["file_name"])
+        with self.store.lock:
+            parent = self.store.get(doc["folder_id"], "folder", name="folder_id", location="body")
+            self.store.conflict(parent, doc["file_name"])
+            return self._open_session(req, parent, doc["file_name"], size)
+
+    def create_version_session(self, req, file_id):
+        """POST /api/2.0/files/ID/upload_sessions: a session whose commit
+        makes a new version of the file."""
+        doc = read_json(req)
+        if not isinstance(doc, dict):
+            raise bad_request("The body must be a JSON object")
+        if "file_size" not in doc:
+            raise bad_request("file_size is required", "missing_file_size")
+        size = doc["file_size"]
+        if not isinstance(size, int) or isinstance(size, bool) or size < 0:
+            raise bad_request("file_size must be a number", "invalid_file_size")
+        name = doc.get("file_name")
+        if name is not None:
+            check_name(name)
+        with self.store.lock:
+            item = self.store.get(file_id, "file")
+            if name is not None and name != item.name:
+                self.store.conflict(item.parent, name, exclude=item)
+            return self._open_session(req, item.parent, name, size, item.id)
+
+    def _open_session(self, req, parent, name, size, file_id=None):
+        """Called under the store's lock."""
         config = self.state.config
         if size < config["min_session_size"]:
             raise bad_request("file_size is below the minimum for upload sessions (%d)"
                               % config["min_session_size"], "file_size_too_small")
-        with self.store.lock:
-            parent = self.store.get(doc["folder_id"], "folder", name="folder_id", location="body")
-            self.store.conflict(parent, doc["file_name"])
-            sid = secrets.token_hex(16).upper()
-            directory = os.path.join(self.state.data_dir, "session-" + sid)
-            os.mkdir(directory)
-            part_size = config["part_size"]
-            while -(-size // part_size) > MAX_PARTS:
-                part_size *= 2   # Box grows the part size for huge files
-            session = Session(sid, parent.id, doc["file_name"], size, part_size, directory)
-            self.store.sessions[sid] = session
-            return Response(201, self._session_json(req, session))
+        sid = secrets.token_hex(16).upper()
+        directory = os.path.join(self.state.data_dir, "session-" + sid)
+        os.mkdir(directory)
+        part_size = config["part_size"]
+        while -(-size // part_size) > MAX_PARTS:
+            part_size *= 2   # Box grows the part size for huge files
+        session = Session(sid, parent.id, name, size, part_size, directory, file_id)
+        self.store.sessions[sid] = session
+        return Response(201, self._session_json(req, session))
 
     def _session_json(self, req, s):
         url = "%s/api/2.0/files/upload_sessions/%s" % (req.base_url, s.id)
@@ -407,8 +475,12 @@ class Uploads:
                 part["path"] = final
                 paths.append(final)
             try:
-                item = self.store.create_file(parent, session.name,
-                                              FileContent(paths, h.hexdigest()), modified)
+                content = FileContent(paths, h.hexdigest())
+                if session.file_id is None:
+                    item = self.store.create_file(parent, session.name, content, modified)
+                else:
+                    item = self.store.get(session.file_id, "file")
+                    self._new_version(item, session.name, content, modified)
             except BaseException:
                 for part, final in zip(ordered, paths):
                     os.rename(final, os.path.join(session.directory, os.path.basename(final)))

@@ -20,6 +20,12 @@
  * known (through the response callback); anything else means none did
  * (resolve, connect, TLS, time-out, a callback that failed, ...).
  *
+ * Errors and log lines name a request by its method and URL without query,
+ * fragment or user; a request without an "Authorization" header is named
+ * by the URL's scheme and host alone (its path hidden from the trace too),
+ * since such a URL may be a credential itself: a pre-signed download link
+ * carries its signature in the path as well as in the query.
+ *
  * Debug output: TARVEX_DSI_REST_DEBUG (grammar of tarvex_debug.h; levels
  * "ERROR WARN INFO DEBUG TRACE").
  */

@@ -129,8 +129,14 @@ std::string_view trim(std::string_view text);
 std::string url_encode(std::string_view text);
 /* `url` with the pairs of `query` appended ("?k=v&..."; NULL values left out). */
 std::string url_with_query(const char *url, const tarvex_dsi_rest_key_array_t *query);
-/* `url` without query and fragment: safe to print in errors and logs. */
-std::string url_for_messages(const char *url);
+/* `url` as errors and logs name it: its scheme and host (without a user
+ * or password), and its path only when `with_path`; never its query or
+ * fragment. */
+std::string url_for_messages(const char *url, bool with_path);
+/* Whether the headers hold a non-empty "Authorization": a request that
+ * authenticates so has a URL that is no secret; one without may be
+ * authorised by its URL alone (a pre-signed link). */
+bool carries_credential(const tarvex_dsi_rest_key_array_t *headers);
 /* The boundary parameter of a multipart Content-Type value, or "". */
 std::string boundary_of(std::string_view content_type);
 
@@ -206,7 +212,10 @@ public:
     static RequestContext *current();
 
     const std::string method;
-    const std::string url;         /* without query: for messages */
+    const std::string url;         /* as messages name it (url_for_messages) */
+    /* What the trace hides, when the URL may be a credential: the request
+     * target (path and query) as sent, and the path alone. */
+    std::vector<std::string> hidden;
     tarvex_dsi_rest_callbacks_t callbacks{};
     std::string content_type;      /* the request's Content-Type */
 

@@ -63,10 +63,38 @@ std::string url_with_query(const char *url, const tarvex_dsi_rest_key_array_t *q
     return out;
 }
 
-std::string url_for_messages(const char *url)
+std::string url_for_messages(const char *url, bool with_path)
 {
     std::string_view text(url != nullptr ? url : "");
-    return std::string(text.substr(0, text.find_first_of("?#")));
+    text = text.substr(0, text.find_first_of("?#"));
+    size_t scheme_end = text.find("://");
+    if (scheme_end == std::string_view::npos)
+        return with_path ? std::string(text) : std::string();
+    size_t host_start = scheme_end + 3;
+    size_t path_start = std::min(text.find('/', host_start), text.size());
+    std::string_view authority = text.substr(host_start, path_start - host_start);
+    // "user:password@" is a credential too.
+    size_t at = authority.rfind('@');
+    if (at != std::string_view::npos)
+        authority.remove_prefix(at + 1);
+    std::string out(text.substr(0, host_start));
+    out += authority;
+    if (with_path)
+        out += text.substr(path_start);
+    return out;
+}
+
+bool carries_credential(const tarvex_dsi_rest_key_array_t *headers)
+{
+    if (headers == nullptr || headers->key_value == nullptr)
+        return false;
+    for (size_t i = 0; i < headers->count; i++) {
+        const tarvex_dsi_rest_key_value_t &pair = headers->key_value[i];
+        if (pair.key != nullptr && header_name_equals(pair.key, "Authorization") &&
+            pair.value != nullptr && pair.value[0] != '\0')
+            return true;
+    }
+    return false;
 }
 
 std::string boundary_of(std::string_view content_type)

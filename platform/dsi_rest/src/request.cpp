@@ -295,6 +295,21 @@ tarvex_result_t perform(CURL *curl, RequestContext &ctx, const std::string &full
     return transport_error(code, error_buffer, ctx.method, ctx.url);
 }
 
+// The request target of `url` as sent (path and query) and its path
+// alone, longest first; none for a URL without a path.
+std::vector<std::string> request_targets(const std::string &url)
+{
+    size_t host_start = url.find("://");
+    size_t path_start = host_start == std::string::npos ? host_start : url.find('/', host_start + 3);
+    if (path_start == std::string::npos || path_start + 1 >= url.size())
+        return {};
+    std::string target = url.substr(path_start, url.find('#', path_start) - path_start);
+    std::string path = target.substr(0, target.find('?'));
+    if (path == target || path.size() <= 1)
+        return {target};
+    return {target, path};
+}
+
 void record_byte_counts(const RequestContext &ctx)
 {
     if (ctx.callbacks.response_callback != tarvex_dsi_rest_response ||
@@ -314,18 +329,24 @@ tarvex_result_t request(const char *method, const char *url,
     if (!valid_method(method) || url == nullptr || url[0] == '\0')
         return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
                                      "A request needs a method and a URL");
+    // A URL sent without a credential of its own may be one (a pre-signed
+    // download link): errors and logs name its host only.
+    bool credentialed = carries_credential(headers);
     if (RequestContext::current() != nullptr)
         return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
                                      "A callback of a request made another request: %s %s",
-                                     method, url_for_messages(url).c_str());
+                                     method, url_for_messages(url, credentialed).c_str());
     CURL *curl = thread_handle();
     if (curl == nullptr)
         return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_FATAL, nullptr,
                                      "libcurl could not be started");
 
-    RequestContext ctx(method, url_for_messages(url), callbacks);
+    RequestContext ctx(method, url_for_messages(url, credentialed), callbacks);
+    std::string full_url = url_with_query(url, query);
+    if (!credentialed)
+        ctx.hidden = request_targets(full_url);
     int64_t started = tarvex_time_monotonic_usec();
-    tarvex_result_t result = perform(curl, ctx, url_with_query(url, query), headers);
+    tarvex_result_t result = perform(curl, ctx, full_url, headers);
     record_byte_counts(ctx);
     TARVEX_DSI_REST_LOG(DEBUG, "DEBUG", "%s %s -> %d, %llu bytes in, %llu out, %.3f s\n",
                         method, ctx.url.c_str(), ctx.status,

@@ -2,8 +2,9 @@
 // the header lines each way, one debug line each.  libcurl's own verbose
 // dump would print "Authorization: Bearer <token>" as sent, so the header
 // lines pass through here and the values of credential headers are
-// replaced; bodies are never printed (a token endpoint's answer is all
-// secrets).
+// replaced, as is the request target of a URL sent without a credential
+// (a pre-signed link is one); bodies are never printed (a token endpoint's
+// answer is all secrets).
 #include <strings.h>
 
 #include <cstring>
@@ -16,9 +17,10 @@ namespace tarvex_dsi_rest_internal {
 
 namespace {
 
-// Headers whose value is a credential, each way.
+// Headers whose value is a credential, each way.  A redirect's target can
+// be one: Box answers a file's content with a signed download link.
 constexpr const char *secret_headers[] = {"Authorization", "Proxy-Authorization", "Cookie",
-                                          "Set-Cookie"};
+                                          "Set-Cookie", "Location", "Content-Location"};
 
 bool is_secret_header(std::string_view line)
 {
@@ -51,6 +53,20 @@ std::string printable(std::string_view text)
     return out;
 }
 
+// A line with the request's secret URL parts (RequestContext::hidden)
+// replaced.
+std::string without_secrets(std::string text)
+{
+    const RequestContext *ctx = RequestContext::current();
+    if (ctx == nullptr)
+        return text;
+    for (const std::string &secret : ctx->hidden)
+        for (size_t at = text.find(secret); at != std::string::npos;
+             at = text.find(secret, at + 8))
+            text.replace(at, secret.size(), "<hidden>");
+    return text;
+}
+
 void trace_lines(const char *marker, std::string_view block)
 {
     while (!block.empty()) {
@@ -63,7 +79,7 @@ void trace_lines(const char *marker, std::string_view block)
             continue;
         std::string text = is_secret_header(line)
                                ? std::string(line.substr(0, line.find(':'))) + ": <hidden>"
-                               : printable(line);
+                               : without_secrets(printable(line));
         TARVEX_DSI_REST_LOG(TRACE, "TRACE", "%s %s", marker, text.c_str());
     }
 }

@@ -38,6 +38,43 @@ const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const char *name);
 /* Deactivates a plug-in loaded with tarvex_gfs_dsi_load(). */
 void tarvex_gfs_dsi_unload(const char *name);
 
+/* ---- checking a plug-in's configuration data ----
+ *
+ * The server hands a plug-in configuration data by key ("config", ...);
+ * what the data must say only the plug-in knows.  A plug-in that wants its
+ * data checked when the server starts, at tarvex-gridftp-server
+ * --check-config and at SIGHUP (rather than at the first login) registers
+ * a checker for the key: its activation adds a tarvex_gfs_config_checker_t
+ * under "N:KEY" (plug-in name, a colon, the key) to
+ * tarvex_i_gfs_config_check_registry with tarvex_extension_registry_add(),
+ * its deactivation removes it.  The server runs the checks in a process of
+ * its own that ends after them: a checker may use the plug-in's own parser
+ * even where that parser sets process-wide values. */
+
+/* Where the fault in a text lies, as far as the checker knows. */
+typedef struct tarvex_gfs_config_place_s {
+    int line;      /* from 1; 0: not known */
+    int column;    /* from 1; 0: not known */
+    char key[128]; /* the setting at fault; "": the text as a whole */
+} tarvex_gfs_config_place_t;
+
+/* TARVEX_SUCCESS for a text the plug-in would take, else an error whose
+ * message says what is wrong (no secret of the text in it), with `place`
+ * (zeroed by the caller) filled in as far as known. */
+typedef tarvex_result_t (*tarvex_gfs_config_check_func_t)(
+    const char *text, tarvex_gfs_config_place_t *place);
+
+typedef struct tarvex_gfs_config_checker_s {
+    const char *key; /* the configuration data key, e.g. "config" */
+    tarvex_gfs_config_check_func_t check;
+} tarvex_gfs_config_checker_t;
+
+extern tarvex_extension_registry_t tarvex_i_gfs_config_check_registry;
+
+/* The checker the plug-in named `dsi` registered for `key`, or NULL. */
+const tarvex_gfs_config_checker_t *tarvex_gfs_config_checker_find(const char *dsi,
+                                                                  const char *key);
+
 /* ---- descriptor flags ---- */
 
 typedef enum {

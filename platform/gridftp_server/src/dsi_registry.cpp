@@ -9,6 +9,7 @@
 #include "tarvex_gridftp_server.h"
 
 tarvex_extension_registry_t tarvex_i_gfs_dsi_registry = {nullptr};
+tarvex_extension_registry_t tarvex_i_gfs_config_check_registry = {nullptr};
 
 namespace {
 
@@ -81,4 +82,17 @@ extern "C" const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const ch
 extern "C" void tarvex_gfs_dsi_unload(const char *name)
 {
     tarvex_gfs_internal::guarded([&] { unload(name); });
+}
+
+extern "C" const tarvex_gfs_config_checker_t *tarvex_gfs_config_checker_find(const char *dsi,
+                                                                             const char *key)
+{
+    return tarvex_gfs_internal::guarded_value<const tarvex_gfs_config_checker_t *>(
+        nullptr, [&]() -> const tarvex_gfs_config_checker_t * {
+            if (dsi == nullptr || key == nullptr)
+                return nullptr;
+            std::string symbol = std::string(dsi) + ":" + key;
+            return static_cast<const tarvex_gfs_config_checker_t *>(
+                tarvex_extension_lookup(&tarvex_i_gfs_config_check_registry, symbol.c_str()));
+        });
 }

@@ -17,26 +17,29 @@ namespace tarvex_server {
 
 namespace {
 
-struct Entry {
-    std::string login;
-    std::string hash;
-    std::string account;
-};
+using Entry = PasswordFile::Entry;
 
-// "login:hash[:account]"; blank lines and '#' comments are skipped.
-bool parse_line(const std::string &line, Entry &e, bool &skip)
+// "login:hash[:account]"; blank lines and '#' comments are skipped (`skip`).
+// "" when the line is taken, else why not; never a word of the hash.
+std::string parse_line(const std::string &line, Entry &e, bool &skip)
 {
     skip = line.empty() || line[0] == '#';
     if (skip)
-        return true;
+        return "";
     size_t a = line.find(':');
     if (a == std::string::npos || a == 0)
-        return false;
+        return "expected login:hash[:account]";
     size_t b = line.find(':', a + 1);
     e.login = line.substr(0, a);
     e.hash = line.substr(a + 1, b == std::string::npos ? std::string::npos : b - a - 1);
     e.account = b == std::string::npos ? e.login : line.substr(b + 1);
-    return !e.hash.empty() && !e.account.empty();
+    // A bare "alice:" is what a hash command that failed, or waited for a
+    // password nobody typed, leaves behind.
+    if (e.hash.empty())
+        return e.login + ": no password hash (expected login:hash[:account])";
+    if (e.account.empty())
+        return e.login + ": an empty account after the second ':'";
+    return "";
 }
 
 bool read_entries(const std::string &path, std::vector<Entry> &out, std::string &err)
@@ -54,12 +57,18 @@ bool read_entries(const std::string &path, std::vector<Entry> &out, std::string 
             line.pop_back();
         Entry e;
         bool skip = false;
-        if (!parse_line(line, e, skip)) {
-            err = path + ":" + std::to_string(n) + ": expected login:hash[:account]";
+        std::string why = parse_line(line, e, skip);
+        if (!why.empty()) {
+            err = path;
+            err.append(":").append(std::to_string(n)).append(": ").append(why);
             return false;
         }
         if (!skip)
             out.push_back(std::move(e));
+    }
+    if (in.bad()) {
+        err = path + ": " + strerror(errno);
+        return false;
     }
     return true;
 }
@@ -85,20 +94,25 @@ bool hash_matches(const std::string &password, const std::string &hash)
 
 } // namespace
 
-bool validate_password_file(const std::string &path, std::string &err)
-{
-    std::vector<Entry> entries;
-    return read_entries(path, entries, err);
-}
-
-bool check_password(const std::string &path, const std::string &login,
-                    const std::string &password, std::string &account, std::string &err)
+bool PasswordFile::load(const std::string &path, std::string &err)
 {
     std::vector<Entry> entries;
     if (!read_entries(path, entries, err))
         return false;
+    entries_ = std::move(entries);
+    return true;
+}
+
+bool PasswordFile::operator==(const PasswordFile &other) const
+{
+    return entries_ == other.entries_;
+}
+
+bool PasswordFile::check(const std::string &login, const std::string &password,
+                         std::string &account) const
+{
     const Entry *found = nullptr;
-    for (const Entry &e : entries)
+    for (const Entry &e : entries_)
         if (e.login == login)
             found = &e;
     if (found == nullptr) {

@@ -1,8 +1,10 @@
 // Logins: the password file, and the switch to the login's local account.
 #pragma once
 
-#include <string>
 #include <sys/types.h>
+
+#include <string>
+#include <vector>
 
 namespace tarvex_server {
 
@@ -13,17 +15,35 @@ struct Account {
     std::string home;
 };
 
-// Looks `login` up in the password file at `path` ("login:hash[:account]")
-// and checks `password` against its crypt(3) hash.  On success `account`
-// is the local account named by the entry (default: the login).  Takes the
-// same time whether or not the login exists.  `err` says why a file could
-// not be used (never why a login failed).
-bool check_password(const std::string &path, const std::string &login,
-                    const std::string &password, std::string &account, std::string &err);
+// The password file: lines "login:hash[:account]" ('#' starts a comment
+// line), read whole when the server starts and at SIGHUP, so that a file
+// being edited never meets a login half-written, and a bad new one leaves
+// the old in force.
+class PasswordFile {
+public:
+    // False with `err` ("PATH: why" or "PATH:LINE: why") when the file
+    // cannot be read or a line does not parse.
+    bool load(const std::string &path, std::string &err);
 
-// True when the file can be read and every line parses; `err` names the
-// first bad line.
-bool validate_password_file(const std::string &path, std::string &err);
+    // Looks `login` up and checks `password` against its crypt(3) hash.
+    // On success `account` is the local account the entry names (default:
+    // the login).  Takes the same time whether or not the login exists.
+    bool check(const std::string &login, const std::string &password,
+               std::string &account) const;
+
+    size_t logins() const { return entries_.size(); }
+    bool operator==(const PasswordFile &other) const;
+
+    struct Entry {
+        std::string login;
+        std::string hash;
+        std::string account;
+        bool operator==(const Entry &) const = default;
+    };
+
+private:
+    std::vector<Entry> entries_;
+};
 
 bool lookup_account(const std::string &name, Account &out);
 bool lookup_own_account(Account &out);

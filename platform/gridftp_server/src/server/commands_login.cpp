@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <strings.h>
 
 #include "auth.h"
@@ -36,6 +38,32 @@ void no_stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *, void *)
 void no_command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *, void *)
 {
     tarvex_gridftp_server_finished_command(op, not_offered("this command"), nullptr);
+}
+
+// The reply a failed result makes, on one line for the log: the first
+// line with its code ("530 ...") unless `with_code` is false, the others
+// without, joined by ": ".
+// The log then says why a login failed as the client was told, with
+// whatever the plug-in named (the policy's fault, the Box host that did
+// not answer, the credential helper's refusal).
+std::string reply_for_log(tarvex_result_t result, int default_code, bool with_code = true)
+{
+    char *text = tarvex_gfs_error_to_ftp_reply(result, default_code);
+    if (text == nullptr)
+        return "no reason given";
+    std::string out;
+    std::string_view rest = text;
+    for (size_t end; (end = rest.find("\r\n")) != std::string_view::npos;
+         rest.remove_prefix(end + 2)) {
+        std::string_view line = rest.substr(0, end);
+        if ((!out.empty() || !with_code) && line.size() >= 4)
+            line.remove_prefix(4); // "NNN-" or "NNN "
+        out += (out.empty() ? "" : ": ") + std::string(line);
+    }
+    free(text);
+    if (with_code && out.size() > 4 && out[3] == '-')
+        out[3] = ' ';
+    return log_field(out);
 }
 
 } // namespace
@@ -81,10 +109,7 @@ void Session::cmd_pass(const std::string &arg)
         ok = lookup_own_account(acct);
     } else {
         std::string account;
-        std::string err;
-        ok = check_password(opts_.passwd_file, login, arg, account, err);
-        if (!err.empty())
-            log_session(log_field(err));
+        ok = ctx_.passwords != nullptr && ctx_.passwords->check(login, arg, account);
         if (ok && geteuid() == 0) {
             ok = lookup_account(account, acct);
             if (!ok)
@@ -155,6 +180,10 @@ bool Session::start_plugin_session(const std::string &login)
     if (login_expired_ || control_lost_) {
         // Answered 421 already (login_wait()), or nobody is left to answer;
         // a session the plug-in made after all is ended at once.
+        if (c.result != TARVEX_SUCCESS && login_expired_)
+            log_session("session start for " + log_field(login) + " timed out after " +
+                        std::to_string(opts_.login_timeout) + " s (--login-timeout): " +
+                        reply_for_log(c.result, 0, false));
         if (c.result == TARVEX_SUCCESS) {
             session_arg_ = c.session_arg;
             logged_in_ = true;
@@ -164,7 +193,8 @@ bool Session::start_plugin_session(const std::string &login)
         return false;
     }
     if (c.result != TARVEX_SUCCESS) {
-        log_session("session start for " + log_field(login) + " failed");
+        log_session("session start for " + log_field(login) + " failed: " +
+                    reply_for_log(c.result, 530));
         metrics::add(metrics::Family::logins, "storage_failed");
         reply_error(c.result, 530);
         return false;

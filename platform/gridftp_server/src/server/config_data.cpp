@@ -24,7 +24,9 @@ namespace {
 constexpr size_t max_config_size = size_t{4} * 1024 * 1024;
 constexpr int command_timeout_ms = 60000;
 
-ConfigData::Status read_file(const std::string &path, std::string &text)
+} // namespace
+
+ConfigData::Status read_config_data_file(const std::string &path, std::string &text)
 {
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
@@ -50,6 +52,8 @@ ConfigData::Status read_file(const std::string &path, std::string &text)
     text = std::move(out);
     return ConfigData::Status::found;
 }
+
+namespace {
 
 ConfigData::Status run_command(const std::string &cmd, const std::string &login,
                                std::string &text)
@@ -144,8 +148,12 @@ ConfigData::Status run_command(const std::string &cmd, const std::string &login,
 ConfigData::Status ConfigData::get(const std::string &key, const std::string &login,
                                    std::string &text) const
 {
+    if (auto t = texts_.find(key); t != texts_.end()) {
+        text = t->second;
+        return Status::found;
+    }
     if (auto f = files_.find(key); f != files_.end())
-        return read_file(f->second, text);
+        return read_config_data_file(f->second, text);
     if (auto c = commands_.find(key); c != commands_.end())
         return run_command(c->second, login, text);
     return Status::none;

@@ -30,14 +30,17 @@ namespace {
 int signal_pipe[2] = {-1, -1};
 volatile sig_atomic_t stopping = 0;
 volatile sig_atomic_t reopen_wanted = 0;
+volatile sig_atomic_t reload_wanted = 0;
 
 void on_signal(int sig)
 {
     int saved = errno;
     if (sig == SIGTERM || sig == SIGINT)
         stopping = 1;
-    if (sig == SIGHUP)
+    if (sig == SIGHUP) {
         reopen_wanted = 1;
+        reload_wanted = 1;
+    }
     char c = 0;
     if (write(signal_pipe[1], &c, 1) < 0) {
         // the pipe is full: a wake-up is pending anyway
@@ -468,6 +471,11 @@ int serve(const ListenSockets &sockets, const ServerContext &ctx)
             }
         }
         reap(l.children);
+        if (reload_wanted) {
+            reload_wanted = 0;
+            if (ctx.reload)
+                ctx.reload(); // for the sessions that start from now on
+        }
         tend(ctx);
         take_logins(l.logins[0], l.children);
         metrics::set(metrics::Family::sessions_open, static_cast<double>(l.children.size()));

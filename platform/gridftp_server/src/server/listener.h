@@ -22,8 +22,9 @@ int open_listener(const Options &opts, int &port, std::string &err);
 int open_listener_on(const std::string &bind, int wanted, int &port, std::string &err);
 
 // Serves until SIGTERM or SIGINT; returns the exit status.  SIGHUP reopens
-// the transfer log and the audit log.  Clients of sockets.implicit_tls
-// speak TLS from the first byte; sockets.metrics answers GET /metrics.
+// the transfer log and the audit log and reads the setup again
+// (ctx.reload).  Clients of sockets.implicit_tls speak TLS from the first
+// byte; sockets.metrics answers GET /metrics.
 //
 // Session places: at most --max-sessions sessions, and at most
 // --max-sessions-per-address from one client address.  A connection that

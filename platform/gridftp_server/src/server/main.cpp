@@ -9,13 +9,14 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "auth.h"
 #include "listener.h"
 #include "metrics.h"
 #include "metrics_http.h"
 #include "options.h"
-#include "tls.h"
+#include "setup.h"
 #include "xferlog.h"
 
 using namespace tarvex_server;
@@ -33,34 +34,29 @@ std::string default_plugin_path()
     return dir + "/" TARVEX_PLUGIN_DIR_FROM_BINDIR;
 }
 
-// Loads the plug-in once in a throw-away process, so that a wrong name or a
-// broken library is reported at start-up rather than to the first client,
-// and whatever the plug-in does when loaded stays out of this process.
-bool plugin_loads(const ServerContext &ctx, std::string &err)
+// --check-config: what was found on standard output, the problems on
+// standard error; the exit status.
+int report(const Options &opts, const Setup *setup, const std::vector<std::string> &problems)
 {
-    fflush(stderr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        tarvex_extension_set_search_path(ctx.plugin_path.c_str());
-        const tarvex_gfs_storage_iface_t *iface = tarvex_gfs_dsi_load(ctx.opts->dsi.c_str());
-        if (iface == nullptr) {
-            fprintf(stderr, "tarvex-gridftp-server: cannot load storage plug-in %s: %s\n",
-                    ctx.opts->dsi.c_str(), tarvex_extension_last_error());
-            fflush(stderr);
-            _exit(1);
-        }
-        _exit(iface->init_func != nullptr ? 0 : 2);
+    if (!opts.config_path.empty()) {
+        printf("configuration file %s: %zu setting(s)\n", opts.config_path.c_str(),
+               opts.file_settings.size());
+        for (const Setting &s : opts.file_settings)
+            printf("  line %d: %s = %s\n", s.line, s.key.c_str(), s.value.c_str());
     }
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) {
-        err = "cannot check the plug-in";
-        return false;
+    if (setup != nullptr) {
+        for (const std::string &line : setup->found)
+            printf("%s\n", line.c_str());
+        for (const std::string &line : setup->warnings)
+            printf("warning: %s\n", line.c_str());
     }
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        return true;
-    err = "storage plug-in " + ctx.opts->dsi + " is not usable (search path: " +
-          ctx.plugin_path + ")";
-    return false;
+    fflush(stdout);
+    for (const std::string &problem : problems)
+        fprintf(stderr, "tarvex-gridftp-server: %s\n", problem.c_str());
+    if (!problems.empty())
+        return 2;
+    printf("the configuration is usable\n");
+    return 0;
 }
 
 void detach()
@@ -142,25 +138,25 @@ int main(int argc, char **argv)
         fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
         return 2;
     }
-    if (!opts.passwd_file.empty() && !validate_password_file(opts.passwd_file, err)) {
-        fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
+    std::string plugin_path = opts.dsi_path.empty() ? default_plugin_path() : opts.dsi_path;
+    char start_dir[PATH_MAX];
+    Configuration conf(argc, argv, plugin_path,
+                       getcwd(start_dir, sizeof start_dir) != nullptr ? start_dir : "");
+    std::vector<std::string> problems;
+    bool usable = conf.start(opts, problems);
+    if (opts.check_config)
+        return report(opts, usable ? &conf.current() : nullptr, problems);
+    for (const std::string &problem : problems)
+        fprintf(stderr, "tarvex-gridftp-server: %s\n", problem.c_str());
+    if (!usable)
         return 2;
-    }
+    for (const std::string &warning : conf.current().warnings)
+        fprintf(stderr, "tarvex-gridftp-server: warning: %s\n", warning.c_str());
 
     ServerContext ctx;
-    ctx.opts = &opts;
-    ctx.plugin_path = opts.dsi_path.empty() ? default_plugin_path() : opts.dsi_path;
-    if (!opts.tls_cert.empty()) {
-        ctx.tls = make_tls_context(opts.tls_cert, opts.tls_key, err);
-        if (ctx.tls == nullptr) {
-            fprintf(stderr, "tarvex-gridftp-server: TLS: %s\n", err.c_str());
-            return 2;
-        }
-    }
-    if (!plugin_loads(ctx, err)) {
-        fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
-        return 2;
-    }
+    ctx.plugin_path = plugin_path;
+    conf.publish(ctx);
+    ctx.reload = [&conf, &ctx] { conf.reload(ctx); };
     TransferLog transfer_log;
     if (!opts.transfer_log.empty()) {
         if (!transfer_log.open(opts.transfer_log, err)) {

@@ -89,12 +89,23 @@ const char usage[] =
     "                        (default 100000); a larger tree's listing ends\n"
     "                        there with 451\n"
     "  --foreground          do not detach from the terminal\n"
+    "  --config FILE         settings from FILE: \"key = value\" lines whose keys\n"
+    "                        are the long options above without their dashes\n"
+    "                        (a switch: \"require-tls = true\"; a repeatable\n"
+    "                        option repeats its line; '#' starts a comment\n"
+    "                        line).  The command line's options win\n"
+    "  --check-config        check the settings, the password file, the TLS\n"
+    "                        certificate and key and the plug-in's configuration\n"
+    "                        data, print what was found, and exit: 0 when all\n"
+    "                        are usable, 2 naming the file, line and key when not\n"
     "  --help                this text\n"
     "  --version             the program's version\n"
     "\n"
     "Environment: TARVEX_EXTENSION_PATH adds plug-in directories.\n"
-    "Signals: SIGTERM and SIGINT stop the server, SIGHUP reopens the transfer log\n"
-    "and the audit log.\n"
+    "Signals: SIGTERM and SIGINT stop the server.  SIGHUP reopens the transfer\n"
+    "log and the audit log and reads the --config file, the password file, the\n"
+    "TLS certificate and key and the plug-in's checked configuration data again\n"
+    "for new sessions (kept as they were when any of them is bad).\n"
     "See tarvex-gridftp-server(8).\n";
 
 bool parse_int(const char *s, long lo, long hi, int &out)
@@ -142,6 +153,8 @@ bool take_switch(std::string_view a, Options &o)
         o.tls_data_any_session = true;
     else if (a == "--tls-strict-eof")
         o.tls_strict_eof = true;
+    else if (a == "--check-config")
+        o.check_config = true;
     else
         return false;
     return true;
@@ -196,6 +209,8 @@ Taken take_valued(std::string_view a, const char *v, Options &o)
         ok = parse_key_value(v, o.config_commands);
     else if (a == "--port-file")
         o.port_file = v;
+    else if (a == "--config")
+        o.config_path = v;
     else if (a == "--transfer-log") {
         o.transfer_log = v;
         ok = !o.transfer_log.empty();
@@ -262,7 +277,35 @@ const char *usage_text()
     return usage;
 }
 
-int parse_options(int argc, char **argv, Options &o, std::string &err)
+std::string apply_setting(const Setting &s, Options &o)
+{
+    if (s.key == "config" || s.key == "check-config")
+        return s.key + ": only on the command line";
+    std::string name = "--" + s.key;
+    Options scratch;
+    if (take_switch(name, scratch)) {
+        if (s.value == "true")
+            take_switch(name, o);
+        else if (s.value != "false")
+            return s.key + ": a switch is true or false, not \"" + s.value + "\"";
+        return "";
+    }
+    switch (take_valued(name, s.value.c_str(), o)) {
+    case Taken::ok:
+        return "";
+    case Taken::bad_value:
+        return s.key + ": bad value \"" + s.value + "\"";
+    case Taken::unknown:
+        break;
+    }
+    return s.key + ": unknown key (the keys are the long options of --help without "
+                   "their dashes)";
+}
+
+namespace {
+
+// The command line over whatever `o` holds already.
+int take_arguments(int argc, char **argv, Options &o, std::string &err)
 {
     for (int i = 1; i < argc; ++i) {
         std::string_view a = argv[i];
@@ -277,25 +320,59 @@ int parse_options(int argc, char **argv, Options &o, std::string &err)
         if (take_switch(a, o))
             continue;
         const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
+        Options scratch;
+        if (take_valued(a, v != nullptr ? v : "", scratch) == Taken::unknown) {
+            err = "unknown option " + std::string(a) + " (see --help)";
+            return -1;
+        }
         if (v == nullptr) {
             err = std::string(a) + ": missing value (see --help)";
             return -1;
         }
         ++i;
-        Taken taken = take_valued(a, v, o);
-        if (taken == Taken::unknown) {
-            err = "unknown option " + std::string(a) + " (see --help)";
-            return -1;
-        }
-        if (taken == Taken::bad_value) {
+        if (take_valued(a, v, o) == Taken::bad_value) {
             err = "bad value for " + std::string(a) + ": " + v;
             return -1;
         }
     }
+    return 0;
+}
+
+} // namespace
+
+int parse_options_with(const std::vector<Setting> &file, int argc, char **argv, Options &o,
+                       std::string &err)
+{
+    for (const Setting &s : file) {
+        std::string why = apply_setting(s, o);
+        if (!why.empty()) {
+            err = o.config_path + ":" + std::to_string(s.line) + ": " + why;
+            return -1;
+        }
+    }
+    o.file_settings = file;
+    int rc = take_arguments(argc, argv, o, err);
+    if (rc != 0)
+        return rc;
     std::string problem = check_together(o);
     if (!problem.empty())
         err = problem;
     return err.empty() ? 0 : -1;
+}
+
+int parse_options(int argc, char **argv, Options &o, std::string &err)
+{
+    // The command line once to find --config (and --help, and its own
+    // mistakes), then the file, then the command line over it.
+    Options first;
+    int rc = take_arguments(argc, argv, first, err);
+    if (rc != 0)
+        return rc;
+    std::vector<Setting> file;
+    if (!first.config_path.empty() && !read_config_file(first.config_path, file, err))
+        return -1;
+    o.config_path = first.config_path;
+    return parse_options_with(file, argc, argv, o, err);
 }
 
 } // namespace tarvex_server

@@ -3,6 +3,9 @@
 
 #include <map>
 #include <string>
+#include <vector>
+
+#include "config_file.h"
 
 namespace tarvex_server {
 
@@ -38,14 +41,31 @@ struct Options {
     std::string audit_log;         // "": no audit log
     std::string metrics_listen;    // "": no metrics; "ADDR:PORT"
     std::string metrics_port_file;
+
+    std::string config_path;       // --config FILE, "": none
+    std::vector<Setting> file_settings; // what that file says, in its order
+    bool check_config = false;     // --check-config
 };
 
-// Parses argv.  Returns 0 to go on, 1 after printing help or the version
-// (exit 0), -1 on a usage error (message in `err`).
+// Parses argv, and the file of --config when it is given: the file's
+// settings first, the command line's over them (a repeatable option's
+// key given on both: the command line's).  Returns 0 to go on, 1 after
+// printing help or the version (exit 0), -1 on a usage error (message in
+// `err`, "FILE:LINE: key: why" for the file's).
 int parse_options(int argc, char **argv, Options &opts, std::string &err);
 // "ADDR:PORT" (an IPv6 address in brackets: "[::1]:9464") into a numeric
 // address and a port (0-65535); false when it is not that.
 bool split_host_port(const std::string &text, std::string &host, int &port);
+
+// The same with the file's settings given (read again at SIGHUP).
+int parse_options_with(const std::vector<Setting> &file, int argc, char **argv, Options &opts,
+                       std::string &err);
+
+// One setting of the configuration file, by option name without dashes;
+// a switch takes "true" or "false".  "" when taken, else why not.  Every
+// long option of the command line is a key, except --config and
+// --check-config.
+std::string apply_setting(const Setting &s, Options &opts);
 const char *usage_text();
 
 } // namespace tarvex_server

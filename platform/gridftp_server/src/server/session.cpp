@@ -36,7 +36,10 @@ tarvex_result_t aborted_error()
 
 Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep, bool implicit_tls)
     : ctx_(ctx), opts_(*ctx.opts), ctl_(fd), ep_(ep),
-      config_(ctx.opts->config_files, ctx.opts->config_commands), implicit_tls_(implicit_tls)
+      config_(ctx.opts->config_files, ctx.opts->config_commands,
+              ctx.checked_data != nullptr ? *ctx.checked_data
+                                          : std::map<std::string, std::string>{}),
+      implicit_tls_(implicit_tls)
 {
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     tls_session_mark_ = random_session_mark();

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "auth.h"
 #include "config_data.h"
 #include "control.h"
 #include "data_channel.h"
@@ -24,13 +25,20 @@
 
 namespace tarvex_server {
 
-// What every session shares, set up once by the listening process.
+// What every session shares, set up by the listening process at its start
+// and again at SIGHUP (setup.h): a session takes what is in force when its
+// client connects.
 struct ServerContext {
     const Options *opts = nullptr;
     SSL_CTX *tls = nullptr;         // NULL: no AUTH TLS
     std::string plugin_path;        // search path for plug-ins
     TransferLog *transfer_log = nullptr; // NULL: no --transfer-log
     TransferLog *audit_log = nullptr;    // NULL: no --audit-log (audit.h)
+    const PasswordFile *passwords = nullptr; // with --passwd
+    // Configuration data read ahead, by key (ConfigData's `texts`).
+    const std::map<std::string, std::string> *checked_data = nullptr;
+    // SIGHUP in the listening process: reads the setup again.
+    std::function<void()> reload;
 };
 
 class Session;

@@ -3,6 +3,12 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+#include <openssl/x509.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 namespace tarvex_server {
 
@@ -30,7 +36,49 @@ int mark_ticket(SSL *ssl, void *) noexcept
     return mark_session(ssl, *mark) ? 1 : 0;
 }
 
+// Whether `path` can be opened for reading; `err` says why not.
+bool readable(const char *what, const std::string &path, std::string &err)
+{
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd < 0) {
+        err = std::string("cannot read ") + what + " " + path + ": " + strerror(errno);
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
 } // namespace
+
+std::string describe_certificate(SSL_CTX *ctx)
+{
+    X509 *cert = SSL_CTX_get0_certificate(ctx);
+    if (cert == nullptr)
+        return "no certificate";
+    std::string out = "subject ";
+    char *subject = X509_NAME_oneline(X509_get_subject_name(cert), nullptr, 0);
+    out += subject != nullptr ? subject : "?";
+    OPENSSL_free(subject);
+    BIO *bio = BIO_new(BIO_s_mem());
+    if (bio != nullptr && ASN1_TIME_print(bio, X509_get0_notAfter(cert)) == 1) {
+        char *text = nullptr;
+        long n = BIO_get_mem_data(bio, &text);
+        out += ", valid until " + std::string(text, static_cast<size_t>(n));
+    }
+    BIO_free(bio);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (X509_digest(cert, EVP_sha256(), digest, &length) == 1) {
+        static const char hex[] = "0123456789ABCDEF";
+        out += ", SHA-256 ";
+        for (unsigned int i = 0; i < length && i < 8; ++i) {
+            out += hex[digest[i] >> 4];
+            out += hex[digest[i] & 15];
+        }
+        out += "...";
+    }
+    return out;
+}
 
 bool mark_session(SSL *ssl, const std::string &mark)
 {
@@ -85,12 +133,17 @@ SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::
     // control connection by resuming its session: its tickets are marked.
     SSL_CTX_set_session_ticket_cb(ctx, mark_ticket, nullptr, nullptr);
 
-    if (SSL_CTX_use_certificate_chain_file(ctx, cert.c_str()) != 1) {
-        err = cert + ": " + last_ssl_error();
+    // OpenSSL says only "system lib" of a file it cannot open: the
+    // operator is told which file and why first.
+    if (!readable("TLS certificate", cert, err) || !readable("TLS key", key, err)) {
+        // err names the file
+    } else if (SSL_CTX_use_certificate_chain_file(ctx, cert.c_str()) != 1) {
+        err = "TLS certificate " + cert + ": not a PEM certificate chain (" + last_ssl_error() +
+              ")";
     } else if (SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), SSL_FILETYPE_PEM) != 1) {
-        err = key + ": " + last_ssl_error();
+        err = "TLS key " + key + ": not a PEM private key (" + last_ssl_error() + ")";
     } else if (SSL_CTX_check_private_key(ctx) != 1) {
-        err = "the key does not match the certificate";
+        err = "TLS key " + key + " does not match the certificate " + cert;
     } else {
         return ctx;
     }

@@ -8,10 +8,16 @@
 
 namespace tarvex_server {
 
-// Loads the certificate chain and key; NULL with `err` on failure.  Every
+// Loads the certificate chain and key; NULL with `err` on failure ("cannot
+// read TLS key PATH: Permission denied", ...).  Every
 // session ticket issued on a connection whose SSL carries a mark as its
 // app data (TlsSetup::mark_sessions, conn.h) carries that mark too.
 SSL_CTX *make_tls_context(const std::string &cert, const std::string &key, std::string &err);
+
+// The certificate of `ctx` for an operator: its subject, the end of its
+// validity and the start of its SHA-256 fingerprint (which tells two
+// certificates apart).
+std::string describe_certificate(SSL_CTX *ctx);
 
 // Puts `mark` into the session of `ssl` (and so into its tickets); false
 // when memory runs out.

@@ -1,0 +1,183 @@
+// The server's configuration file and how its settings meet the command
+// line: what a line may say, what each mistake is called (file, line,
+// key), and which side wins.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "config_file.h"
+#include "options.h"
+
+using namespace tarvex_server;
+
+namespace {
+
+// "key=value@line" for each setting, or the error.
+std::string parsed(const std::string &text)
+{
+    std::vector<Setting> out;
+    std::string err;
+    if (!parse_config_text("f.conf", text, out, err))
+        return err;
+    std::string all;
+    for (const Setting &s : out)
+        all += (all.empty() ? "" : " ") + s.key + "=" + s.value + "@" + std::to_string(s.line);
+    return all;
+}
+
+TEST(ServerConfigFile, LinesAndTheirMistakes)
+{
+    struct Case {
+        const char *text;
+        const char *want;
+    } cases[] = {
+        {"", ""},
+        {"# comment\n\n   # indented comment\nport = 2811\n", "port=2811@4"},
+        {"  bind=0.0.0.0  \r\nrequire-tls = true\r\n", "bind=0.0.0.0@1 require-tls=true@2"},
+        // '#' and '=' past the first belong to the value: commands hold them.
+        {"config-command = creds=helper \"$U\" # x=1", "config-command=creds=helper \"$U\" # x=1@1"},
+        {"config-file = config=/a\nconfig-file = creds=/b", "config-file=config=/a@1 config-file=creds=/b@2"},
+        {"last = line without newline", "last=line without newline@1"},
+        {"port 2811\n", "f.conf:1: expected \"key = value\""},
+        {"\n = 5\n", "f.conf:2: no key before '='"},
+        {"--port = 21\n", "f.conf:1: write the key without its dashes: port = ..."},
+        {"Port = 21\n", "f.conf:1: \"Port\" is not an option name"},
+        {"require-tls =\n", "f.conf:1: require-tls: no value (a switch is \"require-tls = true\")"},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(parsed(c.text), c.want) << c.text;
+    EXPECT_EQ(parsed(std::string("port = 1\0\n", 10)), "f.conf:1: a NUL byte: not a text file");
+}
+
+TEST(ServerConfigFile, UnreadableFilesAreNamed)
+{
+    std::vector<Setting> out;
+    std::string err;
+    EXPECT_FALSE(read_config_file("/nonexistent/tarvex.conf", out, err));
+    EXPECT_EQ(err, "/nonexistent/tarvex.conf: No such file or directory");
+    EXPECT_FALSE(read_config_file("/tmp", out, err));
+    EXPECT_EQ(err, "/tmp: not a regular file");
+}
+
+// Runs parse_options on `args` (after the program name); the error or "".
+struct Parsed {
+    int rc = 0;
+    std::string err;
+    Options opts;
+};
+
+Parsed parse(std::vector<std::string> args)
+{
+    args.insert(args.begin(), "tarvex-gridftp-server");
+    std::vector<char *> argv;
+    argv.reserve(args.size());
+    for (std::string &a : args)
+        argv.push_back(a.data());
+    Parsed p;
+    p.rc = parse_options(static_cast<int>(argv.size()), argv.data(), p.opts, p.err);
+    return p;
+}
+
+class ServerConfigOptions : public ::testing::Test {
+protected:
+    std::string write(const std::string &text)
+    {
+        char name[] = "/tmp/tarvex-options-test-XXXXXX";
+        int fd = mkstemp(name);
+        EXPECT_GE(fd, 0);
+        close(fd);
+        std::ofstream(name) << text;
+        files_.push_back(name);
+        return name;
+    }
+    void TearDown() override
+    {
+        for (const std::string &f : files_)
+            unlink(f.c_str());
+    }
+
+private:
+    std::vector<std::string> files_;
+};
+
+TEST_F(ServerConfigOptions, TheCommandLineWinsOverTheFile)
+{
+    std::string conf = write("port = 2811\n"
+                             "dsi = box\n"
+                             "anonymous-map = true\n"
+                             "foreground = false\n"
+                             "pasv-range = 50000-50999\n"
+                             "config-file = config=/etc/policy.json\n"
+                             "config-file = creds=/etc/creds.json\n");
+    Parsed p = parse({"--config", conf, "--port", "2121", "--config-file", "creds=/tmp/c"});
+    ASSERT_EQ(p.rc, 0) << p.err;
+    EXPECT_EQ(p.opts.port, 2121);
+    EXPECT_EQ(p.opts.dsi, "box");
+    EXPECT_TRUE(p.opts.anonymous_map);
+    EXPECT_FALSE(p.opts.foreground);
+    EXPECT_EQ(p.opts.pasv_low, 50000);
+    EXPECT_EQ(p.opts.config_files,
+              (std::map<std::string, std::string>{{"config", "/etc/policy.json"},
+                                                  {"creds", "/tmp/c"}}));
+    EXPECT_EQ(p.opts.config_path, conf);
+    EXPECT_EQ(p.opts.file_settings.size(), 7U);
+}
+
+TEST_F(ServerConfigOptions, MistakesNameTheFileLineAndKey)
+{
+    struct Case {
+        std::string text;
+        std::string want; // after "FILE:"
+    } cases[] = {
+        {"dsi = box\nport = 28x1\n", "2: port: bad value \"28x1\""},
+        {"prot = 21\n", "1: prot: unknown key (the keys are the long options of --help without "
+                        "their dashes)"},
+        {"require-tls = yes\n", "1: require-tls: a switch is true or false, not \"yes\""},
+        {"config = /etc/other.conf\n", "1: config: only on the command line"},
+        {"check-config = true\n", "1: check-config: only on the command line"},
+        {"config-file = config\n", "1: config-file: bad value \"config\""},
+    };
+    for (const Case &c : cases) {
+        std::string conf = write(c.text);
+        Parsed p = parse({"--config", conf, "--port", "1", "--dsi", "x", "--anonymous-map"});
+        EXPECT_EQ(p.rc, -1);
+        EXPECT_EQ(p.err, conf + ":" + c.want);
+    }
+    Parsed p = parse({"--config", "/nonexistent/x.conf"});
+    EXPECT_EQ(p.err, "/nonexistent/x.conf: No such file or directory");
+}
+
+// Keys are the option table's: every long option of --help is one (a
+// value may be refused, the key never), so an option added to the table
+// is a key without more code.
+TEST_F(ServerConfigOptions, EveryOptionOfTheHelpIsAKey)
+{
+    std::string usage = usage_text();
+    int keys = 0;
+    const std::string item = "\n  --"; // an item starts two spaces in
+    for (size_t at = usage.find(item); at != std::string::npos; at = usage.find(item, at + 1)) {
+        size_t from = at + item.size();
+        std::string key = usage.substr(from, usage.find_first_of(" \n", from) - from);
+        if (key == "help" || key == "version" || key == "config" || key == "check-config")
+            continue;
+        Options o;
+        std::string why = apply_setting({key, "true", 1}, o);
+        EXPECT_EQ(why.find("unknown key"), std::string::npos) << key << ": " << why;
+        ++keys;
+    }
+    EXPECT_GE(keys, 20);
+}
+
+TEST(ServerOptions, AnUnknownOptionIsCalledSoWhereverItStands)
+{
+    EXPECT_EQ(parse({"--port", "1", "--bogus"}).err, "unknown option --bogus (see --help)");
+    EXPECT_EQ(parse({"--bogus", "1"}).err, "unknown option --bogus (see --help)");
+    EXPECT_EQ(parse({"--dsi", "x", "--port"}).err, "--port: missing value (see --help)");
+}
+
+} // namespace
