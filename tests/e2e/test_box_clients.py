@@ -7,10 +7,9 @@ ASCII uploads and yafc after a cd.  The server runs the shipped policy's
 import ftplib
 import os
 import shutil
-import subprocess
 import unittest
 
-from box_harness import BoxTest, run
+from harness import BoxTest, run
 
 CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc")
 

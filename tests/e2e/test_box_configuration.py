@@ -11,8 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from box_harness import BoxServer, BoxTest, LIBDIR, SERVER, run, wait_for
-from server_harness import make_hash, make_tls_files
+from harness import LIBDIR, SERVER, BoxServer, BoxTest, make_hash, make_tls_files, run, wait_for
 
 
 def write(path, text, mode=0o644):

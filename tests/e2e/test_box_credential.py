@@ -4,12 +4,11 @@ emulator's token endpoint (HTTPS, verified with the test CA), and a session
 whose first token runs out renews it on the way.  Nothing secret reaches
 the server's log, whatever the debug settings."""
 import ftplib
-import json
 import os
 import tempfile
 import unittest
 
-from box_harness import (BOX_CREDENTIAL, CRASH_SIGNS, BoxCredentialTool, BoxTest, reply_of,
+from harness import (BOX_CREDENTIAL, CRASH_SIGNS, BoxCredentialTool, BoxTest, reply_of,
                          wait_for)
 
 CLIENT = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
@@ -32,12 +31,8 @@ class CredentialHelperSession(BoxTest):
             "next_lifetimes": [FIRST_LIFETIME]})
         # Each test keeps the helper's state, calls and logs apart.
         self.folder = tempfile.mkdtemp(dir=self.work)
-        client = os.path.join(self.folder, "client.json")
-        with open(client, "w") as f:
-            json.dump(CLIENT, f)
-        os.chmod(client, 0o600)
         self.tool = BoxCredentialTool(self.emu, self.folder)
-        self.tool.enrol("anonymous", client, "r-e2e-first")
+        self.tool.enrol("anonymous", CLIENT, "r-e2e-first")
 
     def api_tokens(self):
         """The bearer token of every API request, in order."""

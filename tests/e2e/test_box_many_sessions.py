@@ -12,7 +12,7 @@ import shutil
 import tempfile
 import unittest
 
-from box_harness import CHUNKED_MINIMUM, BoxServer, BoxTest, run, sha256_file, write_random
+from harness import CHUNKED_MINIMUM, BoxServer, BoxTest, run, sha256_file, write_random
 
 POLICY = {"user_api_rate_limit": 100, "session_cache": "shared", "cache_ttl_seconds": 60}
 ERROR_SIGNS = ("Access failed", "Fatal error", "ERROR", "553 ", "550 ", "421 ")

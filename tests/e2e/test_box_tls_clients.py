@@ -2,7 +2,6 @@
 connections without close_notify (Debian's ftp-ssl, Python closing without
 unwrap()), --tls-strict-eof, and rclone, whose pooled connections share one
 TLS session cache, copying with its defaults."""
-import ftplib
 import io
 import os
 import pwd
@@ -11,8 +10,8 @@ import ssl
 import subprocess
 import unittest
 
-from box_harness import BoxTest, reply_of, run, sha256, wait_for, write_random
-from server_harness import ResumingFTP_TLS, make_hash
+from harness import (BoxTest, ResumingFTP_TLS, make_hash, reply_of, run, sha256, wait_for,
+                     write_random)
 
 
 def tls13_login(server):

@@ -9,7 +9,7 @@ import ssl
 import tempfile
 import unittest
 
-from server_harness import SERVER, ResumingFTP_TLS, Server, make_hash
+from harness import SERVER, ResumingFTP_TLS, Server, make_hash
 
 
 def needs_server(cls):

@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from server_harness import SERVER
+from harness import SERVER
 
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), "..", ".."))
 BOX_CREDENTIAL = os.environ.get("TARVEX_BOX_CREDENTIAL", "")

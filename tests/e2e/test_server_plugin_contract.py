@@ -8,7 +8,7 @@ import os
 import time
 import unittest
 
-from server_harness import LIBDIR, SERVER, Server, ServerTest
+from harness import LIBDIR, SERVER, Server, ServerTest
 
 
 class PluginContract(ServerTest):

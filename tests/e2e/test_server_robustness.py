@@ -12,21 +12,9 @@ import threading
 import time
 import unittest
 
-from server_harness import ResumingFTP_TLS, Server, ServerTest, make_hash, read_reply
+from harness import SERVER, ResumingFTP_TLS, Server, ServerTest, make_hash, read_reply, wait_for
 
 HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
-
-
-def wait_for(condition, what, timeout=30.0, step=0.05):
-    """Polls `condition` until it returns a true value, which is returned."""
-    deadline = time.monotonic() + timeout
-    while True:
-        value = condition()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(step)
 
 
 def process_gone(pid):
@@ -209,7 +197,6 @@ class BadInput(ServerTest):
 
 class Shutdown(unittest.TestCase):
     def test_stopping_ends_sessions_cleanly(self):
-        from server_harness import SERVER
         if not SERVER:
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
         srv = Server()
@@ -233,7 +220,6 @@ class Shutdown(unittest.TestCase):
 
 class Limits(unittest.TestCase):
     def test_idle_timeout_and_session_limit(self):
-        from server_harness import SERVER
         if not SERVER:
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
         srv = Server(extra=["--idle-timeout", "1", "--max-sessions", "2"])
@@ -360,7 +346,6 @@ class Cancelling(ServerTest):
 
 class Stopping(unittest.TestCase):
     def test_sigterm_stops_a_checksum(self):
-        from server_harness import SERVER
         if not SERVER:
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
         srv = Server(extra=["--cancel-grace", "3"])
@@ -387,7 +372,6 @@ class Strangers(unittest.TestCase):
     a flood of them cannot keep out a client that logs in."""
 
     def setUp(self):
-        from server_harness import SERVER
         if not SERVER:
             raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
 
