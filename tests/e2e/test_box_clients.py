@@ -1,6 +1,6 @@
-"""The FTP clients of a Debian system on Box, each driven as its users drive
-it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's wildcards and
-recursive listing, lftp's recursive listing and its upload to a temporary
+"""The FTP clients of a Debian system on Box, each run once as its users
+drive it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's
+wildcards and recursive listing, lftp's recursive listing and its upload to a temporary
 name, ftp-upload's temporary names (rename over the file, and STOU), wput's
 ASCII uploads and yafc after a cd.  The server runs the shipped policy's
 "rename_replaces"."""
@@ -81,30 +81,35 @@ class BoxClients(BoxTest):
         with open(os.path.join(self.dir, name), "wb") as f:
             f.write(data)
 
-    # -- wildcards ----------------------------------------------------------
+    # -- wildcards and ASCII mode ------------------------------------------
 
-    def test_wildcards_in_tnftp_ncftp_and_ftplib(self):
-        self.tnftp("cd /S/t", "mget *.txt", "mdelete *.tmp")
-        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "a.txt", "b.txt"])
+    def test_tnftp_wildcards_and_ascii_mode(self):
+        self.write_local("lines.txt", b"one\ntwo\n")
+        # tnftp sends the local LF file with CR LF ends; Box stores LF.
+        self.tnftp("cd /S/t", "mget *.txt", "mdelete *.tmp", "ascii", "put lines.txt",
+                   "binary", "get lines.txt bin.txt", "ascii", "get lines.txt text.txt")
+        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "a.txt", "b.txt",
+                                                        "bin.txt", "lines.txt", "text.txt"])
         self.assertEqual(self.local_bytes("a.txt"), b"alpha\n")
-        self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub"])
-
+        self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin",
+                                               "lines.txt", "sub"])
+        self.assertEqual(self.stored("/S/t/lines.txt"), b"one\ntwo\n")
+        self.assertEqual(self.local_bytes("bin.txt"), b"one\ntwo\n")
+        self.assertEqual(self.local_bytes("text.txt"), b"one\ntwo\n")
         # A name that starts with '-' is that file, not ls options.
-        os.remove(os.path.join(self.dir, "a.txt"))
         os.remove(os.path.join(self.dir, "-dash.txt"))
         self.tnftp("cd /S/t", "mget -dash.txt")
-        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "b.txt"])
+        self.assertEqual(self.local_bytes("-dash.txt"), b"dash\n")
 
-        shutil.rmtree(self.dir)
-        os.makedirs(self.dir)
+    def test_ncftpget_wildcard_and_wput_ascii(self):
         self.client(["ncftpget"] + self.ncftp_login() + ["127.0.0.1", ".", "/S/t/sub/*.txt"])
         self.assertEqual(os.listdir(self.dir), ["d.txt"])
         self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
-
-        f = self.ftp()
-        f.cwd("/S/t")
-        self.assertEqual(sorted(f.nlst("*.txt")), ["-dash.txt", "a.txt", "b.txt"])
-        f.quit()
+        # wput sends .txt files in ASCII mode unasked.
+        self.write_local("w.txt", b"three\r\nfour\r\n")
+        self.client(["wput", "-nc", "w.txt",
+                     "ftp://anonymous:x@127.0.0.1:%d/S/t/w.txt" % self.server.port])
+        self.assertEqual(self.stored("/S/t/w.txt"), b"three\nfour\n")
 
     # -- recursive listings ---------------------------------------------------
 
@@ -132,22 +137,6 @@ class BoxClients(BoxTest):
         self.assertEqual(self.stored("/S/t/c.bin"), b"new c")
         self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub",
                                                "x1.tmp", "x2.tmp"])
-
-    # -- ASCII mode ---------------------------------------------------------
-
-    def test_ascii_mode_in_tnftp_and_wput(self):
-        self.write_local("lines.txt", b"one\ntwo\n")
-        # tnftp sends the local LF file with CR LF ends; Box stores LF.
-        self.tnftp("cd /S/t", "ascii", "put lines.txt", "binary", "get lines.txt bin.txt",
-                   "ascii", "get lines.txt text.txt")
-        self.assertEqual(self.stored("/S/t/lines.txt"), b"one\ntwo\n")
-        self.assertEqual(self.local_bytes("bin.txt"), b"one\ntwo\n")
-        self.assertEqual(self.local_bytes("text.txt"), b"one\ntwo\n")
-        # wput sends .txt files in ASCII mode unasked.
-        self.write_local("w.txt", b"three\r\nfour\r\n")
-        self.client(["wput", "-nc", "w.txt",
-                     "ftp://anonymous:x@127.0.0.1:%d/S/t/w.txt" % self.server.port])
-        self.assertEqual(self.stored("/S/t/w.txt"), b"three\nfour\n")
 
     # -- yafc -------------------------------------------------------------------
 

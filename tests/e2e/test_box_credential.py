@@ -127,43 +127,23 @@ class CredentialHelperSession(BoxTest):
         self.assertIn("> Authorization: <hidden>", text)
 
     def test_a_credential_the_helper_refuses_is_not_available(self):
+        # Each cause the helper names is pinned by box_credential_test; here
+        # the server's side: the login refused, the helper's words logged.
         server = self.start_server(creds=self.tool)
         self.addCleanup(server.stop)
         path = os.path.join(self.tool.state_dir, "anonymous", "credential.json")
-        with open(path) as f:
-            good = f.read()
-
-        def put(text, mode=0o600):
-            with open(path, "w") as f:
-                f.write(text)
-            os.chmod(path, mode)
-
-        secret = "r-secret-in-a-broken-file"
-        cases = [("bob", lambda: None, "not enrolled (no %s/bob)" % self.tool.state_dir),
-                 ("anonymous", lambda: os.chmod(path, 0o644), path + " has mode 0644"),
-                 ("anonymous", lambda: put('{"refresh_token": %s' % secret),
-                  "bad state file %s: not JSON (line 1, column " % path)]
-        if os.geteuid() == 0:
-            cases.append(("anonymous", lambda: os.chown(path, 65534, 65534),
-                          path + " is owned by uid 65534"))
-        for user, change, cause in cases:
-            with self.subTest(cause):
-                change()
-                f = ftplib.FTP(timeout=60)
-                f.connect("127.0.0.1", server.port)
-                with self.assertRaises(ftplib.error_temp) as refused:
-                    f.login(user, "x")
-                f.close()
-                self.assertEqual(str(refused.exception),
-                                 '451-CONFIGURATION_ERROR\n451 Configuration data "creds" is '
-                                 'not available.')
-                log = server.read_log()
-                self.assertIn("tarvex-box-credential: %s: %s" % (user, cause), log)
-                self.assertIn("session start for %s failed: 451 CONFIGURATION_ERROR: "
-                              'Configuration data "creds" is not available.' % user, log)
-                self.assertNotIn(secret, log)
-                os.chown(path, os.geteuid(), os.getegid())
-                put(good)
+        os.chmod(path, 0o644)
+        f = ftplib.FTP(timeout=60)
+        f.connect("127.0.0.1", server.port)
+        with self.assertRaises(ftplib.error_temp) as refused:
+            f.login("anonymous", "x")
+        f.close()
+        self.assertEqual(str(refused.exception), '451-CONFIGURATION_ERROR\n451 Configuration '
+                         'data "creds" is not available.')
+        log = server.read_log()
+        self.assertIn("tarvex-box-credential: anonymous: %s has mode 0644" % path, log)
+        self.assertIn("session start for anonymous failed: 451 CONFIGURATION_ERROR: "
+                      'Configuration data "creds" is not available.', log)
 
 
 if __name__ == "__main__":

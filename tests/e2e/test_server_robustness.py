@@ -212,6 +212,7 @@ class Shutdown(unittest.TestCase):
             self.assertLess(time.time() - start, 4)  # no session needed killing
             # The session stopped its transfer and closed the plug-in's session.
             self.assertRegex(srv.read_log(), r"RETR /long\.bin from 0: \d+ bytes .*\(failed\)")
+            self.assertRegex(srv.read_log(), r"\[\d+\]: anonymous logged out \(SIGTERM\)")
             conn.close()
             f.close()
         finally:
@@ -246,21 +247,12 @@ class ClientNumbers(ServerTest):
         self.c = Raw(self.server).login()
         self.addCleanup(self.c.close)
 
-    def test_numbers_out_of_range_are_refused(self):
-        top = "9223372036854775807"
-        cases = [("REST " + top, b"501"), ("REST 99999999999999999999999", b"501"),
-                 ("ALLO " + top, b"501"), ("CKSM MD5 0 %s /x" % top, b"501"),
-                 ("CKSM MD5 %s -1 /x" % top, b"501"), ("PORT 4294967423,0,0,1,4,1", b"501"),
-                 ("EPRT |1|127.0.0.1|99999999999999999999|", b"501"),
-                 ("EPSV 99999999999999999999", b"522")]
-        for line, code in cases:
-            reply = self.c.cmd(line)
-            self.assertTrue(reply.startswith(code), (line, reply))
-        # The refused REST left no offset behind: the store starts at 0.
+    def test_a_refused_offset_is_not_kept(self):
+        # Which numbers are refused is pinned by gridftp_server_parse_test.
+        self.assertTrue(self.c.cmd("REST 9223372036854775807").startswith(b"501"))
         self.assertTrue(self.c.store("/x", b"abc").startswith(b"226"))
         with open(self.local("x"), "rb") as f:
             self.assertEqual(f.read(), b"abc")
-        self.assertNotIn("runtime error", self.server.read_log())
 
     def test_restart_beyond_the_end_is_refused(self):
         with open(self.local("short.txt"), "wb") as f:
