@@ -135,15 +135,6 @@ def tear_down(sock):
     sock.close()
 
 
-def read_reply(f):
-    """One FTP reply (all its lines) from a control-connection file."""
-    lines = [f.readline().decode(errors="replace")]
-    if lines[0][3:4] == "-":
-        while lines[-1] and not lines[-1].startswith(lines[0][:3] + " "):
-            lines.append(f.readline().decode(errors="replace"))
-    return "".join(lines)
-
-
 class Process:
     """A program started in a scratch folder of its own that writes its
     port to a file once it listens; its output goes to a log."""
@@ -403,14 +394,6 @@ class Server(Process):
             f.connect("127.0.0.1", self.port)
             f.login(user, password)
         return f
-
-    def raw(self):
-        """A plain socket on the control port, greeting read."""
-        s = socket.create_connection(("127.0.0.1", self.port), timeout=10)
-        f = s.makefile("rb")
-        line = f.readline()
-        assert line.startswith(b"220"), line
-        return s, f
 
 
 class ServerTest(unittest.TestCase):
