@@ -63,7 +63,7 @@ class Faults(BoxTest):
         self.assertEqual([v["size"] for v in self.emu.item("/v.bin")["versions"]], [3])
         self.assertEqual(self.requests("DELETE"), [])
 
-    # -- Box failing under an upload ----------------------------------------
+    # -- a token running out ----------------------------------------------
 
     def test_token_renewed_during_a_long_upload(self):
         # The first token has 5 s left before the plug-in wants a new one
