@@ -4,12 +4,11 @@ wildcards and recursive listing, lftp's recursive listing and its upload to a te
 name, ftp-upload's temporary names (rename over the file, and STOU), wput's
 ASCII uploads and yafc after a cd.  The server runs the shipped policy's
 "rename_replaces"."""
-import ftplib
 import os
 import shutil
 import unittest
 
-from harness import BoxTest, run
+from harness import BoxTest, reply_of, run
 
 CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc")
 
@@ -148,17 +147,23 @@ class BoxClients(BoxTest):
 
     # -- facts and replies --------------------------------------------------------
 
-    def test_unique_facts_and_a_refused_rmd(self):
+    def test_unique_facts_and_refusals(self):
         f = self.ftp()
+        self.addCleanup(f.close)
+        before = self.paths()
         facts = dict(f.mlsd("/S/t"))
         self.assertIn("unique=%s;" % facts["a.txt"]["unique"], f.sendcmd("MLST /S/t/a.txt"))
         self.assertEqual(dict(f.mlsd("/S/t/sub"))["."]["unique"], facts["sub"]["unique"])
-        try:
-            f.rmd("/S/t/sub")
-            self.fail("RMD of a folder with items succeeded")
-        except ftplib.error_perm as e:
-            self.assertEqual(str(e), '550-Bad BOX request\n550 Box-Details: "folder_not_empty"')
-        f.quit()
+        # (command, the reply's first line, a word of the reply)
+        for command, first, word in (
+                ("RMD /S/t/sub", "550-Bad BOX request", '"folder_not_empty"'),
+                ("CKSM MD5 0 -1 /S/t/sub", "550-PATH_NOT_FOUND", '"not_found"'),
+                ("SITE RDEL /S/t/a.txt", "550 Path is a file.", "file")):
+            with self.subTest(command):
+                text = reply_of(f.sendcmd, command)
+                self.assertEqual(text.split("\n")[0], first, text)
+                self.assertIn(word, text)
+        self.assertEqual(self.paths(), before)
 
 
 if __name__ == "__main__":

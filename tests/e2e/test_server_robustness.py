@@ -143,7 +143,12 @@ class BadInput(ServerTest):
                  (b"EPRT |3|x|1|\r\n", "522"), (b"MKD\r\n", "501"),
                  (b"CWD ../../../..\r\n", "250"), (b"PWD\r\n", '257 "/"'),
                  (b"EPSV ALL\r\n", "200"), (b"PASV\r\n", "503"),
-                 (b"PORT 127,0,0,1,40,1\r\n", "503"), (b"EPSV\r\n", "229")]
+                 (b"PORT 127,0,0,1,40,1\r\n", "503"), (b"EPSV\r\n", "229"),
+                 # The root folder is the server's to refuse, whatever the plug-in.
+                 (b"MKD /\r\n", "550 The root"), (b"RMD /\r\n", "550 The root"),
+                 (b"RNFR /\r\n", "550 The root"), (b"RNFR /keep.txt\r\n", "350"),
+                 (b"RNTO /\r\n", "553 Cannot rename to the root")]
+        open(self.local("keep.txt"), "wb").close()
         for data, code in cases:
             self.assertTrue(self.send(c, data).startswith(code), data)
 
