@@ -13,7 +13,7 @@ add_test(NAME box_emulator_contract_test
   WORKING_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
 set_tests_properties(box_emulator_test box_emulator_contract_test PROPERTIES
   LABELS integration
-  ENVIRONMENT "${box_emulator_test_env};PYTHONDONTWRITEBYTECODE=1"
+  ENVIRONMENT "${box_emulator_test_env};PYTHONDONTWRITEBYTECODE=1;PYTHONPATH=${TARVEX_SOURCE_ROOT}/tests/support"
   TIMEOUT 300)
 set_tests_properties(box_emulator_contract_test PROPERTIES SKIP_RETURN_CODE 77)
 
