@@ -110,7 +110,8 @@ protected:
                 std::string value = key == "marker" || values.empty() ? "" : values[0];
                 if (value.rfind(item_fields, 0) == 0)
                     value.replace(0, item_fields.size(), "ITEM");
-                line += (line.find('?') == std::string::npos ? "?" : "&") + key + "=" + value;
+                line += line.find('?') == std::string::npos ? '?' : '&';
+                line.append(key).append("=").append(value);
             }
             for (const char *name : {"Content-Type", "Content-Range", "Range", "If-Match"}) {
                 std::string value = e.header(name);
