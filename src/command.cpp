@@ -479,9 +479,6 @@ tarvex_result_t tarvex_l_box_rename(tarvex_box_session_t *box, const char *from_
     const std::string from_key = from_info->name;
     const bool from_folder = from_info->type == TARVEX_BOX_FOLDER;
 
-    if (from_folder && tarvex_l_box_below(pathname, from_key.c_str()))
-        return tarvex_l_box_ftp_error(553, "INVALID_PATH_NAME", pathname);
-
     tarvex_l_box_split_path split(pathname);
     if (!split.valid)
         return tarvex_box_path_resolve(box, pathname, nullptr, nullptr);
@@ -497,6 +494,11 @@ tarvex_result_t tarvex_l_box_rename(tarvex_box_session_t *box, const char *from_
         return tarvex_l_box_rename_over(box, from_id, from_key, path_info, parent_info,
                                         split.name);
     }
+    /* Checked last, so that a target that exists or has no folder is
+     * answered as such: only a move that would otherwise be sent is
+     * refused for going into the folder's own subtree. */
+    if (from_folder && tarvex_l_box_below(pathname, from_key.c_str()))
+        return tarvex_l_box_ftp_error(553, "INVALID_PATH_NAME", pathname);
 
     result = tarvex_l_box_move(box, from_folder, from_id, split.name, parent_info->id,
                                parent_info->name);

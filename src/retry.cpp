@@ -184,6 +184,8 @@ extern "C" tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *r
     return TARVEX_SUCCESS;
 }
 
+void (*tarvex_i_box_wait)(unsigned seconds) = [](unsigned seconds) { sleep(seconds); };
+
 extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_t *retry)
 {
     /* A "Retry-After" holds this process alone, wherever its slots come
@@ -194,7 +196,7 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
             seconds = (uint64_t)tarvex_i_box_max_delay;
         TARVEX_L_BOX_DEBUG("retry_after=%lu sleep=%lu\n", (unsigned long)retry_after,
                            (unsigned long)seconds);
-        sleep((unsigned)seconds);
+        tarvex_i_box_wait((unsigned)seconds);
         tarvex_box_metric_retry_after(seconds);
     }
     if (retry == nullptr)

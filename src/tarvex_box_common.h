@@ -190,6 +190,9 @@ void tarvex_i_box_retry_state_destroy(tarvex_box_retry_t *retry);
 tarvex_result_t tarvex_i_box_retry_state_lock(tarvex_box_retry_t *retry, bool wait);
 tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *retry);
 void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_t *retry);
+/* How the wait for a "Retry-After" (or a commit's back-off) is taken:
+ * sleep(3) here; tests put a recorder in its place. */
+extern void (*tarvex_i_box_wait)(unsigned seconds);
 
 /* ---- session ---- */
 

@@ -8,7 +8,7 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
   add_library(tarvex_e2e_home_preload MODULE ${CMAKE_CURRENT_LIST_DIR}/box_home_preload.cpp)
   target_link_libraries(tarvex_e2e_home_preload PRIVATE ${CMAKE_DL_LIBS})
   set_target_properties(tarvex_e2e_home_preload PROPERTIES PREFIX "lib")
-  foreach(suite test_box_commands test_box_transfers test_box_faults test_box_tls_clients
+  foreach(suite test_box_transfers test_box_faults test_box_tls_clients
                 test_box_login_deadline test_box_clients test_box_many_sessions
                 test_box_configuration test_box_wan test_box_operator)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
@@ -18,7 +18,7 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
       set_tests_properties(e2e_${suite} PROPERTIES
         LABELS e2e
         TIMEOUT 600
-        ENVIRONMENT "TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>;TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_box>;TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py;TARVEX_E2E_HOME_PRELOAD=$<TARGET_FILE:tarvex_e2e_home_preload>;PYTHONDONTWRITEBYTECODE=1")
+        ENVIRONMENT "TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>;TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_box>;TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py;TARVEX_E2E_HOME_PRELOAD=$<TARGET_FILE:tarvex_e2e_home_preload>;PYTHONDONTWRITEBYTECODE=1;PYTHONPATH=${TARVEX_SOURCE_ROOT}/tests/support")
     endif()
   endforeach()
 endif()

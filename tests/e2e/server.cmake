@@ -15,7 +15,7 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_posix)
       set_tests_properties(e2e_${suite} PROPERTIES
         LABELS e2e
         TIMEOUT 900
-        ENVIRONMENT "TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>;TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_posix>;PYTHONDONTWRITEBYTECODE=1;TARVEX_BUILD_DIR=${CMAKE_BINARY_DIR};TARVEX_CMAKE=${CMAKE_COMMAND};TARVEX_BOX_CREDENTIAL=$<TARGET_FILE:tarvex-box-credential>")
+        ENVIRONMENT "TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>;TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_posix>;PYTHONDONTWRITEBYTECODE=1;PYTHONPATH=${TARVEX_SOURCE_ROOT}/tests/support;TARVEX_BUILD_DIR=${CMAKE_BINARY_DIR};TARVEX_CMAKE=${CMAKE_COMMAND};TARVEX_BOX_CREDENTIAL=$<TARGET_FILE:tarvex-box-credential>")
     endif()
   endforeach()
 endif()

@@ -1,16 +1,14 @@
-"""The FTP clients of a Debian system on Box, each driven as its users drive
-it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's wildcards and
-recursive listing, lftp's recursive listing and its upload to a temporary
+"""The FTP clients of a Debian system on Box, each run once as its users
+drive it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's
+wildcards and recursive listing, lftp's recursive listing and its upload to a temporary
 name, ftp-upload's temporary names (rename over the file, and STOU), wput's
 ASCII uploads and yafc after a cd.  The server runs the shipped policy's
 "rename_replaces"."""
-import ftplib
 import os
 import shutil
-import subprocess
 import unittest
 
-from box_harness import BoxTest, run
+from harness import BoxTest, reply_of, run
 
 CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc")
 
@@ -82,30 +80,35 @@ class BoxClients(BoxTest):
         with open(os.path.join(self.dir, name), "wb") as f:
             f.write(data)
 
-    # -- wildcards ----------------------------------------------------------
+    # -- wildcards and ASCII mode ------------------------------------------
 
-    def test_wildcards_in_tnftp_ncftp_and_ftplib(self):
-        self.tnftp("cd /S/t", "mget *.txt", "mdelete *.tmp")
-        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "a.txt", "b.txt"])
+    def test_tnftp_wildcards_and_ascii_mode(self):
+        self.write_local("lines.txt", b"one\ntwo\n")
+        # tnftp sends the local LF file with CR LF ends; Box stores LF.
+        self.tnftp("cd /S/t", "mget *.txt", "mdelete *.tmp", "ascii", "put lines.txt",
+                   "binary", "get lines.txt bin.txt", "ascii", "get lines.txt text.txt")
+        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "a.txt", "b.txt",
+                                                        "bin.txt", "lines.txt", "text.txt"])
         self.assertEqual(self.local_bytes("a.txt"), b"alpha\n")
-        self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub"])
-
+        self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin",
+                                               "lines.txt", "sub"])
+        self.assertEqual(self.stored("/S/t/lines.txt"), b"one\ntwo\n")
+        self.assertEqual(self.local_bytes("bin.txt"), b"one\ntwo\n")
+        self.assertEqual(self.local_bytes("text.txt"), b"one\ntwo\n")
         # A name that starts with '-' is that file, not ls options.
-        os.remove(os.path.join(self.dir, "a.txt"))
         os.remove(os.path.join(self.dir, "-dash.txt"))
         self.tnftp("cd /S/t", "mget -dash.txt")
-        self.assertEqual(sorted(os.listdir(self.dir)), ["-dash.txt", "b.txt"])
+        self.assertEqual(self.local_bytes("-dash.txt"), b"dash\n")
 
-        shutil.rmtree(self.dir)
-        os.makedirs(self.dir)
+    def test_ncftpget_wildcard_and_wput_ascii(self):
         self.client(["ncftpget"] + self.ncftp_login() + ["127.0.0.1", ".", "/S/t/sub/*.txt"])
         self.assertEqual(os.listdir(self.dir), ["d.txt"])
         self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
-
-        f = self.ftp()
-        f.cwd("/S/t")
-        self.assertEqual(sorted(f.nlst("*.txt")), ["-dash.txt", "a.txt", "b.txt"])
-        f.quit()
+        # wput sends .txt files in ASCII mode unasked.
+        self.write_local("w.txt", b"three\r\nfour\r\n")
+        self.client(["wput", "-nc", "w.txt",
+                     "ftp://anonymous:x@127.0.0.1:%d/S/t/w.txt" % self.server.port])
+        self.assertEqual(self.stored("/S/t/w.txt"), b"three\nfour\n")
 
     # -- recursive listings ---------------------------------------------------
 
@@ -134,22 +137,6 @@ class BoxClients(BoxTest):
         self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub",
                                                "x1.tmp", "x2.tmp"])
 
-    # -- ASCII mode ---------------------------------------------------------
-
-    def test_ascii_mode_in_tnftp_and_wput(self):
-        self.write_local("lines.txt", b"one\ntwo\n")
-        # tnftp sends the local LF file with CR LF ends; Box stores LF.
-        self.tnftp("cd /S/t", "ascii", "put lines.txt", "binary", "get lines.txt bin.txt",
-                   "ascii", "get lines.txt text.txt")
-        self.assertEqual(self.stored("/S/t/lines.txt"), b"one\ntwo\n")
-        self.assertEqual(self.local_bytes("bin.txt"), b"one\ntwo\n")
-        self.assertEqual(self.local_bytes("text.txt"), b"one\ntwo\n")
-        # wput sends .txt files in ASCII mode unasked.
-        self.write_local("w.txt", b"three\r\nfour\r\n")
-        self.client(["wput", "-nc", "w.txt",
-                     "ftp://anonymous:x@127.0.0.1:%d/S/t/w.txt" % self.server.port])
-        self.assertEqual(self.stored("/S/t/w.txt"), b"three\nfour\n")
-
     # -- yafc -------------------------------------------------------------------
 
     def test_yafc_gets_a_file_after_cd(self):
@@ -160,17 +147,23 @@ class BoxClients(BoxTest):
 
     # -- facts and replies --------------------------------------------------------
 
-    def test_unique_facts_and_a_refused_rmd(self):
+    def test_unique_facts_and_refusals(self):
         f = self.ftp()
+        self.addCleanup(f.close)
+        before = self.paths()
         facts = dict(f.mlsd("/S/t"))
         self.assertIn("unique=%s;" % facts["a.txt"]["unique"], f.sendcmd("MLST /S/t/a.txt"))
         self.assertEqual(dict(f.mlsd("/S/t/sub"))["."]["unique"], facts["sub"]["unique"])
-        try:
-            f.rmd("/S/t/sub")
-            self.fail("RMD of a folder with items succeeded")
-        except ftplib.error_perm as e:
-            self.assertEqual(str(e), '550-Bad BOX request\n550 Box-Details: "folder_not_empty"')
-        f.quit()
+        # (command, the reply's first line, a word of the reply)
+        for command, first, word in (
+                ("RMD /S/t/sub", "550-Bad BOX request", '"folder_not_empty"'),
+                ("CKSM MD5 0 -1 /S/t/sub", "550-PATH_NOT_FOUND", '"not_found"'),
+                ("SITE RDEL /S/t/a.txt", "550 Path is a file.", "file")):
+            with self.subTest(command):
+                text = reply_of(f.sendcmd, command)
+                self.assertEqual(text.split("\n")[0], first, text)
+                self.assertIn(word, text)
+        self.assertEqual(self.paths(), before)
 
 
 if __name__ == "__main__":

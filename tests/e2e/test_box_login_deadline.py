@@ -5,7 +5,7 @@ import ftplib
 import socket
 import unittest
 
-from box_harness import BoxTest, wait_for
+from harness import BoxTest, wait_for
 
 
 class LoginDeadline(BoxTest):

@@ -8,11 +8,13 @@ tests; here only real clients show that the whole round has no error).
 The server is started with --max-sessions-per-address 32: rclone opens
 up to transfers + checkers connections."""
 import os
+import pwd
 import shutil
 import tempfile
 import unittest
 
-from box_harness import CHUNKED_MINIMUM, BoxServer, BoxTest, run, sha256_file, write_random
+from harness import (CHUNKED_MINIMUM, BoxServer, BoxTest, make_hash, run, sha256_file,
+                     write_random)
 
 POLICY = {"user_api_rate_limit": 100, "session_cache": "shared", "cache_ttl_seconds": 60}
 ERROR_SIGNS = ("Access failed", "Fatal error", "ERROR", "553 ", "550 ", "421 ")
@@ -92,18 +94,25 @@ class ManySessions(BoxTest):
         return run(["rclone", "--config", self.rclone_conf, "--retries", "1",
                     "--low-level-retries", "1"] + list(args), timeout=300, env=self.rclone_env)
 
-    def test_rclone_copy_check_and_sync(self):
+    def test_rclone_copy_check_and_sync_over_tls(self):
+        # Over explicit TLS with a password file: rclone's pooled
+        # connections share one TLS session cache, which the server accepts
+        # for data connections of the same user.
         if shutil.which("rclone") is None:
             raise unittest.SkipTest("rclone is not installed (scripts/install-deps brings it)")
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        server = self.start_server(tls=True, passwd="alice:%s:%s\n" % (make_hash("pw"), me))
+        self.addCleanup(server.stop)
         conf_dir = tempfile.mkdtemp(prefix="rclone-", dir=self.work)
         self.rclone_conf = os.path.join(conf_dir, "rclone.conf")
         open(self.rclone_conf, "w").close()
-        obscured = run(["rclone", "obscure", "x"]).stdout.strip()
+        obscured = run(["rclone", "obscure", "pw"]).stdout.strip()
         self.rclone_env = dict(os.environ, XDG_CACHE_HOME=conf_dir, RCLONE_CONFIG_BOX_TYPE="ftp",
                                RCLONE_CONFIG_BOX_HOST="127.0.0.1",
-                               RCLONE_CONFIG_BOX_PORT=str(self.server.port),
-                               RCLONE_CONFIG_BOX_USER="anonymous",
-                               RCLONE_CONFIG_BOX_PASS=obscured)
+                               RCLONE_CONFIG_BOX_PORT=str(server.port),
+                               RCLONE_CONFIG_BOX_USER="alice", RCLONE_CONFIG_BOX_PASS=obscured,
+                               RCLONE_CONFIG_BOX_EXPLICIT_TLS="true",
+                               RCLONE_CONFIG_BOX_NO_CHECK_CERTIFICATE="true")
         tree = self.local("rclone-tree")
         # rclone copies no empty folder.
         make_tree(tree, {p: v for p, v in SMALL_TREE.items() if v is not None}, seed=700)
@@ -124,3 +133,6 @@ class ManySessions(BoxTest):
         self.assertClean(self.rclone("sync", "--transfers", "8", tree, "box:/R"), "sync")
         # The folder it emptied goes too (RMD).
         self.assertBoxHolds(tree, "/R", "sync")
+        log = server.read_log()
+        self.assertNotIn("data connection refused", log)
+        self.assertGreater(log.count("alice logged in"), 2, log)   # connections at once

@@ -15,8 +15,8 @@ import subprocess
 import tempfile
 import unittest
 
-from box_harness import BoxTest, CredentialHelper, reply_of, run, sha256, wait_for, write_random
-from server_harness import make_hash
+from harness import (BoxTest, CredentialHelper, make_hash, reply_of, run, sha256, wait_for,
+                     write_random)
 
 
 def port_file_value(path):

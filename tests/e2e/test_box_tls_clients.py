@@ -1,18 +1,15 @@
 """Uploads over explicit TLS (TLS 1.3) by clients that end their data
 connections without close_notify (Debian's ftp-ssl, Python closing without
-unwrap()), --tls-strict-eof, and rclone, whose pooled connections share one
-TLS session cache, copying with its defaults."""
-import ftplib
+unwrap()), and --tls-strict-eof.  rclone's pooled TLS connections are in
+test_box_many_sessions."""
 import io
 import os
-import pwd
 import shutil
 import ssl
 import subprocess
 import unittest
 
-from box_harness import BoxTest, reply_of, run, sha256, wait_for, write_random
-from server_harness import ResumingFTP_TLS, make_hash
+from harness import BoxTest, ResumingFTP_TLS, reply_of, wait_for, write_random
 
 
 def tls13_login(server):
@@ -109,40 +106,6 @@ class TlsClients(BoxTest):
             f.quit()
             self.assertFiles({"/sized.bin": data, "/clean.bin": data})
             self.assertEqual(self.transfer_log(server, 3)[0][-2:], " i")
-        finally:
-            server.stop()
-
-    def test_rclone_copy_with_its_defaults(self):
-        if shutil.which("rclone") is None:
-            self.skipTest("rclone is not installed")
-        me = pwd.getpwuid(os.geteuid()).pw_name
-        server = self.start_server(passwd="alice:%s:%s\n" % (make_hash("secret"), me))
-        try:
-            src = self.local("tree")
-            expected = {"/up": "folder", "/up/sub": "folder"}
-            for i in range(12):
-                for folder, size in (("", 100000), ("sub/", 5000)):
-                    name = "%sf%d.bin" % (folder, i)
-                    os.makedirs(os.path.dirname(os.path.join(src, name)), exist_ok=True)
-                    write_random(os.path.join(src, name), size + i, seed=i + size)
-                    with open(os.path.join(src, name), "rb") as fh:
-                        expected["/up/" + name] = sha256(fh.read())
-            secret = run(["rclone", "obscure", "secret"]).stdout.strip()
-            config = self.local("rclone.conf")
-            with open(config, "w") as fh:
-                fh.write("[box]\ntype = ftp\nhost = 127.0.0.1\nport = %d\nuser = alice\n"
-                         "pass = %s\nexplicit_tls = true\nno_check_certificate = true\n"
-                         % (server.port, secret))
-            back = self.local("back")
-            for args in (["copy", src, "box:/up"], ["copy", "box:/up", back],
-                         ["check", src, back]):
-                r = run(["rclone", "--config", config] + args, timeout=300)
-                self.assertEqual(r.returncode, 0, r.stderr + "\n" + server.read_log()[-4000:])
-            self.assertFiles(expected)
-            log = server.read_log()
-            self.assertNotIn("data connection refused", log)
-            # The copies ran on several connections at once.
-            self.assertGreater(log.count("alice logged in"), 2, log)
         finally:
             server.stop()
 

@@ -1,58 +1,33 @@
-"""Downloads and uploads through real clients (curl, wget, lftp, Python's
-ftplib), every byte compared by SHA-256 with what the emulated Box holds.
+"""Box through real clients, each one's dialect once, every byte compared
+by SHA-256 with what the emulated Box holds: curl (uploads, a size announced
+with -Q "ALLO", a resumed download, quoted commands), wget, lftp (mirror
+both ways, mkdir -p, mv, rm -r) and the replies only a client shows reading
+well: checksum progress and a multi-line error.  The plug-in's rules behind
+each command (paths, refusals, upload paths, retries) are pinned by the
+driver tests in tests/integration; here is what the clients make of them.
+One run goes over explicit TLS with Box over HTTPS.
 
-What the clients announce decides the upload path: the plug-in uploads
-through a Box upload session, part by part, only when the client announced
-a size above 52428800 bytes with ALLO.  curl and wget never send ALLO (curl
-can be made to, with -Q "ALLO <size>"), lftp sends it with
-"set ftp:use-allo yes" (off by default), and ftplib sends what it is told.
-Without ALLO every upload, however large, is one request."""
+curl and wget never send ALLO, lftp only with "set ftp:use-allo yes": without
+it every upload, however large, is one request."""
 import hashlib
-import io
 import os
+import re
+import subprocess
+import time
 import unittest
 
-from box_harness import (CHUNKED_MINIMUM, MIB, BoxTest, b64, pattern, reply_of, run, sha256,
-                         sha256_file, tear_down, wait_for, write_random)
+from harness import (MIB, TOKEN, BoxServer, BoxTest, credential, pattern, run, sha256,
+                     sha256_file, write_random)
 
 PART = 2 * MIB   # the emulator's upload part size here
 
 
-class Transfers:
-    """The tests; run in the clear and over TLS below."""
+class Transfers(BoxTest):
     part_size = PART
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        # 26 whole parts: above the chunked minimum, an exact multiple.
-        cls.big = os.path.join(cls.work, "big.bin")
-        write_random(cls.big, 26 * PART, seed=26)
-        with open(cls.big, "rb") as f:
-            cls.big_data = f.read()
-
-    def stored(self, path):
-        return sha256(self.emu.content(path))
-
-    def sessions_made(self):
-        return [e for e in self.requests("POST", "/upload_sessions")
-                if e["path"].endswith("/upload_sessions") and e["status"] == 201]
-
-    def assertChunked(self, path, data):
-        """`data` went up through one upload session, part by part, and Box
-        keeps its MD5."""
-        self.assertEqual(len(self.sessions_made()), 1)
-        self.assertEqual(len(self.part_puts()), -(-len(data) // PART))
-        self.assertEqual(self.requests("POST", "/files/content"), [])
-        self.assertEqual(self.stored(path), sha256(data))
-        self.assertEqual(self.md5_property(path), hashlib.md5(data).hexdigest())
-
-    # -- curl and wget ----------------------------------------------------
-
-    def test_curl_put_and_get(self):
+    def test_curl_uploads_downloads_and_commands(self):
         src = self.local_file("small.bin", 300001, seed=1)
         self.curl("-T", src, self.server.url("/in/small.bin"), "--ftp-create-dirs")
-        self.assertEqual(self.stored("/in/small.bin"), sha256_file(src))
         # Storing again replaces the file.
         other = self.local_file("other.bin", 1000, seed=2)
         self.curl("-T", other, self.server.url("/in/small.bin"))
@@ -60,21 +35,21 @@ class Transfers:
         out = self.local("small.out")
         self.curl("-o", out, self.server.url("/in/small.bin"))
         self.assertEqual(sha256_file(out), sha256_file(other))
+        # Quoted commands (curl's way of sending them is test_server_clients').
+        self.curl("-Q", "RNFR /in/small.bin", "-Q", "RNTO /in/r.bin", "-Q", "DELE /in/r.bin",
+                  "-Q", "RMD /in", "-o", "/dev/null", self.server.url("/"))
+        self.assertFiles({})
 
-    def test_curl_large_upload_one_request_or_parts_after_allo(self):
-        self.curl("-T", self.big, self.server.url("/plain.bin"))
-        self.assertEqual((len(self.requests("POST", "/files/content")), self.sessions_made()),
-                         (1, []))
-        self.assertEqual(self.stored("/plain.bin"), sha256(self.big_data))
-        self.emu.clear_log()
-        self.curl("-Q", "ALLO %d" % len(self.big_data), "-T", self.big,
-                  self.server.url("/parts.bin"))
-        self.assertChunked("/parts.bin", self.big_data)
-        out = self.local("parts.out")
-        self.curl("-o", out, self.server.url("/parts.bin"))
-        self.assertEqual(sha256_file(out), sha256(self.big_data))
+    def test_curl_announced_size_goes_in_parts(self):
+        big = self.local_file("big.bin", 26 * PART, seed=26)
+        self.curl("-Q", "ALLO %d" % (26 * PART), "-T", big, self.server.url("/parts.bin"))
+        self.assertEqual(len(self.part_puts()), 26)
+        self.assertEqual(self.requests("POST", "/files/content"), [])
+        self.assertEqual(sha256(self.emu.content("/parts.bin")), sha256_file(big))
+        with open(big, "rb") as f:
+            self.assertEqual(self.md5_property("/parts.bin"), hashlib.md5(f.read()).hexdigest())
 
-    def test_curl_resumes_a_download(self):
+    def test_curl_resumes_a_download_and_wget_gets(self):
         size = 3 * MIB + 5
         self.emu.seed({"path": "/r/file.bin", "size": size})
         part = self.local("resume.part")
@@ -84,42 +59,19 @@ class Transfers:
         self.assertEqual(sha256_file(part), sha256(pattern(size)))
         self.assertEqual([e["headers"].get("range") for e in self.requests("GET", "/d/")],
                          ["bytes=1000000-"])
-
-    def test_curl_resumed_upload_keeps_the_file_whole(self):
-        # curl -C - -T asks SIZE and sends the rest with APPE.  Box cannot
-        # append: the file must end up whole, or stay as it was with an
-        # error; never hold only the rest.
-        whole = self.local_file("whole.bin", 3000, seed=3)
-        with open(whole, "rb") as f:
-            data = f.read()
-        self.emu.seed({"path": "/up.bin", "content_base64": b64(data[:1000])})
-        r = self.curl("-C", "-", "-T", whole, self.server.url("/up.bin"), ok=False)
-        stored = self.emu.content("/up.bin") if "/up.bin" in self.paths() else b""
-        # Compared by length and digest: the bytes themselves say little.
-        got = (len(stored), sha256(stored))
-        if r.returncode == 0:
-            self.assertEqual(got, (3000, sha256(data)), "curl reported success")
-        else:
-            self.assertEqual(got, (1000, sha256(data[:1000])), r.stderr)
-
-    def test_wget_get(self):
-        self.emu.seed({"path": "/w/file.bin", "size": 1500000})
         out = self.local("wget.out")
         if self.tls:
             args = ["wget", "-q", "--ca-certificate=" + self.server.ca, "-O", out,
-                    "ftps://anonymous:x@127.0.0.1:%d/w/file.bin" % self.server.port]
+                    "ftps://anonymous:x@127.0.0.1:%d/r/file.bin" % self.server.port]
         else:
-            args = ["wget", "-q", "-O", out, self.server.url("/w/file.bin", "anonymous:x")]
+            args = ["wget", "-q", "-O", out, self.server.url("/r/file.bin", "anonymous:x")]
         r = run(args)
         self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
-        self.assertEqual(sha256_file(out), sha256(pattern(1500000)))
+        self.assertEqual(sha256_file(out), sha256(pattern(size)))
 
-    # -- lftp -------------------------------------------------------------
-
-    def test_lftp_put_get_and_mirror(self):
+    def test_lftp_mirror_and_commands(self):
         tree = self.local("tree")
-        sizes = {"zero.bin": 0, "one.bin": 1, "part.bin": PART, "part1.bin": PART + 1,
-                 "sub/inner.bin": 70000}
+        sizes = {"zero.bin": 0, "one.bin": 1, "part1.bin": PART + 1, "sub/inner.bin": 70000}
         for i, (name, size) in enumerate(sizes.items()):
             os.makedirs(os.path.dirname(os.path.join(tree, name)), exist_ok=True)
             write_random(os.path.join(tree, name), size, seed=100 + i)
@@ -129,94 +81,82 @@ class Transfers:
         want.update({"/m/" + n: sha256_file(os.path.join(tree, n)) for n in sizes})
         self.assertFiles(want, "mirror -R")
         self.lftp("mirror /m back")
-        for name in sizes:
-            self.assertEqual(sha256_file(self.local("back", name)),
-                             sha256_file(os.path.join(tree, name)), name)
+        self.assertEqual({n: sha256_file(self.local("back", n)) for n in sizes},
+                         {n: want["/m/" + n] for n in sizes})
         self.assertTrue(os.path.isdir(self.local("back", "void")))
-        self.lftp("put tree/part1.bin -o /single.bin; get /m/sub/inner.bin -o got.bin")
-        self.assertEqual(self.stored("/single.bin"), sha256_file(os.path.join(tree, "part1.bin")))
-        self.assertEqual(sha256_file(self.local("got.bin")),
-                         sha256_file(os.path.join(tree, "sub/inner.bin")))
+        self.lftp("mkdir -p /m/x/y; mv /m/sub /m/x/y/sub; rm /m/zero.bin; rmdir /m/void")
+        self.assertEqual(self.paths(), {"/m", "/m/one.bin", "/m/part1.bin", "/m/x", "/m/x/y",
+                                        "/m/x/y/sub", "/m/x/y/sub/inner.bin"})
+        r = self.lftp("rmdir /m/x", ok=False)   # not empty
+        self.assertIn("550", r.stderr)
+        self.lftp("rm -r /m")
+        self.assertFiles({})
 
-    def test_lftp_large_put_with_allo_goes_in_parts(self):
-        self.lftp("set ftp:use-allo yes; put big.bin -o /lftp-big.bin")
-        self.assertChunked("/lftp-big.bin", self.big_data)
+    def test_checksum_progress_reads_well_in_each_client(self):
+        sizes = {"lftp": 60001, "curl": 60002}
+        self.emu.seed(*({"path": "/p/%s.bin" % c, "size": n} for c, n in sizes.items()))
+        md5 = {c: hashlib.md5(pattern(n)).hexdigest() for c, n in sizes.items()}
+        # About 2.4 s per download: long enough for progress every second.
+        self.emu.fault({"path_regex": "^/d/", "throttle_bps": 25000, "count": -1})
+        # Both at once.  curl cannot take a preliminary reply to a quoted
+        # command, so it asks for no progress and must see none.
+        lftp = self.start(self.lftp_args("quote OPTS CKSM INTERVAL=1; "
+                                         "quote CKSM MD5 0 -1 /p/lftp.bin; quote NOOP"))
+        curl = self.start(self.curl_args("-v", "-Q", "CKSM MD5 0 -1 /p/curl.bin", "-Q", "NOOP",
+                                         "-o", "/dev/null", self.server.url("/p/")))
+        out, err = lftp.communicate(timeout=120)
+        self.assertEqual(lftp.returncode, 0, out + err)
+        lines = out.splitlines()
+        self.assertEqual((lines[0], lines[-2:]), ("200 CKSM progress interval 1.",
+                                                  ["213 " + md5["lftp"], "200 NOOP ok."]))
+        counts = [int(re.fullmatch(r"113 (\d+)", line).group(1)) for line in lines[1:-2]]
+        self.assertTrue(counts, "no progress reply")
+        self.assertEqual(counts, sorted(counts))
+        self.assertLessEqual(counts[-1], sizes["lftp"])
+        out, err = curl.communicate(timeout=120)
+        self.assertEqual(curl.returncode, 0, err)
+        answers = [l[2:] for l in err.splitlines() if l.startswith("< ")]
+        i = answers.index("213 " + md5["curl"])
+        self.assertEqual(answers[i + 1], "200 NOOP ok.")
+        self.assertFalse([a for a in answers if a.startswith("113")], err)
 
-    # -- ftplib -----------------------------------------------------------
+    def start(self, args):
+        return subprocess.Popen(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                cwd=self.work)
 
-    def test_ftplib_store_path_follows_the_announced_size(self):
-        f = self.ftp()
-        self.addCleanup(f.close)
-        # (size, through an upload session)
-        for size, chunked in ((CHUNKED_MINIMUM, False), (CHUNKED_MINIMUM + 1, True),
-                              (26 * PART, True)):
-            with self.subTest(size=size):
-                self.emu.clear_log()
-                data = self.big_data[:size]
-                path = "/s%d.bin" % size
-                self.assertEqual(self.store(f, path, data), "226 Transfer complete.")
-                if chunked:
-                    self.assertChunked(path, data)
-                    # Box keeps the MD5: a checksum needs no download.
-                    self.emu.clear_log()
-                    self.assertEqual(f.sendcmd("CKSM MD5 0 -1 " + path),
-                                     "213 " + hashlib.md5(data).hexdigest())
-                    self.assertEqual(self.requests("GET", "/content"), [])
-                else:
-                    self.assertEqual((len(self.requests("POST", "/files/content")),
-                                      self.sessions_made()), (1, []))
-                    self.assertEqual(self.stored(path), sha256(data))
+    def test_a_multi_line_error_reads_well_in_each_client(self):
+        # A user whose uploads may not exceed 1000 bytes.
+        server = BoxServer(self.emu, tls=self.tls,
+                           creds=credential(TOKEN, time.time() + 86400, max_upload=1000))
+        self.addCleanup(server.stop)
+        src = self.local_file("quota.bin", 5000)
 
-    def test_interrupted_chunked_store_continues_with_rest(self):
-        data = self.big_data
-        f = self.ftp()
-        self.addCleanup(f.close)
-        f.sendcmd("ALLO %d" % len(data))
-        conn = f.transfercmd("STOR /resumed.bin")
-        sent = 6 * PART + PART // 2
-        conn.sendall(data[:sent])
-        wait_for(lambda: len(self.part_puts()) >= 3, "three parts on Box")
-        tear_down(conn)   # not closed: a close would say the file ends here
-        text = reply_of(f.voidresp)
-        self.assertRegex(text, r"^4\d\d ")
-        self.assertNotIn("/resumed.bin", self.paths())
-        done = len(self.part_puts()) * PART
-        self.assertLessEqual(done, sent)
-        # The same login goes on from the last part Box has.
-        # REST goes right before STOR (ftplib sends it after TYPE and PASV):
-        # any other command in between clears the offset.
-        f.sendcmd("ALLO %d" % len(data))
-        self.assertEqual(f.storbinary("STOR /resumed.bin", io.BytesIO(data[done:]), rest=done),
-                         "226 Transfer complete.")
-        self.assertEqual(len(self.sessions_made()), 1)
-        self.assertEqual(self.stored("/resumed.bin"), sha256(data))
-        self.assertEqual(self.md5_property("/resumed.bin"), hashlib.md5(data).hexdigest())
+        def expected(path):
+            return ["451-QUOTA_EXCEEDED", '451-Box-Path: "%s"' % path,
+                    '451-Box-Upload-Size: "5000"', '451-Box-Max-Upload-Size: "1000"',
+                    '451 Box-Error: "Upload size is too large."']
 
-
-class TransfersPlain(Transfers, BoxTest):
-    # In the clear only: under TLS a data connection the server ends for a
-    # failed store closes without close_notify, which ftplib's storbinary
-    # raises as an SSL error before it reads the reply.
-    def test_ftplib_allo_is_the_size(self):
-        # A client that announced a size and sends fewer bytes (a normal
-        # close) has stored nothing; so has a store on the root folder.
-        self.emu.seed({"path": "/dir", "type": "folder"})
-        f = self.ftp()
-        self.addCleanup(f.close)
-        f.sendcmd("ALLO 200000")
-        self.assertEqual(reply_of(f.storbinary, "STOR /allo.bin", io.BytesIO(pattern(100000))),
-                         "451 The client sent 100000 bytes where it announced 200000 (ALLO); "
-                         "nothing was stored.")
-        for path in ("/", "/dir/.."):
-            self.assertRegex(reply_of(f.storbinary, "STOR " + path, io.BytesIO(b"x")),
-                             r"^553[ -]")
-        self.assertEqual(self.paths(), {"/dir"})
-        self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
+        r = self.curl("-v", "-Q", "ALLO 5000", "-T", src, server.url("/q-curl.bin"), ok=False,
+                      server=server)
+        self.assertEqual(r.returncode, 25, r.stderr)   # "Failed FTP upload"
+        self.assertEqual([l[2:] for l in r.stderr.splitlines() if l.startswith("< 451")],
+                         expected("/q-curl.bin"))
+        # lftp takes a 4xx reply for a passing trouble and retries; it gives
+        # up saying "max-retries exceeded".  Its trace shows it read the
+        # whole reply.
+        r = self.lftp("debug 3; set ftp:use-allo yes; put quota.bin -o /q-lftp.bin", ok=False,
+                      server=server)
+        self.assertNotEqual(r.returncode, 0)
+        self.assertIn("\n".join("<--- " + l for l in expected("/q-lftp.bin")), r.stderr)
+        self.assertFiles({})
 
 
-class TransfersTLS(Transfers, BoxTest):
+class TransfersTLS(BoxTest):
+    part_size = PART
     tls = True
     https = True
+    test_curl_uploads_downloads_and_commands = Transfers.test_curl_uploads_downloads_and_commands
+    test_curl_resumes_a_download_and_wget_gets = Transfers.test_curl_resumes_a_download_and_wget_gets
 
 
 if __name__ == "__main__":

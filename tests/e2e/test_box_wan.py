@@ -8,7 +8,7 @@ import hashlib
 import os
 import unittest
 
-from box_harness import MIB, BoxTest, pattern, sha256, sha256_file
+from harness import MIB, BoxTest, pattern, sha256, sha256_file
 
 SIZE = 70 * MIB   # above the 64 MiB from which a download goes in streams
 POLICY = {"user_api_rate_limit": 100, "upload_parts_in_flight": 4, "download_streams": 4,

@@ -13,7 +13,6 @@ operator watches: implicit FTPS with curl and lftp (with that new
 certificate), the audit log's lines of the changes a client made, and a
 /metrics scrape checked against what happened and by promtool.  Prints what
 it checked; exit status 1 when a check failed."""
-import hashlib
 import json
 import os
 import pwd
@@ -27,12 +26,10 @@ import tempfile
 import time
 import urllib.request
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "e2e"))
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from box_harness import Emulator, pattern, wait_for  # noqa: E402
-from install_support import unit_command, unit_setting  # noqa: E402
-from server_harness import make_tls_files, write_random  # noqa: E402
+from install_support import unit_command, unit_setting  # noqa: E402  (puts harness on the path)
+from harness import Emulator, make_tls_files, pattern, sha256, wait_for, write_random  # noqa: E402
 
 UNIT = "/usr/lib/systemd/system/tarvex-gridftp-server.service"
 CONF = "/etc/tarvex/tarvex-gridftp-server.conf"
@@ -66,10 +63,6 @@ def put(path, text, mode, group="root"):
         f.write(text)
     os.chmod(path, mode)
     shutil.chown(path, "root", group)
-
-
-def sha256(data):
-    return hashlib.sha256(data).hexdigest()
 
 
 def configure(emu, work):

@@ -6,9 +6,7 @@ A "tree" is a folder holding an installed prefix as it lands on a machine:
 `tree.root` the DESTDIR (or the unpacked package), `tree.prefix` the prefix
 inside it (/usr/local, /usr)."""
 import glob
-import json
 import os
-import pwd
 import re
 import shlex
 import shutil
@@ -18,10 +16,9 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SOURCE = os.path.normpath(os.path.join(HERE, "..", ".."))
-sys.path.insert(0, os.path.join(SOURCE, "tests", "e2e"))
+sys.path.insert(0, os.path.join(HERE, "..", "support"))
 
-from box_harness import Emulator, _preload, wait_for  # noqa: E402
+from harness import SOURCE, BoxCredentialTool, BoxServer, Emulator, Server  # noqa: E402
 
 BUILD = os.environ.get("TARVEX_BUILD_DIR", "")
 CMAKE = os.environ.get("TARVEX_CMAKE", "cmake")
@@ -151,53 +148,21 @@ def clean_environment(extra=None):
     return env
 
 
-class InstalledServer:
+def installed_server(tree, env=None, **kw):
     """The tree's tarvex-gridftp-server on 127.0.0.1, any free port, with
-    its default plug-in path (no --dsi-path unless given in `args`)."""
+    its default plug-in path (no --dsi-path unless given in `extra`)."""
+    return Server(program=tree.bin("tarvex-gridftp-server"), config_file=False,
+                  env=clean_environment() if env is None else env, **kw)
 
-    def __init__(self, tree, args, env=None):
-        self.work = tempfile.mkdtemp(prefix="tarvex-install-server-")
-        self.log_path = os.path.join(self.work, "server.log")
-        port_file = os.path.join(self.work, "port")
-        self._log = open(self.log_path, "wb")
-        command = [tree.bin("tarvex-gridftp-server"), "--port", "0", "--bind", "127.0.0.1",
-                   "--port-file", port_file, "--foreground"] + list(args)
-        self.proc = subprocess.Popen(command, stdout=self._log, stderr=subprocess.STDOUT,
-                                     env=env if env is not None else clean_environment())
-        try:
-            wait_for(lambda: self.proc.poll() is not None or os.path.exists(port_file),
-                     "the installed server to listen")
-            if self.proc.poll() is not None:
-                raise AssertionError("the installed server exited:\n" + self.read_log())
-            with open(port_file) as f:
-                self.port = int(f.read())
-        except BaseException:
-            self.stop()
-            raise
 
-    def read_log(self):
-        with open(self.log_path, "rb") as f:
-            return f.read().decode(errors="replace")
-
-    def curl(self, path, *args):
-        """curl of ftp://127.0.0.1:PORT/path as an anonymous login."""
-        r = run(["curl", "-sS", "--max-time", "60", "--user", "anonymous:x"] + list(args) +
-                ["ftp://127.0.0.1:%d%s" % (self.port, path)], check=False)
-        if r.returncode != 0:
-            raise AssertionError("curl %s: %s\n--- server log:\n%s" % (
-                path, r.stderr, self.read_log()[-4000:]))
-        return r.stdout
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(timeout=15)
-            except subprocess.TimeoutExpired:
-                self.proc.kill()
-                self.proc.wait()
-        self._log.close()
-        shutil.rmtree(self.work, ignore_errors=True)
+def curl(server, path, *args):
+    """curl of ftp://127.0.0.1:PORT/path as an anonymous login."""
+    r = run(["curl", "-sS", "--max-time", "60", "--user", "anonymous:x"] + list(args) +
+            [server.url(path)], check=False)
+    if r.returncode != 0:
+        raise AssertionError("curl %s: %s\n--- server log:\n%s" % (
+            path, r.stderr, server.read_log()[-4000:]))
+    return r.stdout
 
 
 def listed_names(listing):
@@ -220,33 +185,16 @@ def serve_box_from(tree, check):
             "clients": [CLIENT], "users": [{"id": "4242", "max_upload_size": 1 << 30}],
             "refresh_tokens": [{"refresh_token": "r-install", "client_id": CLIENT["client_id"],
                                 "user_id": "4242"}]})
-        client = os.path.join(work, "client.json")
-        with open(client, "w") as f:
-            json.dump(CLIENT, f)
-        os.chmod(client, 0o600)
-        helper = [tree.bin("tarvex-box-credential"), "--state-dir", os.path.join(work, "state"),
-                  "--token-url", emu.base + "/oauth2/token", "--api-base", emu.base]
-        run(helper + ["--enrol", "anonymous", "--account", pwd.getpwuid(os.geteuid()).pw_name,
-                      "--client", client, "--refresh-token-file", "-"],
-            env=clean_environment(), input="r-install\n")
-        policy = os.path.join(work, "policy.json")
-        with open(policy, "w") as f:
-            json.dump({"user_api_rate_limit": 100, "box_api_base": emu.base,
-                       "box_upload_base": emu.base}, f)
-        command = " ".join(shlex.quote(a) for a in helper)
-        home = os.path.join(work, "home")
-        os.mkdir(home)
-        # The plug-in keeps its pacing files in the home of the account's
-        # password entry: the build's shim names a scratch one instead.
-        env = clean_environment({"TARVEX_TEST_HOME": home})
-        preload = _preload(tree.bin("tarvex-gridftp-server"))
-        if preload:
-            env["LD_PRELOAD"] = preload
-        server = InstalledServer(tree, [
-            "--dsi", "box", "--anonymous-map", "--config-file", "config=" + policy,
-            "--config-command", 'creds=env -u LD_PRELOAD %s "$TARVEX_USER"' % command,
-            "--config-command", 'renew-creds=env -u LD_PRELOAD %s --renew "$TARVEX_USER"' % command],
-            env=env)
+        tool = BoxCredentialTool(emu, work, program=tree.bin("tarvex-box-credential"))
+        tool.enrol("anonymous", CLIENT, "r-install", env=clean_environment())
+        # The plug-in's API bases come from the policy alone, not from the
+        # environment the build's tests use.
+        server = BoxServer(emu, creds=tool, program=tree.bin("tarvex-gridftp-server"),
+                           policy={"user_api_rate_limit": 100, "box_api_base": emu.base,
+                                   "box_upload_base": emu.base},
+                           env={"TARVEX_BOX_API_BASE": None, "TARVEX_BOX_UPLOAD_BASE": None,
+                                "TARVEX_DSI_REST_CA_FILE": None},
+                           base_env=clean_environment())
         check(server, emu)
     finally:
         if server is not None:

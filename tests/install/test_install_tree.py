@@ -11,8 +11,9 @@ import sys
 import tempfile
 import unittest
 
-from install_support import (BUILD, HERE, LIBRARIES, UNIT, InstalledServer, clean_environment,
+from install_support import (BUILD, HERE, LIBRARIES, UNIT, clean_environment, curl,
                              dynamic_section, elf_files, expected_files, install_build,
+                             installed_server,
                              listed_names, public_headers, resolved_libraries, run,
                              serve_box_from, soname, timed, unit_command)
 
@@ -50,9 +51,9 @@ class TreeChecks:
             emu.seed({"path": "/reports/q1.txt", "content": "first quarter\n"},
                      {"path": "/reports/q2.txt", "content": "second\n"},
                      {"path": "/reports/archive", "type": "folder"})
-            self.assertEqual(listed_names(server.curl("/reports/")),
+            self.assertEqual(listed_names(curl(server, "/reports/")),
                              ["archive", "q1.txt", "q2.txt"])
-            self.assertEqual(server.curl("/reports/q1.txt"), "first quarter\n")
+            self.assertEqual(curl(server, "/reports/q1.txt"), "first quarter\n")
             self.assertIn("storage box", server.read_log())
         timed("serving Box from the tree", lambda: serve_box_from(self.tree, check))
 
@@ -87,10 +88,9 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         flags = self.pkg_config("--cflags", "--libs", "tarvex-gridftp-server")
         run(["cc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-pedantic", "-fPIC", "-shared",
              "-o", plugin, os.path.join(HERE, "hello_plugin.c")] + flags)
-        server = InstalledServer(self.tree, ["--dsi", "hello", "--dsi-path", plugins,
-                                             "--anonymous-map"])
+        server = installed_server(self.tree, dsi="hello", dsi_path=plugins)
         try:
-            listing = server.curl("/")
+            listing = curl(server, "/")
             self.assertEqual(listed_names(listing), ["hello.txt"])
             self.assertEqual(listing.split()[4], "12")
         finally:

@@ -5,6 +5,6 @@ if(TARGET tarvex-box-credential)
     WORKING_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
   set_tests_properties(box_credential_test PROPERTIES
     LABELS integration
-    ENVIRONMENT "TARVEX_BOX_CREDENTIAL=$<TARGET_FILE:tarvex-box-credential>;TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py;PYTHONDONTWRITEBYTECODE=1"
+    ENVIRONMENT "TARVEX_BOX_CREDENTIAL=$<TARGET_FILE:tarvex-box-credential>;TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py;PYTHONDONTWRITEBYTECODE=1;PYTHONPATH=${TARVEX_SOURCE_ROOT}/tests/support"
     TIMEOUT 300)
 endif()

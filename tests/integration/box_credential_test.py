@@ -12,10 +12,11 @@ import shutil
 import signal
 import subprocess
 import tempfile
-import time
 import unittest
 
-from emulator_process import HERE, EmulatorCase
+from harness import EmulatorCase, wait_for
+
+HERE = os.path.dirname(os.path.abspath(__file__))
 
 HELPER = os.environ.get("TARVEX_BOX_CREDENTIAL", "")
 # Enrolment names the account the sessions run as: here, the test's own.
@@ -25,14 +26,6 @@ CLIENT = {"client_id": "app", "client_secret": "app-secret"}
 PLUGIN_DATE = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{1,6}[+-]\d\d:\d\d\Z")
 with open(os.path.join(HERE, "box_credential_requests.json")) as f:
     TABLE = {e["name"]: e for e in json.load(f)["requests"]}
-
-
-def wait_for(condition, what, timeout=20.0):
-    deadline = time.monotonic() + timeout
-    while not condition():
-        if time.monotonic() > deadline:
-            raise AssertionError("timed out waiting for " + what)
-        time.sleep(0.02)
 
 
 @unittest.skipUnless(HELPER and os.path.exists(HELPER), "TARVEX_BOX_CREDENTIAL not built")

@@ -1,5 +1,5 @@
 # The Box emulator: its behaviour, its answers and the plug-in's request
-# table checked against Box's API description, and its C++ fixture.
+# table checked against Box's API description.
 set(box_emulator_test_env
   TARVEX_BOX_EMULATOR=${TARVEX_SOURCE_ROOT}/tools/box-emulator/box_emulator.py
   TARVEX_BOX_OPENAPI=${TARVEX_SHARED}/box-openapi.json)
@@ -13,11 +13,7 @@ add_test(NAME box_emulator_contract_test
   WORKING_DIRECTORY ${CMAKE_CURRENT_LIST_DIR})
 set_tests_properties(box_emulator_test box_emulator_contract_test PROPERTIES
   LABELS integration
-  ENVIRONMENT "${box_emulator_test_env};PYTHONDONTWRITEBYTECODE=1"
+  ENVIRONMENT "${box_emulator_test_env};PYTHONDONTWRITEBYTECODE=1;PYTHONPATH=${TARVEX_SOURCE_ROOT}/tests/support"
   TIMEOUT 300)
 set_tests_properties(box_emulator_contract_test PROPERTIES SKIP_RETURN_CODE 77)
 
-add_executable(box_emulator_fixture_test ${CMAKE_CURRENT_LIST_DIR}/box_emulator_fixture_test.cpp)
-target_link_libraries(box_emulator_fixture_test PRIVATE
-  tarvex_test_box_emulator tarvex_test_error_check GTest::gtest_main CURL::libcurl)
-gtest_discover_tests(box_emulator_fixture_test PROPERTIES LABELS integration)

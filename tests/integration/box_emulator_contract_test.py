@@ -10,7 +10,7 @@ import unittest
 from urllib.parse import urlencode
 
 from box_openapi import OpenApi, openapi_path
-from emulator_process import PART, REQUESTS, EmulatorCase, digest, pattern, upload_body
+from harness import EmulatorCase, digest, pattern, upload_body
 
 # Codes Box sends that its description does not name anywhere.
 UNDOCUMENTED_CODES = {"rate_limit_exceeded", "bad_digest", "file_size_limit_exceeded"}
@@ -24,9 +24,12 @@ MISSING_API = ("Box's API description is missing: %s (set TARVEX_BOX_OPENAPI); t
                "tables and the emulator's answers are NOT checked against it" % openapi_path())
 if not HAVE_API:
     sys.stderr.write("*** %s\n" % MISSING_API)
-with open(os.path.join(os.path.dirname(os.path.abspath(__file__)),
-                       "box_credential_requests.json")) as f:
+HERE = os.path.dirname(os.path.abspath(__file__))
+with open(os.path.join(HERE, "box_requests.json")) as f:
+    REQUESTS = json.load(f)["requests"]
+with open(os.path.join(HERE, "box_credential_requests.json")) as f:
     CREDENTIAL_REQUESTS = json.load(f)["requests"]
+PART = EmulatorCase.PART
 
 
 @unittest.skipUnless(HAVE_API, MISSING_API)
@@ -135,7 +138,7 @@ class AnswerSchemaTest(EmulatorCase):
         ids = self.emu.seed(*({"path": p, "type": "folder"} for p in ("/empty", "/renf", "/metaf")),
                             *({"path": p, "content": "abc"} for p in
                               ("/full/x", "/del.txt", "/ren.txt", "/dl.txt", "/meta.txt")))
-        data = pattern(0, PART)   # an upload session of one part
+        data = pattern(PART)   # an upload session of one part
         targets = {"list_folder": "0", "file_info": ids["/dl.txt"], "delete_file": ids["/del.txt"],
                    "delete_folder": ids["/empty"], "delete_folder_recursive": ids["/full"],
                    "rename_file": ids["/ren.txt"], "rename_folder": ids["/renf"],

@@ -30,14 +30,6 @@ constexpr uint64_t part_size = 16384;
 const std::string part_path = "^/api/2\\.0/files/upload_sessions/[^/]+$";
 const std::string download_path = "^/d/";
 
-std::string hex(const unsigned char *digest, size_t length)
-{
-    std::string out;
-    for (size_t i = 0; i < length; i++)
-        out += "0123456789abcdef"[digest[i] >> 4], out += "0123456789abcdef"[digest[i] & 15];
-    return out;
-}
-
 /* What the parts step leaves in an upload session's record: Box's record
  * of each part ("offset size sha1", in the list's order) and the whole
  * file's digests so far. */

@@ -68,36 +68,6 @@ double real_of(json_t *value)
     return json_is_number(value) ? json_number_value(value) : 0;
 }
 
-/* Runs a program without a shell, its output discarded; true on exit 0. */
-bool run(const std::vector<std::string> &argv, const std::string &cwd)
-{
-    // Built before fork: the child of a threaded program must not allocate.
-    std::vector<char *> args;
-    args.reserve(argv.size() + 1);
-    for (const auto &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid < 0)
-        return false;
-    if (pid == 0) {
-        int null = open("/dev/null", O_RDWR);
-        if (null >= 0) {
-            dup2(null, 0);
-            dup2(null, 1);
-            dup2(null, 2);
-        }
-        if (chdir(cwd.c_str()) != 0)
-            _exit(126);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 size_t collect(char *data, size_t size, size_t count, void *user)
 {
     static_cast<std::string *>(user)->append(data, size * count);
@@ -141,9 +111,7 @@ bool BoxEmulator::LogEntry::has_query(const std::string &key) const
     return query.count(key) != 0;
 }
 
-BoxEmulator::BoxEmulator() : BoxEmulator(Options()) {}
-
-BoxEmulator::BoxEmulator(const Options &options)
+BoxEmulator::BoxEmulator()
 {
     static std::once_flag curl_once;
     std::call_once(curl_once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
@@ -153,9 +121,7 @@ BoxEmulator::BoxEmulator(const Options &options)
         fail(std::string("mkdtemp: ") + strerror(errno));
     dir_ = tmpl;
     try {
-        if (options.https)
-            make_certificates();
-        spawn(options);
+        spawn();
         wait_listening();
         curl_ = curl_easy_init();
         if (curl_ == nullptr)
@@ -199,50 +165,11 @@ void BoxEmulator::stop()
     }
 }
 
-/* A CA and a server certificate for 127.0.0.1 and localhost, with the
- * openssl command line; EC keys keep this fast. */
-void BoxEmulator::make_certificates()
-{
-    const std::string curve = "ec_paramgen_curve:prime256v1";
-    {
-        std::ofstream ext(dir_ + "/server.ext");
-        ext << "subjectAltName=IP:127.0.0.1,DNS:localhost\n"
-               "basicConstraints=critical,CA:FALSE\n"
-               "keyUsage=critical,digitalSignature,keyEncipherment\n"
-               "extendedKeyUsage=serverAuth\n";
-    }
-    const std::vector<std::vector<std::string>> steps = {
-        {"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", curve, "-nodes", "-keyout",
-         "ca.key", "-out", "ca.pem", "-days", "7", "-subj", "/CN=tarvex test CA", "-addext",
-         "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign"},
-        {"openssl", "req", "-new", "-newkey", "ec", "-pkeyopt", curve, "-nodes", "-keyout",
-         "server.key", "-out", "server.csr", "-subj", "/CN=127.0.0.1"},
-        {"openssl", "x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
-         "-CAcreateserial", "-out", "server.pem", "-days", "7", "-extfile", "server.ext"},
-    };
-    for (const auto &step : steps)
-        if (!run(step, dir_))
-            fail("openssl " + step[1] + " failed while making the test CA");
-    ca_file_ = dir_ + "/ca.pem";
-    cert_file_ = dir_ + "/server.pem";
-    key_file_ = dir_ + "/server.key";
-}
-
-void BoxEmulator::spawn(const Options &options)
+void BoxEmulator::spawn()
 {
     std::vector<std::string> argv = {TARVEX_PYTHON3, TARVEX_BOX_EMULATOR, "--host", "127.0.0.1",
                                      "--port", "0", "--port-file", dir_ + "/port",
-                                     "--data-dir", dir_ + "/data"};
-    for (const auto &token : options.tokens) {
-        argv.push_back("--token");
-        argv.push_back(token);
-    }
-    if (options.https) {
-        argv.insert(argv.end(), {"--tls-cert", cert_file_, "--tls-key", key_file_});
-    }
-    if (options.quiet)
-        argv.push_back("--quiet");
-    argv.insert(argv.end(), options.extra_args.begin(), options.extra_args.end());
+                                     "--data-dir", dir_ + "/data", "--quiet"};
 
     std::vector<char *> args;
     args.reserve(argv.size() + 1);
@@ -286,8 +213,7 @@ void BoxEmulator::wait_listening()
             fail("the emulator did not listen within 120 s");
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    base_url_ = std::string(ca_file_.empty() ? "http" : "https") + "://127.0.0.1:" +
-                std::to_string(port_);
+    base_url_ = "http://127.0.0.1:" + std::to_string(port_);
 }
 
 long BoxEmulator::request(const std::string &method, const std::string &path,
@@ -304,8 +230,6 @@ long BoxEmulator::request(const std::string &method, const std::string &path,
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
-    if (!ca_file_.empty())
-        curl_easy_setopt(curl, CURLOPT_CAINFO, ca_file_.c_str());
     struct curl_slist *headers = curl_slist_append(nullptr, "Content-Type: application/json");
     curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     if (method == "POST") {

@@ -1,10 +1,9 @@
 /*
  * The Box emulator (tools/box-emulator/box_emulator.py) as a test fixture.
  *
- * Construction starts the emulator on a free loopback port, optionally over
- * HTTPS with a certificate from a test CA made for this instance, and
+ * Construction starts the emulator on a free loopback port (plain HTTP) and
  * returns once it listens; destruction stops it (SIGTERM, then SIGKILL) and
- * removes its temporary directory (certificates, uploaded contents).
+ * removes its temporary directory (uploaded contents).
  *
  *     tarvex_test::BoxEmulator emu;                 // http://127.0.0.1:<port>
  *     auto ids = emu.seed(R"({"entries":[{"path":"/a/f.txt","content":"hi"}]})");
@@ -30,23 +29,8 @@
 
 namespace tarvex_test {
 
-struct BoxEmulatorOptions {
-    /* Serve HTTPS with a certificate for 127.0.0.1 and localhost, signed by
-     * a CA generated for this instance (see ca_file()). */
-    bool https = false;
-    /* Accepted bearer tokens, never expiring; empty means "test-token". */
-    std::vector<std::string> tokens;
-    /* More command line arguments, e.g. {"--part-size", "1048576"} or
-     * {"--min-session-size", "0"}. */
-    std::vector<std::string> extra_args;
-    /* false: the emulator traces every request on stderr. */
-    bool quiet = true;
-};
-
 class BoxEmulator {
 public:
-    using Options = BoxEmulatorOptions;
-
     /* One request as the emulator received it (control requests excluded). */
     struct LogEntry {
         std::string method;
@@ -88,18 +72,15 @@ public:
     };
 
     BoxEmulator();
-    explicit BoxEmulator(const Options &options);
     ~BoxEmulator();
     BoxEmulator(const BoxEmulator &) = delete;
     BoxEmulator &operator=(const BoxEmulator &) = delete;
 
-    /* "<scheme>://127.0.0.1:<port>", no trailing slash; API paths start
+    /* "http://127.0.0.1:<port>", no trailing slash; API paths start
      * "/2.0/", upload paths "/api/2.0/", both on this one origin. */
     const std::string &base_url() const { return base_url_; }
     const std::string &api_base() const { return base_url_; }
     const std::string &upload_base() const { return base_url_; }
-    /* PEM file of the test CA (HTTPS only; "" for HTTP). */
-    const std::string &ca_file() const { return ca_file_; }
     int port() const { return port_; }
     pid_t pid() const { return pid_; }
 
@@ -141,17 +122,13 @@ public:
                         const std::string &body = "");
 
 private:
-    void make_certificates();
-    void spawn(const Options &options);
+    void spawn();
     void wait_listening();
     void stop();
     long request(const std::string &method, const std::string &path,
                  const std::string &body, std::string &answer);
 
     std::string dir_;
-    std::string ca_file_;
-    std::string cert_file_;
-    std::string key_file_;
     std::string base_url_;
     int port_ = 0;
     pid_t pid_ = -1;

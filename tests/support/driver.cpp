@@ -206,12 +206,9 @@ struct driver::shared {
     uint64_t recv_length = 0;
     size_t read_chunk = 0;
     std::optional<std::pair<uint64_t, std::string>> recv_failure;
-    std::optional<std::pair<uint64_t, std::string>> send_failure;
     time_t modtime = -1;
-    std::optional<std::string> modtime_error;
     int update_interval = 0;
     tarvex_size_t block_size = 262144;
-    int concurrency = 4;
     bool digest_sink = false;
     bool record_progress = true;
     std::chrono::milliseconds timeout{30000};
@@ -221,18 +218,13 @@ struct driver::shared {
 
     // records
     std::vector<event> events;
-    std::vector<std::string> config_keys;
     std::string sent;
     std::vector<std::pair<tarvex_off_t, tarvex_size_t>> writes;
     stream_digest sent_hash;
     uint64_t sent_count = 0;
     std::optional<tarvex_off_t> sink_next;
     std::string sink_error;
-    int in_flight = 0;
-    int max_in_flight = 0;
     uint64_t received = 0;
-    tarvex_off_t recvd_total = 0;
-    tarvex_off_t written_total = 0;
     int next_op = 1;
     tarvex_result_t last_result = TARVEX_FAILURE;
     uint64_t moved = 0; // bytes moved by the running call (cancel_after)
@@ -241,6 +233,12 @@ struct driver::shared {
     {
         std::lock_guard lock(m);
         events.push_back(std::move(e));
+    }
+
+    bool progress_recorded()
+    {
+        std::lock_guard lock(m);
+        return record_progress;
     }
 
     void reset_sink()
@@ -252,17 +250,12 @@ struct driver::shared {
         sent_count = 0;
         sink_next.reset();
         sink_error.clear();
-        max_in_flight = 0;
     }
 
-    // Takes one registered write into the sink (called on the worker); the
-    // failure text when the script breaks the data channel here.
-    std::optional<std::string> sink(const tarvex_byte_t *buffer, tarvex_size_t length,
-                                    tarvex_off_t offset)
+    // Takes one registered write into the sink (called on the worker).
+    void sink(const tarvex_byte_t *buffer, tarvex_size_t length, tarvex_off_t offset)
     {
         std::lock_guard lock(m);
-        if (send_failure && sent_count + length > send_failure->first)
-            return send_failure->second;
         writes.emplace_back(offset, length);
         sent_count += length;
         auto fault = [&](std::string text) {
@@ -271,7 +264,7 @@ struct driver::shared {
         };
         if (offset < 0) {
             fault("write at negative offset " + std::to_string(offset));
-            return std::nullopt;
+            return;
         }
         if (digest_sink) {
             if (sink_next && *sink_next != offset)
@@ -279,19 +272,18 @@ struct driver::shared {
                       std::to_string(*sink_next));
             sink_next = offset + static_cast<tarvex_off_t>(length);
             sent_hash.update(buffer, length);
-            return std::nullopt;
+            return;
         }
         uint64_t end = static_cast<uint64_t>(offset) + length;
         if (end > memory_sink_limit) {
             fault("write ending at " + std::to_string(end) +
                   " is beyond the in-memory sink; use the digest sink");
-            return std::nullopt;
+            return;
         }
         if (sent.size() < end)
             sent.resize(end, '\0');
         if (length > 0)
             memcpy(sent.data() + offset, buffer, length);
-        return std::nullopt;
     }
 };
 
@@ -510,22 +502,14 @@ tarvex_result_t p_register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_by
     if (callback == nullptr || (buffer == nullptr && length > 0))
         return driver_error("register_write without a buffer or a callback");
     state *o = st(ctx);
-    {
-        std::lock_guard lock(o->s->m);
-        o->s->in_flight++;
-        o->s->max_in_flight = std::max(o->s->max_in_flight, o->s->in_flight);
-    }
     o->post([o, op, buffer, length, offset, callback, user_arg] {
-        std::optional<std::string> failure =
-            tarvex_gridftp_server_operation_cancelled(op) ? std::optional<std::string>(cancelled_text)
-                                                          : o->s->sink(buffer, length, offset);
-        if (!failure)
+        bool cancelled = tarvex_gridftp_server_operation_cancelled(op);
+        if (!cancelled) {
+            o->s->sink(buffer, length, offset);
             o->moved(length);
-        callback(op, failure ? driver_error(*failure) : TARVEX_SUCCESS, buffer, length,
+        }
+        callback(op, cancelled ? driver_error(cancelled_text) : TARVEX_SUCCESS, buffer, length,
                  user_arg);
-        // In flight until its completion has been delivered.
-        std::lock_guard lock(o->s->m);
-        o->s->in_flight--;
     });
     return TARVEX_SUCCESS;
 }
@@ -533,13 +517,7 @@ tarvex_result_t p_register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_by
 void p_update_bytes_recvd(void *ctx, tarvex_off_t length)
 {
     auto &s = *st(ctx)->s;
-    bool record;
-    {
-        std::lock_guard lock(s.m);
-        s.recvd_total += length;
-        record = s.record_progress;
-    }
-    if (!record)
+    if (!s.progress_recorded())
         return;
     event e = make_event(st(ctx), event_kind::bytes_received);
     e.length = length;
@@ -549,13 +527,7 @@ void p_update_bytes_recvd(void *ctx, tarvex_off_t length)
 void p_update_bytes_written(void *ctx, tarvex_off_t offset, tarvex_off_t length)
 {
     auto &s = *st(ctx)->s;
-    bool record;
-    {
-        std::lock_guard lock(s.m);
-        s.written_total += length;
-        record = s.record_progress;
-    }
-    if (!record)
+    if (!s.progress_recorded())
         return;
     event e = make_event(st(ctx), event_kind::bytes_written);
     e.offset = offset;
@@ -570,7 +542,6 @@ tarvex_result_t p_get_config_data(void *ctx, const char *key, char **data)
     *data = nullptr;
     if (key == nullptr)
         return TARVEX_SUCCESS;
-    s.config_keys.emplace_back(key);
     auto it = s.config.find(key);
     if (it != s.config.end())
         *data = strdup(it->second.c_str());
@@ -592,15 +563,9 @@ void p_get_update_interval(void *ctx, int *interval)
 
 tarvex_result_t p_get_recv_modification_time(void *ctx, time_t *modtime)
 {
-    auto &s = *st(ctx)->s;
-    std::unique_lock lock(s.m);
-    *modtime = s.modtime;
-    if (!s.modtime_error)
-        return TARVEX_SUCCESS;
-    std::string message = *s.modtime_error;
-    lock.unlock();
-    *modtime = -1;
-    return driver_error(message);
+    std::lock_guard lock(st(ctx)->s->m);
+    *modtime = st(ctx)->s->modtime;
+    return TARVEX_SUCCESS;
 }
 
 void p_get_block_size(void *ctx, tarvex_size_t *block_size)
@@ -609,10 +574,9 @@ void p_get_block_size(void *ctx, tarvex_size_t *block_size)
     *block_size = st(ctx)->s->block_size;
 }
 
-void p_get_optimal_concurrency(void *ctx, int *count)
+void p_get_optimal_concurrency(void *, int *count)
 {
-    std::lock_guard lock(st(ctx)->s->m);
-    *count = st(ctx)->s->concurrency;
+    *count = 4;
 }
 
 const tarvex_gfs_operation_provider_t driver_provider = {
@@ -759,23 +723,10 @@ void driver::fail_receive_after(uint64_t after_bytes, std::string message)
     s_->recv_failure.emplace(after_bytes, std::move(message));
 }
 
-void driver::fail_send_after(uint64_t after_bytes, std::string message)
-{
-    std::lock_guard lock(s_->m);
-    s_->send_failure.emplace(after_bytes, std::move(message));
-}
-
 void driver::set_recv_modification_time(time_t modtime)
 {
     std::lock_guard lock(s_->m);
     s_->modtime = modtime;
-    s_->modtime_error.reset();
-}
-
-void driver::fail_recv_modification_time(std::string message)
-{
-    std::lock_guard lock(s_->m);
-    s_->modtime_error = std::move(message);
 }
 
 void driver::set_update_interval(int seconds)
@@ -788,12 +739,6 @@ void driver::set_block_size(tarvex_size_t block_size)
 {
     std::lock_guard lock(s_->m);
     s_->block_size = block_size;
-}
-
-void driver::set_concurrency(int count)
-{
-    std::lock_guard lock(s_->m);
-    s_->concurrency = count;
 }
 
 void driver::use_digest_sink()
@@ -1014,13 +959,6 @@ void driver::clear_events()
 {
     std::lock_guard lock(s_->m);
     s_->events.clear();
-    s_->config_keys.clear();
-}
-
-std::vector<std::string> driver::config_requests() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->config_keys;
 }
 
 std::string driver::sent_data() const
@@ -1053,28 +991,10 @@ std::string driver::sink_error() const
     return s_->sink_error;
 }
 
-int driver::max_writes_in_flight() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->max_in_flight;
-}
-
 uint64_t driver::received_bytes() const
 {
     std::lock_guard lock(s_->m);
     return s_->received;
-}
-
-tarvex_off_t driver::bytes_received_total() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->recvd_total;
-}
-
-tarvex_off_t driver::bytes_written_total() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->written_total;
 }
 
 } // namespace tarvex_test

@@ -160,21 +160,13 @@ public:
     /* After `after_bytes` bytes of data, reads complete with an error whose
      * message is `message` (a broken data channel). */
     void fail_receive_after(uint64_t after_bytes, std::string message);
-    /* A registered write that would take the bytes sent beyond
-     * `after_bytes` completes with an error carrying `message` and is not
-     * taken into the sink. */
-    void fail_send_after(uint64_t after_bytes, std::string message);
-    /* get_recv_modification_time answers `modtime`, or fails with a generic
-     * error carrying `message`. */
+    /* get_recv_modification_time answers `modtime`. */
     void set_recv_modification_time(time_t modtime);
-    void fail_recv_modification_time(std::string message);
     void set_update_interval(int seconds);
     void set_block_size(tarvex_size_t block_size);
-    void set_concurrency(int count);
     /* Use the digest sink from now on (call before sending). */
     void use_digest_sink();
-    /* Record bytes_received / bytes_written events (default true); the
-     * totals are kept either way. */
+    /* Record bytes_received / bytes_written events (default true). */
     void set_record_progress(bool record);
     /* How long a convenience call waits for the final answer (default 30 s);
      * on time-out it returns TARVEX_FAILURE. */
@@ -220,8 +212,6 @@ public:
     /* The events of one kind, in order. */
     std::vector<event> events(event_kind kind) const;
     void clear_events();
-    /* Keys the plug-in asked configuration data for, in order. */
-    std::vector<std::string> config_requests() const;
 
     /* In-memory sink: the bytes sent, at their offsets, and the writes as
      * (offset, length) pairs in completion order. */
@@ -233,14 +223,8 @@ public:
     uint64_t sent_bytes() const;
     /* First ordering fault of the digest sink ("" when none). */
     std::string sink_error() const;
-    /* Most writes in flight at once (registered, completion not yet
-     * returned) during the last send. */
-    int max_writes_in_flight() const;
     /* Bytes handed to the plug-in through register_read by the last recv. */
     uint64_t received_bytes() const;
-    /* Totals of update_bytes_recvd / update_bytes_written lengths. */
-    tarvex_off_t bytes_received_total() const;
-    tarvex_off_t bytes_written_total() const;
 
     /* ---- for the provider (implementation) ---- */
     struct operation_state;

@@ -43,150 +43,103 @@ std::string failure(tarvex_result_t result)
     return std::to_string(code) + " " + tarvex_gfs_ftp_response_error_get_message(error.get());
 }
 
-/* Not JSON is a generic error, a key of the wrong type an FTP 500. */
-TEST_F(BoxFrameSession, PolicyRate)
+/* The settings a policy leaves that differ from the defaults, e.g.
+ * "rate=40 replace=new-version". */
+std::string settings(int rate)
 {
-    const struct { const char *policy; int rate; const char *failure; } cases[] = {
-        {"{}", 16, ""},
-        {R"({"user_api_rate_limit": 0})", 16, ""},
-        {R"({"user_api_rate_limit": 40, "other": [1]})", 40, ""},
-        {R"({"user_api_rate_limit": -3})", -3, ""},
-        {R"({"user_api_rate_limit": 7, "box_api_base": 1})", 7, ""},
-        {"{", 16, "0 config: Error loading collection storage policy: "},
-        {R"({"user_api_rate_limit": "5"})", 16,
+    std::string out;
+    auto add = [&out](bool differs, const std::string &what) {
+        if (differs)
+            out += (out.empty() ? "" : " ") + what;
+    };
+    const tarvex_box_cache_policy cache = tarvex_box_cache_policy_get();
+    add(rate != 16, "rate=" + std::to_string(rate));
+    add(tarvex_i_box_rename_replaces, "rename_replaces");
+    add(tarvex_i_box_replace != TARVEX_BOX_REPLACE_DELETE_FIRST, "replace=new-version");
+    add(cache.shared, "shared");
+    add(cache.ttl_seconds != -1, "ttl=" + std::to_string(cache.ttl_seconds));
+    add(tarvex_i_box_upload_parts_in_flight != 1,
+        "parts=" + std::to_string(tarvex_i_box_upload_parts_in_flight));
+    add(tarvex_i_box_download_streams != 1,
+        "streams=" + std::to_string(tarvex_i_box_download_streams));
+    add(tarvex_i_box_list_page_size != 300, "page=" + std::to_string(tarvex_i_box_list_page_size));
+    return out;
+}
+
+/* Every policy key: its values, absent or null the default, every parse
+ * starting from the defaults (rows alternate a setting and a reset), and
+ * a refusal naming the key.  Not JSON is a generic error, the wrong type
+ * of a rate an FTP 500; a refused count leaves the counts before it. */
+TEST_F(BoxFrameSession, PolicyKeys)
+{
+    const std::string bad = "500 GridFTP-Error: Bad \"";
+    const std::string in = "\" in collection storage policy: it must be ";
+    const std::string rename = bad + "rename_replaces" + in + "true or false.";
+    const std::string replace = bad + "replace" + in + "\"delete-first\" or \"new-version\".";
+    const std::string mode = bad + "session_cache" + in + "\"private\" or \"shared\".";
+    const std::string ttl = bad + "cache_ttl_seconds" + in +
+                            "a whole number of seconds from 0 to 31536000.";
+    auto count = [&](const char *key, const char *range) {
+        return bad + key + in + "a whole number from " + range + ".";
+    };
+    const struct { const char *policy; const char *settings; std::string failure; } cases[] = {
+        {"{}", "", ""},
+        {R"({"user_api_rate_limit": 0})", "", ""},
+        {R"({"user_api_rate_limit": 40, "other": [1]})", "rate=40", ""},
+        {R"({"user_api_rate_limit": -3})", "rate=-3", ""},
+        {R"({"user_api_rate_limit": 7, "box_api_base": 1})", "rate=7", ""},
+        {"{", "", "0 config: Error loading collection storage policy: "},
+        {R"({"user_api_rate_limit": "5"})", "",
          "500 GridFTP-Error: Error unpacking collection storage policy: "},
-    };
-    for (const auto &c : cases) {
-        int rate = 16;
-        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
-        EXPECT_EQ(rate, c.rate) << c.policy;
-        EXPECT_EQ(got.substr(0, strlen(c.failure)), c.failure);
-        EXPECT_EQ(got.empty(), c.failure[0] == '\0') << got;
-    }
-}
-
-/* "rename_replaces": a boolean, absent or null; each policy sets it anew. */
-TEST_F(BoxFrameSession, PolicyRenameReplaces)
-{
-    const struct { const char *policy; bool replaces; const char *failure; } cases[] = {
-        {R"({"rename_replaces": true})", true, ""},
-        {"{}", false, ""},
-        {R"({"rename_replaces": true})", true, ""},
-        {R"({"rename_replaces": null})", false, ""},
-        {R"({"rename_replaces": false})", false, ""},
-        {R"({"rename_replaces": "true"})", false,
-         "500 GridFTP-Error: Bad \"rename_replaces\" in collection storage policy: it must be "
-         "true or false."},
-        {R"({"rename_replaces": 1})", false,
-         "500 GridFTP-Error: Bad \"rename_replaces\" in collection storage policy: it must be "
-         "true or false."},
-    };
-    for (const auto &c : cases) {
-        int rate = 16;
-        EXPECT_EQ(failure(tarvex_box_config_parse_json(c.policy, &rate)), c.failure) << c.policy;
-        EXPECT_EQ(tarvex_i_box_rename_replaces, c.replaces) << c.policy;
-    }
-}
-
-/* "replace" takes its two words; anything else names the key; every
- * parse starts from the default. */
-TEST_F(BoxFrameSession, PolicyReplace)
-{
-    const struct { const char *policy; tarvex_box_replace_t replace; bool refused; } cases[] = {
-        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
-        {"{}", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
-        {R"({"replace": "new-version"})", TARVEX_BOX_REPLACE_NEW_VERSION, false},
-        {R"({"replace": null})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
-        {R"({"replace": "delete-first"})", TARVEX_BOX_REPLACE_DELETE_FIRST, false},
-        {R"({"replace": "New-Version"})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
-        {R"({"replace": true})", TARVEX_BOX_REPLACE_DELETE_FIRST, true},
-    };
-    for (const auto &c : cases) {
-        int rate = 16;
-        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
-        EXPECT_EQ(tarvex_i_box_replace, c.replace) << c.policy;
-        EXPECT_EQ(got, c.refused ? "500 GridFTP-Error: Bad \"replace\" in collection storage "
-                                   "policy: it must be \"delete-first\" or \"new-version\"."
-                                 : "")
-            << c.policy;
-    }
-}
-
-/* "session_cache" and "cache_ttl_seconds": absent or null are the
- * defaults, a wrong value refuses the policy naming its key. */
-TEST_F(BoxFrameSession, PolicyCacheKeys)
-{
-    const char *const bad_mode = "500 GridFTP-Error: Bad \"session_cache\" in collection "
-                                 "storage policy: it must be \"private\" or \"shared\".";
-    const char *const bad_ttl = "500 GridFTP-Error: Bad \"cache_ttl_seconds\" in collection "
-                                "storage policy: it must be a whole number of seconds from 0 "
-                                "to 31536000.";
-    const struct { const char *policy; bool shared; int64_t ttl; const char *failure; } cases[] = {
-        {"{}", false, -1, ""},
-        {R"({"session_cache": "shared", "cache_ttl_seconds": 60})", true, 60, ""},
-        {R"({"session_cache": "private", "cache_ttl_seconds": 0})", false, 0, ""},
-        {R"({"session_cache": null, "cache_ttl_seconds": null})", false, -1, ""},
-        {R"({"cache_ttl_seconds": 31536000})", false, 31536000, ""},
-        {R"({"session_cache": "Shared"})", false, -1, bad_mode},
-        {R"({"session_cache": true})", false, -1, bad_mode},
-        {R"({"cache_ttl_seconds": -1})", false, -1, bad_ttl},
-        {R"({"cache_ttl_seconds": 1.5})", false, -1, bad_ttl},
-        {R"({"cache_ttl_seconds": "60"})", false, -1, bad_ttl},
-        {R"({"cache_ttl_seconds": 31536001})", false, -1, bad_ttl},
+        {R"({"rename_replaces": true})", "rename_replaces", ""},
+        {"{}", "", ""},
+        {R"({"rename_replaces": true})", "rename_replaces", ""},
+        {R"({"rename_replaces": null})", "", ""},
+        {R"({"rename_replaces": false})", "", ""},
+        {R"({"rename_replaces": "true"})", "", rename},
+        {R"({"rename_replaces": 1})", "", rename},
+        {R"({"replace": "new-version"})", "replace=new-version", ""},
+        {"{}", "", ""},
+        {R"({"replace": "new-version"})", "replace=new-version", ""},
+        {R"({"replace": null})", "", ""},
+        {R"({"replace": "delete-first"})", "", ""},
+        {R"({"replace": "New-Version"})", "", replace},
+        {R"({"replace": true})", "", replace},
+        {R"({"session_cache": "shared", "cache_ttl_seconds": 60})", "shared ttl=60", ""},
+        {R"({"session_cache": "private", "cache_ttl_seconds": 0})", "ttl=0", ""},
+        {R"({"session_cache": null, "cache_ttl_seconds": null})", "", ""},
+        {R"({"cache_ttl_seconds": 31536000})", "ttl=31536000", ""},
+        {R"({"session_cache": "Shared"})", "", mode},
+        {R"({"session_cache": true})", "", mode},
+        {R"({"cache_ttl_seconds": -1})", "", ttl},
+        {R"({"cache_ttl_seconds": 1.5})", "", ttl},
+        {R"({"cache_ttl_seconds": "60"})", "", ttl},
+        {R"({"cache_ttl_seconds": 31536001})", "", ttl},
+        {R"({"upload_parts_in_flight": 8, "download_streams": 1, "list_page_size": 1000})",
+         "parts=8 page=1000", ""},
+        {"{}", "", ""},
+        {R"({"upload_parts_in_flight": 1, "download_streams": 8, "list_page_size": 100})",
+         "streams=8 page=100", ""},
+        {R"({"upload_parts_in_flight": null, "download_streams": 4})", "streams=4", ""},
+        {R"({"upload_parts_in_flight": 0})", "", count("upload_parts_in_flight", "1 to 8")},
+        {R"({"upload_parts_in_flight": 9})", "", count("upload_parts_in_flight", "1 to 8")},
+        {R"({"download_streams": "4"})", "", count("download_streams", "1 to 8")},
+        {R"({"download_streams": 2.0})", "", count("download_streams", "1 to 8")},
+        {R"({"list_page_size": 99})", "", count("list_page_size", "100 to 1000")},
+        {R"({"list_page_size": 1001, "download_streams": 3})", "streams=3",
+         count("list_page_size", "100 to 1000")},
+        {R"({"list_page_size": true})", "", count("list_page_size", "100 to 1000")},
+        {"{}", "", ""},
     };
     for (const auto &c : cases) {
         tarvex_box_cache_policy_set({});
         int rate = 16;
-        EXPECT_EQ(failure(tarvex_box_config_parse_json(c.policy, &rate)), c.failure) << c.policy;
-        EXPECT_EQ(tarvex_box_cache_policy_get().shared, c.shared) << c.policy;
-        EXPECT_EQ(tarvex_box_cache_policy_get().ttl_seconds, c.ttl) << c.policy;
+        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
+        EXPECT_EQ(got.substr(0, c.failure.size()), c.failure) << c.policy;
+        EXPECT_EQ(got.empty(), c.failure.empty()) << got;
+        EXPECT_EQ(settings(rate), c.settings) << c.policy;
     }
     tarvex_box_cache_policy_set({});
-}
-
-/* The three counts for a distant Box: whole numbers in their ranges;
- * absent or null is the default, anything else is refused naming the key,
- * and every parse starts from the defaults. */
-TEST_F(BoxFrameSession, PolicyCounts)
-{
-    const struct {
-        const char *policy;
-        int parts, streams, page;
-        const char *refused; /* the key named, or "" */
-    } cases[] = {
-        {R"({"upload_parts_in_flight": 8, "download_streams": 1, "list_page_size": 1000})", 8,
-         1, 1000, ""},
-        {"{}", 1, 1, 300, ""},
-        {R"({"upload_parts_in_flight": 1, "download_streams": 8, "list_page_size": 100})", 1,
-         8, 100, ""},
-        {R"({"upload_parts_in_flight": null, "download_streams": 4})", 1, 4, 300, ""},
-        {R"({"upload_parts_in_flight": 0})", 1, 1, 300, "upload_parts_in_flight"},
-        {R"({"upload_parts_in_flight": 9})", 1, 1, 300, "upload_parts_in_flight"},
-        {R"({"download_streams": "4"})", 1, 1, 300, "download_streams"},
-        {R"({"download_streams": 2.0})", 1, 1, 300, "download_streams"},
-        {R"({"list_page_size": 99})", 1, 1, 300, "list_page_size"},
-        {R"({"list_page_size": 1001, "download_streams": 3})", 1, 3, 300, "list_page_size"},
-        {R"({"list_page_size": true})", 1, 1, 300, "list_page_size"},
-    };
-    const std::map<std::string, std::string> ranges = {
-        {"upload_parts_in_flight", "1 to 8"},
-        {"download_streams", "1 to 8"},
-        {"list_page_size", "100 to 1000"}};
-    for (const auto &c : cases) {
-        int rate = 16;
-        std::string got = failure(tarvex_box_config_parse_json(c.policy, &rate));
-        std::string want = c.refused[0] == '\0'
-                               ? ""
-                               : std::string("500 GridFTP-Error: Bad \"") + c.refused +
-                                     "\" in collection storage policy: it must be a whole "
-                                     "number from " + ranges.at(c.refused) + ".";
-        EXPECT_EQ(got, want) << c.policy;
-        EXPECT_EQ(tarvex_i_box_upload_parts_in_flight, c.parts) << c.policy;
-        EXPECT_EQ(tarvex_i_box_download_streams, c.streams) << c.policy;
-        EXPECT_EQ(tarvex_i_box_list_page_size, c.page) << c.policy;
-    }
-    int rate = 16;
-    EXPECT_EQ(failure(tarvex_box_config_parse_json("{}", &rate)), "");
 }
 
 /* The bearer token goes over https, or plain http to this host only. */

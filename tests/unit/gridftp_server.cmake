@@ -1,4 +1,4 @@
-# Unit tests of the server framework library and of the scripted driver.
+# Unit tests of the server framework library.
 
 # A one-table plug-in for the load-by-name tests, kept out of build/lib/tarvex so
 # that only the search path finds it.
@@ -10,10 +10,9 @@ set_target_properties(tarvex_gridftp_server_gfsfixture PROPERTIES
 
 add_executable(tarvex_gridftp_server_unit_tests
   ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_reply_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_error_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_driver_test.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_error_test.cpp)
 target_link_libraries(tarvex_gridftp_server_unit_tests PRIVATE
-  tarvex_test_driver tarvex_gridftp_server tarvex_common tarvex_test_error_check
+  tarvex_gridftp_server tarvex_common tarvex_test_error_check
   GTest::gtest_main)
 target_compile_definitions(tarvex_gridftp_server_unit_tests PRIVATE
   TARVEX_GFS_FIXTURE_DIR="${CMAKE_CURRENT_BINARY_DIR}/gridftp-fixtures")

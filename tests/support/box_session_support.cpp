@@ -1,5 +1,7 @@
 #include "box_session_support.h"
 
+#include <openssl/md5.h>
+#include <openssl/sha.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -83,6 +85,60 @@ strings listings()
         folders.push_back(listing ? p.substr(head.size(), id_size) : "");
     }
     return folders;
+}
+
+strings requests_made()
+{
+    strings out;
+    for (const auto &e : take_requests()) {
+        std::string line = e.method + " " + e.path;
+        for (const auto &[key, values] : e.query)
+            if (key != "fields")
+                line += (line.find('?') == std::string::npos ? "?" : "&") + key + "=" +
+                        (values.empty() ? "" : values[0]);
+        out.push_back(line);
+    }
+    return out;
+}
+
+std::vector<log_entry> only(const std::vector<log_entry> &log, const std::string &method,
+                            const std::string &start, const std::string &end)
+{
+    std::vector<log_entry> out;
+    for (const auto &e : log)
+        if (e.method == method && e.path.rfind(start, 0) == 0 && e.path.size() >= end.size() &&
+            e.path.compare(e.path.size() - end.size(), end.size(), end) == 0)
+            out.push_back(e);
+    return out;
+}
+
+void fault(const std::string &method, const std::string &path_regex, int count,
+           const std::string &how)
+{
+    emulator().fault(R"({"method":")" + method + R"(","path_regex":")" + path_regex +
+                     R"(","count":)" + std::to_string(count) + "," + how + "}");
+}
+
+std::string hex(const unsigned char *digest, size_t length)
+{
+    std::string out;
+    for (size_t i = 0; i < length; i++)
+        out += "0123456789abcdef"[digest[i] >> 4], out += "0123456789abcdef"[digest[i] & 15];
+    return out;
+}
+
+std::string md5_of(const std::string &data)
+{
+    unsigned char digest[MD5_DIGEST_LENGTH];
+    MD5(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
+    return hex(digest, sizeof digest);
+}
+
+std::string sha1_of(const std::string &data)
+{
+    unsigned char digest[SHA_DIGEST_LENGTH];
+    SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
+    return hex(digest, sizeof digest);
 }
 
 void session_test::SetUp()

@@ -43,6 +43,21 @@ std::string take_reply(tarvex_result_t result);
 /* The folder ids of the listing requests among take_requests() (other
  * requests as ""). */
 strings listings();
+/* "METHOD path" of each request of take_requests(), with "?key=value&..."
+ * when it has a query other than "fields". */
+strings requests_made();
+/* The requests of `method` whose path starts with `start` and ends with
+ * `end`. */
+std::vector<log_entry> only(const std::vector<log_entry> &log, const std::string &method,
+                            const std::string &start, const std::string &end = "");
+/* The next `count` requests (-1: all) of `method` on `path_regex` get the
+ * emulator's fault `how` (the JSON members, e.g. R"("drop":true)"). */
+void fault(const std::string &method, const std::string &path_regex, int count,
+           const std::string &how);
+/* Lower-case hex of a digest, and the MD5 and SHA-1 of a byte string. */
+std::string hex(const unsigned char *digest, size_t length);
+std::string md5_of(const std::string &data);
+std::string sha1_of(const std::string &data);
 
 class session_test : public ::testing::Test {
 protected:

@@ -1,0 +1,717 @@
+"""The one way every Python test starts the Box emulator and
+tarvex-gridftp-server (a build's or an installed one), on 127.0.0.1, and the
+helpers around them: the emulator's API and control interface, the FTP
+clients, the credential helpers, and the base classes of the end-to-end
+suites (ServerTest: the posix plug-in; BoxTest: the Box plug-in against the
+emulator).
+
+Run as a program, this file is the credential helper of the token tests:
+    harness.py creds|renew-creds
+prints a credential for the server's --config-command, registering its
+token with the emulator first (see CredentialHelper)."""
+import base64
+import ftplib
+import hashlib
+import http.client
+import io
+import json
+import os
+import pwd
+import shlex
+import shutil
+import socket
+import ssl
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from urllib.parse import quote, urlencode
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SOURCE = os.path.normpath(os.path.join(HERE, "..", ".."))
+SERVER = os.environ.get("TARVEX_SERVER_BIN", "")
+LIBDIR = os.environ.get("TARVEX_LIB_DIR", "")
+EMULATOR = os.environ.get("TARVEX_BOX_EMULATOR") or os.path.join(
+    SOURCE, "tools", "box-emulator", "box_emulator.py")
+HOME_PRELOAD = os.environ.get("TARVEX_E2E_HOME_PRELOAD", "")
+BOX_CREDENTIAL = os.environ.get("TARVEX_BOX_CREDENTIAL", "")
+TOKEN = "test-token"
+MIB = 1 << 20
+# Announced sizes above this take the plug-in's chunked upload.
+CHUNKED_MINIMUM = 52428800
+
+# What the server's log shows when a session process did not end on its own
+# terms: killed by a signal, or stopped by a sanitizer.
+CRASH_SIGNS = ("ended by signal", "ERROR: AddressSanitizer", "runtime error:",
+               "ERROR: LeakSanitizer")
+
+
+def run(args, timeout=180, **kw):
+    return subprocess.run(args, capture_output=True, text=True, timeout=timeout, **kw)
+
+
+def wait_for(condition, what="a condition", timeout=60.0, step=0.05):
+    """Polls `condition` until it returns a true value, which is returned;
+    the deadline is far beyond what the condition needs, for a broken test."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError("timed out waiting for " + what)
+        time.sleep(step)
+
+
+def sha256(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+def sha256_file(path):
+    h = hashlib.sha256()
+    with open(path, "rb") as f:
+        for block in iter(lambda: f.read(1 << 20), b""):
+            h.update(block)
+    return h.hexdigest()
+
+
+def b64(data):
+    return base64.b64encode(data).decode()
+
+
+def pattern(length, offset=0):
+    """The emulator's synthetic content of a seeded "size": byte i is i % 251."""
+    block = bytes(i % 251 for i in range(251 * 4096))
+    start = offset % 251
+    return (block * ((start + length) // len(block) + 1))[start:start + length]
+
+
+def write_random(path, size, seed=0):
+    """Pseudo-random bytes (different per seed) without reading /dev/urandom
+    for every test: a SHA-256 counter stream."""
+    with open(path, "wb") as f:
+        i = 0
+        while size > 0:
+            block = b"".join(hashlib.sha256(b"%d:%d" % (seed, i + k)).digest()
+                             for k in range(2048))
+            i += 2048
+            f.write(block[:size])
+            size -= min(size, len(block))
+
+
+def make_hash(password):
+    """A SHA-512 crypt(3) hash made with the openssl command."""
+    return run(["openssl", "passwd", "-6", password], check=True).stdout.strip()
+
+
+def make_tls_files(folder):
+    """A test CA and a server certificate for 127.0.0.1, with the openssl CLI."""
+    def openssl(*args):
+        subprocess.run(("openssl",) + args, check=True, cwd=folder, capture_output=True)
+    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key",
+            "-out", "ca.pem", "-days", "2", "-subj", "/CN=tarvex test CA")
+    openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", "server.key",
+            "-out", "server.csr", "-subj", "/CN=localhost")
+    with open(os.path.join(folder, "ext"), "w") as f:
+        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1\n")
+    openssl("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
+            "-CAcreateserial", "-out", "server.pem", "-days", "2", "-extfile", "ext")
+    return tuple(os.path.join(folder, n) for n in ("ca.pem", "server.pem", "server.key"))
+
+
+def reply_of(call, *args):
+    """The reply text of an ftplib call, error replies included."""
+    try:
+        return call(*args)
+    except ftplib.Error as e:
+        return str(e)
+
+
+def tear_down(sock):
+    """Ends a connection with a TCP reset: the peer sees no end of data."""
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    sock.close()
+
+
+class Process:
+    """A program started in a scratch folder of its own that writes its
+    port to a file once it listens; its output goes to a log."""
+
+    def start(self, args, what, env=None):
+        self.log_path = os.path.join(self.tmp, what.replace(" ", "-") + ".log")
+        port_file = os.path.join(self.tmp, "port")
+        self._log = open(self.log_path, "wb")
+        self.proc = subprocess.Popen(list(args) + ["--port-file", port_file], env=env,
+                                     stdout=self._log, stderr=subprocess.STDOUT)
+
+        def port():
+            if self.proc.poll() is not None:
+                raise RuntimeError(what + " exited:\n" + self.read_log())
+            if not os.path.exists(port_file):
+                return None
+            with open(port_file) as f:
+                text = f.read().strip()
+            return int(text) if text.isdigit() else None
+        try:
+            self.port = wait_for(port, what + " to listen", timeout=120)
+        except BaseException:
+            self.stop()
+            raise
+
+    def read_log(self):
+        with open(self.log_path, "rb") as f:
+            return f.read().decode(errors="replace")
+
+    def alive(self):
+        return self.proc.poll() is None
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.terminate()
+            try:
+                self.proc.wait(timeout=15)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        self._log.close()
+        shutil.rmtree(self.tmp, ignore_errors=True)
+
+
+class Emulator(Process):
+    """One Box emulator process, its API and its control interface over one
+    kept-alive connection."""
+
+    def __init__(self, *extra, https=False):
+        self.tmp = tempfile.mkdtemp(prefix="tarvex-box-emulator-")
+        self.ca = None
+        self.conn = None
+        args = [sys.executable, EMULATOR, "--host", "127.0.0.1", "--port", "0", "--quiet",
+                "--data-dir", os.path.join(self.tmp, "data")] + list(extra)
+        if https:
+            self.ca, cert, key = make_tls_files(self.tmp)
+            args += ["--tls-cert", cert, "--tls-key", key]
+        self.start(args, "the Box emulator")
+        self.base = "%s://127.0.0.1:%d" % ("https" if https else "http", self.port)
+
+    def stop(self):
+        if self.conn is not None:
+            self.conn.close()
+        super().stop()
+
+    def request(self, method, path, body=None, headers=None, token=TOKEN):
+        """-> (status, headers dict with lower-case names, body bytes)."""
+        hdrs = dict(headers or {})
+        if token is not None:
+            hdrs.setdefault("Authorization", "Bearer " + token)
+        if isinstance(body, (dict, list)):
+            body = json.dumps(body).encode()
+            hdrs.setdefault("Content-Type", "application/json")
+        if self.conn is None:
+            self.conn = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60) \
+                if self.ca is None else http.client.HTTPSConnection(
+                    "127.0.0.1", self.port, timeout=60,
+                    context=ssl.create_default_context(cafile=self.ca))
+        try:
+            self.conn.request(method, path, body=body, headers=hdrs,
+                              encode_chunked=hdrs.get("Transfer-Encoding") == "chunked")
+            resp = self.conn.getresponse()
+            data = resp.read()
+        except (http.client.HTTPException, OSError):
+            self.conn.close()   # the next request opens a fresh connection
+            self.conn = None
+            raise
+        return resp.status, {k.lower(): v for k, v in resp.getheaders()}, data
+
+    def json(self, method, path, body=None, headers=None, token=TOKEN):
+        status, hdrs, data = self.request(method, path, body, headers, token)
+        return status, (json.loads(data) if data else None), hdrs
+
+    def download(self, file_id, headers=None):
+        status, hdrs, _ = self.request("GET", "/2.0/files/%s/content" % file_id)
+        assert status == 302 and hdrs["location"].startswith(self.base), (status, hdrs)
+        return self.request("GET", hdrs["location"][len(self.base):], headers=headers)
+
+    # -- control interface ------------------------------------------------
+
+    def control(self, method, name, doc=None, query=""):
+        """A control request; its JSON answer (bytes for content)."""
+        path = "/_emulator/" + name + ("?" + query if query else "")
+        status, hdrs, data = self.request(method, path, doc, token=None)
+        if status != 200:
+            raise AssertionError("emulator %s %s: %d %r" % (method, name, status, data))
+        return json.loads(data) if hdrs.get("content-type") == "application/json" else data
+
+    def reset(self):
+        self.control("POST", "reset")
+
+    def seed(self, *entries):
+        """Entries as the seed request takes them; returns path -> Box id."""
+        return self.control("POST", "seed", {"entries": list(entries)})["ids"]
+
+    def fault(self, *faults):
+        self.control("POST", "faults", list(faults))
+
+    def clear_faults(self):
+        self.control("DELETE", "faults")
+
+    def log(self):
+        return self.control("GET", "log")
+
+    def clear_log(self):
+        self.control("DELETE", "log")
+
+    def concurrency(self, method, path_regex):
+        """{"peak","open","count"}: the requests with this method and a
+        path the regex finds, the most open at once, open now, in all."""
+        return self.control("GET", "concurrency",
+                            query=urlencode({"method": method, "path_regex": path_regex}))
+
+    def item(self, path):
+        return self.control("GET", "item", query="path=" + quote(path, safe="/"))
+
+    def content(self, path):
+        return self.control("GET", "content", query="path=" + quote(path, safe="/"))
+
+    def config(self, **settings):
+        return self.control("POST", "config", settings)
+
+    def tree(self):
+        """Every item: [{"path","type","size","sha1","tarvex-md5"}]."""
+        return self.control("GET", "tree")
+
+    def files(self):
+        """path -> "folder" or the SHA-256 of the file's stored bytes: what
+        a client's view is compared with."""
+        return {e["path"]: "folder" if e["type"] == "folder" else sha256(self.content(e["path"]))
+                for e in self.tree()}
+
+
+class EmulatorCase(unittest.TestCase):
+    """One emulator per test class (parts of `PART` bytes, upload sessions
+    for any size), emptied before each test."""
+    PART = 1000
+
+    @classmethod
+    def setUpClass(cls):
+        cls.emu = Emulator("--part-size", str(cls.PART), "--min-session-size", "0")
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.emu.stop()
+
+    def setUp(self):
+        self.emu.reset()
+
+
+def digest(data):
+    """The digest header of a part or a commit: the SHA-1 in base64."""
+    return "sha=" + b64(hashlib.sha1(data).digest())
+
+
+def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False,
+                field="file"):
+    """A multipart upload (attributes, then the file in a part named
+    `field`) and its headers; no parent (None) for a new version of a
+    file."""
+    attrs = {"name": name}
+    if parent is not None:
+        attrs["parent"] = {"id": parent}
+    if modified:
+        attrs["content_modified_at"] = modified
+    parts = [(b'name="attributes"', json.dumps(attrs).encode()),
+             (b'name="%s"; filename="%s"\r\nContent-Type: application/octet-stream'
+              % (field.encode(), name.encode()), data)]
+    if file_first:
+        parts.reverse()
+    b = boundary.encode()
+    body = b"".join(b"--%s\r\nContent-Disposition: form-data; %s\r\n\r\n%s\r\n" % (b, d, v)
+                    for d, v in parts)
+    return body + b"--%s--\r\n" % b, {"Content-Type": "multipart/form-data; boundary=" + boundary}
+
+
+class ResumingFTP_TLS(ftplib.FTP_TLS):
+    """ftplib over TLS whose data connections resume the control
+    connection's TLS session, as the server requires (and curl, lftp and
+    wget do by themselves); plain FTP_TLS starts a new session on each."""
+
+    def ntransfercmd(self, cmd, rest=None):
+        conn, size = ftplib.FTP.ntransfercmd(self, cmd, rest)
+        if self._prot_p:
+            conn = self.context.wrap_socket(conn, server_hostname=self.host,
+                                            session=self.sock.session)
+        return conn, size
+
+
+class Server(Process):
+    """One tarvex-gridftp-server (`program`) on 127.0.0.1.  `extra` adds
+    command-line options; `env` is the whole environment (None: ours)."""
+
+    def __init__(self, tls=False, require_tls=False, passwd=None, extra=(), root=None,
+                 config_file=True, dsi="posix", program=None, dsi_path=None, env=None):
+        self.tmp = tempfile.mkdtemp(prefix="tarvex-server-")
+        self.root = root or os.path.join(self.tmp, "root")
+        os.makedirs(self.root, exist_ok=True)
+        self.ca = None
+        args = [program or SERVER, "--port", "0", "--bind", "127.0.0.1", "--foreground"]
+        if dsi:
+            args += ["--dsi", dsi]
+        if config_file:
+            config = os.path.join(self.tmp, "config.json")
+            with open(config, "w") as f:
+                json.dump({"root": self.root}, f)
+            args += ["--config-file", "config=" + config]
+        if dsi_path or (program is None and LIBDIR):
+            args += ["--dsi-path", dsi_path or LIBDIR]
+        if passwd is not None:
+            path = os.path.join(self.tmp, "passwd")
+            with open(path, "w") as f:
+                f.write(passwd)
+            args += ["--passwd", path]
+        else:
+            args += ["--anonymous-map"]
+        if tls or require_tls:
+            self.ca, cert, key = make_tls_files(self.tmp)
+            args += ["--tls-cert", cert, "--tls-key", key]
+        if require_tls:
+            args += ["--require-tls"]
+        self.start(args + list(extra), "server", env)
+
+    def url(self, path="/", user=None):
+        auth = (user + "@") if user else ""
+        return "ftp://%s127.0.0.1:%d%s" % (auth, self.port, path)
+
+    def ftp(self, user="anonymous", password="x", tls=False):
+        if tls:
+            f = ResumingFTP_TLS(context=ssl.create_default_context(cafile=self.ca), timeout=30)
+            f.connect("127.0.0.1", self.port)
+            f.auth()
+            f.login(user, password)
+            f.prot_p()
+        else:
+            f = ftplib.FTP(timeout=30)
+            f.connect("127.0.0.1", self.port)
+            f.login(user, password)
+        return f
+
+
+class ServerTest(unittest.TestCase):
+    """One server with the posix plug-in per class."""
+    server_args = {}
+
+    @classmethod
+    def setUpClass(cls):
+        if not SERVER or not os.path.exists(SERVER):
+            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+        cls.server = Server(**cls.server_args)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+
+    def tearDown(self):
+        self.assertTrue(self.server.alive(), "the server died:\n" + self.server.read_log())
+
+    def local(self, *parts):
+        return os.path.join(self.server.root, *parts)
+
+
+# -- credentials -------------------------------------------------------------
+
+class CredentialHelper:
+    """The credential helper's side in the tests: the server runs
+    `harness.py creds` and `harness.py renew-creds` with these settings in
+    its environment.  Each call registers a new token with the emulator
+    (valid for `emulator_lifetime` seconds, None: forever), prints a
+    credential that expires `lifetime` seconds from now, and appends a line
+    to the calls file."""
+
+    def __init__(self, emulator, folder, lifetime, emulator_lifetime=None,
+                 renew_lifetime=24 * 3600):
+        self.calls = os.path.join(folder, "credential-calls")
+        self.env = {
+            "TARVEX_E2E_EMULATOR_PORT": str(emulator.port),
+            "TARVEX_E2E_EMULATOR_CA": emulator.ca or "",
+            "TARVEX_E2E_CREDS_CALLS": self.calls,
+            "TARVEX_E2E_CREDS_LIFETIME": str(lifetime),
+            "TARVEX_E2E_CREDS_RENEW_LIFETIME": str(renew_lifetime),
+            "TARVEX_E2E_CREDS_EMULATOR_LIFETIME":
+                "" if emulator_lifetime is None else str(emulator_lifetime),
+        }
+        # The server's preloads (the sanitizer runtime among them) are for
+        # the server: the helper runs without them.
+        command = "env -u LD_PRELOAD %s %s" % (sys.executable, os.path.abspath(__file__))
+        self.args = ["--config-command", "creds=%s creds" % command,
+                     "--config-command", "renew-creds=%s renew-creds" % command]
+
+    def call_log(self):
+        """[(key, token)] in the order the server asked."""
+        if not os.path.exists(self.calls):
+            return []
+        with open(self.calls) as f:
+            return [tuple(line.split()) for line in f if line.strip()]
+
+
+class BoxCredentialTool(CredentialHelper):
+    """tarvex-box-credential (`program`) as the server's creds and
+    renew-creds commands, keeping its state under `folder` and asking the
+    emulator's token endpoint and API, TLS verified with the emulator's CA.
+    Every call the server makes is noted in the calls file first:
+    call_log() gives [("creds",), ...]."""
+
+    def __init__(self, emulator, folder, program=None):
+        self.emulator = emulator
+        self.program = program or BOX_CREDENTIAL
+        self.state_dir = os.path.join(folder, "credential-state")
+        self.calls = os.path.join(folder, "credential-calls")
+        self.settings = ["--state-dir", self.state_dir,
+                         "--token-url", emulator.base + "/oauth2/token",
+                         "--api-base", emulator.base]
+        self.env = {}
+        helper = " ".join(shlex.quote(a) for a in [self.program] + self.settings)
+        self.args = []
+        for key, flags in (("creds", ""), ("renew-creds", "--renew ")):
+            command = 'echo %s >> %s; env -u LD_PRELOAD %s %s"$TARVEX_USER"' % (
+                key, shlex.quote(self.calls), helper, flags)
+            self.args += ["--config-command", key + "=" + command]
+
+    def enrol(self, user, client, refresh_token, env=None):
+        """Enrols `user` of the application `client` (a dict)."""
+        client_file = os.path.join(os.path.dirname(self.state_dir), "client.json")
+        with open(client_file, "w") as f:
+            json.dump(client, f)
+        os.chmod(client_file, 0o600)
+        env = dict(env or os.environ, TARVEX_DSI_REST_CA_FILE=self.emulator.ca or "")
+        env.pop("LD_PRELOAD", None)
+        account = pwd.getpwuid(os.geteuid()).pw_name   # the server's, in the tests
+        r = run([self.program] + self.settings + ["--enrol", user, "--account", account,
+                                                  "--client", client_file,
+                                                  "--refresh-token-file", "-"],
+                timeout=60, env=env, input=refresh_token + "\n")
+        if r.returncode != 0:
+            raise AssertionError("enrolment failed: " + r.stderr)
+
+    def stored(self, user):
+        with open(os.path.join(self.state_dir, user, "credential.json")) as f:
+            return json.load(f)
+
+
+def credential(token, expires_at, max_upload=1 << 40):
+    expiry = time.strftime("%Y-%m-%dT%H:%M:%S.000000+00:00", time.gmtime(expires_at))
+    return json.dumps({"access_token": token, "token_expiry": expiry,
+                       "sub": "e2e-user", "max_upload": max_upload})
+
+
+def credential_helper_main(key):
+    env = os.environ
+    lifetime = float(env["TARVEX_E2E_CREDS_LIFETIME" if key == "creds"
+                         else "TARVEX_E2E_CREDS_RENEW_LIFETIME"])
+    calls = env["TARVEX_E2E_CREDS_CALLS"]
+    made = 0
+    if os.path.exists(calls):
+        with open(calls) as f:
+            made = sum(1 for line in f if line.strip())
+    token = "e2e-token-%d" % (made + 1)
+    with open(calls, "a") as f:
+        f.write("%s %s\n" % (key, token))
+    emu_lifetime = env.get("TARVEX_E2E_CREDS_EMULATOR_LIFETIME") or None
+    ca = env.get("TARVEX_E2E_EMULATOR_CA")
+    port = int(env["TARVEX_E2E_EMULATOR_PORT"])
+    if ca:
+        conn = http.client.HTTPSConnection("127.0.0.1", port, timeout=30,
+                                           context=ssl.create_default_context(cafile=ca))
+    else:
+        conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
+    doc = {"token": token,
+           "expires_in": None if emu_lifetime is None or key != "creds" else float(emu_lifetime)}
+    conn.request("POST", "/_emulator/tokens", body=json.dumps(doc).encode(),
+                 headers={"Content-Type": "application/json"})
+    if conn.getresponse().status != 200:
+        sys.exit("the emulator refused the token")
+    sys.stdout.write(credential(token, time.time() + lifetime))
+
+
+# -- the Box plug-in ---------------------------------------------------------
+
+def preload(program):
+    """LD_PRELOAD for the server: the home shim, after the sanitizer
+    runtime when the program has one (it must come first)."""
+    if not HOME_PRELOAD or not os.path.exists(HOME_PRELOAD):
+        return None
+    libs = [HOME_PRELOAD]
+    for line in run(["ldd", program], timeout=30).stdout.splitlines():
+        parts = line.split()
+        if parts and parts[0].startswith("libasan.so") and len(parts) >= 3:
+            libs.insert(0, parts[2])
+    return " ".join(libs)
+
+
+class BoxServer(Server):
+    """tarvex-gridftp-server --dsi box against `emulator`, with a home
+    folder of its own (the plug-in's pacing files live there).  `creds`:
+    the credential's text, or a CredentialHelper; `env`: changes to ours
+    (None removes a variable); `base_env`: the environment they change."""
+
+    def __init__(self, emulator, tls=False, policy=None, creds=None, extra=(), env=None,
+                 passwd=None, program=None, base_env=None):
+        self.work = tempfile.mkdtemp(prefix="tarvex-boxserver-")
+        self.home = os.path.join(self.work, "home")
+        os.mkdir(self.home)
+        policy_file = os.path.join(self.work, "policy.json")
+        with open(policy_file, "w") as f:
+            json.dump(policy if policy is not None else {"user_api_rate_limit": 100}, f)
+        args = ["--config-file", "config=" + policy_file]
+        changes = {"TARVEX_BOX_API_BASE": emulator.base, "TARVEX_BOX_UPLOAD_BASE": emulator.base,
+                   "TARVEX_DSI_REST_CA_FILE": emulator.ca, "HOME": self.home,
+                   "TARVEX_TEST_HOME": self.home, "LD_PRELOAD": preload(program or SERVER)}
+        if isinstance(creds, CredentialHelper):
+            args += creds.args
+            changes.update(creds.env)
+        else:
+            creds_file = os.path.join(self.work, "creds.json")
+            with open(creds_file, "w") as f:
+                f.write(creds if creds is not None
+                        else credential(TOKEN, time.time() + 86400 * 365))
+            args += ["--config-file", "creds=" + creds_file]
+        changes.update(env or {})
+        full = dict(os.environ if base_env is None else base_env)
+        for k, v in changes.items():
+            if v is None:
+                full.pop(k, None)
+            else:
+                full[k] = v
+        try:
+            super().__init__(tls=tls, config_file=False, dsi="box", extra=args + list(extra),
+                             passwd=passwd, program=program, env=full)
+        except BaseException:
+            shutil.rmtree(self.work, ignore_errors=True)
+            raise
+
+    def stop(self):
+        super().stop()
+        shutil.rmtree(self.work, ignore_errors=True)
+
+
+class BoxTest(unittest.TestCase):
+    """One emulator and one server per class; the emulator's account is
+    emptied before each test, and every test logs in afresh."""
+    part_size = None        # the emulator's upload part size
+    https = False           # the emulator over HTTPS
+    tls = False             # FTP explicit TLS (FTPS)
+    server_extra = ()
+
+    @classmethod
+    def setUpClass(cls):
+        if not SERVER or not os.path.exists(SERVER):
+            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+        if not LIBDIR or not os.path.exists(os.path.join(LIBDIR, "libtarvex_gridftp_server_box.so")):
+            raise unittest.SkipTest("the Box plug-in is not built")
+        cls.work = tempfile.mkdtemp(prefix="tarvex-e2e-boxclient-")
+        cls.emu = Emulator(*(["--part-size", str(cls.part_size)] if cls.part_size else []),
+                           https=cls.https)
+        try:
+            cls.server = cls.start_server()
+        except BaseException:
+            cls.emu.stop()
+            raise
+
+    @classmethod
+    def start_server(cls, extra=(), **kw):
+        return BoxServer(cls.emu, tls=cls.tls, extra=list(cls.server_extra) + list(extra), **kw)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.stop()
+        cls.emu.stop()
+        shutil.rmtree(cls.work, ignore_errors=True)
+
+    def setUp(self):
+        self.emu.reset()
+
+    def tearDown(self):
+        self.assertTrue(self.server.alive(), "the server died:\n" + self.server.read_log())
+        log = self.server.read_log()
+        for sign in CRASH_SIGNS:
+            self.assertNotIn(sign, log, "a session did not end cleanly" + self.diagnostics())
+
+    def diagnostics(self):
+        return "\n--- server log:\n" + self.server.read_log()[-6000:]
+
+    # -- clients ----------------------------------------------------------
+
+    def ftp(self):
+        return self.server.ftp(tls=self.tls)
+
+    def curl_args(self, *args, server=None):
+        server = server or self.server
+        base = ["curl", "-sS", "--user", "anonymous:x", "--max-time", "120"]
+        if self.tls:
+            base += ["--ssl-reqd", "--cacert", server.ca]
+        return base + list(args)
+
+    def curl(self, *args, ok=True, server=None):
+        r = run(self.curl_args(*args, server=server))
+        if ok:
+            self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
+        return r
+
+    def lftp_args(self, script, server=None):
+        server = server or self.server
+        pre = ("set net:max-retries 1; set net:timeout 30; set net:reconnect-interval-base 1; "
+               "set cmd:fail-exit true; set xfer:clobber on; ")
+        if self.tls:
+            pre += ("set ftp:ssl-force true; set ftp:ssl-protect-data true; "
+                    "set ssl:ca-file %s; set ssl:check-hostname no; " % server.ca)
+        else:
+            pre += "set ftp:ssl-allow false; "
+        return ["lftp", "-u", "anonymous,x", "-p", str(server.port), "-e",
+                pre + script + "; quit", "127.0.0.1"]
+
+    def lftp(self, script, ok=True, server=None):
+        r = run(self.lftp_args(script, server), cwd=self.work)
+        if ok:
+            self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.diagnostics())
+        return r
+
+    def local(self, *parts):
+        return os.path.join(self.work, *parts)
+
+    def local_file(self, name, size, seed=0):
+        path = self.local(name)
+        write_random(path, size, seed=seed)
+        return path
+
+    # -- the emulator's view ------------------------------------------------
+
+    def assertFiles(self, expected, where=""):
+        """The emulator holds exactly `expected`: path -> "folder", or the
+        file's bytes, or the SHA-256 of its bytes."""
+        want = {p: v if v == "folder" or isinstance(v, str) else sha256(v)
+                for p, v in expected.items()}
+        self.assertEqual(self.emu.files(), want, where)
+
+    def requests(self, method=None, path_part=""):
+        return [e for e in self.emu.log()
+                if (method is None or e["method"] == method) and path_part in e["path"]]
+
+    def part_puts(self, status=200):
+        """The upload parts Box answered with `status` (None: all)."""
+        return [e for e in self.requests("PUT", "/upload_sessions/")
+                if status is None or e["status"] == status]
+
+    def paths(self):
+        return {e["path"] for e in self.emu.tree()}
+
+    def md5_property(self, path):
+        return {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
+
+    def store(self, f, path, data, allo=True):
+        """STOR through ftplib, announced with ALLO; the reply text."""
+        if allo:
+            f.sendcmd("ALLO %d" % len(data))
+        return reply_of(f.storbinary, "STOR " + path, io.BytesIO(data), 256 * 1024)
+
+
+if __name__ == "__main__":
+    credential_helper_main(sys.argv[1])
