@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "box_metrics.h"
 #include "origin.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
@@ -261,6 +262,7 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
          * attempt builds its headers as strings: out of memory it fails,
          * without a retry, instead of throwing into C callers. */
         result = tarvex_box_guarded([&] { return attempt(box, request, &retry, &retry_after); });
+        tarvex_box_metric_attempt(request);
         if (result == TARVEX_SUCCESS)
             break;
 

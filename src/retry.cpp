@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "box_metrics.h"
 #include "pacing.h"
 #include "state_file.h"
 
@@ -196,6 +197,7 @@ extern "C" void tarvex_i_box_retry_delay(uint64_t retry_after, tarvex_box_retry_
         TARVEX_L_BOX_DEBUG("retry_after=%lu sleep=%lu\n", (unsigned long)retry_after,
                            (unsigned long)seconds);
         tarvex_i_box_wait((unsigned)seconds);
+        tarvex_box_metric_retry_after(seconds);
     }
     if (retry == nullptr)
         return;
@@ -213,5 +215,7 @@ tarvex_box_pacing_slot_t tarvex_box_pace(tarvex_box_retry_t *retry)
 {
     tarvex_box_pacing_s &pacing =
         retry->store != nullptr ? *retry->store : tarvex_box_file_pacing();
-    return pacing.take_slot(retry);
+    tarvex_box_pacing_slot_t slot = pacing.take_slot(retry);
+    tarvex_box_metric_paced(slot);
+    return slot;
 }

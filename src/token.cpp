@@ -12,6 +12,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "token"
+#include "box_metrics.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 
@@ -157,7 +158,10 @@ extern "C" tarvex_result_t tarvex_box_token_refresh(tarvex_box_session_t *box,
                                                     tarvex_gfs_operation_t op)
 {
     TARVEX_BOX_TRACE_ENTER();
+    bool renewing = box->access_token != nullptr && !token_is_fresh(box);
     tarvex_result_t result = tarvex_box_get_kelm_token(box, op);
+    if (renewing)
+        tarvex_box_metric_renewal(result == TARVEX_SUCCESS && token_is_fresh(box));
     if (result == TARVEX_SUCCESS && !token_is_fresh(box)) {
         tarvex_dsi_rest_key_value_t pairs[3] = {
             {"Box-Details", "Token renewal failed. Newly requested token is expired."},

@@ -1,7 +1,8 @@
 # The server program tarvex-gridftp-server.
 find_library(TARVEX_LIBCRYPT crypt REQUIRED)
 
-# What clients send, parsed, log fields, escaped, and the transfer log:
+# What clients send, parsed, log fields, escaped, the transfer and audit
+# logs, and the metrics table and its HTTP responder:
 # pieces without a session, linked by the program, its unit tests and fuzz
 # harnesses (include directory src/server).
 add_library(tarvex_server_parse STATIC
@@ -9,8 +10,12 @@ add_library(tarvex_server_parse STATIC
   src/server/list_args.cpp
   src/server/line_ends.cpp
   src/server/log.cpp
-  src/server/xferlog.cpp)
+  src/server/xferlog.cpp
+  src/server/audit.cpp
+  src/server/metrics.cpp
+  src/server/metrics_http.cpp)
 target_include_directories(tarvex_server_parse PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src/server)
+target_link_libraries(tarvex_server_parse PUBLIC tarvex_gridftp_server Threads::Threads)
 add_executable(tarvex-gridftp-server
   src/server/main.cpp
   src/server/options.cpp

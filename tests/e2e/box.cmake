@@ -10,7 +10,7 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box)
   set_target_properties(tarvex_e2e_home_preload PROPERTIES PREFIX "lib")
   foreach(suite test_box_transfers test_box_faults test_box_tls_clients
                 test_box_login_deadline test_box_clients test_box_many_sessions
-                test_box_configuration test_box_wan)
+                test_box_configuration test_box_wan test_box_operator)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
       add_test(NAME e2e_${suite}
                COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}

@@ -387,6 +387,45 @@ bool tarvex_gridftp_server_operation_cancelled(tarvex_gfs_operation_t op);
  * false when the thread has none. */
 bool tarvex_gridftp_server_thread_cancelled(void);
 
+/* ---- metrics ----
+ *
+ * What a plug-in does with the service behind it, counted for the
+ * server's operators (tarvex-gridftp-server --metrics-listen serves the
+ * counts of every session for Prometheus).  A plug-in reports under the
+ * names below, with the label values each takes separated by one space
+ * (each at most 24 characters of letters, digits and "_.:/-"); a report
+ * with another name, a wrong number of label values or a negative amount
+ * is dropped.  Both calls are cheap, take no lock a caller could wait on,
+ * may come from any thread, and do nothing where nobody collects them (a
+ * server without --metrics-listen, a test driver).
+ *
+ * Counters (tarvex_gridftp_server_metric_add):
+ *   "storage_requests"   labels "METHOD CODE": one per request sent, by
+ *                        HTTP method and the answer's status (0: none came)
+ *   "storage_retries"    requests that were attempts after the first
+ *   "storage_throttled"  answers that asked to slow down (HTTP 429)
+ *   "storage_retry_after_seconds"  seconds slept because an answer said
+ *                        when to try again (Retry-After)
+ *   "storage_token_renewals", "storage_token_renewal_failures"  renewals
+ *                        of the access token asked for, and those that
+ *                        brought no usable token
+ * Histograms (tarvex_gridftp_server_metric_observe):
+ *   "storage_pacing_wait_seconds"  one observation per request paced: the
+ *                        seconds it waited for its turn (0 included)
+ */
+void tarvex_gridftp_server_metric_add(const char *name, const char *labels, double amount);
+void tarvex_gridftp_server_metric_observe(const char *name, const char *labels,
+                                          double value);
+
+/* Whoever collects the reports (the server) sets this once, before any
+ * plug-in runs; NULL collects none.  The functions must not throw and are
+ * called from any thread. */
+typedef struct tarvex_gfs_metrics_sink_s {
+    void (*add)(void *ctx, const char *name, const char *labels, double amount);
+    void (*observe)(void *ctx, const char *name, const char *labels, double value);
+} tarvex_gfs_metrics_sink_t;
+void tarvex_gfs_metrics_set_sink(const tarvex_gfs_metrics_sink_t *sink, void *ctx);
+
 /* ---- operations and their providers ---- */
 
 /* Whoever creates operations supplies these.  `ctx` is the provider's own

@@ -11,6 +11,7 @@
 #include <strings.h>
 
 #include "log.h"
+#include "metrics.h"
 #include "parse.h"
 #include "path.h"
 #include "session.h"
@@ -306,6 +307,9 @@ void Session::transfer(bool store, const std::string &arg, bool append,
 void Session::log_transfer(bool store, const std::string &path, long long bytes, long long ms,
                            bool ok, bool end_unconfirmed)
 {
+    const std::string direction = store ? "upload" : "download";
+    metrics::add(metrics::Family::transfers, direction + (ok ? " complete" : " failed"));
+    metrics::add(metrics::Family::transfer_bytes, direction, static_cast<double>(bytes));
     if (ctx_.transfer_log == nullptr)
         return;
     XferRecord r;

@@ -3,8 +3,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <ctime>
 #include <cstdlib>
 
+#include "audit.h"
+#include "log.h"
 #include "parse.h"
 #include "path.h"
 #include "session.h"
@@ -23,6 +26,27 @@ std::string quoted(const std::string &path)
             out += '"';
     }
     return out + "\"";
+}
+
+// The audit log's name of a command that changes the storage.
+const char *audit_name(tarvex_gfs_command_type_t type)
+{
+    switch (type) {
+    case TARVEX_GFS_CMD_MKD:
+        return "MKD";
+    case TARVEX_GFS_CMD_RMD:
+        return "RMD";
+    case TARVEX_GFS_CMD_DELE:
+        return "DELE";
+    case TARVEX_GFS_CMD_RNTO:
+        return "RNTO";
+    case TARVEX_GFS_CMD_SITE_RDEL:
+        return "SITE_RDEL";
+    case TARVEX_GFS_CMD_SITE_CHMOD:
+        return "SITE_CHMOD";
+    default:
+        return "OTHER";
+    }
 }
 
 } // namespace
@@ -96,11 +120,30 @@ void Session::simple_command(tarvex_gfs_command_type_t type, const std::string &
     info.cksm_length = -1;
     std::string response;
     tarvex_result_t r;
-    if (!run_command(info, response, r)) {
-        reply_error(r, 550);
-        return;
+    std::string answer;
+    if (run_command(info, response, r)) {
+        reply(ok_code, ok_text);
+        answer = std::to_string(ok_code) + " " + ok_text;
+    } else {
+        answer = reply_error(r, 550);
     }
-    reply(ok_code, ok_text);
+    audit(audit_name(type), from != nullptr ? from : path, from != nullptr ? path : "", answer);
+}
+
+void Session::audit(const char *command, const std::string &path, const std::string &second,
+                    const std::string &reply)
+{
+    if (ctx_.audit_log == nullptr)
+        return;
+    AuditRecord r;
+    r.when = time(nullptr);
+    r.host = host_of(ep_.peer);
+    r.user = user_;
+    r.command = command;
+    r.path = path;
+    r.second = second;
+    r.reply = reply;
+    ctx_.audit_log->send(audit_line(r));
 }
 
 void Session::cmd_mkd(const std::string &arg)

@@ -220,11 +220,12 @@ void Session::cmd_site(const std::string &arg)
         info.cksm_length = -1;
         std::string response;
         tarvex_result_t r;
-        if (!run_command(info, response, r)) {
-            reply_error(r, 550);
-            return;
-        }
-        reply(200, "SITE CHMOD command successful.");
+        std::string answer = "200 SITE CHMOD command successful.";
+        if (run_command(info, response, r))
+            reply(200, answer.substr(4));
+        else
+            answer = reply_error(r, 550);
+        audit("SITE_CHMOD", path, mode, answer);
         return;
     }
     if (what == "HELP") {

@@ -1,6 +1,7 @@
 // USER, PASS, AUTH, PBSZ, PROT: logging in, and securing the connections.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include "listener.h"
 #include "log.h"
 #include "mark_registry.h"
+#include "metrics.h"
 #include "session.h"
 #include "tls.h"
 
@@ -119,6 +121,7 @@ void Session::cmd_pass(const std::string &arg)
     }
     if (!ok) {
         log_session("failed login for " + log_field(login));
+        metrics::add(metrics::Family::logins, "failed");
         sleep(1); // slows down password guessing
         if (++failed_logins_ >= max_failed_logins) {
             reply(421, "Too many failed logins, closing control connection.");
@@ -192,6 +195,7 @@ bool Session::start_plugin_session(const std::string &login)
     if (c.result != TARVEX_SUCCESS) {
         log_session("session start for " + log_field(login) + " failed: " +
                     reply_for_log(c.result, 530));
+        metrics::add(metrics::Family::logins, "storage_failed");
         reply_error(c.result, 530);
         return false;
     }
@@ -208,6 +212,7 @@ bool Session::start_plugin_session(const std::string &login)
     home_ = c.home_dir.empty() || c.home_dir[0] != '/' ? "/" : c.home_dir;
     cwd_ = home_;
     log_session(log_field(login) + " logged in");
+    metrics::add(metrics::Family::logins, "ok");
     reply(230, "User " + login + " logged in.");
     return true;
 }
@@ -240,6 +245,24 @@ void Session::cmd_auth(const std::string &arg)
     // logs).
     if (!logged_in_)
         user_.clear();
+}
+
+// A client of --implicit-tls-port: the handshake comes first, within the
+// login's time.  Data connections are then protected unless the client
+// asks PROT C: implicit TLS clients take that for granted, and some never
+// send PBSZ and PROT.
+bool Session::start_implicit_tls()
+{
+    std::string err;
+    long long left = std::clamp(login_deadline_ - now_ms(), 0LL, 30000LL);
+    if (!ctl_.start_tls(ctx_.tls, tls_session_mark_, err, static_cast<int>(left))) {
+        log_session("TLS handshake failed on the implicit TLS port: " + log_field(err));
+        return false;
+    }
+    tls_ = true;
+    pbsz_ = true;
+    prot_p_ = true;
+    return true;
 }
 
 void Session::cmd_pbsz(const std::string &arg)

@@ -78,12 +78,13 @@ ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, in
     }
 }
 
-bool ControlChannel::start_tls(SSL_CTX *ctx, const std::string &session_mark, std::string &err)
+bool ControlChannel::start_tls(SSL_CTX *ctx, const std::string &session_mark, std::string &err,
+                               int timeout_ms)
 {
     lines_.clear();
     TlsSetup setup;
     setup.mark_sessions = &session_mark;
-    return conn_->start_tls(ctx, 30000, -1, err, setup) == Io::ok;
+    return conn_->start_tls(ctx, timeout_ms, -1, err, setup) == Io::ok;
 }
 
 bool ControlChannel::send_raw(std::string_view text)

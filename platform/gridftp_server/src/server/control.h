@@ -30,7 +30,8 @@ public:
     // dropped (RFC 4217 forbids pipelining past AUTH).
     // `session_mark` marks the sessions of this connection (TlsSetup,
     // conn.h); it must live as long as the channel.
-    bool start_tls(SSL_CTX *ctx, const std::string &session_mark, std::string &err);
+    bool start_tls(SSL_CTX *ctx, const std::string &session_mark, std::string &err,
+                   int timeout_ms = 30000);
 
     // One reply: `text` may hold several lines (split on '\n'), sent in the
     // RFC 959 multi-line form.  Returns false when the client is gone.

@@ -17,9 +17,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <vector>
 
 #include "log.h"
 #include "mark_registry.h"
+#include "metrics.h"
 
 namespace tarvex_server {
 
@@ -223,36 +225,39 @@ std::string peer_host(int fd)
     return host_of(peer);
 }
 
-// The transfer log, in the listening process: the file opened again after
-// SIGHUP, before any waiting line is written, so that from now on every
-// line goes to the file that has the name now; then the waiting lines.
-void tend(TransferLog *xferlog)
+// The logs sessions send their lines to (the transfer log, the audit
+// log), in the listening process: each file opened again after SIGHUP,
+// before any waiting line is written, so that from now on every line goes
+// to the file that has the name now; then the waiting lines.
+void tend(const ServerContext &ctx)
 {
-    if (xferlog == nullptr)
-        return;
-    if (reopen_wanted) {
-        reopen_wanted = 0;
+    bool reopen = reopen_wanted != 0;
+    reopen_wanted = 0;
+    for (TransferLog *log : {ctx.transfer_log, ctx.audit_log}) {
+        if (log == nullptr)
+            continue;
         std::string err;
-        if (xferlog->reopen(err))
-            log_server("transfer log reopened");
-        else
-            log_server("transfer log not reopened, the old file goes on: " + log_field(err));
+        if (reopen && log->reopen(err))
+            log_server(log->name() + " reopened");
+        else if (reopen)
+            log_server(log->name() + " not reopened, the old file goes on: " + log_field(err));
+        log->drain();
     }
-    xferlog->drain();
 }
 
-[[noreturn]] void run_session(int fd, const ServerContext &ctx)
+[[noreturn]] void run_session(int fd, const ServerContext &ctx, bool implicit_tls)
 {
     Endpoints ep;
     socklen_t len = sizeof ep.local;
     getsockname(fd, reinterpret_cast<sockaddr *>(&ep.local), &len);
     len = sizeof ep.peer;
     getpeername(fd, reinterpret_cast<sockaddr *>(&ep.peer), &len);
-    if (ctx.transfer_log != nullptr)
-        ctx.transfer_log->enter_session();
+    for (TransferLog *log : {ctx.transfer_log, ctx.audit_log})
+        if (log != nullptr)
+            log->enter_session();
     tarvex_module_activate(&tarvex_i_gfs_module);
     {
-        Session s(fd, ctx, ep);
+        Session s(fd, ctx, ep, implicit_tls);
         s.run();
     }
     // A normal exit, so that leak checkers see the session's end too.
@@ -263,15 +268,20 @@ void tend(TransferLog *xferlog)
 
 int open_listener(const Options &opts, int &port, std::string &err)
 {
+    return open_listener_on(opts.bind, opts.port, port, err);
+}
+
+int open_listener_on(const std::string &bind_addr, int wanted, int &port, std::string &err)
+{
     addrinfo hints{};
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_PASSIVE | AI_NUMERICHOST | AI_NUMERICSERV;
     addrinfo *res = nullptr;
-    std::string service = std::to_string(opts.port);
-    int rc = getaddrinfo(opts.bind.c_str(), service.c_str(), &hints, &res);
+    std::string service = std::to_string(wanted);
+    int rc = getaddrinfo(bind_addr.c_str(), service.c_str(), &hints, &res);
     if (rc != 0) {
-        err = opts.bind + ": " + gai_strerror(rc);
+        err = bind_addr + ": " + gai_strerror(rc);
         return -1;
     }
     int fd = socket(res->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -287,7 +297,7 @@ int open_listener(const Options &opts, int &port, std::string &err)
         setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof zero);
     }
     if (bind(fd, res->ai_addr, res->ai_addrlen) != 0 || listen(fd, 128) != 0) {
-        err = opts.bind + " port " + service + ": " + strerror(errno);
+        err = bind_addr + " port " + service + ": " + strerror(errno);
         close(fd);
         freeaddrinfo(res);
         return -1;
@@ -321,26 +331,42 @@ void open_login_channel(int logins[2])
 
 // What the listening process keeps between connections.
 struct Listening {
-    Listening(int fd, const ServerContext &c) : listen_fd(fd), ctx(c) {}
+    Listening(const ListenSockets &s, const ServerContext &c)
+        : listen_fd(s.ftp), sockets(s), ctx(c) {}
     int listen_fd;
+    const ListenSockets &sockets;
     const ServerContext &ctx;
     int logins[2] = {-1, -1};
     Children children;
     unsigned long long accepted = 0;
 };
 
+// In a new session process: the listening process's sockets closed.
+void close_listening(const Listening &l)
+{
+    close(l.listen_fd);
+    if (l.sockets.implicit_tls >= 0)
+        close(l.sockets.implicit_tls);
+    if (l.sockets.metrics != nullptr)
+        l.sockets.metrics->close_all();
+    close(l.logins[0]);
+}
+
 // A new connection `fd`: a session process for it (in the place of a
 // stranger's when none is free), or a refusal.
-void take_connection(Listening &l, int fd)
+void take_connection(Listening &l, int fd, bool implicit_tls)
 {
     std::string host = peer_host(fd);
     take_logins(l.logins[0], l.children);
     pid_t victim = 0;
     if (const char *busy = admission(l.children, host, *l.ctx.opts, victim)) {
-        if (send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
+        // A client of the implicit TLS port would take a reply in the clear
+        // for a broken handshake: it gets the end of the connection alone.
+        if (!implicit_tls && send(fd, busy, strlen(busy), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) {
             // the client left already
         }
         close(fd);
+        metrics::add(metrics::Family::sessions_refused, "");
         return;
     }
     if (victim != 0) {
@@ -359,25 +385,41 @@ void take_connection(Listening &l, int fd)
     fflush(stderr);
     pid_t pid = fork();
     if (pid == 0) {
-        close(l.listen_fd);
-        close(l.logins[0]);
+        close_listening(l);
         login_channel = l.logins[1];
         mark_registry::enter(record);
         reset_handlers_in_child(fd);
-        run_session(fd, l.ctx);
+        run_session(fd, l.ctx, implicit_tls);
     }
     close(fd);
-    if (pid > 0)
+    if (pid > 0) {
         l.children.emplace(pid, Child{host, l.accepted++, record});
-    else
+        metrics::add(metrics::Family::sessions, "");
+    } else
         log_server(std::string("fork: ") + strerror(errno));
+}
+
+// The channels of the logs sessions send to, for poll().
+void log_channels(const ServerContext &ctx, std::vector<pollfd> &p)
+{
+    for (TransferLog *log : {ctx.transfer_log, ctx.audit_log})
+        p.push_back({log != nullptr ? log->channel() : -1, POLLIN, 0});
+}
+
+// A connection waiting on `fd` (a listening socket), if any.
+void accept_on(Listening &l, int fd, bool implicit_tls)
+{
+    int client = accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client >= 0)
+        take_connection(l, client, implicit_tls);
+    else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
+        usleep(100000); // out of resources: let sessions end first
 }
 
 // SIGTERM or SIGINT: every session is told to end, and killed when it has
 // not ended in time.
 void stop_sessions(Listening &l)
 {
-    TransferLog *xferlog = l.ctx.transfer_log;
     log_server("stopping, " + std::to_string(l.children.size()) + " session(s) open");
     for (const auto &[pid, child] : l.children)
         kill(pid, SIGTERM);
@@ -386,10 +428,11 @@ void stop_sessions(Listening &l)
     // transfers they end meanwhile are logged.
     long long deadline = now_ms() + (l.ctx.opts->cancel_grace + 2) * 1000LL;
     while (!l.children.empty() && now_ms() < deadline) {
-        pollfd p{xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0};
-        poll(&p, 1, 100);
+        std::vector<pollfd> p;
+        log_channels(l.ctx, p);
+        poll(p.data(), p.size(), 100);
         reap(l.children);
-        tend(xferlog);
+        tend(l.ctx);
     }
     if (l.children.empty())
         log_server("stopped, every session ended");
@@ -398,28 +441,31 @@ void stop_sessions(Listening &l)
                    " session(s) that did not end");
     for (const auto &[pid, child] : l.children)
         kill(pid, SIGKILL);
-    tend(xferlog);
+    tend(l.ctx);
 }
 
 } // namespace
 
-int serve(int listen_fd, const ServerContext &ctx)
+int serve(const ListenSockets &sockets, const ServerContext &ctx)
 {
     signal(SIGPIPE, SIG_IGN);
     install_handlers();
-    TransferLog *xferlog = ctx.transfer_log;
-    Listening l(listen_fd, ctx);
+    Listening l(sockets, ctx);
     open_login_channel(l.logins);
     std::string err;
     if (!mark_registry::open(std::max(256, 4 * ctx.opts->max_sessions), err))
         log_server(err + "; a data connection resumes its own control connection's session");
     while (!stopping) {
-        pollfd p[4] = {{listen_fd, POLLIN, 0},
-                       {signal_pipe[0], POLLIN, 0},
-                       {xferlog != nullptr ? xferlog->channel() : -1, POLLIN, 0},
-                       {l.logins[0], POLLIN, 0}};
-        int n = poll(p, 4, 1000);
-        if (p[1].revents & POLLIN) {
+        std::vector<pollfd> p = {{sockets.ftp, POLLIN, 0},
+                                 {sockets.implicit_tls, POLLIN, 0},
+                                 {signal_pipe[0], POLLIN, 0},
+                                 {l.logins[0], POLLIN, 0}};
+        log_channels(ctx, p);
+        size_t metrics_at = p.size();
+        if (sockets.metrics != nullptr)
+            sockets.metrics->want(p);
+        int n = poll(p.data(), p.size(), 1000);
+        if (p[2].revents & POLLIN) {
             char buf[64];
             while (read(signal_pipe[0], buf, sizeof buf) > 0) {
             }
@@ -430,18 +476,19 @@ int serve(int listen_fd, const ServerContext &ctx)
             if (ctx.reload)
                 ctx.reload(); // for the sessions that start from now on
         }
-        tend(xferlog);
+        tend(ctx);
         take_logins(l.logins[0], l.children);
-        if (n <= 0 || !(p[0].revents & POLLIN))
-            continue;
-        int fd = accept4(listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd >= 0)
-            take_connection(l, fd);
-        else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)
-            usleep(100000); // out of resources: let sessions end first
+        metrics::set(metrics::Family::sessions_open, static_cast<double>(l.children.size()));
+        if (sockets.metrics != nullptr)
+            sockets.metrics->serve(p, metrics_at, metrics::page);
+        for (int i : {0, 1})
+            if (n > 0 && (p[i].revents & POLLIN))
+                accept_on(l, p[i].fd, i == 1);
     }
     stop_sessions(l);
-    close(listen_fd);
+    close(sockets.ftp);
+    if (sockets.implicit_tls >= 0)
+        close(sockets.implicit_tls);
     close(l.logins[0]);
     close(l.logins[1]);
     return 0;

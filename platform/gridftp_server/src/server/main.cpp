@@ -13,6 +13,8 @@
 
 #include "auth.h"
 #include "listener.h"
+#include "metrics.h"
+#include "metrics_http.h"
 #include "options.h"
 #include "setup.h"
 #include "xferlog.h"
@@ -76,6 +78,53 @@ void detach()
     }
 }
 
+// Written whole under a temporary name, so a reader never sees half.
+bool write_port_file(const std::string &path, int port)
+{
+    if (path.empty())
+        return true;
+    std::string tmp = path + ".tmp";
+    std::ofstream(tmp) << port << "\n";
+    if (rename(tmp.c_str(), path.c_str()) == 0)
+        return true;
+    fprintf(stderr, "tarvex-gridftp-server: cannot write %s\n", path.c_str());
+    return false;
+}
+
+// The ports beside the FTP port.
+struct MorePorts {
+    int implicit_tls = -1;
+    int metrics = -1;
+};
+
+// The sockets of --implicit-tls-port and --metrics-listen, and the shared
+// table the metrics come from; false with `err`.
+bool open_more_sockets(const Options &opts, ListenSockets &sockets, MetricsHttp &http,
+                       MorePorts &ports, std::string &err)
+{
+    if (opts.implicit_tls_port >= 0) {
+        sockets.implicit_tls =
+            open_listener_on(opts.bind, opts.implicit_tls_port, ports.implicit_tls, err);
+        if (sockets.implicit_tls < 0) {
+            err = "cannot listen on " + err + " (--implicit-tls-port)";
+            return false;
+        }
+    }
+    if (opts.metrics_listen.empty())
+        return true;
+    std::string host;
+    int wanted = 0;
+    split_host_port(opts.metrics_listen, host, wanted);
+    int fd = open_listener_on(host, wanted, ports.metrics, err);
+    if (fd < 0) {
+        err = "cannot listen on " + err + " (--metrics-listen)";
+        return false;
+    }
+    http.listen_on(fd);
+    sockets.metrics = &http;
+    return metrics::open(err);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -116,6 +165,14 @@ int main(int argc, char **argv)
         }
         ctx.transfer_log = &transfer_log;
     }
+    TransferLog audit_log("audit log");
+    if (!opts.audit_log.empty()) {
+        if (!audit_log.open(opts.audit_log, err)) {
+            fprintf(stderr, "tarvex-gridftp-server: audit log: %s\n", err.c_str());
+            return 2;
+        }
+        ctx.audit_log = &audit_log;
+    }
 
     int port = 0;
     int fd = open_listener(opts, port, err);
@@ -123,18 +180,27 @@ int main(int argc, char **argv)
         fprintf(stderr, "tarvex-gridftp-server: cannot listen on %s\n", err.c_str());
         return 1;
     }
+    ListenSockets sockets;
+    sockets.ftp = fd;
+    MetricsHttp metrics_http;
+    MorePorts more;
+    if (!open_more_sockets(opts, sockets, metrics_http, more, err)) {
+        fprintf(stderr, "tarvex-gridftp-server: %s\n", err.c_str());
+        return 1;
+    }
     if (!opts.foreground)
         detach();
-    if (!opts.port_file.empty()) {
-        // Written whole under a temporary name, so a reader never sees half.
-        std::string tmp = opts.port_file + ".tmp";
-        std::ofstream(tmp) << port << "\n";
-        if (rename(tmp.c_str(), opts.port_file.c_str()) != 0) {
-            fprintf(stderr, "tarvex-gridftp-server: cannot write %s\n", opts.port_file.c_str());
-            return 1;
-        }
-    }
+    // The FTP port's file last: once it is there, every socket is.
+    if (!write_port_file(opts.implicit_tls_port_file, more.implicit_tls) ||
+        !write_port_file(opts.metrics_port_file, more.metrics) ||
+        !write_port_file(opts.port_file, port))
+        return 1;
     fprintf(stderr, "tarvex-gridftp-server: listening on %s port %d, storage %s\n",
             opts.bind.c_str(), port, opts.dsi.c_str());
-    return serve(fd, ctx);
+    if (sockets.implicit_tls >= 0)
+        fprintf(stderr, "tarvex-gridftp-server: implicit TLS on port %d\n", more.implicit_tls);
+    if (sockets.metrics != nullptr)
+        fprintf(stderr, "tarvex-gridftp-server: metrics on port %d (GET /metrics)\n",
+                more.metrics);
+    return serve(sockets, ctx);
 }

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <arpa/inet.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +46,11 @@ const char usage[] =
     "                        resume the control connection's TLS session (for\n"
     "                        clients that cannot; any local process that reaches\n"
     "                        the passive port first may then take the data)\n"
+    "  --implicit-tls-port N  also listen on port N (990 by convention; 0: any\n"
+    "                        free port) for implicit TLS: TLS from the first byte,\n"
+    "                        with the certificate of --tls-cert; data connections\n"
+    "                        are protected unless the client asks PROT C\n"
+    "  --implicit-tls-port-file FILE  write that port to FILE once listening\n"
     "  --tls-strict-eof      fail (426) an upload of unannounced size (no ALLO)\n"
     "                        whose protected data connection ends without TLS\n"
     "                        close_notify; by default it is stored, and marked\n"
@@ -56,6 +63,13 @@ const char usage[] =
     "  --port-file FILE      write the listening port to FILE once listening\n"
     "  --transfer-log FILE   append a line per finished file transfer to FILE\n"
     "                        (xferlog format); SIGHUP opens FILE again\n"
+    "  --audit-log FILE      append a line per change a client asks of the\n"
+    "                        storage (MKD, RMD, DELE, RNTO, SITE RDEL, SITE\n"
+    "                        CHMOD) to FILE; SIGHUP opens FILE again\n"
+    "  --metrics-listen ADDR:PORT  serve Prometheus metrics on GET /metrics at\n"
+    "                        ADDR:PORT (e.g. 127.0.0.1:9464; [::1]:9464; port 0:\n"
+    "                        any free port)\n"
+    "  --metrics-port-file FILE  write the metrics port to FILE once listening\n"
     "  --pasv-range LOW-HIGH ports for passive data connections\n"
     "  --max-sessions N      concurrent sessions (default 64); more are refused\n"
     "                        with 421, unless a session not yet logged in gives\n"
@@ -89,9 +103,9 @@ const char usage[] =
     "\n"
     "Environment: TARVEX_EXTENSION_PATH adds plug-in directories.\n"
     "Signals: SIGTERM and SIGINT stop the server.  SIGHUP reopens the transfer\n"
-    "log and reads the --config file, the password file, the TLS certificate and\n"
-    "key and the plug-in's checked configuration data again for new sessions\n"
-    "(kept as they were when any of them is bad).\n"
+    "log and the audit log and reads the --config file, the password file, the\n"
+    "TLS certificate and key and the plug-in's checked configuration data again\n"
+    "for new sessions (kept as they were when any of them is bad).\n"
     "See tarvex-gridftp-server(8).\n";
 
 bool parse_int(const char *s, long lo, long hi, int &out)
@@ -148,6 +162,29 @@ bool take_switch(std::string_view a, Options &o)
 
 enum class Taken { ok, bad_value, unknown };
 
+// The options of implicit TLS, the audit log and the metrics.
+Taken take_watched(std::string_view a, const char *v, Options &o)
+{
+    bool ok = true;
+    if (a == "--implicit-tls-port")
+        ok = parse_int(v, 0, 65535, o.implicit_tls_port);
+    else if (a == "--implicit-tls-port-file")
+        o.implicit_tls_port_file = v;
+    else if (a == "--audit-log") {
+        o.audit_log = v;
+        ok = !o.audit_log.empty();
+    } else if (a == "--metrics-listen") {
+        o.metrics_listen = v;
+        std::string host;
+        int port = 0;
+        ok = split_host_port(o.metrics_listen, host, port);
+    } else if (a == "--metrics-port-file")
+        o.metrics_port_file = v;
+    else
+        return Taken::unknown;
+    return ok ? Taken::ok : Taken::bad_value;
+}
+
 // An option `a` with its value `v`.
 Taken take_valued(std::string_view a, const char *v, Options &o)
 {
@@ -192,7 +229,7 @@ Taken take_valued(std::string_view a, const char *v, Options &o)
     else if (a == "--recursive-list-limit")
         ok = parse_int(v, 1, 100000000, o.recursive_list_limit);
     else
-        return Taken::unknown;
+        return take_watched(a, v, o);
     return ok ? Taken::ok : Taken::bad_value;
 }
 
@@ -209,10 +246,31 @@ std::string check_together(const Options &o)
         return "--tls-cert and --tls-key go together";
     if (o.require_tls && o.tls_cert.empty())
         return "--require-tls needs --tls-cert and --tls-key";
+    if (o.implicit_tls_port >= 0 && o.tls_cert.empty())
+        return "--implicit-tls-port needs --tls-cert and --tls-key";
+    if (!o.implicit_tls_port_file.empty() && o.implicit_tls_port < 0)
+        return "--implicit-tls-port-file needs --implicit-tls-port";
+    if (!o.metrics_port_file.empty() && o.metrics_listen.empty())
+        return "--metrics-port-file needs --metrics-listen";
     return "";
 }
 
 } // namespace
+
+bool split_host_port(const std::string &text, std::string &host, int &port)
+{
+    size_t colon = text.rfind(':');
+    if (colon == std::string::npos || !parse_int(text.c_str() + colon + 1, 0, 65535, port))
+        return false;
+    host = text.substr(0, colon);
+    bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    if (bracketed)
+        host = host.substr(1, host.size() - 2);
+    unsigned char addr[16];
+    if (bracketed)
+        return inet_pton(AF_INET6, host.c_str(), addr) == 1;
+    return inet_pton(AF_INET, host.c_str(), addr) == 1;
+}
 
 const char *usage_text()
 {

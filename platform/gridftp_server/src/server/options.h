@@ -34,6 +34,14 @@ struct Options {
     bool tls_strict_eof = false;   // an upload's TLS data connection must end with close_notify
     bool foreground = false;
     std::string transfer_log;      // "": no transfer log
+
+    // What an operator watches and audits, and implicit TLS.
+    int implicit_tls_port = -1;    // -1: none; 0 picks a free port
+    std::string implicit_tls_port_file;
+    std::string audit_log;         // "": no audit log
+    std::string metrics_listen;    // "": no metrics; "ADDR:PORT"
+    std::string metrics_port_file;
+
     std::string config_path;       // --config FILE, "": none
     std::vector<Setting> file_settings; // what that file says, in its order
     bool check_config = false;     // --check-config
@@ -45,6 +53,9 @@ struct Options {
 // printing help or the version (exit 0), -1 on a usage error (message in
 // `err`, "FILE:LINE: key: why" for the file's).
 int parse_options(int argc, char **argv, Options &opts, std::string &err);
+// "ADDR:PORT" (an IPv6 address in brackets: "[::1]:9464") into a numeric
+// address and a port (0-65535); false when it is not that.
+bool split_host_port(const std::string &text, std::string &host, int &port);
 
 // The same with the file's settings given (read again at SIGHUP).
 int parse_options_with(const std::vector<Setting> &file, int argc, char **argv, Options &opts,

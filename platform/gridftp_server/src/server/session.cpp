@@ -34,11 +34,12 @@ tarvex_result_t aborted_error()
 
 } // namespace
 
-Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep)
+Session::Session(int fd, const ServerContext &ctx, const Endpoints &ep, bool implicit_tls)
     : ctx_(ctx), opts_(*ctx.opts), ctl_(fd), ep_(ep),
       config_(ctx.opts->config_files, ctx.opts->config_commands,
               ctx.checked_data != nullptr ? *ctx.checked_data
-                                          : std::map<std::string, std::string>{})
+                                          : std::map<std::string, std::string>{}),
+      implicit_tls_(implicit_tls)
 {
     wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     tls_session_mark_ = random_session_mark();
@@ -123,7 +124,12 @@ void Session::set_checksum_support(const char *s)
 
 void Session::run()
 {
-    log_session("connection from " + host_of(ep_.peer));
+    log_session("connection from " + host_of(ep_.peer) + (implicit_tls_ ? " (implicit TLS)" : ""));
+    // However busy a stranger keeps the connection, commands do not
+    // extend its time (nor does a TLS handshake).
+    login_deadline_ = now_ms() + opts_.login_timeout * 1000LL;
+    if (implicit_tls_ && !start_implicit_tls())
+        return;
     reply(220, "tarvex-gridftp-server ready.");
     const char *why = command_loop();
     if (logged_in_)
@@ -133,9 +139,6 @@ void Session::run()
 // Serves commands until the session ends; why it ended.
 const char *Session::command_loop()
 {
-    // However busy a stranger keeps the connection, commands do not
-    // extend its time.
-    login_deadline_ = now_ms() + opts_.login_timeout * 1000LL;
     while (!quit_ && !control_lost_) {
         std::string line;
         if (!pending_.empty()) {
@@ -274,13 +277,13 @@ const std::map<std::string, Session::Command> &Session::commands()
     return table;
 }
 
-void Session::reply_error(tarvex_result_t result, int default_code)
+std::string Session::reply_error(tarvex_result_t result, int default_code)
 {
+    std::string out;
     char *text = tarvex_gfs_error_to_ftp_reply(result, default_code);
     if (text != nullptr) {
         // The rendering drops C0 controls; a path the client named may
         // still hold C1 controls or bytes that are not UTF-8.
-        std::string out;
         std::string_view rest = text;
         for (size_t end; (end = rest.find("\r\n")) != std::string_view::npos;
              rest.remove_prefix(end + 2))
@@ -288,9 +291,11 @@ void Session::reply_error(tarvex_result_t result, int default_code)
         ctl_.send_raw(out);
         free(text);
     } else {
-        reply(default_code, "Operation failed.");
+        out = std::to_string(default_code) + " Operation failed.\r\n";
+        ctl_.send_raw(out);
     }
     tarvex_error_discard(result);
+    return out;
 }
 
 std::string Session::path_arg(const std::string &arg) const

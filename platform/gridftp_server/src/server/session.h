@@ -33,6 +33,7 @@ struct ServerContext {
     SSL_CTX *tls = nullptr;         // NULL: no AUTH TLS
     std::string plugin_path;        // search path for plug-ins
     TransferLog *transfer_log = nullptr; // NULL: no --transfer-log
+    TransferLog *audit_log = nullptr;    // NULL: no --audit-log (audit.h)
     const PasswordFile *passwords = nullptr; // with --passwd
     // Configuration data read ahead, by key (ConfigData's `texts`).
     const std::map<std::string, std::string> *checked_data = nullptr;
@@ -72,7 +73,9 @@ struct PluginCall {
 
 class Session {
 public:
-    Session(int fd, const ServerContext &ctx, const Endpoints &ep);
+    // `implicit_tls`: the client came to --implicit-tls-port, and speaks TLS
+    // from its first byte.
+    Session(int fd, const ServerContext &ctx, const Endpoints &ep, bool implicit_tls = false);
     ~Session();
     void run();
 
@@ -98,7 +101,8 @@ private:
     const char *command_loop();
     void dispatch(const std::string &line);
     void reply(int code, const std::string &text) { ctl_.reply(code, text); }
-    void reply_error(tarvex_result_t result, int default_code);
+    // Replies with the error of `result`; the reply as sent.
+    std::string reply_error(tarvex_result_t result, int default_code);
     void reply_busy_line(const std::string &line, PluginCall &c);
     void reply_unreadable(ControlChannel::Event ev);
 
@@ -122,6 +126,7 @@ private:
     void cmd_pass(const std::string &arg);
     bool start_plugin_session(const std::string &login);
     void cmd_auth(const std::string &arg);
+    bool start_implicit_tls();
     void cmd_pbsz(const std::string &arg);
     void cmd_prot(const std::string &arg);
     // information
@@ -150,6 +155,9 @@ private:
     // replies `ok_code ok_text`, or 550 with the plug-in's error.
     void simple_command(tarvex_gfs_command_type_t type, const std::string &path, int ok_code,
                         const std::string &ok_text, const char *from = nullptr);
+    // A line in the audit log (audit.h) for a change asked of the storage.
+    void audit(const char *command, const std::string &path, const std::string &second,
+               const std::string &reply);
     // data
     void cmd_type(const std::string &arg);
     void cmd_mode(const std::string &arg);
@@ -217,6 +225,7 @@ private:
     long long login_deadline_ = 0;
     bool login_expired_ = false;
     int failed_logins_ = 0;
+    bool implicit_tls_ = false;
     bool tls_ = false;
     bool pbsz_ = false;
     bool prot_p_ = false;

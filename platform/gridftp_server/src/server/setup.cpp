@@ -310,9 +310,9 @@ bool restart_only(const std::string &key)
     // max-sessions sizes the TLS session registry; dsi-path made the
     // plug-in search path the sessions inherit.
     static const std::set<std::string> keys = {
-        "port",         "bind",           "foreground", "port-file",
-        "transfer-log", "max-sessions",   "dsi-path",   "implicit-tls-port",
-        "implicit-tls-port-file",         "metrics-listen", "metrics-port-file",
+        "port",           "bind",           "foreground",        "port-file",
+        "transfer-log",   "audit-log",      "max-sessions",      "dsi-path",
+        "implicit-tls-port", "implicit-tls-port-file", "metrics-listen", "metrics-port-file",
     };
     return keys.count(key) != 0;
 }

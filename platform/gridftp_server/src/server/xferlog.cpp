@@ -130,7 +130,7 @@ void TransferLog::write_line(const char *line, size_t len)
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
-            log_server("transfer log " + log_field(path_) + ": " + strerror(errno) + "; line: " +
+            log_server(name_ + " " + log_field(path_) + ": " + strerror(errno) + "; line: " +
                        std::string(line, len - 1));
             return;
         }
@@ -154,7 +154,7 @@ void TransferLog::drain()
             return; // nothing more waiting (or the socket failed: poll says)
         auto len = static_cast<size_t>(n);
         if (len > max_line || !well_formed(buf, len)) {
-            log_server("transfer log: a session sent a malformed line (" + std::to_string(len) +
+            log_server(name_ + ": a session sent a malformed line (" + std::to_string(len) +
                        " bytes), not written: " +
                        log_field(std::string_view(buf, std::min(len, size_t{256}))));
             continue;
@@ -188,7 +188,7 @@ void TransferLog::send(const std::string &line)
     if (n == static_cast<ssize_t>(line.size()))
         return;
     const char *why = n < 0 && sender_ >= 0 ? strerror(errno) : "not open";
-    log_session(std::string("transfer log: ") + why + "; line: " + line.substr(0, line.size() - 1));
+    log_session(name_ + ": " + why + "; line: " + line.substr(0, line.size() - 1));
 }
 
 } // namespace tarvex_server

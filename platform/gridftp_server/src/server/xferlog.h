@@ -28,6 +28,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace tarvex_server {
 
@@ -50,9 +51,12 @@ struct XferRecord {
 // analysers divide the bytes by it to show a rate.
 std::string xferlog_line(const XferRecord &r);
 
+// The file and its channel serve the audit log (audit.h) too: a log of
+// lines sessions send, written by the listening process alone.
 class TransferLog {
 public:
-    TransferLog() = default;
+    // `name` names the log in the server's own log lines.
+    explicit TransferLog(std::string name = "transfer log") : name_(std::move(name)) {}
     TransferLog(const TransferLog &) = delete;
     TransferLog &operator=(const TransferLog &) = delete;
     ~TransferLog();
@@ -61,6 +65,8 @@ public:
     // made absolute against the current folder so that a reopen finds it
     // after the server has moved to /, and the socket sessions send on.
     bool open(const std::string &path, std::string &err);
+
+    const std::string &name() const { return name_; }
 
     // ---- the listening process ----
     // Readable when lines are waiting to be written.
@@ -86,6 +92,7 @@ public:
 private:
     void write_line(const char *line, size_t len);
 
+    std::string name_;
     std::string path_;
     std::unique_ptr<char[]> buf_; // drain()'s, one datagram
     int file_ = -1;

@@ -1,0 +1,321 @@
+"""What an administrator expects of the server beside FTP, through --dsi box
+against the Box emulator: implicit FTPS (curl's and lftp's ftps:// URLs),
+the audit log of the changes clients make (rotated with SIGHUP), and the
+Prometheus metrics page, scraped while clients work and checked with
+promtool."""
+import ftplib
+import http.client
+import os
+import pwd
+import shutil
+import signal
+import socket
+import ssl
+import subprocess
+import tempfile
+import unittest
+
+from harness import (BoxTest, CredentialHelper, make_hash, reply_of, run, sha256, wait_for,
+                     write_random)
+
+
+def port_file_value(path):
+    def read():
+        if not os.path.exists(path):
+            return None
+        with open(path) as f:
+            return f.read().strip()
+    return int(wait_for(read, "the port file " + path))
+
+
+class ImplicitTls(BoxTest):
+    tls = True
+
+    @classmethod
+    def start_server(cls, extra=(), **kw):
+        port_file = os.path.join(cls.work, "implicit-port")
+        server = super().start_server(
+            extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file] + list(extra),
+            **kw)
+        server.implicit_port = port_file_value(port_file)
+        return server
+
+    def url(self, path):
+        return "ftps://anonymous:x@127.0.0.1:%d%s" % (self.server.implicit_port, path)
+
+    def test_curl_ftps_urls(self):
+        src = self.local_file("c.bin", 3 << 20, seed=1)
+        curl = ["curl", "-sS", "--max-time", "120", "--cacert", self.server.ca]
+        r = run(curl + ["-T", src, "--ftp-create-dirs", self.url("/in/c.bin")])
+        self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
+        back = self.local("c.back")
+        r = run(curl + ["-o", back, self.url("/in/c.bin")])
+        self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
+        r = run(curl + ["--list-only", self.url("/in/")])
+        self.assertEqual((r.returncode, r.stdout), (0, "c.bin\n"), r.stderr)
+        with open(src, "rb") as a, open(back, "rb") as b:
+            data = a.read()
+            self.assertEqual(sha256(b.read()), sha256(data))
+        self.assertFiles({"/in": "folder", "/in/c.bin": data})
+
+    def test_lftp_ftps_urls(self):
+        self.local_file("l.bin", 2 << 20, seed=2)
+        script = ("set ssl:ca-file %s; set ssl:check-hostname no; set net:max-retries 1; "
+                  "set net:timeout 30; set cmd:fail-exit true; set xfer:clobber on; "
+                  "mkdir /l; put l.bin -o /l/l.bin; get /l/l.bin -o l.back; cls -1 /l; quit"
+                  % self.server.ca)
+        r = run(["lftp", "-u", "anonymous,x", "-e", script,
+                 "ftps://127.0.0.1:%d" % self.server.implicit_port], cwd=self.work)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.diagnostics())
+        self.assertIn("/l/l.bin", r.stdout)
+        with open(self.local("l.bin"), "rb") as a, open(self.local("l.back"), "rb") as b:
+            self.assertEqual(sha256(a.read()), sha256(b.read()))
+
+    def test_tls_from_the_first_byte_and_protected_data(self):
+        # A client speaking FTP in the clear gets no greeting.
+        plain = socket.create_connection(("127.0.0.1", self.server.implicit_port), timeout=30)
+        plain.sendall(b"USER anonymous\r\n" + b"\0" * 512)
+        got = b""
+        try:
+            for chunk in iter(lambda: plain.recv(4096), b""):
+                got += chunk
+        except ConnectionResetError:
+            pass  # the end, before all that was sent was read
+        plain.close()
+        self.assertFalse(got.startswith(b"220"), got)
+        # One that never asks PBSZ or PROT gets its data over TLS.
+        self.emu.seed({"path": "/s.bin", "size": 100000})
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        sock = ctx.wrap_socket(socket.create_connection(
+            ("127.0.0.1", self.server.implicit_port), timeout=30), server_hostname="127.0.0.1")
+        f = ftplib.FTP(timeout=30)
+        f.sock = sock
+        f.file = sock.makefile("r", encoding="latin-1")
+        f.af = sock.family
+        f.welcome = f.getresp()
+        self.addCleanup(f.close)
+        f.login("anonymous", "x")
+        self.assertIn("Data connections protected", f.sendcmd("STAT"))
+        f.sendcmd("TYPE I")
+        host, port = ftplib.parse227(f.sendcmd("PASV"))
+        data = socket.create_connection((host, port), timeout=30)
+        f.putcmd("RETR /s.bin")
+        self.assertTrue(f.getresp().startswith("150"))
+        data = ctx.wrap_socket(data, server_hostname="127.0.0.1", session=sock.session)
+        got = b""
+        while True:
+            chunk = data.recv(65536)
+            if not chunk:
+                break
+            got += chunk
+        data.close()
+        self.assertEqual(f.voidresp(), "226 Transfer complete.")
+        self.assertEqual(sha256(got), sha256(self.emu.content("/s.bin")))
+
+
+class Audit(BoxTest):
+    @classmethod
+    def start_server(cls, extra=(), **kw):
+        path = os.path.join(cls.work, "audit")
+        server = super().start_server(extra=["--audit-log", path] + list(extra), **kw)
+        server.audit_log = path
+        return server
+
+    def audit_lines(self, count, path=None):
+        """The audit log's lines as (command, path, second, code, text),
+        once there are `count`."""
+        path = path or self.server.audit_log
+
+        def read():
+            if not os.path.exists(path):
+                return None
+            with open(path, encoding="utf-8") as f:
+                lines = f.read().splitlines()
+            return lines if len(lines) >= count else None
+        lines = wait_for(read, "%d audit lines" % count)
+        out = []
+        for line in lines:
+            when, host, user, command, p, second, code, text = line.split(" ", 7)
+            self.assertRegex(when, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d{4}$")
+            self.assertEqual((host, user), ("127.0.0.1", "anonymous"))
+            out.append((command, p, second, code, text))
+        return out
+
+    def test_changes_and_their_results(self):
+        f = self.ftp()
+        self.addCleanup(f.close)
+        f.mkd("/a")
+        reply_of(f.mkd, "/no/a")
+        f.rename("/a", "/my docs")
+        self.store(f, "/my docs/f.txt", b"x" * 10)
+        f.delete("/my docs/f.txt")
+        reply_of(f.delete, "/missing")
+        f.mkd("/t")
+        f.mkd("/t/u")
+        f.sendcmd("SITE RDEL /t")
+        f.rmd("/my docs")
+        lines = self.audit_lines(9)
+        self.assertEqual([l[:4] for l in lines], [
+            ("MKD", "/a", "-", "257"),
+            ("MKD", "/no/a", "-", "553"),
+            ("RNTO", "/a", "/my\\x20docs", "250"),
+            ("DELE", "/my\\x20docs/f.txt", "-", "250"),
+            ("DELE", "/missing", "-", "550"),
+            ("MKD", "/t", "-", "257"),
+            ("MKD", "/t/u", "-", "257"),
+            ("SITE_RDEL", "/t", "-", "250"),
+            ("RMD", "/my\\x20docs", "-", "250"),
+        ])
+        self.assertIn("PATH_NOT_FOUND", lines[4][4])
+        self.assertFiles({})
+
+        # Rotation: renamed, SIGHUP, and the next change is in the new file.
+        rotated = self.server.audit_log + ".1"
+        os.rename(self.server.audit_log, rotated)
+        os.kill(self.server.proc.pid, signal.SIGHUP)
+        wait_for(lambda: "audit log reopened" in self.server.read_log(),
+                 "the server to reopen its audit log")
+        f.mkd("/after")
+        self.assertEqual([l[:2] for l in self.audit_lines(1)], [("MKD", "/after")])
+        self.assertEqual(len(self.audit_lines(9, rotated)), 9)
+
+
+def samples(page):
+    """The page's samples: "name{labels}" -> value."""
+    out = {}
+    for line in page.splitlines():
+        if line and not line.startswith("#"):
+            name, value = line.rsplit(" ", 1)
+            out[name] = float(value)
+    return out
+
+
+class Metrics(BoxTest):
+    servers = 0
+
+    @classmethod
+    def start_server(cls, extra=(), **kw):
+        cls.servers += 1
+        port_file = os.path.join(cls.work, "metrics-port-%d" % cls.servers)
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        # A credential that the plug-in takes at a session's start and
+        # wants renewed 3 s later, at the latest; a renewed one lasts.
+        creds = CredentialHelper(cls.emu, cls.work, lifetime=102)
+        server = super().start_server(
+            extra=["--metrics-listen", "127.0.0.1:0", "--metrics-port-file", port_file] +
+            list(extra), creds=creds, passwd="alice:%s:%s\n" % (make_hash("secret"), me), **kw)
+        server.metrics_port = port_file_value(port_file)
+        return server
+
+    def scrape(self, server=None):
+        server = server or self.server
+        conn = http.client.HTTPConnection("127.0.0.1", server.metrics_port, timeout=30)
+        try:
+            conn.request("GET", "/metrics")
+            resp = conn.getresponse()
+            self.assertEqual(resp.status, 200)
+            self.assertEqual(resp.getheader("Content-Type"),
+                             "text/plain; version=0.0.4; charset=utf-8")
+            return resp.read().decode()
+        finally:
+            conn.close()
+
+    def login(self, server=None):
+        f = ftplib.FTP(timeout=60)
+        f.connect("127.0.0.1", (server or self.server).port)
+        f.login("alice", "secret")
+        return f
+
+    def test_counts_of_sessions_transfers_and_box(self):
+        # A server of its own: every count from 0.
+        server = self.start_server()
+        self.addCleanup(server.stop)
+        bad = ftplib.FTP(timeout=60)
+        bad.connect("127.0.0.1", server.port)
+        self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))
+        bad.close()
+        # Box asks the folder's creation to wait 4 s: the token is due
+        # for renewal after that.
+        busy = {"status": 429, "headers": {"Retry-After": "4"},
+                "body": {"type": "error", "status": 429, "code": "rate_limit_exceeded",
+                         "message": "Request rate limit exceeded", "request_id": "e2e"}}
+        self.emu.fault(dict(busy, method="POST", path_regex="/folders$"))
+        f = self.login(server)
+        data = os.urandom(300000)
+        f.mkd("/m")
+        self.assertEqual(self.store(f, "/m/up.bin", data), "226 Transfer complete.")
+        got = bytearray()
+        f.retrbinary("RETR /m/up.bin", got.extend)
+        self.assertEqual(bytes(got), data)
+        f.quit()
+        posts = [e["status"] for e in self.requests("POST", "/folders")]
+        self.assertEqual(posts, [429, 201])
+
+        page = wait_for(lambda: (lambda p: p if samples(p)["tarvex_sessions_open"] == 0 else None)(
+            self.scrape(server)), "the sessions to end")
+        s = samples(page)
+        self.assertEqual(s['tarvex_logins_total{result="failed"}'], 1)
+        self.assertEqual(s['tarvex_logins_total{result="ok"}'], 1)
+        self.assertEqual(s["tarvex_sessions_total"], 2)
+        for direction in ("upload", "download"):
+            self.assertEqual(s['tarvex_transfers_total{direction="%s",result="complete"}'
+                               % direction], 1)
+            self.assertEqual(s['tarvex_transfer_bytes_total{direction="%s"}' % direction],
+                             len(data))
+        # The plug-in's counts against the emulator's log (less the
+        # credential helper's calls to the emulator's control interface).
+        log = [e for e in self.emu.log() if not e["path"].startswith("/_emulator/")]
+        for method in ("GET", "POST", "PUT"):
+            for status in {e["status"] for e in log if e["method"] == method}:
+                want = sum(1 for e in log if (e["method"], e["status"]) == (method, status))
+                self.assertEqual(s['tarvex_storage_requests_total{method="%s",code="%d"}'
+                                   % (method, status)], want, (method, status))
+        self.assertEqual(s["tarvex_storage_throttled_total"], 1)
+        self.assertEqual(s["tarvex_storage_retries_total"], 1)
+        self.assertEqual(s["tarvex_storage_retry_after_seconds_total"], 4)
+        self.assertEqual(s["tarvex_storage_token_renewals_total"], 1)
+        self.assertEqual(s["tarvex_storage_token_renewal_failures_total"], 0)
+        self.assertGreater(s["tarvex_storage_pacing_wait_seconds_count"], 0)
+        self.assertEqual(s["tarvex_storage_pacing_wait_seconds_count"],
+                         s['tarvex_storage_pacing_wait_seconds_bucket{le="+Inf"}'])
+
+        if shutil.which("promtool") is None:
+            self.skipTest("promtool is not installed (scripts/install-deps installs it)")
+        r = subprocess.run(["promtool", "check", "metrics"], input=page, capture_output=True,
+                           text=True, timeout=60)
+        self.assertEqual((r.returncode, r.stdout + r.stderr), (0, ""))
+
+    def test_a_stalled_scraper_holds_up_nobody(self):
+        stalled = socket.create_connection(("127.0.0.1", self.server.metrics_port), timeout=30)
+        self.addCleanup(stalled.close)
+        stalled.sendall(b"GET /met")
+        f = self.login()
+        self.assertEqual(f.nlst("/"), [])
+        self.assertIn("tarvex_sessions_open 1\n", self.scrape())
+        f.quit()
+
+
+class AlertingRules(unittest.TestCase):
+    """The README's and the manual page's example rules: the same, and
+    loaded by promtool."""
+
+    def test_documented_rules_load(self):
+        if shutil.which("promtool") is None:
+            self.skipTest("promtool is not installed (scripts/install-deps installs it)")
+        root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+        with open(os.path.join(root, "README.md"), encoding="utf-8") as f:
+            readme = f.read().split("```yaml\n", 1)[1].split("```", 1)[0]
+        with open(os.path.join(root, "doc", "tarvex-gridftp-server.8"), encoding="utf-8") as f:
+            page = f.read().split("Two alerting rules", 1)[1]
+        page = page.split(".EX\n", 1)[1].split(".EE", 1)[0].replace("\\-", "-")
+        self.assertEqual(page, readme)
+        with tempfile.NamedTemporaryFile("w", suffix=".yml") as f:
+            f.write(readme)
+            f.flush()
+            r = run(["promtool", "check", "rules", f.name], timeout=60)
+        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
+        self.assertIn("SUCCESS: 2 rules found", r.stdout)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,374 @@
+// What the server gives an operator to watch: the audit log's lines, the
+// metrics table that session processes count into together, and the HTTP
+// responder that serves it from the listening process's poll loop.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cmath>
+#include <memory>
+#include <cstdlib>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "audit.h"
+#include "metrics.h"
+#include "metrics_http.h"
+#include "tarvex_gridftp_server.h"
+
+using namespace tarvex_server;
+
+namespace {
+
+// ---- the audit log ----
+
+TEST(AuditLine, FieldsAndReplies)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    AuditRecord r;
+    r.when = 1741079702; // 2025-03-04 09:15:02 UTC
+    r.host = "192.0.2.7";
+    r.user = "alice";
+    const struct {
+        const char *command;
+        std::string path, second, reply, line;
+    } cases[] = {
+        {"MKD", "/reports", "", "257 \"/reports\" created.",
+         "MKD /reports - 257 \"/reports\" created."},
+        {"RNTO", "/a b.txt", "/c\td.txt", "250 Renamed.",
+         "RNTO /a\\x20b.txt /c\\x09d.txt 250 Renamed."},
+        // A storage error's lines, joined; the middle ones come indented.
+        {"DELE", "/x", "", "550-PATH_NOT_FOUND\r\n No such file.\r\n550 Box-Error: 404\r\n",
+         "DELE /x - 550 PATH_NOT_FOUND | No such file. | Box-Error: 404"},
+        {"SITE_CHMOD", "/f", "644", "451 Operation failed.\r\n",
+         "SITE_CHMOD /f 644 451 Operation failed."},
+        {"RMD", "/r", "", "550 bad\x1b[31m\r\n", "RMD /r - 550 bad\\x1b[31m"},
+    };
+    for (const auto &c : cases) {
+        r.command = c.command;
+        r.path = c.path;
+        r.second = c.second;
+        r.reply = c.reply;
+        EXPECT_EQ(audit_line(r), "2025-03-04T09:15:02+0000 192.0.2.7 alice " + c.line + "\n");
+    }
+    r.reply = "550 " + std::string(5000, 'x');
+    std::string line = audit_line(r);
+    EXPECT_LT(line.size(), 1200u);
+    EXPECT_EQ(line.substr(line.size() - 4), "...\n");
+    unsetenv("TZ");
+    tzset();
+}
+
+// ---- the metrics table ----
+
+// The page's samples: "name{labels}" -> value.
+std::map<std::string, double> samples()
+{
+    std::map<std::string, double> out;
+    std::istringstream in(metrics::page());
+    for (std::string line; std::getline(in, line);) {
+        if (line.empty() || line[0] == '#')
+            continue;
+        size_t sp = line.rfind(' ');
+        out[line.substr(0, sp)] = std::strtod(line.c_str() + sp + 1, nullptr);
+    }
+    return out;
+}
+
+class MetricsTable : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        std::string err;
+        ASSERT_TRUE(metrics::open(err)) << err;
+    }
+    void TearDown() override { metrics::close_for_tests(); }
+};
+
+TEST_F(MetricsTable, NothingWithoutTheTable)
+{
+    metrics::close_for_tests();
+    metrics::add(metrics::Family::sessions, "");
+    tarvex_gridftp_server_metric_add("storage_retries", "", 1);
+    EXPECT_EQ(metrics::page(), "");
+}
+
+TEST_F(MetricsTable, FamiliesWithoutLabelsStartAtZero)
+{
+    std::map<std::string, double> s = samples();
+    EXPECT_EQ(s.at("tarvex_sessions_total"), 0);
+    EXPECT_EQ(s.at("tarvex_storage_retries_total"), 0);
+    EXPECT_EQ(s.at("tarvex_storage_pacing_wait_seconds_count"), 0);
+    EXPECT_EQ(s.count("tarvex_logins_total{result=\"ok\"}"), 0u);
+}
+
+// Session processes count into one table, many at once, each claiming new
+// series while the others do: every count arrives, every series once.
+TEST_F(MetricsTable, CountsOfManyProcessesAddUp)
+{
+    constexpr int processes = 6;
+    constexpr int rounds = 2000;
+    std::vector<pid_t> pids;
+    for (int p = 0; p < processes; ++p) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            std::string own = "GET " + std::to_string(200 + p);
+            for (int i = 0; i < rounds; ++i) {
+                // Through the library, as the plug-in reports.
+                tarvex_gridftp_server_metric_add("storage_requests", "PUT 201", 1);
+                tarvex_gridftp_server_metric_add("storage_requests", own.c_str(), 1);
+                tarvex_gridftp_server_metric_observe("storage_pacing_wait_seconds", "", 0.002);
+                metrics::add(metrics::Family::transfer_bytes, "upload", 1000);
+            }
+            _exit(0);
+        }
+        pids.push_back(pid);
+    }
+    for (pid_t pid : pids) {
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::map<std::string, double> s = samples();
+    EXPECT_EQ(s.at("tarvex_storage_requests_total{method=\"PUT\",code=\"201\"}"),
+              processes * rounds);
+    for (int p = 0; p < processes; ++p)
+        EXPECT_EQ(s.at("tarvex_storage_requests_total{method=\"GET\",code=\"" +
+                       std::to_string(200 + p) + "\"}"),
+                  rounds);
+    EXPECT_EQ(s.at("tarvex_transfer_bytes_total{direction=\"upload\"}"),
+              1000.0 * processes * rounds);
+    EXPECT_EQ(s.at("tarvex_storage_pacing_wait_seconds_count"), processes * rounds);
+    EXPECT_NEAR(s.at("tarvex_storage_pacing_wait_seconds_sum"), 0.002 * processes * rounds,
+                1e-6);
+    // Each series once: a duplicate would have taken a key of its own.
+    std::string page = metrics::page();
+    std::string put = "method=\"PUT\",code=\"201\"";
+    EXPECT_EQ(page.find(put), page.rfind(put));
+}
+
+// What a plug-in reports is taken only as its family has it.
+TEST_F(MetricsTable, UnfitReportsAreDropped)
+{
+    const struct {
+        const char *name;
+        const char *labels;
+        double amount;
+        bool observe;
+    } cases[] = {
+        {"no_such_metric", "", 1, false},
+        {"sessions", "", 1, false},                  // the server's own
+        {"storage_retries", "", 1, true},            // a counter observed
+        {"storage_pacing_wait_seconds", "", 1, false}, // a histogram added to
+        {"storage_requests", "GET", 1, false},       // one label value of two
+        {"storage_requests", "GET 200 x", 1, false}, // three
+        {"storage_requests", "GET  200", 1, false},  // an empty one
+        {"storage_requests", "GET 200 ", 1, false},
+        {"storage_requests", "G\"T 200", 1, false},  // would need escaping
+        {"storage_requests", "GET\n 200", 1, false},
+        {"storage_requests", "GET 0123456789012345678901234", 1, false}, // too long
+        {"storage_retries", "x", 1, false},          // a label where there is none
+        {"storage_retries", "", -1, false},
+        {"storage_retries", "", std::nan(""), false},
+    };
+    std::string before = metrics::page();
+    for (const auto &c : cases)
+        EXPECT_FALSE(metrics::report(c.name, c.labels, c.amount, c.observe))
+            << c.name << " [" << c.labels << "]";
+    EXPECT_EQ(metrics::page(), before);
+    EXPECT_TRUE(metrics::report("storage_requests", "DELETE 204", 1, false));
+    EXPECT_TRUE(metrics::report("storage_requests", "GET 0", 1, false));
+}
+
+TEST_F(MetricsTable, HistogramBucketsAreCumulativeUpToTheirBound)
+{
+    for (double v : {0.0, 0.001, 0.0011, 0.06, 0.06, 7.0, 11.0, 3600.0})
+        tarvex_gridftp_server_metric_observe("storage_pacing_wait_seconds", "", v);
+    std::map<std::string, double> s = samples();
+    auto bucket = [&](const char *le) {
+        return s.at(std::string("tarvex_storage_pacing_wait_seconds_bucket{le=\"") + le + "\"}");
+    };
+    EXPECT_EQ(bucket("0.001"), 2);
+    EXPECT_EQ(bucket("0.005"), 3);
+    EXPECT_EQ(bucket("0.05"), 3);
+    EXPECT_EQ(bucket("0.1"), 5);
+    EXPECT_EQ(bucket("10"), 6);
+    EXPECT_EQ(bucket("+Inf"), 8);
+    EXPECT_EQ(s.at("tarvex_storage_pacing_wait_seconds_count"), 8);
+    EXPECT_NEAR(s.at("tarvex_storage_pacing_wait_seconds_sum"), 3618.1221, 1e-6);
+}
+
+TEST_F(MetricsTable, AFullTableDropsNewSeriesAndKeepsCounting)
+{
+    for (int i = 0; i < 400; ++i)
+        metrics::report("storage_requests", ("GET " + std::to_string(i)).c_str(), 1, false);
+    metrics::add(metrics::Family::sessions, "");
+    metrics::set(metrics::Family::sessions_open, 3);
+    std::map<std::string, double> s = samples();
+    EXPECT_EQ(s.at("tarvex_storage_requests_total{method=\"GET\",code=\"0\"}"), 1);
+    EXPECT_EQ(s.count("tarvex_storage_requests_total{method=\"GET\",code=\"399\"}"), 0u);
+    // Families shown at 0 before their first count have a series still.
+    EXPECT_EQ(s.at("tarvex_sessions_total"), 0);
+    EXPECT_EQ(s.at("tarvex_sessions_open"), 0);
+}
+
+// ---- HTTP ----
+
+TEST(MetricsHttpResponse, OnlyGetMetrics)
+{
+    auto page = [] { return std::string("tarvex_x 1\n"); };
+    const struct {
+        const char *request;
+        const char *status;
+    } cases[] = {
+        {"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n", "HTTP/1.0 200 OK\r\n"},
+        {"GET /metrics?x=1 HTTP/1.0\r\n\r\n", "HTTP/1.0 200 OK\r\n"},
+        {"GET /metrics HTTP/1.0\n\n", "HTTP/1.0 200 OK\r\n"},
+        {"HEAD /metrics HTTP/1.0\r\n\r\n", "HTTP/1.0 405 Method Not Allowed\r\n"},
+        {"POST /metrics HTTP/1.0\r\n\r\n", "HTTP/1.0 405 Method Not Allowed\r\n"},
+        {"GET / HTTP/1.0\r\n\r\n", "HTTP/1.0 404 Not Found\r\n"},
+        {"GET /metricsx HTTP/1.0\r\n\r\n", "HTTP/1.0 404 Not Found\r\n"},
+        {"GET /metrics\r\n\r\n", "HTTP/1.0 400 Bad Request\r\n"},
+        {"GET /metrics FTP/1.0\r\n\r\n", "HTTP/1.0 400 Bad Request\r\n"},
+        {"GET /metrics HTTP/1.0 x\r\n\r\n", "HTTP/1.0 400 Bad Request\r\n"},
+        {"\r\n\r\n", "HTTP/1.0 400 Bad Request\r\n"},
+    };
+    for (const auto &c : cases) {
+        std::string r = metrics_response(c.request, page);
+        EXPECT_EQ(r.substr(0, r.find("\r\n") + 2), c.status) << c.request;
+        size_t body = r.find("\r\n\r\n") + 4;
+        const std::string field = "\r\nContent-Length: ";
+        size_t at = r.find(field);
+        ASSERT_NE(at, std::string::npos) << c.request;
+        EXPECT_EQ(r.substr(at + field.size(), r.find("\r\n", at + 2) - at - field.size()),
+                  std::to_string(r.size() - body))
+            << c.request;
+    }
+    std::string ok = metrics_response("GET /metrics HTTP/1.0\r\n\r\n", page);
+    EXPECT_NE(ok.find("Content-Type: text/plain; version=0.0.4; charset=utf-8\r\n"),
+              std::string::npos);
+    EXPECT_EQ(ok.substr(ok.size() - 11), "tarvex_x 1\n");
+    EXPECT_NE(metrics_response("PUT /metrics HTTP/1.0\r\n\r\n", page).find("Allow: GET\r\n"),
+              std::string::npos);
+}
+
+// The responder and its clients, driven as the listening process drives it.
+class MetricsHttpLoop : public ::testing::Test {
+protected:
+    void start(int deadline_ms)
+    {
+        http_ = std::make_unique<MetricsHttp>(deadline_ms);
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
+        ASSERT_EQ(listen(fd, 16), 0);
+        socklen_t len = sizeof a;
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+        addr_ = a;
+        http_->listen_on(fd);
+    }
+
+    void TearDown() override
+    {
+        for (int fd : clients_)
+            close(fd);
+    }
+
+    int client(const std::string &send_first)
+    {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        clients_.push_back(fd);
+        EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&addr_), sizeof addr_), 0);
+        EXPECT_EQ(send(fd, send_first.data(), send_first.size(), 0),
+                  static_cast<ssize_t>(send_first.size()));
+        return fd;
+    }
+
+    // One turn of the loop.
+    void turn()
+    {
+        std::vector<pollfd> p;
+        http_->want(p);
+        poll(p.data(), p.size(), 20);
+        http_->serve(p, 0, [] { return std::string(300000, '#') + "\n"; });
+    }
+
+    // Turns the loop until the responder has ended `fd`: what came first.
+    std::string answer(int fd)
+    {
+        std::string got;
+        for (;;) {
+            turn();
+            char buf[65536];
+            ssize_t n = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+            if (n == 0)
+                return got;
+            if (n > 0)
+                got.append(buf, static_cast<size_t>(n));
+        }
+    }
+
+    static bool still_open(int fd)
+    {
+        char c;
+        return recv(fd, &c, 1, MSG_DONTWAIT) < 0 && errno == EAGAIN;
+    }
+
+    sockaddr_in addr_{};
+    std::unique_ptr<MetricsHttp> http_;
+    std::vector<int> clients_;
+};
+
+// A scraper that stalls holds its own slot only: others are answered
+// meanwhile, however long their answers.
+TEST_F(MetricsHttpLoop, SlowClientsDoNotHoldUpOthers)
+{
+    start(600000);
+    int slow = client("GET /metr");
+    int silent = client("");
+    int fast = client("GET /metrics HTTP/1.0\r\n\r\n");
+    std::string got = answer(fast);
+    EXPECT_EQ(got.substr(0, 17), "HTTP/1.0 200 OK\r\n");
+    EXPECT_EQ(got.size() - got.find("\r\n\r\n") - 4, 300001u);
+    EXPECT_TRUE(still_open(slow));
+    EXPECT_TRUE(still_open(silent));
+}
+
+TEST_F(MetricsHttpLoop, ClientsEndAtTheirDeadline)
+{
+    start(200);
+    EXPECT_EQ(answer(client("GET /metr")), "");
+    EXPECT_EQ(answer(client("")), "");
+}
+
+TEST_F(MetricsHttpLoop, HugeRequestsAndFloodsAreTurnedAway)
+{
+    start(600000);
+    std::string huge = answer(client("GET /metrics HTTP/1.0\r\nX: " + std::string(20000, 'a')));
+    EXPECT_EQ(huge.substr(0, 26), "HTTP/1.0 400 Bad Request\r\n");
+    std::vector<int> held;
+    held.reserve(MetricsHttp::max_connections);
+    for (int i = 0; i < MetricsHttp::max_connections; ++i)
+        held.push_back(client(""));
+    // Taken in: the turn that accepts them comes before the next
+    // connection is made.
+    turn();
+    int extra = client("GET /metrics HTTP/1.0\r\n\r\n");
+    EXPECT_EQ(answer(extra), ""); // closed unanswered
+    for (int fd : held)
+        EXPECT_TRUE(still_open(fd));
+}
+
+} // namespace
