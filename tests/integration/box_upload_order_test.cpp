@@ -57,7 +57,8 @@ TEST_F(upload_order, RestartAfterAFailedCommitIsRefused)
 {
     tarvex_i_box_chunked_minimum = 2048;
     emulator().config(R"({"part_size":1024,"min_session_size":0})");
-    emulator().fault(R"({"method":"POST","path_regex":"commit$","status":409,"body":null,"count":-1})");
+    emulator().fault(
+        R"({"method":"POST","path_regex":"commit$","status":409,"body":null,"count":-1})");
     tarvex_test::driver first, restart;
     EXPECT_NE(store(first, 3000), "");
     EXPECT_NE(store(restart, 3000, 1024).find("store the file anew"), std::string::npos);

@@ -17,8 +17,10 @@ TEST(ServerPortRange, EveryTcpPortAndNoMore)
         int rc;
     } cases[] = {{"1", 0}, {"65535", 0}, {"65536", -1}, {"-1", -1}};
     for (const Case &c : cases) {
-        std::vector<std::string> args = {"tarvex-gridftp-server", "--dsi", "posix", "--anonymous-map", "--port", c.port};
+        std::vector<std::string> args = {"tarvex-gridftp-server", "--dsi", "posix",
+                                         "--anonymous-map", "--port", c.port};
         std::vector<char *> argv;
+        argv.reserve(args.size());
         for (std::string &a : args)
             argv.push_back(a.data());
         Options o;

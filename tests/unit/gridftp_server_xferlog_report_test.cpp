@@ -37,7 +37,8 @@ TEST(ServerXferlogReport, SilentWhenWrittenLineKeptWhenNot)
     TransferLog closed;
     testing::internal::CaptureStderr();
     closed.send("kept\n");
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("not open; line: kept"), std::string::npos);
+    std::string reported = testing::internal::GetCapturedStderr();
+    EXPECT_NE(reported.find("not open; line: kept"), std::string::npos) << reported;
     unlink(path.c_str());
     rmdir(dir);
 }
