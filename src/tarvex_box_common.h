@@ -21,8 +21,8 @@ extern "C" {
 
 /* ---- modules and the storage interface ---- */
 
-extern tarvex_module_descriptor_t tarvex_gridftp_server_box_module;
-extern tarvex_module_descriptor_t tarvex_i_box_common_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_gridftp_server_box_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_i_box_common_module;
 
 /* ---- debug log ---- */
 

@@ -41,7 +41,7 @@ const tarvex_gfs_storage_iface_t table = {
 
 extern "C" {
 // The descriptor the server looks up by name when it loads "posix".
-tarvex_module_descriptor_t tarvex_gridftp_server_posix_module = {
+TARVEX_API tarvex_module_descriptor_t tarvex_gridftp_server_posix_module = {
     "tarvex_gridftp_server_posix", activate, deactivate, nullptr, nullptr, &version, nullptr};
 }
 
