@@ -132,8 +132,7 @@ void tarvex_box_error_add_info(tarvex_object_t *error,
         NULL, NULL, TARVEX_GFS_ERROR_GENERIC, TARVEX_BOX_SOURCE, __func__,       \
         __LINE__, __VA_ARGS__))
 /* The out-of-memory system error. */
-#define TARVEX_BOX_MALLOC_ERROR()                                               \
-    tarvex_i_gfs_error_system(NULL, errno, "System error%s%s", " in ", "malloc")
+#define TARVEX_BOX_MALLOC_ERROR() TARVEX_GFS_MALLOC_ERROR(NULL, errno)
 
 /* ---- item record ---- */
 

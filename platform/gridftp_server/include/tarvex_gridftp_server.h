@@ -487,6 +487,11 @@ TARVEX_API tarvex_object_t *tarvex_gfs_ftp_response_error_find(tarvex_object_t *
 TARVEX_API tarvex_result_t tarvex_i_gfs_error_system(tarvex_module_descriptor_t *module,
                                                      int system_errno, const char *format,
                                                      ...) __attribute__((format(printf, 3, 4)));
+/* The system error of an allocation that failed ("System error in malloc"),
+ * with `system_errno` (ENOMEM, or what the failed call left in errno). */
+#define TARVEX_GFS_MALLOC_ERROR(module, system_errno) \
+    tarvex_i_gfs_error_system((module), (system_errno), "System error%s%s", " in ", "malloc")
+
 
 /* The FTP reply for a failed result, CRLF-terminated, allocated.
  *
