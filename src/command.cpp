@@ -23,6 +23,7 @@
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -120,16 +121,10 @@ tarvex_result_t tarvex_l_box_cache_answer(tarvex_box_session_t *box, json_t *ans
         return TARVEX_BOX_MALLOC_ERROR();
     tarvex_box_path_info_t entry = {};
     tarvex_box_info_guard guard{&entry};
-    tarvex_result_t result = tarvex_box_object_info_parse(answer, &entry);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_object_info_parse(answer, &entry)).ok())
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
-    }
-    result = tarvex_box_path_cache_update(&box->cache, &entry, folder_path);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_path_cache_update(&box->cache, &entry, folder_path)).ok())
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
-    }
     return TARVEX_SUCCESS;
 }
 
@@ -165,17 +160,16 @@ tarvex_result_t tarvex_l_box_made_meanwhile(tarvex_box_session_t *box, const cha
                                             tarvex_box_path_info_t *parent_info,
                                             tarvex_result_t refusal)
 {
+    tarvex::Result refused(refusal);
     tarvex_box_path_info_t *path_info = nullptr;
-    tarvex_result_t listed =
-        tarvex_box_get_folder_items(box, parent_info->id, parent_info->name, nullptr, nullptr);
-    if (listed == TARVEX_SUCCESS) {
+    if (tarvex::Result(tarvex_box_get_folder_items(box, parent_info->id, parent_info->name,
+                                                   nullptr, nullptr))
+            .ok()) {
         tarvex_box_cache_mark_listed(parent_info);
         tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
     }
-    tarvex_error_discard(listed);
     if (!tarvex_l_box_is_folder(path_info))
-        return refusal;
-    tarvex_error_discard(refusal);
+        return refused.release();
     return TARVEX_SUCCESS;
 }
 
@@ -430,13 +424,11 @@ tarvex_result_t tarvex_l_box_rename_over(tarvex_box_session_t *box, const std::s
 
     result = tarvex_l_box_move(box, false, from_id, name, parent_id, parent_key);
     if (result != TARVEX_SUCCESS) {
-        tarvex_result_t back = tarvex_l_box_move(box, false, target_id, name, parent_id,
-                                                 parent_key);
-        if (back == TARVEX_SUCCESS) {
+        if (tarvex::Result(tarvex_l_box_move(box, false, target_id, name, parent_id, parent_key))
+                .ok()) {
             tarvex_box_path_cache_remove(&box->cache, aside_key.c_str());
             return result;
         }
-        tarvex_error_discard(back);
         std::string where = "The file to be replaced is kept as " + aside_key + ".";
         return tarvex_l_box_add_line(result, "Box-Details", where.c_str());
     }
@@ -446,11 +438,8 @@ tarvex_result_t tarvex_l_box_rename_over(tarvex_box_session_t *box, const std::s
     old_file.name = const_cast<char *>(aside_key.c_str());
     old_file.id = const_cast<char *>(target_id.c_str());
     old_file.type = TARVEX_BOX_FILE;
-    tarvex_result_t removed = tarvex_i_box_delete_object(box, &old_file, TARVEX_GFS_CMD_DELE);
-    if (removed != TARVEX_SUCCESS) {
+    if (!tarvex::Result(tarvex_i_box_delete_object(box, &old_file, TARVEX_GFS_CMD_DELE)).ok())
         TARVEX_BOX_LOG(TARVEX_BOX_ERROR, "the replaced file stays as %s\n", aside_key.c_str());
-        tarvex_error_discard(removed);
-    }
     return TARVEX_SUCCESS;
 }
 
@@ -753,12 +742,10 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
             free(path_info->md5);
             path_info->md5 = md5_copy;
         }
-        result = tarvex_i_box_set_metadata(box, path_info, "tarvex-md5", cksumstr);
-        if (result != TARVEX_SUCCESS) {
+        if (!tarvex::Result(tarvex_i_box_set_metadata(box, path_info, "tarvex-md5", cksumstr))
+                 .ok())
             TARVEX_BOX_LOG(TARVEX_BOX_DEBUG, "cksm metadata set failed: path=%s\n",
                            cmd_info->pathname);
-            tarvex_error_discard(result);
-        }
     }
     if (alg == TARVEX_L_BOX_CKSM_SHA1)
         tarvex_l_box_reply_with(cksumstr, sha1sum);

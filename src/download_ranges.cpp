@@ -27,6 +27,7 @@
 #include "download_ranges.h"
 #include "range_answer.h"
 #include "tarvex_box_raii.h"
+#include "tarvex_result.h"
 
 int64_t tarvex_i_box_streams_minimum = int64_t{64} << 20;
 int64_t tarvex_i_box_stream_range_min = int64_t{8} << 20;
@@ -71,20 +72,17 @@ struct tarvex_l_box_flight_state {
     size_t head = 0;       /* the first range not wholly handed on */
     int writes_out = 0;
     std::chrono::steady_clock::time_point last_written;
-    tarvex_result_t failure = TARVEX_SUCCESS;
+    tarvex::Result failure;
     std::atomic<bool> stopping{false};
     bool abandoned = false; /* the transfer was answered without some writes */
-
-    ~tarvex_l_box_flight_state() { tarvex_error_discard(failure); }
 
     /* The first failure is the transfer's; it stops everything.  Called
      * with the mutex held. */
     void fail(tarvex_result_t result)
     {
-        if (failure == TARVEX_SUCCESS)
-            failure = result;
-        else
-            tarvex_error_discard(result);
+        tarvex::Result failed(result);
+        if (failure.ok())
+            failure = std::move(failed);
         stopping = true;
         cond.notify_all();
     }
@@ -404,7 +402,7 @@ tarvex_result_t tarvex_l_box_range_flight::run()
 {
     tarvex_l_box_flight_state &state = *state_;
     std::unique_lock<std::mutex> lock(state.mutex);
-    while (state.head < state.ranges.size() && state.failure == TARVEX_SUCCESS) {
+    while (state.head < state.ranges.size() && state.failure.ok()) {
         if (hand_on(lock))
             continue;
         if (state.cond.wait_for(lock, tarvex_l_box_tick) == std::cv_status::timeout &&
@@ -412,8 +410,7 @@ tarvex_result_t tarvex_l_box_range_flight::run()
             state.fail(TARVEX_BOX_GENERIC_ERROR("%s", "The transfer was cancelled."));
     }
     wait_for_writes(lock);
-    tarvex_result_t result = state.failure;
-    state.failure = TARVEX_SUCCESS;
+    tarvex_result_t result = state.failure.release();
     lock.unlock();
     stop();
     return result;

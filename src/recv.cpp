@@ -34,6 +34,7 @@
 #include "upload_answer.h"
 #include "upload_parts.h"
 #include "upload_stream.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -703,9 +704,8 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
     /* The table keeps an open upload of this path and refuses a second
      * one: a fresh store over an upload that broke off in this login fails
      * here, after Box has opened the new session. */
-    result = tarvex_box_upload_state_update(&box->upload_state, upload, upload->name);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_upload_state_update(&box->upload_state, upload, upload->name))
+             .ok()) {
         tarvex_box_upload_session_free(upload);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
     }

@@ -23,6 +23,7 @@
 #define TARVEX_BOX_SOURCE "recv"
 #include "tarvex_box_raii.h"
 #include "upload_parts.h"
+#include "tarvex_result.h"
 
 /* ---- one part ---- */
 
@@ -238,7 +239,7 @@ private:
     std::map<int, tarvex_l_box_done_part> done_;
     int prefix_;          /* the first part the record lacks */
     bool last_unlisted_ = false;
-    tarvex_result_t failure_ = TARVEX_SUCCESS;
+    tarvex::Result failure_;
     std::atomic<int> failed_index_{INT_MAX}; /* failure_'s part */
     bool closing_ = false;
 
@@ -289,12 +290,10 @@ void tarvex_l_box_part_flight::stop()
  * boundary the record stops at.  Called with the mutex held. */
 void tarvex_l_box_part_flight::fail(int index, tarvex_result_t result)
 {
-    if (index >= failed_index_) {
-        tarvex_error_discard(result);
+    tarvex::Result failure(result);
+    if (index >= failed_index_)
         return;
-    }
-    tarvex_error_discard(failure_);
-    failure_ = result;
+    failure_ = std::move(failure);
     failed_index_ = index;
     cond_.notify_all();
 }
@@ -331,7 +330,7 @@ tarvex_l_box_slot *tarvex_l_box_part_flight::free_slot()
 {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        if (failure_ != TARVEX_SUCCESS)
+        if (!failure_.ok())
             return nullptr;
         for (auto &slot : slots_)
             if (!slot->busy)
@@ -408,8 +407,7 @@ tarvex_result_t tarvex_l_box_part_flight::run(int first_part)
  * whose answer named no part, as the one-at-a-time uploader makes it. */
 tarvex_result_t tarvex_l_box_part_flight::outcome()
 {
-    tarvex_result_t result = failure_;
-    failure_ = TARVEX_SUCCESS;
+    tarvex_result_t result = failure_.release();
     if (result == TARVEX_SUCCESS && last_unlisted_)
         return TARVEX_BOX_GENERIC_ERROR("%s", "invalid part upload response");
     return result;
