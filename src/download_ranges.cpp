@@ -309,27 +309,29 @@ void tarvex_l_box_range_flight::fetch_ranges()
 tarvex_result_t tarvex_l_box_range_flight::fetch(size_t index)
 {
     static const char *const wanted[] = {"Content-Range"};
-    tarvex_box_request_t download = {};
+    tarvex_l_box_fetch fetch = {state_.get(), index, size_, nullptr, {}, {}, {}};
+    tarvex_box_request_t download = {
+        .method = "GET",
+        .url = location_,
+        .read_callback = tarvex_l_box_take_range,
+        .read_callback_arg = &fetch,
+        .before_attempt = tarvex_l_box_ask_rest,
+        .before_attempt_arg = &fetch,
+        .wanted_headers = wanted,
+        .wanted_header_count = 1,
+        .attempts = attempts_,
+        .no_delay = true,
+        .translate_without_body = true,
+        .success_statuses = tarvex_l_box_body_statuses,
+        .success_status_count = 2,
+        .signed_url = true,
+        .caller = "tarvex_i_box_send",
+        .abandon = tarvex_l_box_give_up,
+        .abandon_arg = state_.get(),
+    };
     tarvex_box_request_guard guard{&download};
-    tarvex_l_box_fetch fetch = {state_.get(), index, size_, &download, {}, {}, {}};
+    fetch.request = &download;
     fetch.answer.request = &download;
-    download.caller = "tarvex_i_box_send";
-    download.method = "GET";
-    download.url = location_;
-    download.signed_url = true;
-    download.attempts = attempts_;
-    download.no_delay = true;
-    download.translate_without_body = true;
-    download.success_statuses = tarvex_l_box_body_statuses;
-    download.success_status_count = 2;
-    download.wanted_headers = wanted;
-    download.wanted_header_count = 1;
-    download.read_callback = tarvex_l_box_take_range;
-    download.read_callback_arg = &fetch;
-    download.before_attempt = tarvex_l_box_ask_rest;
-    download.before_attempt_arg = &fetch;
-    download.abandon = tarvex_l_box_give_up;
-    download.abandon_arg = state_.get();
     tarvex_result_t result = tarvex_box_request(box_, &download);
     if (result != TARVEX_SUCCESS && fetch.answer.refusal != nullptr) {
         tarvex_error_discard(result);

@@ -38,12 +38,14 @@ tarvex_result_t tarvex_l_box_get(tarvex_box_session_t *box, const char *caller,
                                  const char *url, const tarvex_dsi_rest_key_array_t *query,
                                  tarvex_box_request_t *request)
 {
-    request->caller = caller;
-    request->method = "GET";
-    request->url = url;
-    request->query = query;
-    request->attempts = 2;
-    request->retry = &box->user_retry;
+    *request = {
+        .method = "GET",
+        .url = url,
+        .query = query,
+        .attempts = 2,
+        .retry = &box->user_retry,
+        .caller = caller,
+    };
     return tarvex_box_request(box, request);
 }
 

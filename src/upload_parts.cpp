@@ -148,16 +148,18 @@ tarvex_result_t tarvex_box_part_put::prepare(const tarvex_box_upload_session_t *
     /* The block writer only reads its data. */
     block_ = {const_cast<tarvex_byte_t *>(data), length};
 
-    request.caller = "tarvex_i_box_upload_parts";
-    request.method = "PUT";
-    request.url = url;
-    request.headers = headers_;
-    request.header_count = 3;
-    request.write_callback = tarvex_dsi_rest_write_block;
-    request.write_callback_arg = &block_;
-    request.attempts = 3;
-    request.no_delay = true;
-    request.progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms;
+    request = {
+        .method = "PUT",
+        .url = url,
+        .headers = headers_,
+        .header_count = 3,
+        .write_callback = tarvex_dsi_rest_write_block,
+        .write_callback_arg = &block_,
+        .attempts = 3,
+        .no_delay = true,
+        .progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms,
+        .caller = "tarvex_i_box_upload_parts",
+    };
     return TARVEX_SUCCESS;
 }
 
