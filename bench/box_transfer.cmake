@@ -4,7 +4,7 @@
 if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box
    AND TARGET tarvex_test_box_emulator AND TARGET tarvex_e2e_home_preload)
   add_executable(box_transfer ${CMAKE_CURRENT_LIST_DIR}/box_transfer.cpp)
-  target_link_libraries(box_transfer PRIVATE
+  target_link_libraries(box_transfer PRIVATE tarvex_box_legacy_digests
     tarvex_test_box_emulator OpenSSL::Crypto Threads::Threads)
   # The upload hashes with SHA1_* / MD5_*, deprecated in OpenSSL 3: the
   # benchmark times the same calls.

@@ -5,7 +5,7 @@
 if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_box
    AND TARGET tarvex_test_box_emulator AND TARGET tarvex_e2e_home_preload)
   add_executable(box_wan ${CMAKE_CURRENT_LIST_DIR}/box_wan.cpp)
-  target_link_libraries(box_wan PRIVATE
+  target_link_libraries(box_wan PRIVATE tarvex_box_legacy_digests
     tarvex_test_box_emulator OpenSSL::Crypto Threads::Threads)
   target_compile_options(box_wan PRIVATE -Wno-deprecated-declarations)
   target_compile_definitions(box_wan PRIVATE

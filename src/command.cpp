@@ -23,6 +23,7 @@
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -120,16 +121,10 @@ tarvex_result_t tarvex_l_box_cache_answer(tarvex_box_session_t *box, json_t *ans
         return TARVEX_BOX_MALLOC_ERROR();
     tarvex_box_path_info_t entry = {};
     tarvex_box_info_guard guard{&entry};
-    tarvex_result_t result = tarvex_box_object_info_parse(answer, &entry);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_object_info_parse(answer, &entry)).ok())
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
-    }
-    result = tarvex_box_path_cache_update(&box->cache, &entry, folder_path);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_path_cache_update(&box->cache, &entry, folder_path)).ok())
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
-    }
     return TARVEX_SUCCESS;
 }
 
@@ -141,13 +136,15 @@ tarvex_result_t tarvex_l_box_send_name(tarvex_box_session_t *box, const char *ca
 {
     tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_item_fields}};
     tarvex_dsi_rest_key_array_t query = {1, query_pairs};
-    request->caller = caller;
-    request->method = method;
-    request->url = url;
-    request->query = &query;
-    request->json_body = body;
-    request->attempts = 2;
-    request->retry = &box->user_retry;
+    *request = {
+        .method = method,
+        .url = url,
+        .query = &query,
+        .json_body = body,
+        .attempts = 2,
+        .retry = &box->user_retry,
+        .caller = caller,
+    };
     return tarvex_box_request(box, request);
 }
 
@@ -165,17 +162,16 @@ tarvex_result_t tarvex_l_box_made_meanwhile(tarvex_box_session_t *box, const cha
                                             tarvex_box_path_info_t *parent_info,
                                             tarvex_result_t refusal)
 {
+    tarvex::Result refused(refusal);
     tarvex_box_path_info_t *path_info = nullptr;
-    tarvex_result_t listed =
-        tarvex_box_get_folder_items(box, parent_info->id, parent_info->name, nullptr, nullptr);
-    if (listed == TARVEX_SUCCESS) {
+    if (tarvex::Result(tarvex_box_get_folder_items(box, parent_info->id, parent_info->name,
+                                                   nullptr, nullptr))
+            .ok()) {
         tarvex_box_cache_mark_listed(parent_info);
         tarvex_l_box_resolve_target(box, pathname, &path_info, &parent_info);
     }
-    tarvex_error_discard(listed);
     if (!tarvex_l_box_is_folder(path_info))
-        return refusal;
-    tarvex_error_discard(refusal);
+        return refused.release();
     return TARVEX_SUCCESS;
 }
 
@@ -305,25 +301,26 @@ tarvex_result_t tarvex_l_box_delete_object(tarvex_box_session_t *box,
     tarvex_dsi_rest_key_value_t query_pairs[] = {{"recursive", "true"}};
     tarvex_dsi_rest_key_array_t query = {1, query_pairs};
 
-    tarvex_box_request_t request = {};
-    tarvex_box_request_guard guard{&request};
-    request.caller = "tarvex_i_box_delete_object";
-    request.method = "DELETE";
-    request.url = url.get();
-    request.query = recursive ? &query : nullptr;
     std::string body;
-    request.read_callback = tarvex_l_box_keep_body;
-    request.read_callback_arg = &body;
-    request.before_attempt = tarvex_l_box_forget_body;
-    request.before_attempt_arg = &body;
-    request.attempts = 2;
-    request.retry = &box->user_retry;
-    /* A refusal is judged by its status alone and never tried again, even
-     * a 429 or a 5xx that other commands retry: a DELETE that Box may have
-     * carried out is not repeated blindly.  Transport failures are retried
-     * once. */
-    request.translate_without_body = true;
-    request.refusal_is_final = true;
+    tarvex_box_request_t request = {
+        .method = "DELETE",
+        .url = url.get(),
+        .query = recursive ? &query : nullptr,
+        .read_callback = tarvex_l_box_keep_body,
+        .read_callback_arg = &body,
+        .before_attempt = tarvex_l_box_forget_body,
+        .before_attempt_arg = &body,
+        .attempts = 2,
+        .retry = &box->user_retry,
+        /* A refusal is judged by its status alone and never tried again,
+         * even a 429 or a 5xx that other commands retry: a DELETE that Box
+         * may have carried out is not repeated blindly.  Transport failures
+         * are retried once. */
+        .translate_without_body = true,
+        .refusal_is_final = true,
+        .caller = "tarvex_i_box_delete_object",
+    };
+    tarvex_box_request_guard guard{&request};
     result = tarvex_box_request(box, &request);
     result = tarvex_l_box_with_refusal_code(result, request.response.response_code, body);
 
@@ -430,13 +427,11 @@ tarvex_result_t tarvex_l_box_rename_over(tarvex_box_session_t *box, const std::s
 
     result = tarvex_l_box_move(box, false, from_id, name, parent_id, parent_key);
     if (result != TARVEX_SUCCESS) {
-        tarvex_result_t back = tarvex_l_box_move(box, false, target_id, name, parent_id,
-                                                 parent_key);
-        if (back == TARVEX_SUCCESS) {
+        if (tarvex::Result(tarvex_l_box_move(box, false, target_id, name, parent_id, parent_key))
+                .ok()) {
             tarvex_box_path_cache_remove(&box->cache, aside_key.c_str());
             return result;
         }
-        tarvex_error_discard(back);
         std::string where = "The file to be replaced is kept as " + aside_key + ".";
         return tarvex_l_box_add_line(result, "Box-Details", where.c_str());
     }
@@ -446,11 +441,8 @@ tarvex_result_t tarvex_l_box_rename_over(tarvex_box_session_t *box, const std::s
     old_file.name = const_cast<char *>(aside_key.c_str());
     old_file.id = const_cast<char *>(target_id.c_str());
     old_file.type = TARVEX_BOX_FILE;
-    tarvex_result_t removed = tarvex_i_box_delete_object(box, &old_file, TARVEX_GFS_CMD_DELE);
-    if (removed != TARVEX_SUCCESS) {
+    if (!tarvex::Result(tarvex_i_box_delete_object(box, &old_file, TARVEX_GFS_CMD_DELE)).ok())
         TARVEX_BOX_LOG(TARVEX_BOX_ERROR, "the replaced file stays as %s\n", aside_key.c_str());
-        tarvex_error_discard(removed);
-    }
     return TARVEX_SUCCESS;
 }
 
@@ -606,20 +598,21 @@ tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
     size_t header_count = range.empty() ? 0 : 1;
 
     static const char *const location_header[] = {"Location"};
-    tarvex_box_request_t content = {};
+    tarvex_box_request_t content = {
+        .method = "GET",
+        .url = url.get(),
+        .headers = headers,
+        .header_count = header_count,
+        .wanted_headers = location_header,
+        .wanted_header_count = 1,
+        .attempts = 2,
+        .retry = &box->user_retry,
+        /* The redirect is followed here, not by the client: its "Location"
+         * is the answer wanted. */
+        .expected_status = 302,
+        .caller = "tarvex_i_box_cksm",
+    };
     tarvex_box_request_guard content_guard{&content};
-    content.caller = "tarvex_i_box_cksm";
-    content.method = "GET";
-    content.url = url.get();
-    content.headers = headers;
-    content.header_count = header_count;
-    content.wanted_headers = location_header;
-    content.wanted_header_count = 1;
-    /* The redirect is followed here, not by the client: its "Location" is
-     * the answer wanted. */
-    content.expected_status = 302;
-    content.attempts = 2;
-    content.retry = &box->user_retry;
     tarvex_result_t result = tarvex_box_request(box, &content);
     if (result != TARVEX_SUCCESS)
         return result;
@@ -627,27 +620,29 @@ tarvex_result_t tarvex_l_box_cksm_range(tarvex_box_session_t *box,
     if (location == nullptr || location[0] == '\0')
         return TARVEX_BOX_GENERIC_ERROR("%s", "Box named no download location.");
 
-    tarvex_box_request_t data = {};
-    tarvex_box_request_guard data_guard{&data};
-    tarvex_l_box_cksm_download download = {state, pipe, &data};
-    data.caller = "tarvex_i_box_cksm";
-    data.method = "GET";
-    data.url = location;
-    data.headers = headers;
-    data.header_count = header_count;
-    data.read_callback = tarvex_l_box_cksm_body;
-    data.read_callback_arg = &download;
-    data.before_attempt = tarvex_l_box_cksm_before_attempt;
-    data.before_attempt_arg = &download;
-    data.translate_without_body = true;
-    /* The link is signed: it goes without the token.  And only the bytes
-     * asked for make a sum: the whole file (200), or the range (206). */
     static const int whole_file[] = {200}, part_of_it[] = {206};
-    data.signed_url = true;
-    data.success_statuses = range.empty() ? whole_file : part_of_it;
-    data.success_status_count = 1;
-    data.attempts = 3 - content.attempts_made;
-    data.retry = &box->user_retry;
+    tarvex_l_box_cksm_download download = {state, pipe, nullptr};
+    tarvex_box_request_t data = {
+        .method = "GET",
+        .url = location,
+        .headers = headers,
+        .header_count = header_count,
+        .read_callback = tarvex_l_box_cksm_body,
+        .read_callback_arg = &download,
+        .before_attempt = tarvex_l_box_cksm_before_attempt,
+        .before_attempt_arg = &download,
+        .attempts = 3 - content.attempts_made,
+        .retry = &box->user_retry,
+        .translate_without_body = true,
+        /* Only the bytes asked for make a sum: the whole file (200), or the
+         * range (206).  The link is signed: it goes without the token. */
+        .success_statuses = range.empty() ? whole_file : part_of_it,
+        .success_status_count = 1,
+        .signed_url = true,
+        .caller = "tarvex_i_box_cksm",
+    };
+    tarvex_box_request_guard data_guard{&data};
+    download.request = &data;
     return tarvex_box_request(box, &data);
 }
 
@@ -755,12 +750,10 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
             free(path_info->md5);
             path_info->md5 = md5_copy;
         }
-        result = tarvex_i_box_set_metadata(box, path_info, "tarvex-md5", cksumstr);
-        if (result != TARVEX_SUCCESS) {
+        if (!tarvex::Result(tarvex_i_box_set_metadata(box, path_info, "tarvex-md5", cksumstr))
+                 .ok())
             TARVEX_BOX_LOG(TARVEX_BOX_DEBUG, "cksm metadata set failed: path=%s\n",
                            cmd_info->pathname);
-            tarvex_error_discard(result);
-        }
     }
     if (alg == TARVEX_L_BOX_CKSM_SHA1)
         tarvex_l_box_reply_with(cksumstr, sha1sum);

@@ -27,7 +27,7 @@ static int tarvex_l_box_common_deactivate(void);
 
 static const tarvex_version_t tarvex_l_box_common_version = {0, 26, 0, 0};
 
-tarvex_module_descriptor_t tarvex_i_box_common_module = {
+TARVEX_API tarvex_module_descriptor_t tarvex_i_box_common_module = {
     "tarvex_box_common",
     tarvex_l_box_common_activate,
     tarvex_l_box_common_deactivate,

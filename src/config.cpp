@@ -16,6 +16,7 @@
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "tarvex_result.h"
 
 extern "C" {
 
@@ -330,10 +331,10 @@ tarvex_result_t parse_policy(const char *text, int *rate)
                          json_string_value(json_object_get(policy.get(), "box_upload_base")));
     /* The bearer token goes with every request: a base that would send it
      * in the clear across a network stops the session here, before any. */
-    tarvex_result_t result = TARVEX_SUCCESS;
+    tarvex::Result first;
     for (const char *base : {tarvex_box_api_base(), tarvex_box_upload_base()})
-        if (result == TARVEX_SUCCESS && !tarvex_box_url_may_carry_token(base))
-            result = refuse_base(base);
+        if (first.ok() && !tarvex_box_url_may_carry_token(base))
+            first = tarvex::Result(refuse_base(base));
     /* Every key of our own is read whatever came before, so that no setting
      * of an earlier policy outlives this one; the first failure is the
      * answer. "session_cache" and "cache_ttl_seconds" are read by the
@@ -341,13 +342,11 @@ tarvex_result_t parse_policy(const char *text, int *rate)
     for (tarvex_result_t (*read)(json_t *) :
          {read_pacing_store, read_rename_replaces, read_replace, read_upload_parts_in_flight,
           read_download_streams, read_list_page_size, tarvex_box_cache_policy_parse}) {
-        tarvex_result_t next = read(policy.get());
-        if (result == TARVEX_SUCCESS)
-            result = next;
-        else
-            tarvex_error_discard(next);
+        tarvex::Result next(read(policy.get()));
+        if (first.ok())
+            first = std::move(next);
     }
-    return result;
+    return first.release();
 }
 
 } // namespace

@@ -27,6 +27,7 @@
 #include "download_ranges.h"
 #include "range_answer.h"
 #include "tarvex_box_raii.h"
+#include "tarvex_result.h"
 
 int64_t tarvex_i_box_streams_minimum = int64_t{64} << 20;
 int64_t tarvex_i_box_stream_range_min = int64_t{8} << 20;
@@ -71,20 +72,17 @@ struct tarvex_l_box_flight_state {
     size_t head = 0;       /* the first range not wholly handed on */
     int writes_out = 0;
     std::chrono::steady_clock::time_point last_written;
-    tarvex_result_t failure = TARVEX_SUCCESS;
+    tarvex::Result failure;
     std::atomic<bool> stopping{false};
     bool abandoned = false; /* the transfer was answered without some writes */
-
-    ~tarvex_l_box_flight_state() { tarvex_error_discard(failure); }
 
     /* The first failure is the transfer's; it stops everything.  Called
      * with the mutex held. */
     void fail(tarvex_result_t result)
     {
-        if (failure == TARVEX_SUCCESS)
-            failure = result;
-        else
-            tarvex_error_discard(result);
+        tarvex::Result failed(result);
+        if (failure.ok())
+            failure = std::move(failed);
         stopping = true;
         cond.notify_all();
     }
@@ -311,27 +309,29 @@ void tarvex_l_box_range_flight::fetch_ranges()
 tarvex_result_t tarvex_l_box_range_flight::fetch(size_t index)
 {
     static const char *const wanted[] = {"Content-Range"};
-    tarvex_box_request_t download = {};
+    tarvex_l_box_fetch fetch = {state_.get(), index, size_, nullptr, {}, {}, {}};
+    tarvex_box_request_t download = {
+        .method = "GET",
+        .url = location_,
+        .read_callback = tarvex_l_box_take_range,
+        .read_callback_arg = &fetch,
+        .before_attempt = tarvex_l_box_ask_rest,
+        .before_attempt_arg = &fetch,
+        .wanted_headers = wanted,
+        .wanted_header_count = 1,
+        .attempts = attempts_,
+        .no_delay = true,
+        .translate_without_body = true,
+        .success_statuses = tarvex_l_box_body_statuses,
+        .success_status_count = 2,
+        .signed_url = true,
+        .caller = "tarvex_i_box_send",
+        .abandon = tarvex_l_box_give_up,
+        .abandon_arg = state_.get(),
+    };
     tarvex_box_request_guard guard{&download};
-    tarvex_l_box_fetch fetch = {state_.get(), index, size_, &download, {}, {}, {}};
+    fetch.request = &download;
     fetch.answer.request = &download;
-    download.caller = "tarvex_i_box_send";
-    download.method = "GET";
-    download.url = location_;
-    download.signed_url = true;
-    download.attempts = attempts_;
-    download.no_delay = true;
-    download.translate_without_body = true;
-    download.success_statuses = tarvex_l_box_body_statuses;
-    download.success_status_count = 2;
-    download.wanted_headers = wanted;
-    download.wanted_header_count = 1;
-    download.read_callback = tarvex_l_box_take_range;
-    download.read_callback_arg = &fetch;
-    download.before_attempt = tarvex_l_box_ask_rest;
-    download.before_attempt_arg = &fetch;
-    download.abandon = tarvex_l_box_give_up;
-    download.abandon_arg = state_.get();
     tarvex_result_t result = tarvex_box_request(box_, &download);
     if (result != TARVEX_SUCCESS && fetch.answer.refusal != nullptr) {
         tarvex_error_discard(result);
@@ -404,7 +404,7 @@ tarvex_result_t tarvex_l_box_range_flight::run()
 {
     tarvex_l_box_flight_state &state = *state_;
     std::unique_lock<std::mutex> lock(state.mutex);
-    while (state.head < state.ranges.size() && state.failure == TARVEX_SUCCESS) {
+    while (state.head < state.ranges.size() && state.failure.ok()) {
         if (hand_on(lock))
             continue;
         if (state.cond.wait_for(lock, tarvex_l_box_tick) == std::cv_status::timeout &&
@@ -412,8 +412,7 @@ tarvex_result_t tarvex_l_box_range_flight::run()
             state.fail(TARVEX_BOX_GENERIC_ERROR("%s", "The transfer was cancelled."));
     }
     wait_for_writes(lock);
-    tarvex_result_t result = state.failure;
-    state.failure = TARVEX_SUCCESS;
+    tarvex_result_t result = state.failure.release();
     lock.unlock();
     stop();
     return result;

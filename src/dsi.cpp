@@ -40,7 +40,7 @@ static const tarvex_version_t tarvex_l_box_version = {0, 26, 0, 0};
 
 extern "C" {
 
-tarvex_module_descriptor_t tarvex_gridftp_server_box_module = {
+TARVEX_API tarvex_module_descriptor_t tarvex_gridftp_server_box_module = {
     "tarvex_gridftp_server_box",
     tarvex_l_box_activate,
     tarvex_l_box_deactivate,

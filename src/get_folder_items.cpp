@@ -16,6 +16,7 @@
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 #include "listing_markers.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -37,12 +38,14 @@ tarvex_result_t tarvex_l_box_get(tarvex_box_session_t *box, const char *caller,
                                  const char *url, const tarvex_dsi_rest_key_array_t *query,
                                  tarvex_box_request_t *request)
 {
-    request->caller = caller;
-    request->method = "GET";
-    request->url = url;
-    request->query = query;
-    request->attempts = 2;
-    request->retry = &box->user_retry;
+    *request = {
+        .method = "GET",
+        .url = url,
+        .query = query,
+        .attempts = 2,
+        .retry = &box->user_retry,
+        .caller = caller,
+    };
     return tarvex_box_request(box, request);
 }
 
@@ -59,16 +62,9 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
     tarvex_box_path_info_t info = {};
     tarvex_box_info_guard guard{&info};
 
-    tarvex_result_t result = tarvex_box_object_info_parse(item, &info);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_object_info_parse(item, &info)).ok() ||
+        !tarvex::Result(tarvex_box_path_cache_update(&box->cache, &info, path)).ok())
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
-    }
-    result = tarvex_box_path_cache_update(&box->cache, &info, path);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
-        return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
-    }
     if (callback == nullptr)
         return TARVEX_SUCCESS;
     return callback(box, path, &info, callback_arg);

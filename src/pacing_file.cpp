@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include "pacing.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -38,9 +39,7 @@ public:
 
 tarvex_box_pacing_slot_t file_pacing::take_slot(tarvex_box_retry_t *retry)
 {
-    tarvex_result_t locked = tarvex_i_box_retry_state_lock(retry, true);
-    if (locked != TARVEX_SUCCESS) {
-        tarvex_error_discard(locked);
+    if (!tarvex::Result(tarvex_i_box_retry_state_lock(retry, true)).ok()) {
         TARVEX_L_BOX_DEBUG("sleep=%u lockfailed\n", retry->delay);
         sleep_usec(retry->delay);
         return {tarvex_box_pacing_slot_t::file, 0, retry->delay};
@@ -78,8 +77,7 @@ tarvex_box_pacing_slot_t file_pacing::take_slot(tarvex_box_retry_t *retry)
     /* Read while the lock still keeps everyone else from stamping. */
     const int64_t stamp_us =
         retry->shared->last.tv_sec * 1000000 + retry->shared->last.tv_nsec / 1000;
-    tarvex_result_t unlocked = tarvex_i_box_retry_state_unlock(retry);
-    tarvex_error_discard(unlocked);
+    tarvex_error_discard(tarvex_i_box_retry_state_unlock(retry));
     return {tarvex_box_pacing_slot_t::file, stamp_us, wait};
 }
 

@@ -34,6 +34,7 @@
 #include "upload_answer.h"
 #include "upload_parts.h"
 #include "upload_stream.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -549,20 +550,21 @@ tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
     tarvex_dsi_rest_key_array_t query = {1, query_pairs};
     tarvex_dsi_rest_key_value_t headers[] = {{"Content-Type", content_type}};
 
-    tarvex_box_request_t request = {};
+    tarvex_box_request_t request = {
+        .method = "POST",
+        .url = url.get(),
+        .query = &query,
+        .headers = headers,
+        .header_count = 1,
+        .write_callback = tarvex_dsi_rest_write_multipart,
+        .write_callback_arg = &multipart,
+        /* One attempt: the client's data is read from the data channel as
+         * it goes out and cannot be sent a second time. */
+        .attempts = 1,
+        .retry = &box->user_upload_retry,
+        .caller = "tarvex_i_box_recv_small",
+    };
     tarvex_box_request_guard guard{&request};
-    request.caller = "tarvex_i_box_recv_small";
-    request.method = "POST";
-    request.url = url.get();
-    request.query = &query;
-    request.headers = headers;
-    request.header_count = 1;
-    request.write_callback = tarvex_dsi_rest_write_multipart;
-    request.write_callback_arg = &multipart;
-    /* One attempt: the client's data is read from the data channel as it
-     * goes out and cannot be sent a second time. */
-    request.attempts = 1;
-    request.retry = &box->user_upload_retry;
     result = tarvex_box_request(box, &request);
     if (data.off_count) {
         tarvex_error_discard(result);
@@ -677,17 +679,18 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
         {"Transfer-Encoding", ""},
     };
     tarvex_dsi_rest_write_block_arg_t block = {text.get(), length};
-    tarvex_box_request_t request = {};
+    tarvex_box_request_t request = {
+        .method = "POST",
+        .url = url.get(),
+        .headers = headers,
+        .header_count = 3,
+        .write_callback = tarvex_dsi_rest_write_block,
+        .write_callback_arg = &block,
+        .attempts = 3,
+        .retry = &box->user_upload_retry,
+        .caller = "tarvex_i_box_create_upload_session",
+    };
     tarvex_box_request_guard guard{&request};
-    request.caller = "tarvex_i_box_create_upload_session";
-    request.method = "POST";
-    request.url = url.get();
-    request.headers = headers;
-    request.header_count = 3;
-    request.write_callback = tarvex_dsi_rest_write_block;
-    request.write_callback_arg = &block;
-    request.attempts = 3;
-    request.retry = &box->user_upload_retry;
     tarvex_result_t result = tarvex_box_request(box, &request);
     if (result != TARVEX_SUCCESS)
         return result;
@@ -703,9 +706,8 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
     /* The table keeps an open upload of this path and refuses a second
      * one: a fresh store over an upload that broke off in this login fails
      * here, after Box has opened the new session. */
-    result = tarvex_box_upload_state_update(&box->upload_state, upload, upload->name);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_upload_state_update(&box->upload_state, upload, upload->name))
+             .ok()) {
         tarvex_box_upload_session_free(upload);
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
     }
@@ -855,20 +857,21 @@ tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box
     tarvex_dsi_rest_key_array_t query = {1, query_pairs};
     tarvex_dsi_rest_write_block_arg_t block = {body.get(), length};
 
-    tarvex_box_request_t request = {};
+    tarvex_box_request_t request = {
+        .method = "POST",
+        .url = url.get(),
+        .query = &query,
+        .headers = headers,
+        .header_count = 4,
+        .write_callback = tarvex_dsi_rest_write_block,
+        .write_callback_arg = &block,
+        .attempts = 5,
+        /* No shared pacing: the commit waits only as Box or its 202s ask. */
+        .retry = nullptr,
+        .caller = "tarvex_i_box_commit_upload",
+        .check_answer = tarvex_l_box_commit_check,
+    };
     tarvex_box_request_guard guard{&request};
-    request.caller = "tarvex_i_box_commit_upload";
-    request.method = "POST";
-    request.url = url.get();
-    request.query = &query;
-    request.headers = headers;
-    request.header_count = 4;
-    request.write_callback = tarvex_dsi_rest_write_block;
-    request.write_callback_arg = &block;
-    request.attempts = 5;
-    /* No shared pacing: the commit waits only as Box or its 202s ask. */
-    request.retry = nullptr;
-    request.check_answer = tarvex_l_box_commit_check;
     result = tarvex_box_request(box, &request);
     const char *name = tarvex_l_box_base_name(info->pathname);
     if (name == nullptr) {

@@ -149,14 +149,16 @@ tarvex_result_t tarvex_l_box_ask_location(tarvex_box_session_t *box, const char 
                                           tarvex_box_request_t *content, const char **location)
 {
     static const char *const wanted[] = {"Location"};
-    content->caller = "tarvex_i_box_send";
-    content->method = "GET";
-    content->url = content_url;
-    content->wanted_headers = wanted;
-    content->wanted_header_count = 1;
-    content->attempts = tarvex_l_box_range_attempts;
-    content->retry = &box->user_retry;
-    content->expected_status = 302;
+    *content = {
+        .method = "GET",
+        .url = content_url,
+        .wanted_headers = wanted,
+        .wanted_header_count = 1,
+        .attempts = tarvex_l_box_range_attempts,
+        .retry = &box->user_retry,
+        .expected_status = 302,
+        .caller = "tarvex_i_box_send",
+    };
     tarvex_l_box_range_headers(range, content);
 
     tarvex_result_t result = tarvex_box_request(box, content);
@@ -204,27 +206,28 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
     }
 
     static const char *const wanted[] = {"Content-Range"};
-    tarvex_box_request_t download = {};
+    tarvex_box_request_t download = {
+        .method = "GET",
+        .url = location,
+        .read_callback = tarvex_l_box_take_body,
+        .read_callback_arg = &range,
+        .before_attempt = tarvex_l_box_resume,
+        .before_attempt_arg = &range,
+        .wanted_headers = wanted,
+        .wanted_header_count = 1,
+        .attempts = attempts,
+        /* Only the API requests are paced: the content request just was,
+         * and the download goes to the host its redirect names. */
+        .no_delay = true,
+        .translate_without_body = true, /* the body went to the client */
+        /* A download is good only when it brought the bytes. */
+        .success_statuses = tarvex_l_box_body_statuses,
+        .success_status_count = 2,
+        /* The link is signed: it goes without the token, wherever it points. */
+        .signed_url = true,
+        .caller = "tarvex_i_box_send",
+    };
     tarvex_box_request_guard download_guard{&download};
-    download.caller = "tarvex_i_box_send";
-    download.method = "GET";
-    download.url = location;
-    /* The link is signed: it goes without the token, wherever it points. */
-    download.signed_url = true;
-    download.attempts = attempts;
-    /* Only the API requests are paced: the content request just was, and
-     * the download goes to the host its redirect names. */
-    download.no_delay = true;
-    download.translate_without_body = true; /* the body went to the client */
-    /* A download is good only when it brought the bytes. */
-    download.success_statuses = tarvex_l_box_body_statuses;
-    download.success_status_count = 2;
-    download.wanted_headers = wanted;
-    download.wanted_header_count = 1;
-    download.read_callback = tarvex_l_box_take_body;
-    download.read_callback_arg = &range;
-    download.before_attempt = tarvex_l_box_resume;
-    download.before_attempt_arg = &range;
     range.answer.request = &download;
     result = tarvex_box_request(box, &download);
     if (result != TARVEX_SUCCESS && range.answer.refusal != nullptr) {

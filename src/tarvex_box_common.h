@@ -21,8 +21,8 @@ extern "C" {
 
 /* ---- modules and the storage interface ---- */
 
-extern tarvex_module_descriptor_t tarvex_gridftp_server_box_module;
-extern tarvex_module_descriptor_t tarvex_i_box_common_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_gridftp_server_box_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_i_box_common_module;
 
 /* ---- debug log ---- */
 
@@ -132,8 +132,7 @@ void tarvex_box_error_add_info(tarvex_object_t *error,
         NULL, NULL, TARVEX_GFS_ERROR_GENERIC, TARVEX_BOX_SOURCE, __func__,       \
         __LINE__, __VA_ARGS__))
 /* The out-of-memory system error. */
-#define TARVEX_BOX_MALLOC_ERROR()                                               \
-    tarvex_i_gfs_error_system(NULL, errno, "System error%s%s", " in ", "malloc")
+#define TARVEX_BOX_MALLOC_ERROR() TARVEX_GFS_MALLOC_ERROR(NULL, errno)
 
 /* ---- item record ---- */
 

@@ -10,9 +10,10 @@
 #include <stdlib.h>
 
 #include <memory>
-#include <new>
+#include <utility>
 
 #include "tarvex_box_common.h"
+#include "tarvex_c_edge.h"
 
 /* A malloc'd string. */
 struct tarvex_box_free_deleter {
@@ -46,16 +47,15 @@ struct tarvex_box_info_guard {
 template <class Body>
 tarvex_result_t tarvex_box_guarded(Body &&body) noexcept
 {
-    try {
-        return body();
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        return TARVEX_BOX_MALLOC_ERROR();
-    } catch (...) {
+    return tarvex::at_c_edge_with(std::forward<Body>(body), []() -> tarvex_result_t {
+        if (tarvex::out_of_memory_thrown()) {
+            errno = ENOMEM;
+            return TARVEX_BOX_MALLOC_ERROR();
+        }
         return tarvex_error_put(tarvex_error_construct_error(
-            nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, TARVEX_BOX_SOURCE, "guarded", 0,
-            "%s", "Unexpected internal failure."));
-    }
+            nullptr, nullptr, TARVEX_GFS_ERROR_GENERIC, TARVEX_BOX_SOURCE, "guarded", 0, "%s",
+            "Unexpected internal failure."));
+    });
 }
 
 /*

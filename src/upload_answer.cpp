@@ -9,6 +9,7 @@
 #define TARVEX_BOX_SOURCE "recv"
 #include "upload_answer.h"
 #include "tarvex_box_raii.h"
+#include "tarvex_result.h"
 
 namespace {
 
@@ -50,11 +51,8 @@ tarvex_result_t tarvex_l_box_take_entry(tarvex_box_session_t *box,
         if (entry->md5 == nullptr)
             return TARVEX_BOX_MALLOC_ERROR();
     }
-    tarvex_result_t result = tarvex_box_path_cache_update(&box->cache, entry, file.parent->name);
-    if (result != TARVEX_SUCCESS) {
-        tarvex_error_discard(result);
+    if (!tarvex::Result(tarvex_box_path_cache_update(&box->cache, entry, file.parent->name)).ok())
         return TARVEX_BOX_GENERIC_ERROR("%s", "Failed cache update!");
-    }
     return TARVEX_SUCCESS;
 }
 
@@ -71,14 +69,12 @@ tarvex_result_t tarvex_l_box_take_answer(tarvex_box_session_t *box, json_t *answ
     for (size_t i = 0; i < json_array_size(entries); i++) {
         tarvex_box_path_info_t entry = {};
         tarvex_box_info_guard guard{&entry};
-        tarvex_result_t result = tarvex_box_object_info_parse(json_array_get(entries, i), &entry);
+        tarvex::Result parsed(tarvex_box_object_info_parse(json_array_get(entries, i), &entry));
         /* An entry without an id or a name cannot be addressed or cached:
          * as unusable as one that does not parse. */
-        if (result != TARVEX_SUCCESS || entry.id == nullptr || entry.name == nullptr) {
-            tarvex_error_discard(result);
+        if (!parsed.ok() || entry.id == nullptr || entry.name == nullptr)
             return TARVEX_BOX_GENERIC_ERROR("%s", "Failed info_parse!");
-        }
-        result = tarvex_l_box_take_entry(box, &entry, file);
+        tarvex_result_t result = tarvex_l_box_take_entry(box, &entry, file);
         if (result != TARVEX_SUCCESS)
             return result;
     }
@@ -143,11 +139,10 @@ tarvex_result_t tarvex_box_store_outcome(tarvex_box_session_t *box,
         return result;
     }
     bool stored = false;
-    tarvex_result_t looked = tarvex_l_box_look_up(box, file, &stored);
-    if (looked == TARVEX_SUCCESS && stored) {
+    tarvex::Result looked(tarvex_l_box_look_up(box, file, &stored));
+    if (looked.ok() && stored) {
         tarvex_error_discard(result);
         return TARVEX_SUCCESS;
     }
-    tarvex_error_discard(looked);
     return result;
 }

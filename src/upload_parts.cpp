@@ -23,6 +23,7 @@
 #define TARVEX_BOX_SOURCE "recv"
 #include "tarvex_box_raii.h"
 #include "upload_parts.h"
+#include "tarvex_result.h"
 
 /* ---- one part ---- */
 
@@ -147,16 +148,18 @@ tarvex_result_t tarvex_box_part_put::prepare(const tarvex_box_upload_session_t *
     /* The block writer only reads its data. */
     block_ = {const_cast<tarvex_byte_t *>(data), length};
 
-    request.caller = "tarvex_i_box_upload_parts";
-    request.method = "PUT";
-    request.url = url;
-    request.headers = headers_;
-    request.header_count = 3;
-    request.write_callback = tarvex_dsi_rest_write_block;
-    request.write_callback_arg = &block_;
-    request.attempts = 3;
-    request.no_delay = true;
-    request.progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms;
+    request = {
+        .method = "PUT",
+        .url = url,
+        .headers = headers_,
+        .header_count = 3,
+        .write_callback = tarvex_dsi_rest_write_block,
+        .write_callback_arg = &block_,
+        .attempts = 3,
+        .no_delay = true,
+        .progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms,
+        .caller = "tarvex_i_box_upload_parts",
+    };
     return TARVEX_SUCCESS;
 }
 
@@ -238,7 +241,7 @@ private:
     std::map<int, tarvex_l_box_done_part> done_;
     int prefix_;          /* the first part the record lacks */
     bool last_unlisted_ = false;
-    tarvex_result_t failure_ = TARVEX_SUCCESS;
+    tarvex::Result failure_;
     std::atomic<int> failed_index_{INT_MAX}; /* failure_'s part */
     bool closing_ = false;
 
@@ -289,12 +292,10 @@ void tarvex_l_box_part_flight::stop()
  * boundary the record stops at.  Called with the mutex held. */
 void tarvex_l_box_part_flight::fail(int index, tarvex_result_t result)
 {
-    if (index >= failed_index_) {
-        tarvex_error_discard(result);
+    tarvex::Result failure(result);
+    if (index >= failed_index_)
         return;
-    }
-    tarvex_error_discard(failure_);
-    failure_ = result;
+    failure_ = std::move(failure);
     failed_index_ = index;
     cond_.notify_all();
 }
@@ -331,7 +332,7 @@ tarvex_l_box_slot *tarvex_l_box_part_flight::free_slot()
 {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        if (failure_ != TARVEX_SUCCESS)
+        if (!failure_.ok())
             return nullptr;
         for (auto &slot : slots_)
             if (!slot->busy)
@@ -408,8 +409,7 @@ tarvex_result_t tarvex_l_box_part_flight::run(int first_part)
  * whose answer named no part, as the one-at-a-time uploader makes it. */
 tarvex_result_t tarvex_l_box_part_flight::outcome()
 {
-    tarvex_result_t result = failure_;
-    failure_ = TARVEX_SUCCESS;
+    tarvex_result_t result = failure_.release();
     if (result == TARVEX_SUCCESS && last_unlisted_)
         return TARVEX_BOX_GENERIC_ERROR("%s", "invalid part upload response");
     return result;

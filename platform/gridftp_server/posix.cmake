@@ -10,7 +10,7 @@ add_library(tarvex_gridftp_server_posix SHARED
   posix/checksum.cpp
   posix/transfer.cpp)
 target_link_libraries(tarvex_gridftp_server_posix PRIVATE
-  tarvex_gridftp_server tarvex_common PkgConfig::JANSSON OpenSSL::Crypto)
+  tarvex_gridftp_server tarvex_common tarvex_common_internal PkgConfig::JANSSON OpenSSL::Crypto)
 # Installed beside the libraries it links, where the server looks for it.
 set_target_properties(tarvex_gridftp_server_posix PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS tarvex_gridftp_server_posix LIBRARY DESTINATION ${TARVEX_INSTALL_LIBDIR})

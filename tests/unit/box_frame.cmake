@@ -11,8 +11,8 @@ add_executable(box_frame_test
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_cache_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_journal_file_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_digest_pipe_test.cpp)
-target_link_libraries(box_frame_test PRIVATE tarvex_box_internal tarvex_test_driver
-  tarvex_test_error_check GTest::gtest_main)
+target_link_libraries(box_frame_test PRIVATE tarvex_box_legacy_digests tarvex_box_internal
+  tarvex_test_driver tarvex_test_error_check GTest::gtest_main)
 gtest_discover_tests(box_frame_test PROPERTIES LABELS unit)
 
 # The plug-in loaded by name, as the server does: not linked in.

@@ -23,7 +23,7 @@ extern "C" {
 
 /* The runtime's own module.  Activate it before using results, errors,
  * debug handles or extensions; every activation is reference counted. */
-extern tarvex_module_descriptor_t tarvex_i_common_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_i_common_module;
 
 #ifdef __cplusplus
 }

@@ -52,21 +52,21 @@ typedef struct tarvex_debug_handle_s {
 
 /* Fills `handle` from the variable.  Returns 0; non-zero only for invalid
  * arguments or when memory runs out (the handle is then left off). */
-int tarvex_debug_init(const char *env_name, const char *level_names,
-                      tarvex_debug_handle_t *handle);
+TARVEX_API int tarvex_debug_init(const char *env_name, const char *level_names,
+                                 tarvex_debug_handle_t *handle);
 
 /* Closes a stream the init opened and turns the handle off. */
-void tarvex_debug_close(tarvex_debug_handle_t *handle);
+TARVEX_API void tarvex_debug_close(tarvex_debug_handle_t *handle);
 
 /* Parses a LEVELS field against `level_names` (exposed for tests). */
-unsigned tarvex_debug_parse_levels(const char *text, const char *level_names);
+TARVEX_API unsigned tarvex_debug_parse_levels(const char *text, const char *level_names);
 
 /* Prints one line at `level` when the level is enabled: the line is
  * "<prefix>: <level name>: <pid>: <text>", locked against other threads.
  * A convenience for the platform's own modules. */
-void tarvex_debug_printf(tarvex_debug_handle_t *handle, unsigned level,
-                         const char *prefix, const char *level_name,
-                         const char *format, ...)
+TARVEX_API void tarvex_debug_printf(tarvex_debug_handle_t *handle, unsigned level,
+                                    const char *prefix, const char *level_name,
+                                    const char *format, ...)
     __attribute__((format(printf, 5, 6)));
 
 #ifdef __cplusplus

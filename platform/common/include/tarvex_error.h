@@ -40,12 +40,12 @@ typedef struct tarvex_error_class_s {
 } tarvex_error_class_t;
 
 /* The base error type.  Its printable form is the message. */
-extern const tarvex_object_type_t TARVEX_ERROR_TYPE_BASE_DEFINITION;
+TARVEX_API extern const tarvex_object_type_t TARVEX_ERROR_TYPE_BASE_DEFINITION;
 #define TARVEX_ERROR_TYPE_BASE (&TARVEX_ERROR_TYPE_BASE_DEFINITION)
 
 /* An error that also carries an errno value.  Printable form: the message,
  * ": ", and strerror of the errno. */
-extern const tarvex_object_type_t TARVEX_ERROR_TYPE_ERRNO_DEFINITION;
+TARVEX_API extern const tarvex_object_type_t TARVEX_ERROR_TYPE_ERRNO_DEFINITION;
 #define TARVEX_ERROR_TYPE_ERRNO (&TARVEX_ERROR_TYPE_ERRNO_DEFINITION)
 
 /* ---- the process error table ---- */
@@ -53,33 +53,33 @@ extern const tarvex_object_type_t TARVEX_ERROR_TYPE_ERRNO_DEFINITION;
 /* Stores `error` (the table owns it now) and returns its handle.  NULL
  * gives TARVEX_FAILURE, and so does a table that could not be allocated
  * (the error is freed then). */
-tarvex_result_t tarvex_error_put(tarvex_object_t *error);
+TARVEX_API tarvex_result_t tarvex_error_put(tarvex_object_t *error);
 
 /* The error behind `result`, still owned by the table; NULL for
  * TARVEX_SUCCESS, TARVEX_FAILURE and unknown handles. */
-tarvex_object_t *tarvex_error_peek(tarvex_result_t result);
+TARVEX_API tarvex_object_t *tarvex_error_peek(tarvex_result_t result);
 
 /* Takes the error out of the table: the caller owns it now. */
-tarvex_object_t *tarvex_error_get(tarvex_result_t result);
+TARVEX_API tarvex_object_t *tarvex_error_get(tarvex_result_t result);
 
 /* Takes the error out of the table and frees it: for a result that is
  * replaced by another or deliberately not reported.  Does nothing for
  * TARVEX_SUCCESS, TARVEX_FAILURE and unknown handles. */
-void tarvex_error_discard(tarvex_result_t result);
+TARVEX_API void tarvex_error_discard(tarvex_result_t result);
 
 /* Number of errors the table holds now (for tests and diagnostics). */
-size_t tarvex_error_table_count(void);
+TARVEX_API size_t tarvex_error_table_count(void);
 
 /* ---- base errors ---- */
 
 /* New base error.  `cause` becomes owned by the new error.  The message is
  * formatted from `format` (NULL: no message).  NULL when memory runs out
  * (the cause is freed then). */
-tarvex_object_t *tarvex_error_construct_error(
+TARVEX_API tarvex_object_t *tarvex_error_construct_error(
     struct tarvex_module_descriptor_s *module, tarvex_object_t *cause, int type,
     const char *file, const char *function, int line, const char *format, ...)
     __attribute__((format(printf, 7, 8)));
-tarvex_object_t *tarvex_error_v_construct_error(
+TARVEX_API tarvex_object_t *tarvex_error_v_construct_error(
     struct tarvex_module_descriptor_s *module, tarvex_object_t *cause, int type,
     const char *file, const char *function, int line, const char *format,
     va_list ap) __attribute__((format(printf, 7, 0)));
@@ -87,7 +87,7 @@ tarvex_object_t *tarvex_error_v_construct_error(
 /* Fills the base level of an object of any error type (used by the
  * constructors of derived types).  Returns `error`, or NULL when it is not
  * an error or memory runs out. */
-tarvex_object_t *tarvex_error_initialize_error(
+TARVEX_API tarvex_object_t *tarvex_error_initialize_error(
     tarvex_object_t *error, struct tarvex_module_descriptor_s *module,
     tarvex_object_t *cause, int type, const char *file, const char *function,
     int line, const char *format, va_list ap) __attribute__((format(printf, 8, 0)));
@@ -97,44 +97,44 @@ tarvex_object_t *tarvex_error_initialize_error(
     tarvex_error_construct_error((module), (cause), (type), __FILE__, __func__, \
                                  __LINE__, __VA_ARGS__)
 
-bool tarvex_error_is_error(const tarvex_object_t *object);
+TARVEX_API bool tarvex_error_is_error(const tarvex_object_t *object);
 
 /* Accessors of the base level; NULL / 0 when the object has none. */
-tarvex_object_t *tarvex_error_get_cause(const tarvex_object_t *error);
+TARVEX_API tarvex_object_t *tarvex_error_get_cause(const tarvex_object_t *error);
 /* Replaces the cause (the old one is freed; the new one becomes owned). */
-void tarvex_error_set_cause(tarvex_object_t *error, tarvex_object_t *cause);
-int tarvex_error_get_type(const tarvex_object_t *error);
-struct tarvex_module_descriptor_s *tarvex_error_get_source(const tarvex_object_t *error);
-const char *tarvex_error_get_message(const tarvex_object_t *error);
-const char *tarvex_error_get_file(const tarvex_object_t *error);
-const char *tarvex_error_get_function(const tarvex_object_t *error);
-int tarvex_error_get_line(const tarvex_object_t *error);
+TARVEX_API void tarvex_error_set_cause(tarvex_object_t *error, tarvex_object_t *cause);
+TARVEX_API int tarvex_error_get_type(const tarvex_object_t *error);
+TARVEX_API struct tarvex_module_descriptor_s *tarvex_error_get_source(const tarvex_object_t *error);
+TARVEX_API const char *tarvex_error_get_message(const tarvex_object_t *error);
+TARVEX_API const char *tarvex_error_get_file(const tarvex_object_t *error);
+TARVEX_API const char *tarvex_error_get_function(const tarvex_object_t *error);
+TARVEX_API int tarvex_error_get_line(const tarvex_object_t *error);
 
 /* True when `error` or an error in its cause chain has the source module
  * `module` and the type number `type`. */
-bool tarvex_error_match(const tarvex_object_t *error,
-                        const struct tarvex_module_descriptor_s *module, int type);
+TARVEX_API bool tarvex_error_match(const tarvex_object_t *error,
+                                   const struct tarvex_module_descriptor_s *module, int type);
 
 /* ---- errno errors ---- */
 
-tarvex_object_t *tarvex_error_construct_errno_error(
+TARVEX_API tarvex_object_t *tarvex_error_construct_errno_error(
     struct tarvex_module_descriptor_s *module, tarvex_object_t *cause,
     int system_errno, const char *file, const char *function, int line,
     const char *format, ...) __attribute__((format(printf, 7, 8)));
 /* The errno of the nearest errno error in the chain, or 0. */
-int tarvex_error_errno_get_errno(const tarvex_object_t *error);
+TARVEX_API int tarvex_error_errno_get_errno(const tarvex_object_t *error);
 
 /* ---- printing ---- */
 
 /* The printable form of one error (its type's printable function); NULL
  * when it has none. */
-char *tarvex_error_print_one(const tarvex_object_t *error);
+TARVEX_API char *tarvex_error_print_one(const tarvex_object_t *error);
 
 /* The whole cause chain, outermost first: each error's printable form,
  * joined by line feeds (an error whose printable form is empty or NULL
  * contributes nothing).  Allocated; never NULL for a non-NULL argument
  * unless memory runs out; "" for NULL. */
-char *tarvex_error_print_chain(const tarvex_object_t *error);
+TARVEX_API char *tarvex_error_print_chain(const tarvex_object_t *error);
 
 #ifdef __cplusplus
 }

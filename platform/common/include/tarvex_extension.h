@@ -28,31 +28,31 @@ typedef struct tarvex_extension_registry_s {
 
 /* Adds `symbol` (a string, copied) with `data`.  Non-zero when the symbol
  * is already present or memory runs out. */
-int tarvex_extension_registry_add(tarvex_extension_registry_t *registry,
-                                  const void *symbol,
-                                  tarvex_module_descriptor_t *module, void *data);
+TARVEX_API int tarvex_extension_registry_add(tarvex_extension_registry_t *registry,
+                                             const void *symbol,
+                                             tarvex_module_descriptor_t *module, void *data);
 /* Removes the symbol; returns its datum or NULL. */
-void *tarvex_extension_registry_remove(tarvex_extension_registry_t *registry,
-                                       const void *symbol);
+TARVEX_API void *tarvex_extension_registry_remove(tarvex_extension_registry_t *registry,
+                                                  const void *symbol);
 /* The datum of the symbol, or NULL. */
-void *tarvex_extension_lookup(tarvex_extension_registry_t *registry,
-                              const void *symbol);
+TARVEX_API void *tarvex_extension_lookup(tarvex_extension_registry_t *registry,
+                                         const void *symbol);
 /* The module that added the symbol, or NULL. */
-tarvex_module_descriptor_t *tarvex_extension_registry_module(
+TARVEX_API tarvex_module_descriptor_t *tarvex_extension_registry_module(
     tarvex_extension_registry_t *registry, const void *symbol);
 
 /* Colon-separated directories searched first (copied; NULL clears). */
-void tarvex_extension_set_search_path(const char *path);
+TARVEX_API void tarvex_extension_set_search_path(const char *path);
 
 /* Loads libNAME.so and activates NAME_module.  0 on success; non-zero
  * (with a message in tarvex_extension_last_error()) when the library or
  * symbol cannot be found, or the activation fails.  Activating a loaded
  * extension again only counts a reference. */
-int tarvex_extension_activate(const char *extension_name);
+TARVEX_API int tarvex_extension_activate(const char *extension_name);
 /* Deactivates the module and unloads the library on the last reference. */
-int tarvex_extension_deactivate(const char *extension_name);
+TARVEX_API int tarvex_extension_deactivate(const char *extension_name);
 /* Text describing the last failure of this thread's activate, or "". */
-const char *tarvex_extension_last_error(void);
+TARVEX_API const char *tarvex_extension_last_error(void);
 
 #ifdef __cplusplus
 }

@@ -27,25 +27,25 @@ typedef int (*tarvex_hashtable_hash_func_t)(void *key, int limit);
 typedef int (*tarvex_hashtable_keyeq_func_t)(void *key1, void *key2);
 typedef void (*tarvex_hashtable_destructor_func_t)(void *datum);
 
-int tarvex_hashtable_init(tarvex_hashtable_t *table, int size,
-                          tarvex_hashtable_hash_func_t hash_func,
-                          tarvex_hashtable_keyeq_func_t keyeq_func);
-int tarvex_hashtable_insert(tarvex_hashtable_t *table, void *key, void *datum);
-void *tarvex_hashtable_lookup(tarvex_hashtable_t *table, void *key);
-void *tarvex_hashtable_remove(tarvex_hashtable_t *table, void *key);
-int tarvex_hashtable_size(tarvex_hashtable_t *table);
-int tarvex_hashtable_destroy_all(tarvex_hashtable_t *table,
-                                 tarvex_hashtable_destructor_func_t element_free);
-int tarvex_hashtable_destroy(tarvex_hashtable_t *table);
+TARVEX_API int tarvex_hashtable_init(tarvex_hashtable_t *table, int size,
+                                     tarvex_hashtable_hash_func_t hash_func,
+                                     tarvex_hashtable_keyeq_func_t keyeq_func);
+TARVEX_API int tarvex_hashtable_insert(tarvex_hashtable_t *table, void *key, void *datum);
+TARVEX_API void *tarvex_hashtable_lookup(tarvex_hashtable_t *table, void *key);
+TARVEX_API void *tarvex_hashtable_remove(tarvex_hashtable_t *table, void *key);
+TARVEX_API int tarvex_hashtable_size(tarvex_hashtable_t *table);
+TARVEX_API int tarvex_hashtable_destroy_all(tarvex_hashtable_t *table,
+                                            tarvex_hashtable_destructor_func_t element_free);
+TARVEX_API int tarvex_hashtable_destroy(tarvex_hashtable_t *table);
 
 /* Calls `func` on every entry; stop early by returning non-zero. */
 typedef int (*tarvex_hashtable_visit_func_t)(void *key, void *datum, void *arg);
-void tarvex_hashtable_foreach(tarvex_hashtable_t *table,
-                              tarvex_hashtable_visit_func_t func, void *arg);
+TARVEX_API void tarvex_hashtable_foreach(tarvex_hashtable_t *table,
+                                         tarvex_hashtable_visit_func_t func, void *arg);
 
 /* Hash and equality for NUL-terminated strings (exact, case matters). */
-int tarvex_hashtable_string_hash(void *string, int limit);
-int tarvex_hashtable_string_keyeq(void *string1, void *string2);
+TARVEX_API int tarvex_hashtable_string_hash(void *string, int limit);
+TARVEX_API int tarvex_hashtable_string_keyeq(void *string1, void *string2);
 
 #ifdef __cplusplus
 }

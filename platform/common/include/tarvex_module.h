@@ -40,11 +40,11 @@ typedef struct tarvex_module_descriptor_s {
 
 /* 0 on success, else the activation function's non-zero result (-1,
  * without calling it, for NULL or when memory runs out). */
-int tarvex_module_activate(tarvex_module_descriptor_t *module);
+TARVEX_API int tarvex_module_activate(tarvex_module_descriptor_t *module);
 /* 0 on success; deactivating an inactive module returns non-zero. */
-int tarvex_module_deactivate(tarvex_module_descriptor_t *module);
+TARVEX_API int tarvex_module_deactivate(tarvex_module_descriptor_t *module);
 /* Current activation count (0: inactive). */
-int tarvex_module_activation_count(const tarvex_module_descriptor_t *module);
+TARVEX_API int tarvex_module_activation_count(const tarvex_module_descriptor_t *module);
 
 #ifdef __cplusplus
 }

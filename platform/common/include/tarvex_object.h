@@ -30,41 +30,41 @@ typedef struct tarvex_object_type_s {
 
 /* New object of `type` with every level's instance data NULL; NULL when
  * memory runs out. */
-tarvex_object_t *tarvex_object_construct(const tarvex_object_type_t *type);
+TARVEX_API tarvex_object_t *tarvex_object_construct(const tarvex_object_type_t *type);
 
 /* Calls each level's destructor (most derived first) and frees the object.
  * Accepts NULL. */
-void tarvex_object_free(tarvex_object_t *object);
+TARVEX_API void tarvex_object_free(tarvex_object_t *object);
 
 /* Deep copy: every level's data through that level's copy function (a level
  * without one, or with NULL data, copies as NULL).  NULL on failure. */
-tarvex_object_t *tarvex_object_copy(const tarvex_object_t *object);
+TARVEX_API tarvex_object_t *tarvex_object_copy(const tarvex_object_t *object);
 
-const tarvex_object_type_t *tarvex_object_get_type(const tarvex_object_t *object);
+TARVEX_API const tarvex_object_type_t *tarvex_object_get_type(const tarvex_object_t *object);
 
 /* True when `type` is `ancestor` or descends from it. */
-bool tarvex_object_type_match(const tarvex_object_type_t *type,
-                              const tarvex_object_type_t *ancestor);
+TARVEX_API bool tarvex_object_type_match(const tarvex_object_type_t *type,
+                                         const tarvex_object_type_t *ancestor);
 
 /* Instance data of the object's own (most derived) level. */
-void tarvex_object_set_local_instance_data(tarvex_object_t *object, void *data);
-void *tarvex_object_get_local_instance_data(const tarvex_object_t *object);
+TARVEX_API void tarvex_object_set_local_instance_data(tarvex_object_t *object, void *data);
+TARVEX_API void *tarvex_object_get_local_instance_data(const tarvex_object_t *object);
 
 /* Instance data of the level of `type`, which must be the object's type or
  * one of its ancestors.  set returns non-zero when `type` is not in the
  * object's chain; get returns NULL then.  set does not free older data. */
-int tarvex_object_set_instance_data(tarvex_object_t *object,
-                                    const tarvex_object_type_t *type, void *data);
-void *tarvex_object_get_instance_data(const tarvex_object_t *object,
-                                      const tarvex_object_type_t *type);
+TARVEX_API int tarvex_object_set_instance_data(tarvex_object_t *object,
+                                               const tarvex_object_type_t *type, void *data);
+TARVEX_API void *tarvex_object_get_instance_data(const tarvex_object_t *object,
+                                                 const tarvex_object_type_t *type);
 
 /* Class data of the object's own type. */
-const void *tarvex_object_get_class_data(const tarvex_object_t *object);
+TARVEX_API const void *tarvex_object_get_class_data(const tarvex_object_t *object);
 
 /* Printable form of an error object (see tarvex_error.h): the printable
  * function of the nearest type in the chain that has one.  Allocated;
  * NULL for objects without one. */
-char *tarvex_object_printable_to_string(const tarvex_object_t *object);
+TARVEX_API char *tarvex_object_printable_to_string(const tarvex_object_t *object);
 
 #ifdef __cplusplus
 }

@@ -11,9 +11,9 @@ extern "C" {
 
 /* printf into a newly allocated string (free with free()); NULL when memory
  * runs out or the format fails. */
-char *tarvex_common_create_string(const char *format, ...)
+TARVEX_API char *tarvex_common_create_string(const char *format, ...)
     __attribute__((format(printf, 1, 2)));
-char *tarvex_common_v_create_string(const char *format, va_list ap)
+TARVEX_API char *tarvex_common_v_create_string(const char *format, va_list ap)
     __attribute__((format(printf, 1, 0)));
 
 #ifdef __cplusplus

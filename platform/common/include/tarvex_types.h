@@ -11,6 +11,13 @@ extern "C" {
 #endif
 
 /*
+ * What a library or plug-in exports: every library is built with hidden
+ * visibility, so its C API (and a plug-in's module descriptors) carry this
+ * and nothing else leaves the shared object.
+ */
+#define TARVEX_API __attribute__((visibility("default")))
+
+/*
  * The result of every operation: TARVEX_SUCCESS, or a handle on an error
  * object held in the process error table (see tarvex_error.h).
  * TARVEX_FAILURE is a bare failure value with no error object behind it.

@@ -15,7 +15,7 @@ typedef struct tarvex_uuid_s {
 } tarvex_uuid_t;
 
 /* 0 on success; non-zero when no randomness could be had. */
-int tarvex_uuid_create(tarvex_uuid_t *uuid);
+TARVEX_API int tarvex_uuid_create(tarvex_uuid_t *uuid);
 
 #ifdef __cplusplus
 }

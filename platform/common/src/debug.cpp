@@ -11,13 +11,13 @@
 #include <unistd.h>
 #include <vector>
 
-#include "c_edge.h"
+#include "tarvex_c_edge.h"
 #include "tarvex_debug.h"
 #include "tarvex_string.h"
 #include "tarvex_thread.h"
 #include "tarvex_time.h"
 
-using tarvex_common_internal::at_c_edge;
+using tarvex::at_c_edge;
 
 namespace {
 

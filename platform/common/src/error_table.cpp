@@ -10,10 +10,10 @@
 // that list (the oldest error) is evicted.  Free slots form a stack.
 #include <mutex>
 
-#include "c_edge.h"
+#include "tarvex_c_edge.h"
 #include "tarvex_error.h"
 
-using tarvex_common_internal::at_c_edge;
+using tarvex::at_c_edge;
 
 namespace {
 

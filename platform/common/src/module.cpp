@@ -12,10 +12,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "c_edge.h"
+#include "tarvex_c_edge.h"
 #include "tarvex_module.h"
 
-using tarvex_common_internal::at_c_edge;
+using tarvex::at_c_edge;
 
 namespace {
 

@@ -41,7 +41,7 @@
 extern "C" {
 #endif
 
-extern tarvex_module_descriptor_t tarvex_i_dsi_rest_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_i_dsi_rest_module;
 
 /* ---- key arrays: query parameters, request headers, wanted headers ---- */
 
@@ -122,7 +122,7 @@ typedef struct tarvex_dsi_rest_callbacks_s {
  * The body of an answer with status 300 or above is never handed to
  * tarvex_dsi_rest_read_gridftp_op: error pages do not land in a transfer.
  */
-tarvex_result_t tarvex_dsi_rest_request(
+TARVEX_API tarvex_result_t tarvex_dsi_rest_request(
     const char *method, const char *url,
     const tarvex_dsi_rest_key_array_t *query,
     const tarvex_dsi_rest_key_array_t *headers,
@@ -132,17 +132,17 @@ tarvex_result_t tarvex_dsi_rest_request(
  * refused or reset, time-out (including the idle time-out), a partial
  * transfer, a send or receive error.  False for everything else
  * (TARVEX_SUCCESS, resolve and TLS failures, callback failures, ...). */
-bool tarvex_dsi_rest_error_is_retryable(tarvex_result_t result);
+TARVEX_API bool tarvex_dsi_rest_error_is_retryable(tarvex_result_t result);
 
 /* CA bundle used to verify servers (NULL: the system's). */
-void tarvex_dsi_rest_set_ca_file(const char *path);
+TARVEX_API void tarvex_dsi_rest_set_ca_file(const char *path);
 
 /* Closes this thread's cached connections. */
-void tarvex_dsi_rest_close_connections(void);
+TARVEX_API void tarvex_dsi_rest_close_connections(void);
 
 /* Number of new connections this process has opened (for benchmarks and
  * tests of connection reuse). */
-uint64_t tarvex_dsi_rest_connections_opened(void);
+TARVEX_API uint64_t tarvex_dsi_rest_connections_opened(void);
 
 /* Error types of the REST client's own errors (source module
  * tarvex_i_dsi_rest_module). */
@@ -186,10 +186,10 @@ enum {
 
 /* Sets the JSON limit in bytes for the whole process; 0 goes back to the
  * environment variable, or the default. */
-void tarvex_dsi_rest_set_json_limit(size_t bytes);
+TARVEX_API void tarvex_dsi_rest_set_json_limit(size_t bytes);
 
 /* The JSON limit in force. */
-size_t tarvex_dsi_rest_json_limit(void);
+TARVEX_API size_t tarvex_dsi_rest_json_limit(void);
 
 /* ---- stock callbacks ---- */
 
@@ -207,13 +207,13 @@ typedef struct tarvex_dsi_rest_response_arg_s {
 } tarvex_dsi_rest_response_arg_t;
 
 /* Response callback; argument: a tarvex_dsi_rest_response_arg_t. */
-tarvex_result_t tarvex_dsi_rest_response(
+TARVEX_API tarvex_result_t tarvex_dsi_rest_response(
     void *response_callback_arg, int response_code, const char *response_status,
     const tarvex_dsi_rest_key_array_t *response_headers);
 
 /* Frees the filled header values and zeroes the code and counts (the keys
  * stay). */
-void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg);
+TARVEX_API void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg);
 
 /* Read callback: parses the whole body as JSON into *(json_t **)arg (NULL
  * for an empty body; an unparsable body fails the request with a
@@ -221,22 +221,22 @@ void tarvex_dsi_rest_response_arg_clear(tarvex_dsi_rest_response_arg_t *arg);
  * status matters more than its page: there it gives NULL).  A body beyond
  * the limits on JSON answers (above) fails the request with a
  * TARVEX_DSI_REST_ERROR_TOO_LARGE error. */
-tarvex_result_t tarvex_dsi_rest_read_json(void *read_callback_arg, void *buffer,
-                                          size_t buffer_length);
+TARVEX_API tarvex_result_t tarvex_dsi_rest_read_json(void *read_callback_arg, void *buffer,
+                                                     size_t buffer_length);
 
 /* Write callback: sends the json_t * given as argument, compactly. */
-tarvex_result_t tarvex_dsi_rest_write_json(void *write_callback_arg, char *buffer,
-                                           size_t buffer_length,
-                                           size_t *bytes_written);
+TARVEX_API tarvex_result_t tarvex_dsi_rest_write_json(void *write_callback_arg, char *buffer,
+                                                      size_t buffer_length,
+                                                      size_t *bytes_written);
 
 /* Write callback: sends a block of memory. */
 typedef struct tarvex_dsi_rest_write_block_arg_s {
     void *block_data;
     size_t block_len;
 } tarvex_dsi_rest_write_block_arg_t;
-tarvex_result_t tarvex_dsi_rest_write_block(void *write_callback_arg, char *buffer,
-                                            size_t buffer_length,
-                                            size_t *bytes_written);
+TARVEX_API tarvex_result_t tarvex_dsi_rest_write_block(void *write_callback_arg, char *buffer,
+                                                       size_t buffer_length,
+                                                       size_t *bytes_written);
 
 /* Write callback: a multipart/form-data body.  The boundary is the one in
  * the request's "Content-Type" header ("...; boundary=XYZ").  Each part
@@ -252,9 +252,9 @@ typedef struct tarvex_dsi_rest_multipart_arg_s {
     tarvex_dsi_rest_write_part_t *parts;
 } tarvex_dsi_rest_multipart_arg_t;
 
-tarvex_result_t tarvex_dsi_rest_write_multipart(void *write_callback_arg,
-                                                char *buffer, size_t buffer_length,
-                                                size_t *bytes_written);
+TARVEX_API tarvex_result_t tarvex_dsi_rest_write_multipart(void *write_callback_arg,
+                                                           char *buffer, size_t buffer_length,
+                                                           size_t *bytes_written);
 
 /* Streaming to and from a server operation.
  * write: reads the client's upload from the operation with
@@ -274,17 +274,17 @@ typedef struct tarvex_dsi_rest_gridftp_op_arg_s {
     bool eof;
 } tarvex_dsi_rest_gridftp_op_arg_t;
 
-tarvex_result_t tarvex_dsi_rest_write_gridftp_op(void *write_callback_arg,
-                                                 char *buffer, size_t buffer_length,
-                                                 size_t *bytes_written);
-tarvex_result_t tarvex_dsi_rest_read_gridftp_op(void *read_callback_arg,
-                                                void *buffer, size_t buffer_length);
+TARVEX_API tarvex_result_t tarvex_dsi_rest_write_gridftp_op(void *write_callback_arg,
+                                                            char *buffer, size_t buffer_length,
+                                                            size_t *bytes_written);
+TARVEX_API tarvex_result_t tarvex_dsi_rest_read_gridftp_op(void *read_callback_arg,
+                                                           void *buffer, size_t buffer_length);
 
 /* Progress callback: the argument is a number of milliseconds itself
  * (not a pointer), cast to void *.  The request is abandoned with a
  * TARVEX_DSI_REST_ERROR_TIMEOUT error after that long without a byte moving
  * either way. */
-tarvex_result_t tarvex_dsi_rest_progress_idle_timeout(
+TARVEX_API tarvex_result_t tarvex_dsi_rest_progress_idle_timeout(
     void *progress_callback_arg, uint64_t total_read_expected,
     uint64_t read_so_far, uint64_t total_write_expected, uint64_t written_so_far);
 

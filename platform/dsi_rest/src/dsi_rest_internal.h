@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "tarvex_c_edge.h"
 #include "tarvex_dsi_rest.h"
 
 namespace tarvex_dsi_rest_internal {
@@ -92,11 +93,8 @@ void log_exception(const char *where) noexcept;
 template <class Body>
 tarvex_result_t guard_result(const char *where, Body &&body) noexcept
 {
-    try {
-        return body();
-    } catch (...) {
-        return exception_error(where);
-    }
+    return tarvex::at_c_edge_with(std::forward<Body>(body),
+                                  [where] { return exception_error(where); });
 }
 
 /* A body with nothing to report an error through: an exception is logged
@@ -104,21 +102,15 @@ tarvex_result_t guard_result(const char *where, Body &&body) noexcept
 template <class T, class Body>
 T guard_quiet(const char *where, T fallback, Body &&body) noexcept
 {
-    try {
-        return body();
-    } catch (...) {
+    return tarvex::at_c_edge_with(std::forward<Body>(body), [where, &fallback] {
         log_exception(where);
         return fallback;
-    }
+    });
 }
 template <class Body>
 void guard_quiet(const char *where, Body &&body) noexcept
 {
-    try {
-        body();
-    } catch (...) {
-        log_exception(where);
-    }
+    tarvex::at_c_edge_with(std::forward<Body>(body), [where] { log_exception(where); });
 }
 
 /* ---- key arrays (key_array.cpp) ---- */
@@ -278,12 +270,10 @@ private:
 template <class T, class Body>
 T guard_callback(RequestContext &ctx, const char *where, T abort, Body &&body) noexcept
 {
-    try {
-        return body();
-    } catch (...) {
+    return tarvex::at_c_edge_with(std::forward<Body>(body), [&ctx, where, abort] {
         ctx.fail(exception_error(where));
         return abort;
-    }
+    });
 }
 
 /* ---- stock callbacks' request hooks ---- */

@@ -25,18 +25,18 @@
 extern "C" {
 #endif
 
-extern tarvex_module_descriptor_t tarvex_i_gfs_module;
+TARVEX_API extern tarvex_module_descriptor_t tarvex_i_gfs_module;
 
 /* ---- the storage-interface registry ---- */
 
-extern tarvex_extension_registry_t tarvex_i_gfs_dsi_registry;
+TARVEX_API extern tarvex_extension_registry_t tarvex_i_gfs_dsi_registry;
 
 /* Loads the plug-in named `name` (libtarvex_gridftp_server_NAME.so through
  * the extension search path) and returns its table, or NULL with a
  * message in tarvex_extension_last_error(). */
-const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const char *name);
+TARVEX_API const struct tarvex_gfs_storage_iface_s *tarvex_gfs_dsi_load(const char *name);
 /* Deactivates a plug-in loaded with tarvex_gfs_dsi_load(). */
-void tarvex_gfs_dsi_unload(const char *name);
+TARVEX_API void tarvex_gfs_dsi_unload(const char *name);
 
 /* ---- checking a plug-in's configuration data ----
  *
@@ -69,11 +69,11 @@ typedef struct tarvex_gfs_config_checker_s {
     tarvex_gfs_config_check_func_t check;
 } tarvex_gfs_config_checker_t;
 
-extern tarvex_extension_registry_t tarvex_i_gfs_config_check_registry;
+TARVEX_API extern tarvex_extension_registry_t tarvex_i_gfs_config_check_registry;
 
 /* The checker the plug-in named `dsi` registered for `key`, or NULL. */
-const tarvex_gfs_config_checker_t *tarvex_gfs_config_checker_find(const char *dsi,
-                                                                  const char *key);
+TARVEX_API const tarvex_gfs_config_checker_t *tarvex_gfs_config_checker_find(const char *dsi,
+                                                                             const char *key);
 
 /* ---- descriptor flags ---- */
 
@@ -272,87 +272,87 @@ typedef void (*tarvex_gridftp_server_write_cb_t)(
 /* Session start: `session_arg` is handed back to every later call as
  * user_arg; `username` and `home_dir` may be NULL (the server keeps the
  * login name; "/" is the default home). */
-void tarvex_gridftp_server_finished_session_start(tarvex_gfs_operation_t op,
-                                                  tarvex_result_t result,
-                                                  void *session_arg,
-                                                  char *username, char *home_dir);
+TARVEX_API void tarvex_gridftp_server_finished_session_start(tarvex_gfs_operation_t op,
+                                                             tarvex_result_t result,
+                                                             void *session_arg,
+                                                             char *username, char *home_dir);
 
 /* The final answer of a stat: the entries (copied by the callee during the
  * call) and their number.  On failure the entries are ignored. */
-void tarvex_gridftp_server_finished_stat(
+TARVEX_API void tarvex_gridftp_server_finished_stat(
     tarvex_gfs_operation_t op, tarvex_result_t result,
     tarvex_gridftp_server_control_stat_t *stat_array, int stat_count);
 /* A batch of a listing sent before the final answer. */
-void tarvex_gridftp_server_finished_stat_partial(
+TARVEX_API void tarvex_gridftp_server_finished_stat_partial(
     tarvex_gfs_operation_t op, tarvex_result_t result,
     tarvex_gridftp_server_control_stat_t *stat_array, int stat_count);
 
 /* The final answer of a command.  `command_response` (may be NULL) is the
  * reply text: MKD's path, CKSM's checksum, ... */
-void tarvex_gridftp_server_finished_command(tarvex_gfs_operation_t op,
-                                            tarvex_result_t result,
-                                            char *command_response);
+TARVEX_API void tarvex_gridftp_server_finished_command(tarvex_gfs_operation_t op,
+                                                       tarvex_result_t result,
+                                                       char *command_response);
 /* A progress reply of a command still running (CKSM's bytes so far). */
-void tarvex_gridftp_server_intermediate_command(tarvex_gfs_operation_t op,
-                                                tarvex_result_t result,
-                                                char *command_response);
+TARVEX_API void tarvex_gridftp_server_intermediate_command(tarvex_gfs_operation_t op,
+                                                           tarvex_result_t result,
+                                                           char *command_response);
 
 /* Transfers: begin once (opens the data channel), finish once. */
-void tarvex_gridftp_server_begin_transfer(tarvex_gfs_operation_t op,
-                                          int event_mask, void *event_arg);
-void tarvex_gridftp_server_finished_transfer(tarvex_gfs_operation_t op,
-                                             tarvex_result_t result);
+TARVEX_API void tarvex_gridftp_server_begin_transfer(tarvex_gfs_operation_t op,
+                                                     int event_mask, void *event_arg);
+TARVEX_API void tarvex_gridftp_server_finished_transfer(tarvex_gfs_operation_t op,
+                                                        tarvex_result_t result);
 
 /* Send: the next range of the file to send; length -1 is to the end and 0
  * means nothing more is wanted. */
-void tarvex_gridftp_server_get_read_range(tarvex_gfs_operation_t op,
-                                          tarvex_off_t *offset,
-                                          tarvex_off_t *length);
+TARVEX_API void tarvex_gridftp_server_get_read_range(tarvex_gfs_operation_t op,
+                                                     tarvex_off_t *offset,
+                                                     tarvex_off_t *length);
 /* Receive: where the client's data goes in the file (offset, length -1 to
  * the end). */
-void tarvex_gridftp_server_get_write_range(tarvex_gfs_operation_t op,
-                                           tarvex_off_t *offset,
-                                           tarvex_off_t *length);
+TARVEX_API void tarvex_gridftp_server_get_write_range(tarvex_gfs_operation_t op,
+                                                      tarvex_off_t *offset,
+                                                      tarvex_off_t *length);
 
 /* Receive: asks for up to `length` bytes of the client's data into
  * `buffer`; `callback` runs on another thread when they are there. */
-tarvex_result_t tarvex_gridftp_server_register_read(
+TARVEX_API tarvex_result_t tarvex_gridftp_server_register_read(
     tarvex_gfs_operation_t op, tarvex_byte_t *buffer, tarvex_size_t length,
     tarvex_gridftp_server_read_cb_t callback, void *user_arg);
 /* Send: hands `length` bytes at file offset `offset` to the client;
  * `callback` runs (possibly on another thread) when the buffer may be
  * reused.  stripe_ndx: -1. */
-tarvex_result_t tarvex_gridftp_server_register_write(
+TARVEX_API tarvex_result_t tarvex_gridftp_server_register_write(
     tarvex_gfs_operation_t op, tarvex_byte_t *buffer, tarvex_size_t length,
     tarvex_off_t offset, int stripe_ndx,
     tarvex_gridftp_server_write_cb_t callback, void *user_arg);
 
-void tarvex_gridftp_server_update_bytes_recvd(tarvex_gfs_operation_t op,
-                                              tarvex_off_t length);
-void tarvex_gridftp_server_update_bytes_written(tarvex_gfs_operation_t op,
-                                                tarvex_off_t offset,
-                                                tarvex_off_t length);
+TARVEX_API void tarvex_gridftp_server_update_bytes_recvd(tarvex_gfs_operation_t op,
+                                                         tarvex_off_t length);
+TARVEX_API void tarvex_gridftp_server_update_bytes_written(tarvex_gfs_operation_t op,
+                                                           tarvex_off_t offset,
+                                                           tarvex_off_t length);
 
 /* Configuration data of the session by key ("config", "creds",
  * "renew-creds", ...): *data becomes an allocated text the caller frees,
  * or NULL when there is none. */
-tarvex_result_t tarvex_gridftp_server_get_config_data(tarvex_gfs_operation_t op,
-                                                      const char *key,
-                                                      char **data);
+TARVEX_API tarvex_result_t tarvex_gridftp_server_get_config_data(tarvex_gfs_operation_t op,
+                                                                 const char *key,
+                                                                 char **data);
 
 /* "ALG:PRIORITY;..." list of the checksums the plug-in computes. */
-void tarvex_gridftp_server_set_checksum_support(tarvex_gfs_operation_t op,
-                                                const char *cksm_str);
+TARVEX_API void tarvex_gridftp_server_set_checksum_support(tarvex_gfs_operation_t op,
+                                                           const char *cksm_str);
 /* Seconds between progress replies the client wants (0: none). */
-void tarvex_gridftp_server_get_update_interval(tarvex_gfs_operation_t op,
-                                               int *interval);
+TARVEX_API void tarvex_gridftp_server_get_update_interval(tarvex_gfs_operation_t op,
+                                                          int *interval);
 /* Modification time the client asked the stored file to get, or -1. */
-tarvex_result_t tarvex_gridftp_server_get_recv_modification_time(
+TARVEX_API tarvex_result_t tarvex_gridftp_server_get_recv_modification_time(
     tarvex_gfs_operation_t op, time_t *modtime);
-void tarvex_gridftp_server_get_block_size(tarvex_gfs_operation_t op,
-                                          tarvex_size_t *block_size);
-void tarvex_gridftp_server_get_optimal_concurrency(tarvex_gfs_operation_t op,
-                                                   int *count);
+TARVEX_API void tarvex_gridftp_server_get_block_size(tarvex_gfs_operation_t op,
+                                                     tarvex_size_t *block_size);
+TARVEX_API void tarvex_gridftp_server_get_optimal_concurrency(tarvex_gfs_operation_t op,
+                                                              int *count);
 
 /* ---- cancellation ----
  *
@@ -382,10 +382,10 @@ void tarvex_gridftp_server_get_optimal_concurrency(tarvex_gfs_operation_t op,
 
 /* True once `op` has been cancelled (it never becomes false again).
  * Cheap: made to be polled.  False for NULL. */
-bool tarvex_gridftp_server_operation_cancelled(tarvex_gfs_operation_t op);
+TARVEX_API bool tarvex_gridftp_server_operation_cancelled(tarvex_gfs_operation_t op);
 /* True when the calling thread's current operation has been cancelled;
  * false when the thread has none. */
-bool tarvex_gridftp_server_thread_cancelled(void);
+TARVEX_API bool tarvex_gridftp_server_thread_cancelled(void);
 
 /* ---- metrics ----
  *
@@ -468,21 +468,21 @@ typedef struct tarvex_gfs_operation_provider_s {
 
 /* A provider slot left NULL answers with a neutral default (no data, no
  * range, an error for register calls). */
-tarvex_gfs_operation_t tarvex_gfs_operation_create(
+TARVEX_API tarvex_gfs_operation_t tarvex_gfs_operation_create(
     const tarvex_gfs_operation_provider_t *provider, void *ctx);
-void tarvex_gfs_operation_destroy(tarvex_gfs_operation_t op);
-void *tarvex_gfs_operation_get_context(tarvex_gfs_operation_t op);
+TARVEX_API void tarvex_gfs_operation_destroy(tarvex_gfs_operation_t op);
+TARVEX_API void *tarvex_gfs_operation_get_context(tarvex_gfs_operation_t op);
 
 /* Cancels `op` (see "cancellation" above); any thread, any number of
  * times.  From then on the library refuses the operation's register_read
  * and register_write calls itself; the provider fails the ones it already
  * holds. */
-void tarvex_gfs_operation_cancel(tarvex_gfs_operation_t op);
+TARVEX_API void tarvex_gfs_operation_cancel(tarvex_gfs_operation_t op);
 /* Makes `op` the calling thread's current operation (NULL: none) and
  * returns the previous one.  Whoever calls a plug-in's table function sets
  * it for the duration of the call and restores the previous one after.
  * The operation must outlive the time it is current. */
-tarvex_gfs_operation_t tarvex_gfs_operation_set_current(tarvex_gfs_operation_t op);
+TARVEX_API tarvex_gfs_operation_t tarvex_gfs_operation_set_current(tarvex_gfs_operation_t op);
 
 /* ---- errors ---- */
 
@@ -497,35 +497,40 @@ typedef enum {
 
 /* The FTP response error type (derived from the base error): a reply code,
  * an error class word and a message. */
-extern const tarvex_object_type_t TARVEX_GFS_ERROR_FTP_RESPONSE_TYPE_DEFINITION;
+TARVEX_API extern const tarvex_object_type_t TARVEX_GFS_ERROR_FTP_RESPONSE_TYPE_DEFINITION;
 #define TARVEX_GFS_ERROR_FTP_RESPONSE_TYPE (&TARVEX_GFS_ERROR_FTP_RESPONSE_TYPE_DEFINITION)
 
 /* New FTP response error: reply code, class word (e.g. "PATH_NOT_FOUND";
  * may be NULL), message from `format` (may be NULL: no message), `cause`
  * owned by the new error.  Its type number is TARVEX_GFS_ERROR_FTP_RESPONSE.
  * NULL when memory runs out. */
-tarvex_object_t *tarvex_gfs_ftp_response_error_construct(
+TARVEX_API tarvex_object_t *tarvex_gfs_ftp_response_error_construct(
     tarvex_module_descriptor_t *module, tarvex_object_t *cause, int response_code,
     const char *response_error_code, const char *format, ...)
     __attribute__((format(printf, 5, 6)));
-tarvex_object_t *tarvex_gfs_ftp_response_error_v_construct(
+TARVEX_API tarvex_object_t *tarvex_gfs_ftp_response_error_v_construct(
     tarvex_module_descriptor_t *module, tarvex_object_t *cause, int response_code,
     const char *response_error_code, const char *format, va_list ap)
     __attribute__((format(printf, 5, 0)));
 
 /* Accessors; 0 / NULL when `error` is not an FTP response error. */
-int tarvex_gfs_ftp_response_error_get_code(const tarvex_object_t *error);
-const char *tarvex_gfs_ftp_response_error_get_class(const tarvex_object_t *error);
-const char *tarvex_gfs_ftp_response_error_get_message(const tarvex_object_t *error);
+TARVEX_API int tarvex_gfs_ftp_response_error_get_code(const tarvex_object_t *error);
+TARVEX_API const char *tarvex_gfs_ftp_response_error_get_class(const tarvex_object_t *error);
+TARVEX_API const char *tarvex_gfs_ftp_response_error_get_message(const tarvex_object_t *error);
 /* The nearest FTP response error in the chain of `error`, or NULL. */
-tarvex_object_t *tarvex_gfs_ftp_response_error_find(tarvex_object_t *error);
+TARVEX_API tarvex_object_t *tarvex_gfs_ftp_response_error_find(tarvex_object_t *error);
 
 /* A system error: an errno error of type TARVEX_GFS_ERROR_SYSTEM_ERROR
  * whose message is formatted from `format` (conventionally
  * "System error%s%s", " in ", "<call>"); already put into the error table. */
-tarvex_result_t tarvex_i_gfs_error_system(tarvex_module_descriptor_t *module,
-                                          int system_errno, const char *format,
-                                          ...) __attribute__((format(printf, 3, 4)));
+TARVEX_API tarvex_result_t tarvex_i_gfs_error_system(tarvex_module_descriptor_t *module,
+                                                     int system_errno, const char *format,
+                                                     ...) __attribute__((format(printf, 3, 4)));
+/* The system error of an allocation that failed ("System error in malloc"),
+ * with `system_errno` (ENOMEM, or what the failed call left in errno). */
+#define TARVEX_GFS_MALLOC_ERROR(module, system_errno) \
+    tarvex_i_gfs_error_system((module), (system_errno), "System error%s%s", " in ", "malloc")
+
 
 /* The FTP reply for a failed result, CRLF-terminated, allocated.
  *
@@ -539,10 +544,10 @@ tarvex_result_t tarvex_i_gfs_error_system(tarvex_module_descriptor_t *module,
  * Control characters other than the line breaks are dropped from lines.
  * `default_code` (0: 451) replaces 451 for errors without a code of their
  * own.  The result is not taken out of the error table. */
-char *tarvex_gfs_error_to_ftp_reply(tarvex_result_t result, int default_code);
+TARVEX_API char *tarvex_gfs_error_to_ftp_reply(tarvex_result_t result, int default_code);
 /* The same for an error object. */
-char *tarvex_gfs_error_object_to_ftp_reply(const tarvex_object_t *error,
-                                           int default_code);
+TARVEX_API char *tarvex_gfs_error_object_to_ftp_reply(const tarvex_object_t *error,
+                                                      int default_code);
 
 #ifdef __cplusplus
 }

@@ -41,7 +41,7 @@ const tarvex_gfs_storage_iface_t table = {
 
 extern "C" {
 // The descriptor the server looks up by name when it loads "posix".
-tarvex_module_descriptor_t tarvex_gridftp_server_posix_module = {
+TARVEX_API tarvex_module_descriptor_t tarvex_gridftp_server_posix_module = {
     "tarvex_gridftp_server_posix", activate, deactivate, nullptr, nullptr, &version, nullptr};
 }
 
@@ -110,9 +110,8 @@ void start_session(tarvex_gfs_operation_t op)
 {
     std::unique_ptr<Session> s(new (std::nothrow) Session);
     if (s == nullptr) {
-        tarvex_gridftp_server_finished_session_start(
-            op, tarvex_i_gfs_error_system(module, ENOMEM, "System error%s%s", " in ", "malloc"),
-            nullptr, nullptr, nullptr);
+        tarvex_gridftp_server_finished_session_start(op, TARVEX_GFS_MALLOC_ERROR(module, ENOMEM),
+                                                     nullptr, nullptr, nullptr);
         return;
     }
     tarvex_result_t r = find_root(op, s->root);

@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstring>
-#include <new>
 
 #include "posix.h"
 
@@ -57,14 +56,10 @@ tarvex_result_t cancelled_result(const char *what)
 
 tarvex_result_t exception_result() noexcept
 {
-    try {
-        throw;
-    } catch (const std::bad_alloc &) {
-        return tarvex_i_gfs_error_system(module, ENOMEM, "System error%s%s", " in ", "malloc");
-    } catch (...) {
-        return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
-            module, nullptr, 451, "INTERNAL_ERROR", "GridFTP-Error: an unexpected failure."));
-    }
+    if (tarvex::out_of_memory_thrown())
+        return TARVEX_GFS_MALLOC_ERROR(module, ENOMEM);
+    return tarvex_error_put(tarvex_gfs_ftp_response_error_construct(
+        module, nullptr, 451, "INTERNAL_ERROR", "GridFTP-Error: an unexpected failure."));
 }
 
 } // namespace tarvex_posix

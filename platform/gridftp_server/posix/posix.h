@@ -5,7 +5,9 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
+#include "tarvex_c_edge.h"
 #include "tarvex_gridftp_server.h"
 
 namespace tarvex_posix {
@@ -43,11 +45,7 @@ tarvex_result_t exception_result() noexcept;
 // an error instead of leaving the function.
 template <typename Body, typename Finish> void guarded_entry(Body &&body, Finish &&finish) noexcept
 {
-    try {
-        body();
-    } catch (...) {
-        finish(exception_result());
-    }
+    tarvex::at_c_edge_with(std::forward<Body>(body), [&finish] { finish(exception_result()); });
 }
 
 // ---- the storage interface ----

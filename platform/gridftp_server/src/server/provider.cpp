@@ -18,7 +18,7 @@ PluginCall &call(void *ctx)
 tarvex_result_t failed_handling(tarvex_result_t result)
 {
     tarvex_error_discard(result);
-    return tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
+    return TARVEX_GFS_MALLOC_ERROR(nullptr, ENOMEM);
 }
 
 void finished_session_start(void *ctx, tarvex_result_t result, void *session_arg,

@@ -98,7 +98,7 @@ tarvex_result_t Session::config_data(const char *key, char **data)
     case ConfigData::Status::found:
         *data = strdup(text.c_str());
         if (*data == nullptr)
-            return tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
+            return TARVEX_GFS_MALLOC_ERROR(nullptr, ENOMEM);
         return TARVEX_SUCCESS;
     case ConfigData::Status::failed:
         log_session("configuration data " + log_field(key) + ": " + log_field(text));
@@ -311,7 +311,7 @@ void Session::call_plugin(PluginCall &c, const std::function<void(tarvex_gfs_ope
     c.op = tarvex_gfs_operation_create(&session_provider, &c);
     if (c.op == nullptr) {
         c.finished = c.returned = true;
-        c.result = tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error%s%s", " in ", "malloc");
+        c.result = TARVEX_GFS_MALLOC_ERROR(nullptr, ENOMEM);
         return;
     }
     const char *function = __func__; // in the lambda it would name operator()
