@@ -413,9 +413,10 @@ TARVEX_API bool tarvex_gridftp_server_thread_cancelled(void);
  *   "storage_pacing_wait_seconds"  one observation per request paced: the
  *                        seconds it waited for its turn (0 included)
  */
-void tarvex_gridftp_server_metric_add(const char *name, const char *labels, double amount);
-void tarvex_gridftp_server_metric_observe(const char *name, const char *labels,
-                                          double value);
+TARVEX_API void tarvex_gridftp_server_metric_add(const char *name, const char *labels,
+                                                 double amount);
+TARVEX_API void tarvex_gridftp_server_metric_observe(const char *name, const char *labels,
+                                                     double value);
 
 /* Whoever collects the reports (the server) sets this once, before any
  * plug-in runs; NULL collects none.  The functions must not throw and are
@@ -424,7 +425,7 @@ typedef struct tarvex_gfs_metrics_sink_s {
     void (*add)(void *ctx, const char *name, const char *labels, double amount);
     void (*observe)(void *ctx, const char *name, const char *labels, double value);
 } tarvex_gfs_metrics_sink_t;
-void tarvex_gfs_metrics_set_sink(const tarvex_gfs_metrics_sink_t *sink, void *ctx);
+TARVEX_API void tarvex_gfs_metrics_set_sink(const tarvex_gfs_metrics_sink_t *sink, void *ctx);
 
 /* ---- operations and their providers ---- */
 
