@@ -10,3 +10,5 @@ target_include_directories(tarvex_test_box_session_support PUBLIC
   ${CMAKE_CURRENT_LIST_DIR} ${CMAKE_CURRENT_LIST_DIR}/../unit)
 target_link_libraries(tarvex_test_box_session_support PUBLIC
   tarvex_box_internal tarvex_test_driver tarvex_test_box_emulator OpenSSL::Crypto GTest::gtest)
+# The MD5 and SHA-1 of the bytes a test compares with Box's record.
+target_link_libraries(tarvex_test_box_session_support PRIVATE tarvex_box_legacy_digests)
