@@ -3,7 +3,7 @@ of what the server takes: TYPE L 8, SITE CHMOD 0, an unknown AUTH."""
 import ftplib
 import os
 
-from server_harness import ServerTest
+from harness import ServerTest
 
 
 class Replies(ServerTest):
