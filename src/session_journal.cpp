@@ -24,7 +24,9 @@
 
 struct tarvex_box_journal_s {
     tarvex_box_cache_policy policy;
-    unsigned long writes = 0;
+    /* Counted by every request that may change Box, and parts and ranges
+     * in flight make theirs from threads of their own. */
+    std::atomic<unsigned long> writes{0};
     uint64_t writer = tarvex_box_journal_random_id(); /* this session */
     /* Only with the shared cache: */
     std::unique_ptr<tarvex_box_journal_file> file;
@@ -275,18 +277,20 @@ void tarvex_box_journal_catch_up(tarvex_box_session_t *box)
 void tarvex_box_journal_note_write(tarvex_box_session_t *box)
 {
     if (box != nullptr && box->journal != nullptr)
-        box->journal->writes++;
+        box->journal->writes.fetch_add(1, std::memory_order_relaxed);
 }
 
 unsigned long tarvex_box_journal_writes(const tarvex_box_session_t *box)
 {
-    return box != nullptr && box->journal != nullptr ? box->journal->writes : 0;
+    return box != nullptr && box->journal != nullptr
+               ? box->journal->writes.load(std::memory_order_relaxed)
+               : 0;
 }
 
 void tarvex_box_journal_publish(tarvex_box_session_t *box, unsigned long writes_before,
                                 const char *path, const char *other_path)
 {
-    if (!shared(box) || box->journal->writes == writes_before)
+    if (!shared(box) || box->journal->writes.load(std::memory_order_relaxed) == writes_before)
         return;
     publish(box, path, other_path);
 }
