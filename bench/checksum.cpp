@@ -22,7 +22,12 @@
 #include <string>
 
 #include "box_emulator.h"
+#include "command.h"
+#include "common_module.h"
+#include "config.h"
+#include "destroy.h"
 #include "driver.h"
+#include "start.h"
 #include "tarvex_box_common.h"
 
 namespace {

@@ -35,7 +35,13 @@
 #include <thread>
 
 #include "box_emulator.h"
+#include "common_module.h"
+#include "config.h"
+#include "destroy.h"
+#include "path_resolve.h"
 #include "session_journal.h"
+#include "start.h"
+#include "stat.h"
 #include "tarvex_box_common.h"
 
 namespace {

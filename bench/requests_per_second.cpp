@@ -29,6 +29,11 @@
 #include <string>
 
 #include "box_emulator.h"
+#include "common_module.h"
+#include "config.h"
+#include "destroy.h"
+#include "start.h"
+#include "stat.h"
 #include "tarvex_box_common.h"
 #include "tarvex_dsi_rest.h"
 

@@ -19,11 +19,21 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "command"
+#include "command.h"
+#include "config.h"
 #include "digest_pipe.h"
+#include "error.h"
+#include "get_folder_items.h"
+#include "metadata.h"
+#include "object_info_parse.h"
+#include "path_cache.h"
+#include "path_resolve.h"
+#include "request.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 #include "tarvex_result.h"
+#include "token.h"
 
 namespace {
 

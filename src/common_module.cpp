@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 
+#include "common_module.h"
 #include "tarvex_box_common.h"
 
 extern "C" {

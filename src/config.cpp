@@ -12,6 +12,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "config"
+#include "config.h"
 #include "pacing.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"

@@ -13,6 +13,8 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "config_check"
+#include "config.h"
+#include "config_check.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 

@@ -3,6 +3,10 @@
  */
 #include <cstdlib>
 
+#include "destroy.h"
+#include "object_info_parse.h"
+#include "path_cache.h"
+#include "retry.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 

@@ -24,8 +24,11 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
+#include "config.h"
 #include "download_ranges.h"
 #include "range_answer.h"
+#include "request.h"
+#include "send.h"
 #include "tarvex_box_raii.h"
 #include "tarvex_result.h"
 

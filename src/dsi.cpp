@@ -3,6 +3,15 @@
  * storage-interface table under "box" and the policy's check under
  * "box:config"; deactivation takes both away.
  */
+#include "command.h"
+#include "common_module.h"
+#include "config_check.h"
+#include "destroy.h"
+#include "dsi.h"
+#include "recv.h"
+#include "send.h"
+#include "start.h"
+#include "stat.h"
 #include "tarvex_box_common.h"
 
 static int tarvex_l_box_activate(void);

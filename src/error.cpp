@@ -10,6 +10,7 @@
 
 #include <string>
 
+#include "error.h"
 #include "tarvex_box_common.h"
 
 /* These checks guard the reply text the client sees; they stay on in

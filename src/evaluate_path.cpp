@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "evaluate_path.h"
 #include "tarvex_box_common.h"
 
 extern "C" {

@@ -13,6 +13,11 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "get_folder_items"
+#include "config.h"
+#include "get_folder_items.h"
+#include "object_info_parse.h"
+#include "path_cache.h"
+#include "request.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 #include "listing_markers.h"

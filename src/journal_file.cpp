@@ -24,6 +24,7 @@
 #include <cerrno>
 #include <mutex>
 
+#include "config.h"
 #include "journal_sources.h"
 #include "state_file.h"
 

@@ -16,6 +16,9 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "metadata"
+#include "config.h"
+#include "metadata.h"
+#include "request.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 

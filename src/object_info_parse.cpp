@@ -9,6 +9,7 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "object_info_parse"
+#include "object_info_parse.h"
 #include "tarvex_box_common.h"
 
 namespace {

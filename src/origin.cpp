@@ -8,6 +8,7 @@
 #include <string.h>
 #include <strings.h>
 
+#include "config.h"
 #include "tarvex_box_common.h"
 
 namespace {

@@ -12,4 +12,8 @@
  * for anything else, and for a URL that names a user. */
 std::string tarvex_box_origin(const char *url);
 
+/* Whether `url` is on the API or the upload origin (scheme, host and port):
+ * the only ones the user's token is sent to. */
+extern "C" bool tarvex_box_url_on_box_origin(const char *url);
+
 #endif

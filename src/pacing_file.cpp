@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include "pacing.h"
+#include "retry.h"
 #include "tarvex_result.h"
 
 namespace {

@@ -34,6 +34,7 @@
 #include <thread>
 #include <vector>
 
+#include "config.h"
 #include "pacing.h"
 #include "shared_store.h"
 

@@ -12,6 +12,8 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "path_cache"
+#include "object_info_parse.h"
+#include "path_cache.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 

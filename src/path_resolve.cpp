@@ -14,6 +14,9 @@
 #include <cstring>
 #include <string>
 
+#include "get_folder_items.h"
+#include "path_cache.h"
+#include "path_resolve.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"

@@ -8,6 +8,7 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
 #include "range_answer.h"
+#include "request.h"
 
 namespace {
 

@@ -28,9 +28,17 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "recv"
+#include "command.h"
+#include "config.h"
+#include "error.h"
+#include "path_cache.h"
+#include "path_resolve.h"
+#include "recv.h"
+#include "request.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "token.h"
 #include "upload_answer.h"
 #include "upload_parts.h"
 #include "upload_stream.h"

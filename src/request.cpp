@@ -13,10 +13,15 @@
 #include <vector>
 
 #include "box_metrics.h"
+#include "config.h"
 #include "origin.h"
+#include "request.h"
+#include "retry.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "token.h"
+#include "translate_response.h"
 
 namespace {
 

@@ -18,7 +18,9 @@
 #include <unistd.h>
 
 #include "box_metrics.h"
+#include "config.h"
 #include "pacing.h"
+#include "retry.h"
 #include "state_file.h"
 
 static_assert(sizeof(struct tarvex_box_retry_shared_s) == 24, "pacing record layout");

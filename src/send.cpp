@@ -18,11 +18,17 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "send"
+#include "config.h"
 #include "download_ranges.h"
+#include "error.h"
 #include "origin.h"
+#include "path_resolve.h"
 #include "range_answer.h"
+#include "request.h"
+#include "send.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "token.h"
 
 namespace {
 

@@ -18,6 +18,8 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "session_journal"
 #include "journal_sources.h"
+#include "object_info_parse.h"
+#include "path_cache.h"
 #include "session_journal.h"
 #include "shared_store.h"
 #include "tarvex_box_raii.h"

@@ -12,9 +12,17 @@
 #include <cstring>
 #include <string>
 
+#include "config.h"
+#include "destroy.h"
+#include "evaluate_path.h"
+#include "get_folder_items.h"
+#include "path_cache.h"
+#include "retry.h"
 #include "session_journal.h"
+#include "start.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "token.h"
 
 namespace {
 

@@ -7,8 +7,13 @@
 #include <cstring>
 #include <memory>
 
+#include "get_folder_items.h"
+#include "object_info_parse.h"
+#include "path_resolve.h"
 #include "session_journal.h"
+#include "stat.h"
 #include "tarvex_box_common.h"
+#include "token.h"
 
 namespace {
 

@@ -1,3 +1,4 @@
+#include "evaluate_path.h"
 #include "state_file.h"
 
 #include <dirent.h>

@@ -12,6 +12,8 @@
 #include <memory>
 #include <utility>
 
+#include "object_info_parse.h"
+#include "request.h"
 #include "tarvex_box_common.h"
 #include "tarvex_c_edge.h"
 

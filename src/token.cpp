@@ -13,8 +13,10 @@
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "token"
 #include "box_metrics.h"
+#include "error.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
+#include "token.h"
 
 namespace {
 

@@ -10,7 +10,9 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "translate_response"
+#include "error.h"
 #include "tarvex_box_common.h"
+#include "translate_response.h"
 
 namespace {
 

@@ -7,6 +7,10 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "recv"
+#include "get_folder_items.h"
+#include "metadata.h"
+#include "object_info_parse.h"
+#include "path_cache.h"
 #include "upload_answer.h"
 #include "tarvex_box_raii.h"
 #include "tarvex_result.h"

@@ -21,7 +21,11 @@
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "recv"
+#include "config.h"
+#include "recv.h"
+#include "request.h"
 #include "tarvex_box_raii.h"
+#include "token.h"
 #include "upload_parts.h"
 #include "tarvex_result.h"
 

@@ -14,7 +14,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "config.h"
 #include "state_file.h"
+#include "upload_state.h"
 
 /* The file is read by every process of the user, whatever it was built
  * from: the layout must not move. */

@@ -9,6 +9,7 @@
 
 #include "fuzz_support.h"
 #include "tarvex_box_common.h"
+#include "token.h"
 
 using namespace tarvex_fuzz;
 

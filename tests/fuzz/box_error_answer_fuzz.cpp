@@ -11,6 +11,7 @@
 
 #include "fuzz_support.h"
 #include "tarvex_box_common.h"
+#include "translate_response.h"
 
 using namespace tarvex_fuzz;
 

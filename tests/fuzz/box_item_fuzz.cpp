@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "fuzz_support.h"
+#include "object_info_parse.h"
 #include "tarvex_box_common.h"
 
 using namespace tarvex_fuzz;

@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "config.h"
 #include "fuzz_support.h"
 #include "tarvex_box_common.h"
 

@@ -5,6 +5,8 @@
 #include <cstdlib>
 
 #include "fuzz_support.h"
+#include "path_cache.h"
+#include "recv.h"
 #include "tarvex_box_common.h"
 
 using namespace tarvex_fuzz;

@@ -11,7 +11,12 @@
 #include <sstream>
 
 #include "box_session_support.h"
+#include "config.h"
+#include "metadata.h"
 #include "pacing.h"
+#include "path_cache.h"
+#include "path_resolve.h"
+#include "retry.h"
 #include "tarvex_box_raii.h"
 
 namespace box_session_test {

@@ -8,6 +8,10 @@
 
 #include "box_session_support.h"
 #include "box_wait.h"
+#include "config.h"
+#include "metadata.h"
+#include "path_cache.h"
+#include "path_resolve.h"
 #include "tarvex_box_raii.h"
 
 namespace box_session_test {

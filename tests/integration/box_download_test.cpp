@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "box_session_support.h"
+#include "path_cache.h"
+#include "path_resolve.h"
 
 namespace box_session_test {
 namespace {

@@ -18,7 +18,11 @@
 #include <vector>
 
 #include "box_session_support.h"
+#include "config.h"
 #include "download_ranges.h"
+#include "path_cache.h"
+#include "path_resolve.h"
+#include "recv.h"
 
 namespace box_session_test {
 namespace {

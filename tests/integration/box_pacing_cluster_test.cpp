@@ -17,6 +17,8 @@
 
 #include "box_pacing_support.h"
 #include "box_scratch.h"
+#include "config.h"
+#include "retry.h"
 
 namespace {
 

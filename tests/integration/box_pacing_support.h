@@ -31,7 +31,9 @@
 #include <vector>
 
 #include "box_wait.h"
+#include "config.h"
 #include "pacing.h"
+#include "retry.h"
 
 namespace tarvex_test {
 

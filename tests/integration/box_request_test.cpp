@@ -6,6 +6,10 @@
 
 #include "box_scratch.h"
 #include "box_session_support.h"
+#include "error.h"
+#include "get_folder_items.h"
+#include "request.h"
+#include "retry.h"
 
 namespace box_session_test {
 namespace {

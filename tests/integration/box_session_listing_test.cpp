@@ -3,6 +3,8 @@
 #include <cstdio>
 
 #include "box_session_support.h"
+#include "config.h"
+#include "path_cache.h"
 
 namespace box_session_test {
 namespace {

@@ -13,6 +13,8 @@
 #include "box_scratch.h"
 #include "box_session_support.h"
 #include "box_wait.h"
+#include "config.h"
+#include "path_resolve.h"
 #include "session_journal.h"
 
 namespace box_session_test {

@@ -4,6 +4,9 @@
 #include <filesystem>
 
 #include "box_session_support.h"
+#include "config.h"
+#include "path_cache.h"
+#include "path_resolve.h"
 
 namespace box_session_test {
 namespace {

@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "box_session_support.h"
+#include "config.h"
 
 using namespace box_session_test;
 using tarvex_test::event_kind;

@@ -14,6 +14,9 @@
 #include <fstream>
 
 #include "box_session_support.h"
+#include "config.h"
+#include "path_cache.h"
+#include "path_resolve.h"
 #include "tarvex_box_raii.h"
 
 namespace box_session_test {

@@ -8,6 +8,14 @@
 #include <memory>
 
 #include "box_scratch.h"
+#include "command.h"
+#include "common_module.h"
+#include "config.h"
+#include "destroy.h"
+#include "recv.h"
+#include "send.h"
+#include "start.h"
+#include "stat.h"
 
 namespace box_session_test {
 namespace {

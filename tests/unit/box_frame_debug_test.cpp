@@ -10,6 +10,8 @@
 #include <string>
 
 #include "box_scratch.h"
+#include "common_module.h"
+#include "config.h"
 
 namespace {
 

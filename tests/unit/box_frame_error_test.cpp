@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "error.h"
 #include "tarvex_box_common.h"
+#include "translate_response.h"
 
 namespace {
 

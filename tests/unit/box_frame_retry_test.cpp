@@ -19,6 +19,7 @@
 
 #include "box_scratch.h"
 #include "box_wait.h"
+#include "retry.h"
 
 namespace {
 

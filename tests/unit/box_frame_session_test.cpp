@@ -16,8 +16,12 @@
 #include <vector>
 
 #include "box_scratch.h"
+#include "config.h"
+#include "evaluate_path.h"
+#include "origin.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
+#include "token.h"
 
 namespace {
 

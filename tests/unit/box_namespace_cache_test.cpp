@@ -4,7 +4,9 @@
 
 #include <string>
 
+#include "destroy.h"
 #include "listing_markers.h"
+#include "path_cache.h"
 #include "tarvex_box_common.h"
 
 TEST(BoxPathCache, KeysReplacementAndRelease)

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "object_info_parse.h"
 #include "tarvex_box_common.h"
 
 namespace {

@@ -19,7 +19,9 @@
 
 #include "box_scratch.h"
 #include "box_wait.h"
+#include "config.h"
 #include "pacing.h"
+#include "retry.h"
 
 namespace {
 

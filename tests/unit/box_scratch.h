@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "config.h"
 #include "tarvex_box_common.h"
 
 /* How the plug-in reads the password entry (getpwuid_r unless replaced). */

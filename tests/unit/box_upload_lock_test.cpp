@@ -22,6 +22,8 @@
 
 #include "box_scratch.h"
 #include "box_wait.h"
+#include "config.h"
+#include "upload_state.h"
 
 namespace {
 

@@ -12,6 +12,10 @@
 #include <cstdlib>
 #include <new>
 
+#include "config.h"
+#include "destroy.h"
+#include "path_cache.h"
+#include "path_resolve.h"
 #include "tarvex_box_common.h"
 #include "tarvex_debug.h"
 #include "tarvex_error.h"

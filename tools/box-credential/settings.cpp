@@ -11,6 +11,7 @@
 
 #include <jansson.h>
 
+#include "config.h"
 #include "failure.h"
 #include "tarvex_box_raii.h"
 
