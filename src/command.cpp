@@ -56,18 +56,9 @@ tarvex_result_t tarvex_l_box_ftp_error(int code, const char *error_class,
 tarvex_result_t tarvex_l_box_add_line(tarvex_result_t result, const char *key,
                                       const char *text)
 {
-    tarvex_object_t *error = tarvex_error_peek(result);
-    if (error == nullptr)
-        return result;
     tarvex_dsi_rest_key_value_t pairs[1] = {{key, text}};
     tarvex_dsi_rest_key_array_t info = {1, pairs};
-    tarvex_object_t *line = tarvex_box_error_construct(nullptr, nullptr, &info);
-    if (line == nullptr)
-        return result;
-    while (tarvex_error_get_cause(error) != nullptr)
-        error = tarvex_error_get_cause(error);
-    tarvex_error_set_cause(error, line);
-    return result;
+    return tarvex_box_error_append(result, &info);
 }
 
 /* A path split at its last "/": the folder's path and the last name.  For

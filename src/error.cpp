@@ -315,6 +315,21 @@ extern "C" void tarvex_box_error_add_info(tarvex_object_t *error,
     }
 }
 
+extern "C" tarvex_result_t tarvex_box_error_append(tarvex_result_t result,
+                                                   const key_array_t *info)
+{
+    tarvex_object_t *error = tarvex_error_peek(result);
+    if (error == nullptr)
+        return result;
+    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, info);
+    if (details == nullptr)
+        return result;
+    while (tarvex_error_get_cause(error) != nullptr)
+        error = tarvex_error_get_cause(error);
+    tarvex_error_set_cause(error, details);
+    return result;
+}
+
 /* Operations that come with a later release answer with this. */
 extern "C" tarvex_result_t tarvex_box_not_implemented_yet(const char *what)
 {

@@ -22,6 +22,11 @@ tarvex_object_t *tarvex_box_error_initialize(tarvex_object_t *object,
 const char *tarvex_box_error_get_info(tarvex_object_t *error, const char *key);
 void tarvex_box_error_add_info(tarvex_object_t *error,
                                const tarvex_dsi_rest_key_array_t *info);
+/* Ends the error chain of `result` with a box error holding `info`, after
+ * any cause of its own, and gives `result` back.  Success, and a result
+ * out of memory for the new error, go as they came. */
+tarvex_result_t tarvex_box_error_append(tarvex_result_t result,
+                                        const tarvex_dsi_rest_key_array_t *info);
 
 /* An FTP error for operations that arrive with a later release. */
 tarvex_result_t tarvex_box_not_implemented_yet(const char *what);

@@ -90,15 +90,7 @@ tarvex_box_journal_file::tarvex_box_journal_file(const char *name)
     static_assert(sizeof(header) == block, "journal header layout");
     static_assert(sizeof(slot) == block, "journal slot layout");
     static_assert(path_room <= path_words * sizeof(uint64_t), "a path fits its slot");
-    int fd = -1;
-    if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(tarvex_i_box_retry_path, name)) {
-        tarvex_box_state_file_make_parent(path.get());
-        fd = tarvex_box_state_file_open(path.get());
-    }
-    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
-        close(fd);
-        fd = -1;
-    }
+    int fd = tarvex_box_state_file_open_named(tarvex_i_box_retry_path, name);
     if (fd == -1 || !map_file(fd)) {
         if (fd != -1)
             close(fd);

@@ -128,21 +128,12 @@ tarvex_result_t tarvex_l_box_delete_existing(tarvex_box_session_t *box,
                                              tarvex_box_path_info_t *path_info)
 {
     tarvex_result_t result = tarvex_i_box_delete_object(box, path_info, TARVEX_BOX_UNKNOWN);
-    tarvex_object_t *error = tarvex_error_peek(result);
-    if (error == nullptr)
-        return result;
     tarvex_dsi_rest_key_value_t pairs[1] = {
         {"Box-Details", "A file with this name already exists and must be deleted before "
                         "upload, but deletion failed."},
     };
     tarvex_dsi_rest_key_array_t info = {1, pairs};
-    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
-    if (details == nullptr)
-        return result;
-    while (tarvex_error_get_cause(error) != nullptr)
-        error = tarvex_error_get_cause(error);
-    tarvex_error_set_cause(error, details);
-    return result;
+    return tarvex_box_error_append(result, &info);
 }
 
 /* 553 before anything is touched: the root folder cannot be stored over. */

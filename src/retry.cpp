@@ -108,16 +108,7 @@ extern "C" void tarvex_i_box_retry_state_create(const char *name, int per_second
     retry->fd = -1;
     retry->shared = nullptr;
 
-    int fd = -1;
-    if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(tarvex_i_box_retry_path, name)) {
-        tarvex_box_state_file_make_parent(path.get());
-        fd = tarvex_box_state_file_open(path.get());
-    }
-    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
-        /* Someone else's file must not steer our pacing. */
-        close(fd);
-        fd = -1;
-    }
+    int fd = tarvex_box_state_file_open_named(tarvex_i_box_retry_path, name);
 
     if (fd == -1) {
         retry->shared = private_record();

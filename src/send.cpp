@@ -129,20 +129,13 @@ tarvex_result_t tarvex_l_box_take_body(void *arg, void *buffer, size_t length)
 tarvex_result_t tarvex_l_box_name_download(tarvex_result_t result, const char *path,
                                            const char *location)
 {
-    tarvex_object_t *error = tarvex_error_peek(result);
-    if (error == nullptr)
+    if (result == TARVEX_SUCCESS)
         return result;
     std::string host = tarvex_box_origin(location);
     tarvex_dsi_rest_key_value_t pairs[2] = {
         {"Box-Path", path}, {"Box-Download-Host", host.empty() ? nullptr : host.c_str()}};
     tarvex_dsi_rest_key_array_t info = {2, pairs};
-    tarvex_object_t *details = tarvex_box_error_construct(nullptr, nullptr, &info);
-    if (details == nullptr)
-        return result;
-    while (tarvex_error_get_cause(error) != nullptr)
-        error = tarvex_error_get_cause(error);
-    tarvex_error_set_cause(error, details);
-    return result;
+    return tarvex_box_error_append(result, &info);
 }
 
 /*

@@ -51,6 +51,21 @@ bool tarvex_box_state_file_usable(int fd)
     return fstat(fd, &st) == 0 && st.st_uid == geteuid() && S_ISREG(st.st_mode);
 }
 
+int tarvex_box_state_file_open_named(const char *dir_template, const char *name)
+{
+    int fd = -1;
+    if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(dir_template, name)) {
+        tarvex_box_state_file_make_parent(path.get());
+        fd = tarvex_box_state_file_open(path.get());
+    }
+    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
+        /* Someone else's file must not steer our requests. */
+        close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
 int tarvex_box_state_file_lock(int fd, short type, int command)
 {
     struct flock lock = {};

@@ -41,6 +41,11 @@ int tarvex_box_state_file_open(const char *path);
  * creation waiting for ever. */
 bool tarvex_box_state_file_usable(int fd);
 
+/* The whole way to a state file: named in `dir_template`, its folder made,
+ * opened or created, and kept only when usable (ours, a regular file): a
+ * descriptor, or -1 for the caller's private fallback. */
+int tarvex_box_state_file_open_named(const char *dir_template, const char *name);
+
 /* An fcntl record lock over the whole file, repeated while interrupted;
  * fcntl's result. */
 int tarvex_box_state_file_lock(int fd, short type, int command);

@@ -146,15 +146,7 @@ extern "C" void tarvex_i_box_upload_state_create(const char *name,
     upload_state->fd = -1;
     upload_state->shared = nullptr;
 
-    int fd = -1;
-    if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(tarvex_i_box_upload_path, name)) {
-        tarvex_box_state_file_make_parent(path.get());
-        fd = tarvex_box_state_file_open(path.get());
-    }
-    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
-        close(fd);
-        fd = -1;
-    }
+    int fd = tarvex_box_state_file_open_named(tarvex_i_box_upload_path, name);
     if (fd == -1) {
         fall_back_closed(upload_state);
         return;
