@@ -746,11 +746,7 @@ tarvex_result_t tarvex_l_box_cksm(tarvex_gfs_operation_t op,
     if (path_info->sha1 != nullptr && strcmp(path_info->sha1, sha1sum) == 0) {
         /* The bytes were the whole file: keep its MD5 in the record and in
          * Box, so that the next request is answered without a download. */
-        char *md5_copy = strdup(cksumstr);
-        if (md5_copy != nullptr) {
-            free(path_info->md5);
-            path_info->md5 = md5_copy;
-        }
+        (void)tarvex_box_field_set(&path_info->md5, cksumstr);
         if (!tarvex::Result(tarvex_i_box_set_metadata(box, path_info, "tarvex-md5", cksumstr))
                  .ok())
             TARVEX_BOX_LOG(TARVEX_BOX_DEBUG, "cksm metadata set failed: path=%s\n",

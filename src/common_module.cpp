@@ -11,6 +11,7 @@
 
 #include "common_module.h"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 extern "C" {
 
@@ -186,12 +187,11 @@ extern "C" void tarvex_box_trace_exit_result(const char *function,
                                   "exit: result=TARVEX_SUCCESS\n");
         return;
     }
-    char *message = tarvex_error_print_chain(tarvex_error_peek(result));
+    const tarvex_box_cstr_ptr message(tarvex_error_print_chain(tarvex_error_peek(result)));
     unsigned level = tarvex_i_box_debug_level_names[TARVEX_BOX_ERROR] != nullptr
                          ? TARVEX_BOX_ERROR
                          : TARVEX_BOX_TRACE;
     if (tarvex_i_TARVEX_BOX_debug_handle.levels & level)
         tarvex_box_debug_line(level, function, "exit: result=%#x message=%s\n",
-                              (unsigned)result, message ? message : "");
-    free(message);
+                              (unsigned)result, message ? message.get() : "");
 }

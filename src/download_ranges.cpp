@@ -47,10 +47,6 @@ constexpr size_t tarvex_l_box_piece_min = size_t{256} << 10;
 /* The download's answers that carry the file's bytes. */
 constexpr int tarvex_l_box_body_statuses[] = {200, 206};
 
-struct tarvex_l_box_free {
-    void operator()(tarvex_byte_t *bytes) const { free(bytes); }
-};
-
 /* One range of the file and where it is on its way. */
 struct tarvex_l_box_span {
     tarvex_off_t first = 0;
@@ -68,7 +64,7 @@ struct tarvex_l_box_flight_state {
     std::condition_variable cond;
     tarvex_gfs_operation_t op = nullptr;
     std::vector<tarvex_l_box_span> ranges;
-    std::vector<std::unique_ptr<tarvex_byte_t, tarvex_l_box_free>> buffers;
+    std::vector<tarvex_box_bytes> buffers;
     std::vector<int> free_slots;
     size_t buffer_size = 0;
     size_t next = 0;       /* the first range no stream has taken */
@@ -290,7 +286,7 @@ void tarvex_l_box_range_flight::fetch_ranges()
             state.free_slots.pop_back();
             auto &buffer = state.buffers[static_cast<size_t>(slot)];
             if (buffer == nullptr)
-                buffer.reset(static_cast<tarvex_byte_t *>(malloc(state.buffer_size)));
+                buffer = tarvex_box_bytes_alloc(state.buffer_size);
             if (buffer == nullptr) {
                 state.fail(TARVEX_BOX_MALLOC_ERROR());
                 return;

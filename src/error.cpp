@@ -49,10 +49,27 @@ using key_array_t = tarvex_dsi_rest_key_array_t;
 using key_value_t = tarvex_dsi_rest_key_value_t;
 
 /* The pairs are declared const for the REST client's sake; the box error
- * owns its copies and frees them through this. */
+ * owns its copies (malloc'd: the error object system is C) and frees them
+ * through this. */
 static void tarvex_l_box_free_string(const char *text)
 {
     free(const_cast<char *>(text));
+}
+
+/* Copies a pair's key and value into `to` (absent ones stay absent);
+ * false, with nothing copied, when memory runs out. */
+static bool tarvex_l_box_copy_pair(const key_value_t &from, key_value_t *to)
+{
+    char *key = from.key ? strdup(from.key) : nullptr;
+    char *value = from.value ? strdup(from.value) : nullptr;
+    if ((from.key && !key) || (from.value && !value)) {
+        tarvex_l_box_free_string(key);
+        tarvex_l_box_free_string(value);
+        return false;
+    }
+    to->key = key;
+    to->value = value;
+    return true;
 }
 
 static bool tarvex_l_box_is_box_error(const tarvex_object_t *object)
@@ -100,17 +117,10 @@ static void tarvex_l_box_error_copy(void *src, void **dst)
         return;
     }
     for (size_t i = 0; i < from->count; i++) {
-        const key_value_t &pair = from->key_value[i];
-        char *key = pair.key ? strdup(pair.key) : nullptr;
-        char *value = pair.value ? strdup(pair.value) : nullptr;
-        if ((pair.key && !key) || (pair.value && !value)) {
-            free(key);
-            free(value);
+        if (!tarvex_l_box_copy_pair(from->key_value[i], &to->key_value[i])) {
             tarvex_l_box_error_free(to);
             return;
         }
-        to->key_value[i].key = key;
-        to->key_value[i].value = value;
         to->count = i + 1;
     }
     *dst = to;
@@ -289,23 +299,19 @@ extern "C" void tarvex_box_error_add_info(tarvex_object_t *error,
         const key_value_t &pair = input->key_value[i];
         key_value_t *existing = tarvex_l_box_find_key(info, old_count, pair.key);
         if (existing != nullptr) {
-            if (existing->value != nullptr) {
-                char *again = strdup(existing->value);
-                if (again != nullptr) {
-                    tarvex_l_box_free_string(existing->value);
-                    existing->value = again;
-                }
+            /* The stored value is kept (copied afresh when it can be). */
+            key_value_t again = {nullptr, nullptr};
+            if (existing->value != nullptr &&
+                tarvex_l_box_copy_pair({nullptr, existing->value}, &again)) {
+                tarvex_l_box_free_string(existing->value);
+                existing->value = again.value;
             }
             continue;
         }
         if (info->count >= capacity)
             break;
-        key_value_t &slot = info->key_value[info->count];
-        slot.key = pair.key ? strdup(pair.key) : nullptr;
-        slot.value = pair.value ? strdup(pair.value) : nullptr;
+        bool copied = tarvex_l_box_copy_pair(pair, &info->key_value[info->count]);
         info->count++;
-        bool copied = (pair.key == nullptr || slot.key != nullptr) &&
-                      (pair.value == nullptr || slot.value != nullptr);
         bool next_has_value =
             info->count >= capacity || info->key_value[info->count].value != nullptr;
         if (!copied || !next_has_value) {

@@ -9,6 +9,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <memory>
+#include <new>
+
 #include "evaluate_path.h"
 #include "tarvex_box_common.h"
 
@@ -21,11 +24,6 @@ int (*tarvex_i_box_getpwuid_r)(uid_t, struct passwd *, char *, size_t,
 namespace {
 
 constexpr size_t tarvex_l_box_pw_buffer_start = 64;
-
-struct owned_buffer {
-    char *data = nullptr;
-    ~owned_buffer() { free(data); }
-};
 
 size_t count_of(const char *text, const char *word)
 {
@@ -56,19 +54,18 @@ extern "C" tarvex_result_t tarvex_box_evaluate_path(const char *template_path,
                     result_out);
     struct passwd entry;
     struct passwd *found = nullptr;
-    owned_buffer buffer;
+    std::unique_ptr<char[]> buffer;
     size_t buffer_size = tarvex_l_box_pw_buffer_start;
 
     /* The needed size is unknown up front: grow while the entry does not
      * fit.  The reason is read from errno alone, never from the returned
      * value: a lookup that fails without saying ERANGE there is a failure. */
     for (;;) {
-        char *grown = static_cast<char *>(realloc(buffer.data, buffer_size));
-        if (grown == nullptr)
+        buffer.reset(new (std::nothrow) char[buffer_size]);
+        if (buffer == nullptr)
             return fail(__func__, TARVEX_BOX_MALLOC_ERROR(), result_out);
-        buffer.data = grown;
         errno = 0;
-        int rc = tarvex_i_box_getpwuid_r(getuid(), &entry, buffer.data, buffer_size, &found);
+        int rc = tarvex_i_box_getpwuid_r(getuid(), &entry, buffer.get(), buffer_size, &found);
         if (rc == 0)
             break;
         if (errno != ERANGE)

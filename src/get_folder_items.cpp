@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 
 /* Generic errors from here name their source by this short name. */
@@ -83,17 +84,14 @@ tarvex_result_t tarvex_l_box_take_item(tarvex_box_session_t *box, json_t *item,
 tarvex_result_t tarvex_l_box_take_page(tarvex_box_session_t *box, json_t *page,
                                        const char *path,
                                        tarvex_box_list_entry_cb_t callback,
-                                       void *callback_arg, tarvex_box_cstr_ptr *marker)
+                                       void *callback_arg, std::optional<std::string> *marker)
 {
     if (page == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
     json_t *next_marker = json_object_get(page, "next_marker");
-    if (json_is_string(next_marker)) {
-        marker->reset(strdup(json_string_value(next_marker)));
-        if (*marker == nullptr)
-            return TARVEX_BOX_MALLOC_ERROR();
-    }
+    if (json_is_string(next_marker))
+        marker->emplace(json_string_value(next_marker));
 
     json_t *entries = json_object_get(page, "entries");
     if (!json_is_array(entries))
@@ -122,7 +120,7 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
         return TARVEX_BOX_MALLOC_ERROR();
 
     tarvex_result_t result = TARVEX_SUCCESS;
-    tarvex_box_cstr_ptr marker;
+    std::optional<std::string> marker;
     tarvex_box_listing_markers markers;
     const std::string limit = tarvex_l_box_page_limit();
     do {
@@ -131,7 +129,7 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
         tarvex_dsi_rest_key_value_t query_pairs[] = {
             {"fields", tarvex_l_box_list_fields},
             {"usemarker", "true"},
-            {"marker", marker.get()},
+            {"marker", marker ? marker->c_str() : nullptr},
             {"limit", limit.c_str()},
         };
         tarvex_dsi_rest_key_array_t query = {4, query_pairs};
@@ -144,9 +142,9 @@ tarvex_result_t tarvex_l_box_get_folder_items(tarvex_box_session_t *box, const c
             break;
         result = tarvex_l_box_take_page(box, request.json, path, callback, callback_arg,
                                         &marker);
-        if (result == TARVEX_SUCCESS && marker != nullptr)
-            result = markers.take(marker.get(), folder_id);
-    } while (result == TARVEX_SUCCESS && marker != nullptr);
+        if (result == TARVEX_SUCCESS && marker)
+            result = markers.take(marker->c_str(), folder_id);
+    } while (result == TARVEX_SUCCESS && marker);
     return result;
 }
 

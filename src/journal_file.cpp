@@ -90,20 +90,11 @@ tarvex_box_journal_file::tarvex_box_journal_file(const char *name)
     static_assert(sizeof(header) == block, "journal header layout");
     static_assert(sizeof(slot) == block, "journal slot layout");
     static_assert(path_room <= path_words * sizeof(uint64_t), "a path fits its slot");
-    int fd = tarvex_box_state_file_open_named(tarvex_i_box_retry_path, name);
-    if (fd == -1 || !map_file(fd)) {
-        if (fd != -1)
-            close(fd);
+    tarvex_box_fd fd = tarvex_box_state_file_open_named(tarvex_i_box_retry_path, name);
+    if (!fd || !map_file(fd)) {
+        fd.reset();
         map_private();
     }
-}
-
-tarvex_box_journal_file::~tarvex_box_journal_file()
-{
-    if (map_ != nullptr)
-        munmap(map_, file_size);
-    if (fd_ != -1)
-        close(fd_);
 }
 
 /*
@@ -112,8 +103,9 @@ tarvex_box_journal_file::~tarvex_box_journal_file()
  * none of this layout.  Sessions that had an older ring mapped see their
  * generation gone back and drop their caches.
  */
-bool tarvex_box_journal_file::map_file(int fd)
+bool tarvex_box_journal_file::map_file(tarvex_box_fd &file)
 {
+    const int fd = file.get();
     if (tarvex_box_state_file_lock(fd, F_WRLCK, F_SETLKW) != 0)
         return false;
     bool ok = false;
@@ -126,8 +118,8 @@ bool tarvex_box_journal_file::map_file(int fd)
         void *map = rc == 0 ? mmap(nullptr, file_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0)
                             : MAP_FAILED;
         if (map != MAP_FAILED) {
-            map_ = map;
-            fd_ = fd;
+            map_ = tarvex_box_mapping(map, file_size);
+            fd_ = std::move(file);
             header *h = head();
             if (load(h->magic, std::memory_order_acquire) != magic || load(h->slots) != slots) {
                 store(h->magic, 0);
@@ -147,10 +139,9 @@ bool tarvex_box_journal_file::map_file(int fd)
 
 void tarvex_box_journal_file::map_private()
 {
-    fd_ = -1;
-    void *map = tarvex_box_state_file_anonymous(file_size);
-    map_ = map != MAP_FAILED ? map : nullptr;
-    if (map_ == nullptr)
+    fd_.reset();
+    map_ = tarvex_box_mapping(tarvex_box_state_file_anonymous(file_size), file_size);
+    if (!map_)
         return;
     store(head()->magic, magic);
     store(head()->slots, slots);
@@ -159,17 +150,18 @@ void tarvex_box_journal_file::map_private()
 
 tarvex_box_journal_file::header *tarvex_box_journal_file::head() const
 {
-    return static_cast<header *>(map_);
+    return static_cast<header *>(map_.get());
 }
 
 tarvex_box_journal_file::slot *tarvex_box_journal_file::slot_at(uint64_t generation) const
 {
-    return reinterpret_cast<slot *>(static_cast<char *>(map_) + block * (1 + generation % slots));
+    return reinterpret_cast<slot *>(static_cast<char *>(map_.get()) +
+                                    block * (1 + generation % slots));
 }
 
 uint64_t tarvex_box_journal_file::host() const
 {
-    return map_ != nullptr ? load(head()->host) : 0;
+    return map_ ? load(head()->host) : 0;
 }
 
 uint64_t tarvex_box_journal_file::generation() const
@@ -180,16 +172,16 @@ uint64_t tarvex_box_journal_file::generation() const
 const uint64_t *tarvex_box_journal_file::generation_word() const
 {
     static const uint64_t none = 0;
-    return map_ != nullptr ? &head()->generation : &none;
+    return map_ ? &head()->generation : &none;
 }
 
 void tarvex_box_journal_file::append(uint64_t writer, const std::string &path)
 {
-    if (map_ == nullptr)
+    if (!map_)
         return;
     std::lock_guard<std::mutex> guard(writers());
     header *h = head();
-    if (fd_ != -1 && tarvex_box_state_file_lock(fd_, F_WRLCK, F_SETLKW) != 0) {
+    if (fd_ && tarvex_box_state_file_lock(fd_.get(), F_WRLCK, F_SETLKW) != 0) {
         /* Without the lock a slot could be written twice at once: rather
          * than that, every reader is sent past the whole ring, so that it
          * drops its cache. */
@@ -213,8 +205,8 @@ void tarvex_box_journal_file::append(uint64_t writer, const std::string &path)
     }
     store(s->generation, generation, std::memory_order_release);
     store(h->generation, generation, std::memory_order_release);
-    if (fd_ != -1)
-        tarvex_box_state_file_lock(fd_, F_UNLCK, F_SETLK);
+    if (fd_)
+        tarvex_box_state_file_lock(fd_.get(), F_UNLCK, F_SETLK);
 }
 
 bool tarvex_box_journal_file::read(uint64_t seen, uint64_t upto,

@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "owned_file.h"
+
 /* One change: the path a session changed on Box ("*": anything may have
  * changed), by which session (`writer`) on which host (`host`, the id of
  * the host's journal file). */
@@ -41,12 +43,11 @@ public:
     static constexpr size_t path_room = 1000; /* bytes of a path in a slot */
 
     explicit tarvex_box_journal_file(const char *name);
-    ~tarvex_box_journal_file();
     tarvex_box_journal_file(const tarvex_box_journal_file &) = delete;
     tarvex_box_journal_file &operator=(const tarvex_box_journal_file &) = delete;
 
     /* Whether other processes can see this ring (false: private memory). */
-    bool is_shared() const { return fd_ != -1; }
+    bool is_shared() const { return static_cast<bool>(fd_); }
     uint64_t host() const;
     /* One atomic load. */
     uint64_t generation() const;
@@ -64,11 +65,11 @@ private:
     struct slot;
     header *head() const;
     slot *slot_at(uint64_t generation) const;
-    bool map_file(int fd);
+    bool map_file(tarvex_box_fd &file);
     void map_private();
 
-    int fd_ = -1;
-    void *map_ = nullptr;
+    tarvex_box_fd fd_;
+    tarvex_box_mapping map_; /* unmapped before fd_ closes */
 };
 
 /* The shared store named by the policy (pacing.h's "pacing_store"). */

@@ -11,6 +11,7 @@
 #define TARVEX_BOX_SOURCE "object_info_parse"
 #include "object_info_parse.h"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -125,21 +126,21 @@ extern "C" tarvex_box_path_info_t *tarvex_box_path_info_copy(
     if (info == nullptr || info->name == nullptr || info->id == nullptr)
         return nullptr;
 
-    auto *copy = static_cast<tarvex_box_path_info_t *>(calloc(1, sizeof(tarvex_box_path_info_t)));
+    tarvex_box_path_info_ptr copy(
+        static_cast<tarvex_box_path_info_t *>(calloc(1, sizeof(tarvex_box_path_info_t))));
     if (copy == nullptr)
         return nullptr;
     copy->freeme = true;
 
-    bool ok = (copy->name = strdup(info->name)) != nullptr &&
-              (copy->id = strdup(info->id)) != nullptr &&
-              (info->parent_id == nullptr ||
-               (copy->parent_id = strdup(info->parent_id)) != nullptr) &&
-              (info->md5 == nullptr || (copy->md5 = strdup(info->md5)) != nullptr) &&
-              (info->sha1 == nullptr || (copy->sha1 = strdup(info->sha1)) != nullptr);
-    if (!ok) {
-        tarvex_box_path_info_free(copy);
+    /* Absent optional strings stay absent. */
+    auto copy_of = [](char **field, const char *text) {
+        return text == nullptr || tarvex_l_box_set_string(field, text);
+    };
+    if (!tarvex_l_box_set_string(&copy->name, info->name) ||
+        !tarvex_l_box_set_string(&copy->id, info->id) ||
+        !copy_of(&copy->parent_id, info->parent_id) || !copy_of(&copy->md5, info->md5) ||
+        !copy_of(&copy->sha1, info->sha1))
         return nullptr;
-    }
     copy->type = info->type;
     copy->size = info->size;
     copy->modtime = info->modtime;
@@ -147,7 +148,7 @@ extern "C" tarvex_box_path_info_t *tarvex_box_path_info_copy(
     copy->has_metadata = info->has_metadata;
     copy->cached_at = info->cached_at;
     copy->listed_at = info->listed_at;
-    return copy;
+    return copy.release();
 }
 
 extern "C" void tarvex_box_path_info_free(tarvex_box_path_info_t *info)

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "path_cache"
@@ -16,6 +17,7 @@
 #include "path_cache.h"
 #include "session_journal.h"
 #include "tarvex_box_common.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -58,33 +60,29 @@ extern "C" tarvex_result_t tarvex_box_path_cache_update(tarvex_hashtable_t *cach
         (info->name[0] == '\0' || strchr(info->name, '/') != nullptr))
         return TARVEX_BOX_GENERIC_ERROR("%s", "Box item name is not a path component.");
 
-    tarvex_box_path_info_t *copy = tarvex_box_path_info_copy(info);
+    tarvex_box_path_info_ptr copy(tarvex_box_path_info_copy(info));
     if (copy == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
-    tarvex_box_cache_stamp(copy);
+    tarvex_box_cache_stamp(copy.get());
 
     if (below) {
         /* The root's children are "/x", everyone else's "/base/x". */
         const char *separator = strlen(base_path) == 1 ? "" : "/";
-        char *key = tarvex_common_create_string("%s%s%s", base_path, separator, info->name);
-        if (key == nullptr) {
-            tarvex_box_path_info_free(copy);
+        tarvex_box_cstr_ptr key(
+            tarvex_common_create_string("%s%s%s", base_path, separator, info->name));
+        if (key == nullptr)
             return TARVEX_BOX_MALLOC_ERROR();
-        }
-        free(copy->name);
-        copy->name = key;
+        tarvex_box_field_take(&copy->name, std::move(key));
     }
 
-    if (tarvex_hashtable_insert(cache, copy->name, copy) == 0)
-        return TARVEX_SUCCESS;
-
     /* What Box just told us replaces what we knew. */
-    tarvex_box_path_cache_remove(cache, copy->name);
-    if (tarvex_hashtable_insert(cache, copy->name, copy) == 0)
-        return TARVEX_SUCCESS;
-
-    tarvex_box_path_info_free(copy);
-    return TARVEX_BOX_MALLOC_ERROR();
+    if (tarvex_hashtable_insert(cache, copy->name, copy.get()) != 0) {
+        tarvex_box_path_cache_remove(cache, copy->name);
+        if (tarvex_hashtable_insert(cache, copy->name, copy.get()) != 0)
+            return TARVEX_BOX_MALLOC_ERROR();
+    }
+    copy.release();
+    return TARVEX_SUCCESS;
 }
 
 extern "C" tarvex_box_path_info_t *tarvex_box_path_cache_query(tarvex_hashtable_t *cache,

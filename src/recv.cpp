@@ -295,28 +295,26 @@ tarvex_result_t tarvex_l_box_new_session(json_t *answer, const char *path,
                                          tarvex_box_upload_session_t **upload_out)
 {
     /* Zero-filled, so that what Box's answer leaves out reads as absent. */
-    auto *upload = static_cast<tarvex_box_upload_session_t *>(
-        calloc(1, sizeof(tarvex_box_upload_session_t)));
+    tarvex_box_upload_session_ptr upload(static_cast<tarvex_box_upload_session_t *>(
+        calloc(1, sizeof(tarvex_box_upload_session_t))));
     if (upload == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
-    tarvex_result_t result = tarvex_box_upload_session_parse(answer, upload);
+    tarvex_result_t result = tarvex_box_upload_session_parse(answer, upload.get());
     if (result == TARVEX_SUCCESS)
-        result = tarvex_l_box_check_session(upload);
+        result = tarvex_l_box_check_session(upload.get());
     if (result != TARVEX_SUCCESS) {
-        tarvex_box_upload_session_free(upload);
+        upload.reset();
         return tarvex_l_box_error_with_cause(result, "Failed to parse session info!");
     }
 
-    upload->name = strdup(path);
+    const bool named = tarvex_box_field_set(&upload->name, path);
     upload->total_size = static_cast<uint64_t>(alloc_size);
     upload->part_array = json_array();
-    if (upload->name == nullptr || upload->part_array == nullptr ||
-        MD5_Init(&upload->md5_ctx) != 1 || SHA1_Init(&upload->sha1_ctx) != 1) {
-        tarvex_box_upload_session_free(upload);
+    if (!named || upload->part_array == nullptr || MD5_Init(&upload->md5_ctx) != 1 ||
+        SHA1_Init(&upload->sha1_ctx) != 1)
         return TARVEX_BOX_MALLOC_ERROR();
-    }
-    *upload_out = upload;
+    *upload_out = upload.release();
     return TARVEX_SUCCESS;
 }
 
@@ -719,9 +717,7 @@ tarvex_result_t tarvex_l_box_upload_session_parse(json_t *json,
 {
     const char *id = json_string_value(json_object_get(json, "id"));
     if (id != nullptr) {
-        free(info->id);
-        info->id = strdup(id);
-        if (info->id == nullptr)
+        if (!tarvex_box_field_set(&info->id, id))
             return TARVEX_BOX_MALLOC_ERROR();
     }
     tarvex_result_t result = TARVEX_SUCCESS;
@@ -780,8 +776,7 @@ tarvex_result_t tarvex_l_box_upload_parts(tarvex_gfs_operation_t op, tarvex_box_
         tarvex_error_discard(result);
     }
     /* The only copy of the client's data held: one part at a time. */
-    std::unique_ptr<tarvex_byte_t, void (*)(void *)> buffer(
-        static_cast<tarvex_byte_t *>(malloc(part_size)), free);
+    tarvex_box_bytes buffer = tarvex_box_bytes_alloc(part_size);
     if (buffer == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <strings.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -36,8 +37,7 @@ unsigned debug_level()
 bool set_wanted_headers(tarvex_box_request_t *request)
 {
     size_t count = 1 + request->wanted_header_count;
-    auto *wanted = static_cast<tarvex_dsi_rest_key_value_t *>(
-        calloc(count, sizeof(tarvex_dsi_rest_key_value_t)));
+    auto *wanted = new (std::nothrow) tarvex_dsi_rest_key_value_t[count]();
     if (wanted == nullptr)
         return false;
     wanted[0].key = "Retry-After";
@@ -283,7 +283,7 @@ extern "C" tarvex_result_t tarvex_box_request(tarvex_box_session_t *box,
 extern "C" void tarvex_box_request_release(tarvex_box_request_t *request)
 {
     tarvex_dsi_rest_response_arg_clear(&request->response);
-    free(request->response.desired_headers.key_value);
+    delete[] request->response.desired_headers.key_value;
     request->response.desired_headers.key_value = nullptr;
     request->response.desired_headers.count = 0;
     json_decref(request->json);

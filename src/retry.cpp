@@ -34,7 +34,7 @@ constexpr off_t record_size = sizeof(struct tarvex_box_retry_shared_s);
 struct tarvex_box_retry_shared_s *private_record()
 {
     return static_cast<struct tarvex_box_retry_shared_s *>(
-        calloc(1, sizeof(struct tarvex_box_retry_shared_s)));
+        tarvex_box_state_file_private(sizeof(struct tarvex_box_retry_shared_s)));
 }
 
 /* A private record for a handle that keeps a descriptor number: destroy
@@ -78,16 +78,12 @@ setup prepare_file(int fd)
             return setup::map;
         }
         while (ftruncate(fd, record_size) != 0) {
-            /* An interrupted size change gives up on the file; the
-             * number stays in the handle. */
+            /* An interrupted size change gives up on the file. */
             if (errno == EINTR)
                 return setup::private_open;
         }
-        void *record = map_record(fd);
-        if (record != MAP_FAILED) {
-            memset(static_cast<char *>(record) + 8, 0, 16);
-            munmap(record, record_size);
-        }
+        if (tarvex_box_mapping record{map_record(fd), record_size})
+            memset(static_cast<char *>(record.get()) + 8, 0, 16);
         while (ftruncate(fd, record_size) != 0) {
             if (errno != EINTR)
                 return setup::private_closed;
@@ -108,32 +104,32 @@ extern "C" void tarvex_i_box_retry_state_create(const char *name, int per_second
     retry->fd = -1;
     retry->shared = nullptr;
 
-    int fd = tarvex_box_state_file_open_named(tarvex_i_box_retry_path, name);
+    tarvex_box_fd fd = tarvex_box_state_file_open_named(tarvex_i_box_retry_path, name);
 
-    if (fd == -1) {
+    if (!fd) {
         retry->shared = private_record();
     } else {
-        switch (prepare_file(fd)) {
+        switch (prepare_file(fd.get())) {
         case setup::map: {
             /* Only a failed mapping leaves the file open with a private
              * record. */
-            void *record = map_record(fd);
-            retry->fd = fd;
-            if (record == nullptr || record == MAP_FAILED) {
+            void *record = map_record(fd.get());
+            retry->fd = fd.get();
+            if (record == nullptr || record == MAP_FAILED)
                 retry->shared = private_mapped_record(retry);
-                if (retry->fd == -1)
-                    close(fd);
-            } else
+            else
                 retry->shared = static_cast<struct tarvex_box_retry_shared_s *>(record);
+            /* A handle that forgot the number leaves the file to close. */
+            if (retry->fd != -1)
+                fd.release();
             break;
         }
         case setup::private_open:
-            close(fd);
-            retry->fd = fd;
+            retry->fd = fd.close_keeping_number();
             retry->shared = private_mapped_record(retry);
             break;
         case setup::private_closed:
-            close(fd);
+            fd.reset();
             retry->shared = private_record();
             break;
         }
@@ -152,29 +148,19 @@ extern "C" void tarvex_i_box_retry_state_destroy(tarvex_box_retry_t *retry)
 {
     delete retry->store;
     retry->store = nullptr;
-    if (retry->fd == -1) {
-        free(retry->shared);
-    } else {
-        munmap(retry->shared, record_size);
-        close(retry->fd);
-        retry->fd = -1;
-    }
+    tarvex_box_state_file_release(&retry->fd, retry->shared, record_size);
     retry->shared = nullptr;
 }
 
 extern "C" tarvex_result_t tarvex_i_box_retry_state_lock(tarvex_box_retry_t *retry,
                                                         bool wait)
 {
-    if (tarvex_box_state_file_lock(retry->fd, F_WRLCK, wait ? F_SETLKW : F_SETLK) != 0)
-        return tarvex_box_state_file_lock_error();
-    return TARVEX_SUCCESS;
+    return tarvex_box_state_file_lock_result(retry->fd, F_WRLCK, wait ? F_SETLKW : F_SETLK);
 }
 
 extern "C" tarvex_result_t tarvex_i_box_retry_state_unlock(tarvex_box_retry_t *retry)
 {
-    if (tarvex_box_state_file_lock(retry->fd, F_UNLCK, F_SETLK) != 0)
-        return tarvex_box_state_file_lock_error();
-    return TARVEX_SUCCESS;
+    return tarvex_box_state_file_lock_result(retry->fd, F_UNLCK, F_SETLK);
 }
 
 void (*tarvex_i_box_wait)(unsigned seconds) = [](unsigned seconds) { sleep(seconds); };

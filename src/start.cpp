@@ -4,12 +4,10 @@
  * creates the session's tables and proves the token by listing the Box
  * root, which also fills the path cache with the root's children.
  */
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "config.h"
@@ -20,6 +18,7 @@
 #include "retry.h"
 #include "session_journal.h"
 #include "start.h"
+#include "state_file.h"
 #include "tarvex_box_common.h"
 #include "tarvex_box_raii.h"
 #include "token.h"
@@ -39,29 +38,21 @@ void tarvex_l_box_make_home_dir()
 {
     char *path = nullptr;
     tarvex_error_discard(tarvex_box_evaluate_path("$HOME/.tarvex", &path));
-    if (path == nullptr)
-        return;
-    DIR *dir = opendir(path);
-    if (dir != nullptr)
-        closedir(dir);
-    else if (errno == ENOENT)
-        (void)mkdir(path, 0700);
-    free(path);
+    if (const tarvex_box_cstr_ptr owned{path})
+        tarvex_box_state_file_make_dir(owned.get());
 }
 
 tarvex_result_t tarvex_l_box_read_policy(tarvex_gfs_operation_t op)
 {
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, "config", &text);
+    /* The framework hands over an allocated copy that is ours to free. */
+    const tarvex_box_cstr_ptr policy(text);
     /* Only the policy's absence is reported, not why it is absent. */
     tarvex_error_discard(result);
-    if (result != TARVEX_SUCCESS || text == nullptr) {
-        free(text);
+    if (result != TARVEX_SUCCESS || policy == nullptr)
         return tarvex_l_box_internal_error("Missing storage gateway policy.");
-    }
-    result = tarvex_box_config_parse_json(text, &tarvex_i_box_api_per_second);
-    free(text);
-    return result;
+    return tarvex_box_config_parse_json(policy.get(), &tarvex_i_box_api_per_second);
 }
 
 tarvex_result_t tarvex_l_box_start(tarvex_gfs_operation_t op, tarvex_box_session_t *box)
@@ -108,6 +99,13 @@ tarvex_result_t tarvex_l_box_start(tarvex_gfs_operation_t op, tarvex_box_session
     return result;
 }
 
+/* A session record until the framework takes it: a refused login leaves
+ * nothing behind (no record, no open pacing file, no cached item), and
+ * session end releases a half-built record as well as a whole one. */
+struct tarvex_l_box_session_deleter {
+    void operator()(tarvex_box_session_t *box) const { tarvex_i_box_destroy(box); }
+};
+
 } // namespace
 
 extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
@@ -115,31 +113,28 @@ extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     tarvex_result_t result = TARVEX_SUCCESS;
-    auto *box = static_cast<tarvex_box_session_t *>(calloc(1, sizeof(tarvex_box_session_t)));
+    std::unique_ptr<tarvex_box_session_t, tarvex_l_box_session_deleter> box(
+        static_cast<tarvex_box_session_t *>(calloc(1, sizeof(tarvex_box_session_t))));
     if (box == nullptr || (session_info != nullptr && session_info->username != nullptr &&
-                           (box->username = strdup(session_info->username)) == nullptr)) {
+                           !tarvex_box_field_set(&box->username, session_info->username))) {
         result = TARVEX_BOX_MALLOC_ERROR();
     } else {
         box->user_retry.fd = -1;
         box->user_upload_retry.fd = -1;
         /* Called from C: what the start builds as strings (the upload
          * pacing name, the policy's bases) must not throw past here. */
-        result = tarvex_box_guarded([&] { return tarvex_l_box_start(op, box); });
+        result = tarvex_box_guarded([&] { return tarvex_l_box_start(op, box.get()); });
     }
 
     if (result == TARVEX_SUCCESS) {
         tarvex_gridftp_server_set_checksum_support(op, "SHA1:1;MD5:8;");
         static char home_dir[] = "/";
-        tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, box, nullptr,
-                                                     home_dir);
+        tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, box.release(),
+                                                     nullptr, home_dir);
         return;
     }
 
-    /* A refused login leaves nothing behind: no record, no open pacing
-     * file, no cached item.  Session end releases a half-built record as
-     * well as a whole one. */
-    if (box != nullptr)
-        tarvex_i_box_destroy(box);
+    box.reset();
     tarvex_gridftp_server_finished_session_start(op, result, nullptr, nullptr, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "get_folder_items.h"
 #include "object_info_parse.h"
@@ -27,10 +28,6 @@ void tarvex_l_box_stat_release(tarvex_gridftp_server_control_stat_t *array, int 
         array[index].name = nullptr;
     }
 }
-
-struct tarvex_l_box_stat_batch_deleter {
-    void operator()(tarvex_gridftp_server_control_stat_t *array) const { free(array); }
-};
 
 } // namespace
 
@@ -73,9 +70,8 @@ extern "C" void tarvex_i_box_stat_multi(tarvex_gfs_operation_t op,
                                         tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
-    std::unique_ptr<tarvex_gridftp_server_control_stat_t, tarvex_l_box_stat_batch_deleter>
-        array(static_cast<tarvex_gridftp_server_control_stat_t *>(
-            calloc(tarvex_l_box_stat_batch, sizeof(tarvex_gridftp_server_control_stat_t))));
+    std::unique_ptr<tarvex_gridftp_server_control_stat_t[]> array(
+        new (std::nothrow) tarvex_gridftp_server_control_stat_t[tarvex_l_box_stat_batch]());
     if (array == nullptr) {
         tarvex_gridftp_server_finished_stat(op, TARVEX_BOX_MALLOC_ERROR(), nullptr, 0);
         TARVEX_BOX_TRACE_EXIT();

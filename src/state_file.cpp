@@ -7,7 +7,10 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <stdlib.h>
 #include <unistd.h>
+
+#include <utility>
 
 namespace {
 
@@ -24,16 +27,21 @@ tarvex_box_cstr_ptr tarvex_box_state_file_path(const char *dir_template, const c
     return tarvex_box_cstr_ptr(path);
 }
 
+void tarvex_box_state_file_make_dir(const char *path)
+{
+    DIR *dir = opendir(path);
+    if (dir != nullptr)
+        closedir(dir);
+    else if (errno == ENOENT)
+        (void)mkdir(path, 0700);
+}
+
 void tarvex_box_state_file_make_parent(char *path)
 {
     char *slash = strrchr(path, '/');
     TARVEX_BOX_CHECK(slash != NULL);
     *slash = '\0';
-    DIR *dir = opendir(path);
-    if (dir != nullptr)
-        closedir(dir);
-    else if (errno == ENOENT)
-        mkdir(path, 0700);
+    tarvex_box_state_file_make_dir(path);
     *slash = '/';
 }
 
@@ -51,18 +59,16 @@ bool tarvex_box_state_file_usable(int fd)
     return fstat(fd, &st) == 0 && st.st_uid == geteuid() && S_ISREG(st.st_mode);
 }
 
-int tarvex_box_state_file_open_named(const char *dir_template, const char *name)
+tarvex_box_fd tarvex_box_state_file_open_named(const char *dir_template, const char *name)
 {
-    int fd = -1;
+    tarvex_box_fd fd;
     if (tarvex_box_cstr_ptr path = tarvex_box_state_file_path(dir_template, name)) {
         tarvex_box_state_file_make_parent(path.get());
-        fd = tarvex_box_state_file_open(path.get());
+        fd.reset(tarvex_box_state_file_open(path.get()));
     }
-    if (fd != -1 && !tarvex_box_state_file_usable(fd)) {
-        /* Someone else's file must not steer our requests. */
-        close(fd);
-        fd = -1;
-    }
+    /* Someone else's file must not steer our requests. */
+    if (fd && !tarvex_box_state_file_usable(fd.get()))
+        fd.reset();
     return fd;
 }
 
@@ -86,7 +92,29 @@ tarvex_result_t tarvex_box_state_file_lock_error()
     return tarvex_i_gfs_error_system(nullptr, errno, "System error%s%s", " in ", "fnctl");
 }
 
+tarvex_result_t tarvex_box_state_file_lock_result(int fd, short type, int command)
+{
+    if (tarvex_box_state_file_lock(fd, type, command) != 0)
+        return tarvex_box_state_file_lock_error();
+    return TARVEX_SUCCESS;
+}
+
 void *tarvex_box_state_file_anonymous(size_t size)
 {
     return mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+}
+
+void *tarvex_box_state_file_private(size_t size)
+{
+    return calloc(1, size);
+}
+
+void tarvex_box_state_file_release(int *fd, void *record, size_t mapped_length)
+{
+    if (*fd == -1) {
+        free(record);
+        return;
+    }
+    tarvex_box_fd file(std::exchange(*fd, -1));
+    tarvex_box_mapping mapping(record, mapped_length);
 }

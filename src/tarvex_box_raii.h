@@ -8,26 +8,76 @@
 
 #include <errno.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "object_info_parse.h"
+#include "path_cache.h"
 #include "request.h"
 #include "tarvex_box_common.h"
 #include "tarvex_c_edge.h"
 
-/* A malloc'd string. */
+/* A malloc'd string: what the framework and the C helpers hand over, and
+ * what a record's string field holds. */
 struct tarvex_box_free_deleter {
     void operator()(char *text) const { free(text); }
 };
 using tarvex_box_cstr_ptr = std::unique_ptr<char, tarvex_box_free_deleter>;
+
+/* A record's string field takes `text` (none: it is cleared); the string
+ * it held is freed. */
+inline void tarvex_box_field_take(char **field, tarvex_box_cstr_ptr text)
+{
+    free(*field);
+    *field = text.release();
+}
+
+/* A record's string field takes a copy of `text`; false, with the field
+ * as it was, when memory runs out. */
+inline bool tarvex_box_field_set(char **field, const char *text)
+{
+    tarvex_box_cstr_ptr copy(strdup(text));
+    if (copy == nullptr)
+        return false;
+    tarvex_box_field_take(field, std::move(copy));
+    return true;
+}
+
+/* A buffer of the plug-in's own for bytes on their way (a part, a range),
+ * uninitialised; none when memory runs out. */
+using tarvex_box_bytes = std::unique_ptr<tarvex_byte_t[]>;
+inline tarvex_box_bytes tarvex_box_bytes_alloc(size_t size)
+{
+    return tarvex_box_bytes(new (std::nothrow) tarvex_byte_t[size]);
+}
+
+/* An item record allocated by the plug-in (freeme set), until the path
+ * cache or the caller takes it. */
+struct tarvex_box_path_info_deleter {
+    void operator()(tarvex_box_path_info_t *info) const { tarvex_box_path_info_free(info); }
+};
+using tarvex_box_path_info_ptr =
+    std::unique_ptr<tarvex_box_path_info_t, tarvex_box_path_info_deleter>;
 
 /* One reference on a jansson document. */
 struct tarvex_box_json_deleter {
     void operator()(json_t *json) const { json_decref(json); }
 };
 using tarvex_box_json_ptr = std::unique_ptr<json_t, tarvex_box_json_deleter>;
+
+/* An upload session record made by the plug-in, until the upload table
+ * takes it. */
+struct tarvex_box_upload_session_deleter {
+    void operator()(tarvex_box_upload_session_t *upload) const
+    {
+        tarvex_box_upload_session_free(upload);
+    }
+};
+using tarvex_box_upload_session_ptr =
+    std::unique_ptr<tarvex_box_upload_session_t, tarvex_box_upload_session_deleter>;
 
 /* The outputs of a Box request (header values, answer document). */
 struct tarvex_box_request_guard {

@@ -10,6 +10,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <utility>
+
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "token"
 #include "box_metrics.h"
@@ -94,17 +96,12 @@ static tarvex_result_t tarvex_l_box_parse_token_json(const char *text, char **us
     if (result != TARVEX_SUCCESS)
         return result;
 
-    char *token_copy = strdup(token);
-    char *sub_copy = strdup(sub);
-    if (token_copy == nullptr || sub_copy == nullptr) {
-        free(token_copy);
-        free(sub_copy);
+    tarvex_box_cstr_ptr token_copy(strdup(token));
+    tarvex_box_cstr_ptr sub_copy(strdup(sub));
+    if (token_copy == nullptr || sub_copy == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
-    }
-    free(*access_token);
-    free(*user_id);
-    *access_token = token_copy;
-    *user_id = sub_copy;
+    tarvex_box_field_take(access_token, std::move(token_copy));
+    tarvex_box_field_take(user_id, std::move(sub_copy));
     *access_token_exp = expires;
     *max_upload = (uint64_t)upload_limit;
     return TARVEX_SUCCESS;
@@ -121,15 +118,15 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
 
     const char *key = "creds";
     if (box->access_token != nullptr) {
-        free(box->access_token);
-        free(box->user_id);
-        box->access_token = nullptr;
-        box->user_id = nullptr;
+        tarvex_box_field_take(&box->access_token, nullptr);
+        tarvex_box_field_take(&box->user_id, nullptr);
         key = "renew-creds";
     }
 
     char *text = nullptr;
     tarvex_result_t result = tarvex_gridftp_server_get_config_data(op, key, &text);
+    /* The framework hands over an allocated copy that is ours to free. */
+    const tarvex_box_cstr_ptr credential(text);
     /* A credential the framework could not get (a helper that refused, a
      * file it could not read) is its error, "451 Configuration data ...
      * is not available", with the cause in the server's log: reported as
@@ -148,10 +145,9 @@ extern "C" tarvex_result_t tarvex_box_get_kelm_token(tarvex_box_session_t *box,
         TARVEX_BOX_TRACE_RESULT(TARVEX_SUCCESS);
         return TARVEX_SUCCESS;
     }
-    result = tarvex_l_box_parse_token_json(text, &box->user_id, &box->access_token,
-                                           &box->access_token_exp, &box->max_upload);
-    /* The framework hands over an allocated copy that is ours to free. */
-    free(text);
+    result = tarvex_l_box_parse_token_json(credential.get(), &box->user_id,
+                                           &box->access_token, &box->access_token_exp,
+                                           &box->max_upload);
     TARVEX_BOX_TRACE_RESULT(result);
     return result;
 }

@@ -50,9 +50,7 @@ tarvex_result_t tarvex_l_box_take_entry(tarvex_box_session_t *box,
             result = tarvex_i_box_set_metadata(box, entry, "tarvex-md5", file.md5);
         if (result != TARVEX_SUCCESS)
             return result;
-        free(entry->md5);
-        entry->md5 = strdup(file.md5);
-        if (entry->md5 == nullptr)
+        if (!tarvex_box_field_set(&entry->md5, file.md5))
             return TARVEX_BOX_MALLOC_ERROR();
     }
     if (!tarvex::Result(tarvex_box_path_cache_update(&box->cache, entry, file.parent->name)).ok())

@@ -171,10 +171,6 @@ tarvex_result_t tarvex_box_part_put::prepare(const tarvex_box_upload_session_t *
 
 namespace {
 
-struct tarvex_l_box_free {
-    void operator()(tarvex_byte_t *bytes) const { free(bytes); }
-};
-
 /* What an acknowledged part adds to the record once every part before it
  * is in: Box's record of it (none when the answer named none) and the
  * whole file's digests up to its end. */
@@ -187,7 +183,7 @@ struct tarvex_l_box_done_part {
 
 /* One part buffer and the part it holds while that is out. */
 struct tarvex_l_box_slot {
-    std::unique_ptr<tarvex_byte_t, tarvex_l_box_free> buffer;
+    tarvex_box_bytes buffer;
     size_t length = 0;
     int index = -1;
     bool busy = false;     /* a part not yet both digested and answered */
@@ -351,7 +347,7 @@ tarvex_result_t tarvex_l_box_part_flight::read_part(tarvex_box_monitor_t *monito
 {
     size_t part_size = upload_->part_size;
     if (slot->buffer == nullptr) {
-        slot->buffer.reset(static_cast<tarvex_byte_t *>(malloc(part_size)));
+        slot->buffer = tarvex_box_bytes_alloc(part_size);
         if (slot->buffer == nullptr)
             return TARVEX_BOX_MALLOC_ERROR();
     }

@@ -14,6 +14,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "config.h"
 #include "state_file.h"
 #include "upload_state.h"
@@ -40,24 +42,24 @@ constexpr size_t probe_size = 16;
 void fall_back_closed(tarvex_box_upload_state_t *upload_state)
 {
     upload_state->fd = -1;
-    upload_state->shared = static_cast<shared_t *>(calloc(1, sizeof(shared_t)));
+    upload_state->shared = static_cast<shared_t *>(tarvex_box_state_file_private(sizeof(shared_t)));
 }
 
 /*
  * Private memory for a handle that keeps a descriptor number.  Destroy
  * unmaps such a block, so it is an anonymous (zero-filled) mapping; should
- * that fail too, the descriptor is given up so that destroy frees instead.
+ * that fail too, the number is given up so that destroy frees instead.
+ * False then: a descriptor still open is the caller's to close.
  */
-void fall_back_keeping_fd(tarvex_box_upload_state_t *upload_state, bool fd_open)
+bool fall_back_keeping_fd(tarvex_box_upload_state_t *upload_state)
 {
     void *block = tarvex_box_state_file_anonymous(sizeof(shared_t));
     if (block != MAP_FAILED) {
         upload_state->shared = static_cast<shared_t *>(block);
-        return;
+        return true;
     }
-    if (fd_open)
-        close(upload_state->fd);
     fall_back_closed(upload_state);
+    return false;
 }
 
 enum class sizing { map, gave_up };
@@ -69,72 +71,74 @@ enum class sizing { map, gave_up };
  * being held (no lock support on the file system) gives up on the file
  * rather than wait for a size that nobody will set.
  */
-sizing size_file(tarvex_box_upload_state_t *upload_state, int fd)
+sizing size_file(tarvex_box_upload_state_t *upload_state, tarvex_box_fd &fd)
 {
     struct stat st;
     for (;;) {
-        if (tarvex_box_state_file_lock(fd, F_WRLCK, F_SETLK) == 0)
+        if (tarvex_box_state_file_lock(fd.get(), F_WRLCK, F_SETLK) == 0)
             break;
         if (errno != EAGAIN && errno != EACCES) {
-            close(fd);
+            fd.reset();
             fall_back_closed(upload_state);
             return sizing::gave_up;
         }
-        if (fstat(fd, &st) != 0)
+        if (fstat(fd.get(), &st) != 0)
             continue;
         if (st.st_size == state_size)
             return sizing::map;
         sleep(1);
     }
 
-    if (fstat(fd, &st) == 0 && st.st_size == state_size) {
-        tarvex_box_state_file_lock(fd, F_UNLCK, F_SETLK);
+    if (fstat(fd.get(), &st) == 0 && st.st_size == state_size) {
+        tarvex_box_state_file_lock(fd.get(), F_UNLCK, F_SETLK);
         return sizing::map;
     }
     /* The first sizing gives up only when interrupted and retries every
-     * other error: the handle then holds private memory under the number
-     * of a descriptor that is already closed, and destroy closes that
-     * number again.  A caller that sees fd != -1 cannot tell this case from
-     * a mapped file.  Local file systems do not interrupt ftruncate. */
-    while (ftruncate(fd, state_size) != 0) {
+     * other error.  Local file systems do not interrupt ftruncate. */
+    while (ftruncate(fd.get(), state_size) != 0) {
         if (errno == EINTR) {
-            close(fd);
-            upload_state->fd = fd;
-            fall_back_keeping_fd(upload_state, false);
+            upload_state->fd = fd.close_keeping_number();
+            fall_back_keeping_fd(upload_state);
             return sizing::gave_up;
         }
     }
     /* The probe touches the new file's first page and is dropped at once;
      * ftruncate has already zero-filled the file. */
-    upload_state->shared = static_cast<shared_t *>(
-        mmap(nullptr, probe_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    munmap(upload_state->shared, probe_size);
+    {
+        tarvex_box_mapping probe(
+            mmap(nullptr, probe_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0),
+            probe_size);
+        upload_state->shared = static_cast<shared_t *>(probe.get());
+    }
     /* A second sizing that fails for good leaves fd -1 with `shared` still
      * at the probe's released address: such a handle is unusable and must
      * not reach destroy, which would free() that address. */
-    while (ftruncate(fd, state_size) != 0) {
+    while (ftruncate(fd.get(), state_size) != 0) {
         if (errno != EINTR) {
-            close(fd);
+            fd.reset();
             upload_state->fd = -1;
             return sizing::gave_up;
         }
     }
-    tarvex_box_state_file_lock(fd, F_UNLCK, F_SETLK);
+    tarvex_box_state_file_lock(fd.get(), F_UNLCK, F_SETLK);
     return sizing::map;
 }
 
-void map_file(tarvex_box_upload_state_t *upload_state, int fd)
+void map_file(tarvex_box_upload_state_t *upload_state, tarvex_box_fd fd)
 {
-    void *mapped = mmap(nullptr, state_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    upload_state->fd = fd;
+    void *mapped = mmap(nullptr, state_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    upload_state->fd = fd.get();
     /* Only a null address falls back.  A failed mapping leaves MAP_FAILED
      * in `shared` with the file open: the lock still works (it lives on the
      * descriptor), but a caller must compare `shared` with MAP_FAILED
      * before touching the record. */
-    if (mapped == nullptr)
-        fall_back_keeping_fd(upload_state, true);
-    else
+    if (mapped == nullptr) {
+        if (!fall_back_keeping_fd(upload_state))
+            return; /* the file closes here */
+    } else {
         upload_state->shared = static_cast<shared_t *>(mapped);
+    }
+    fd.release();
 }
 
 } // namespace
@@ -146,42 +150,29 @@ extern "C" void tarvex_i_box_upload_state_create(const char *name,
     upload_state->fd = -1;
     upload_state->shared = nullptr;
 
-    int fd = tarvex_box_state_file_open_named(tarvex_i_box_upload_path, name);
-    if (fd == -1) {
+    tarvex_box_fd fd = tarvex_box_state_file_open_named(tarvex_i_box_upload_path, name);
+    if (!fd) {
         fall_back_closed(upload_state);
         return;
     }
     if (size_file(upload_state, fd) == sizing::map)
-        map_file(upload_state, fd);
+        map_file(upload_state, std::move(fd));
 }
 
 extern "C" tarvex_result_t tarvex_i_box_upload_state_lock(tarvex_box_upload_state_t *upload_state,
                                                          bool blocking)
 {
-    if (tarvex_box_state_file_lock(upload_state->fd, F_WRLCK, blocking ? F_SETLKW : F_SETLK) != 0)
-        return tarvex_box_state_file_lock_error();
-    return TARVEX_SUCCESS;
+    return tarvex_box_state_file_lock_result(upload_state->fd, F_WRLCK,
+                                             blocking ? F_SETLKW : F_SETLK);
 }
 
 extern "C" tarvex_result_t tarvex_i_box_upload_state_unlock(tarvex_box_upload_state_t *upload_state)
 {
-    if (tarvex_box_state_file_lock(upload_state->fd, F_UNLCK, F_SETLK) != 0)
-        return tarvex_box_state_file_lock_error();
-    return TARVEX_SUCCESS;
+    return tarvex_box_state_file_lock_result(upload_state->fd, F_UNLCK, F_SETLK);
 }
 
 extern "C" void tarvex_i_box_upload_state_destroy(tarvex_box_upload_state_t *upload_state)
 {
-    if (upload_state->fd == -1) {
-        free(upload_state->shared);
-        upload_state->shared = nullptr;
-        return;
-    }
-    /* Only the first 16 bytes are unmapped, which drops the record's first
-     * page; the second page of the 4440-byte mapping stays in the address
-     * space until the process ends: one page per handle. */
-    munmap(upload_state->shared, probe_size);
+    tarvex_box_state_file_release(&upload_state->fd, upload_state->shared, probe_size);
     upload_state->shared = nullptr;
-    close(upload_state->fd);
-    upload_state->fd = -1;
 }
