@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <utility>
 
 /* Generic errors from here name their source by this short name. */
 #define TARVEX_BOX_SOURCE "command"
@@ -786,15 +787,39 @@ extern "C" tarvex_result_t tarvex_i_box_delete_object(tarvex_box_session_t *box,
     return TARVEX_BOX_TRACED(tarvex_l_box_delete_object(box, path_info, type));
 }
 
+namespace {
+
+/* Runs a command that may change Box, guarded, and publishes the paths it
+ * changed (`path`, and `other_path` when set) before its reply goes out. */
+template <class Work>
+tarvex_result_t tarvex_l_box_changing(tarvex_box_session_t *box, const char *path,
+                                      const char *other_path, Work &&work)
+{
+    const unsigned long writes = tarvex_box_journal_writes(box);
+    tarvex_result_t result = tarvex_box_guarded(std::forward<Work>(work));
+    tarvex_box_journal_publish(box, writes, path, other_path);
+    return result;
+}
+
+tarvex_result_t tarvex_l_box_delete(tarvex_box_session_t *box, const char *path, int type)
+{
+    tarvex_box_path_info_t *path_info = nullptr;
+    tarvex_result_t resolved = tarvex_box_path_resolve(box, path, &path_info, nullptr);
+    if (resolved != TARVEX_SUCCESS)
+        return resolved;
+    return tarvex_i_box_delete_object(box, path_info, type);
+}
+
+} // namespace
+
 extern "C" void tarvex_i_box_mkdir(tarvex_gfs_operation_t op,
                                    tarvex_gfs_command_info_t *cmd_info,
                                    tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
-    const unsigned long writes = tarvex_box_journal_writes(box);
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_mkdir(box, cmd_info->pathname); });
-    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
+    tarvex_result_t result = tarvex_l_box_changing(box, cmd_info->pathname, nullptr, [&] {
+        return tarvex_l_box_mkdir(box, cmd_info->pathname);
+    });
     /* MKD's reply text is the path asked for, whatever the outcome. */
     tarvex_gridftp_server_finished_command(op, result, cmd_info->pathname);
     TARVEX_BOX_TRACE_RESULT(result);
@@ -805,16 +830,9 @@ extern "C" void tarvex_i_box_delete(tarvex_gfs_operation_t op,
                                     tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
-    const unsigned long writes = tarvex_box_journal_writes(box);
-    tarvex_result_t result = tarvex_box_guarded([&] {
-        tarvex_box_path_info_t *path_info = nullptr;
-        tarvex_result_t resolved =
-            tarvex_box_path_resolve(box, cmd_info->pathname, &path_info, nullptr);
-        if (resolved != TARVEX_SUCCESS)
-            return resolved;
-        return tarvex_i_box_delete_object(box, path_info, cmd_info->command);
+    tarvex_result_t result = tarvex_l_box_changing(box, cmd_info->pathname, nullptr, [&] {
+        return tarvex_l_box_delete(box, cmd_info->pathname, cmd_info->command);
     });
-    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
     tarvex_gridftp_server_finished_command(op, result, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
@@ -824,11 +842,10 @@ extern "C" void tarvex_i_box_rename(tarvex_gfs_operation_t op,
                                     tarvex_box_session_t *box)
 {
     TARVEX_BOX_TRACE_ENTER();
-    const unsigned long writes = tarvex_box_journal_writes(box);
-    tarvex_result_t result = tarvex_box_guarded([&] {
-        return tarvex_l_box_rename(box, cmd_info->from_pathname, cmd_info->pathname);
-    });
-    tarvex_box_journal_publish(box, writes, cmd_info->pathname, cmd_info->from_pathname);
+    tarvex_result_t result =
+        tarvex_l_box_changing(box, cmd_info->pathname, cmd_info->from_pathname, [&] {
+            return tarvex_l_box_rename(box, cmd_info->from_pathname, cmd_info->pathname);
+        });
     tarvex_gridftp_server_finished_command(op, result, nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }
@@ -839,11 +856,10 @@ extern "C" void tarvex_i_box_cksm(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     char cksumstr[tarvex_l_box_cksum_size] = "";
-    const unsigned long writes = tarvex_box_journal_writes(box);
-    tarvex_result_t result =
-        tarvex_box_guarded([&] { return tarvex_l_box_cksm(op, cmd_info, box, cksumstr); });
     /* A recorded MD5 property changes the file's record. */
-    tarvex_box_journal_publish(box, writes, cmd_info->pathname);
+    tarvex_result_t result = tarvex_l_box_changing(box, cmd_info->pathname, nullptr, [&] {
+        return tarvex_l_box_cksm(op, cmd_info, box, cksumstr);
+    });
     tarvex_gridftp_server_finished_command(op, result, cksumstr[0] != '\0' ? cksumstr : nullptr);
     TARVEX_BOX_TRACE_RESULT(result);
 }

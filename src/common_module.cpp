@@ -110,25 +110,33 @@ static void tarvex_l_box_time_vprintf(FILE *file, const char *format, va_list ap
 
 #pragma GCC diagnostic pop
 
-extern "C" void tarvex_i_TARVEX_BOX_debug_printf(const char *format, ...)
+/* One print to the debug stream, when there is one: stamped with the time
+ * or not. */
+__attribute__((format(printf, 2, 0)))
+static void tarvex_l_box_print(bool stamped, const char *format, va_list ap)
 {
     FILE *file = tarvex_i_TARVEX_BOX_debug_handle.file;
     if (file == nullptr)
         return;
+    if (stamped)
+        tarvex_l_box_time_vprintf(file, format, ap);
+    else
+        tarvex_l_box_vprintf(file, format, ap);
+}
+
+extern "C" void tarvex_i_TARVEX_BOX_debug_printf(const char *format, ...)
+{
     va_list ap;
     va_start(ap, format);
-    tarvex_l_box_vprintf(file, format, ap);
+    tarvex_l_box_print(false, format, ap);
     va_end(ap);
 }
 
 extern "C" void tarvex_i_TARVEX_BOX_debug_time_printf(const char *format, ...)
 {
-    FILE *file = tarvex_i_TARVEX_BOX_debug_handle.file;
-    if (file == nullptr)
-        return;
     va_list ap;
     va_start(ap, format);
-    tarvex_l_box_time_vprintf(file, format, ap);
+    tarvex_l_box_print(true, format, ap);
     va_end(ap);
 }
 

@@ -44,9 +44,6 @@ constexpr auto tarvex_l_box_tick = std::chrono::seconds(1);
  * bytes: fewer, larger writes for the server's data thread. */
 constexpr size_t tarvex_l_box_piece_min = size_t{256} << 10;
 
-/* The download's answers that carry the file's bytes. */
-constexpr int tarvex_l_box_body_statuses[] = {200, 206};
-
 /* One range of the file and where it is on its way. */
 struct tarvex_l_box_span {
     tarvex_off_t first = 0;
@@ -307,27 +304,11 @@ void tarvex_l_box_range_flight::fetch_ranges()
 /* One range, as the one-stream download's request but for its Range. */
 tarvex_result_t tarvex_l_box_range_flight::fetch(size_t index)
 {
-    static const char *const wanted[] = {"Content-Range"};
     tarvex_l_box_fetch fetch = {state_.get(), index, size_, nullptr, {}, {}, {}};
-    tarvex_box_request_t download = {
-        .method = "GET",
-        .url = location_,
-        .read_callback = tarvex_l_box_take_range,
-        .read_callback_arg = &fetch,
-        .before_attempt = tarvex_l_box_ask_rest,
-        .before_attempt_arg = &fetch,
-        .wanted_headers = wanted,
-        .wanted_header_count = 1,
-        .attempts = attempts_,
-        .no_delay = true,
-        .translate_without_body = true,
-        .success_statuses = tarvex_l_box_body_statuses,
-        .success_status_count = 2,
-        .signed_url = true,
-        .caller = "tarvex_i_box_send",
-        .abandon = tarvex_l_box_give_up,
-        .abandon_arg = state_.get(),
-    };
+    tarvex_box_request_t download = tarvex_box_download_request(
+        location_, tarvex_l_box_take_range, tarvex_l_box_ask_rest, &fetch, attempts_);
+    download.abandon = tarvex_l_box_give_up;
+    download.abandon_arg = state_.get();
     tarvex_box_request_guard guard{&download};
     fetch.request = &download;
     fetch.answer.request = &download;

@@ -62,17 +62,9 @@ tarvex_result_t tarvex_l_box_set_metadata(tarvex_box_session_t *box,
         {"Content-Type", update ? "application/json-patch+json" : "application/json"}};
     tarvex_dsi_rest_write_block_arg_t block = {body.get(), strlen(body.get())};
 
-    tarvex_box_request_t request = {
-        .method = update ? "PUT" : "POST",
-        .url = url.get(),
-        .headers = headers,
-        .header_count = 1,
-        .write_callback = tarvex_dsi_rest_write_block,
-        .write_callback_arg = &block,
-        .attempts = 2,
-        .retry = &box->user_retry,
-        .caller = "tarvex_i_box_set_metadata",
-    };
+    tarvex_box_request_t request = tarvex_box_body_request(
+        update ? "PUT" : "POST", url.get(), headers, &block,
+        {.attempts = 2, .retry = &box->user_retry, .caller = "tarvex_i_box_set_metadata"});
     tarvex_box_request_guard guard{&request};
     tarvex_result_t result = tarvex_box_request(box, &request);
     if (result == TARVEX_SUCCESS)

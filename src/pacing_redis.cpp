@@ -37,6 +37,7 @@
 #include "config.h"
 #include "pacing.h"
 #include "shared_store.h"
+#include "tarvex_box_raii.h"
 
 namespace {
 
@@ -224,15 +225,8 @@ std::optional<store_address> parse_address(const std::string &url, std::string *
 
 /* ---- the connection ---- */
 
-struct reply_deleter {
-    void operator()(redisReply *reply) const { freeReplyObject(reply); }
-};
-using reply_ptr = std::unique_ptr<redisReply, reply_deleter>;
-
-struct context_deleter {
-    void operator()(redisContext *context) const { redisFree(context); }
-};
-using context_ptr = std::unique_ptr<redisContext, context_deleter>;
+using reply_ptr = std::unique_ptr<redisReply, tarvex_box_releaser<freeReplyObject>>;
+using context_ptr = std::unique_ptr<redisContext, tarvex_box_releaser<redisFree>>;
 
 /*
  * hiredis writes with write(2): a server that went away makes it raise
@@ -298,19 +292,12 @@ public:
         reply_ptr reply = command({"EVALSHA", script_sha_, "1", key, spacing, longest});
         /* A flushed script cache: send the script itself, which caches it
          * again. */
-        if (reply != nullptr && reply->type == REDIS_REPLY_ERROR &&
-            strncmp(reply->str, "NOSCRIPT", 8) == 0)
+        if (unknown_script(reply.get()))
             reply = command({"EVAL", slot_script, "1", key, spacing, longest});
         std::optional<store_slot> slot = read_slot(reply.get(), longest_us);
-        if (slot)
-            return slot;
-        if (reply == nullptr)
-            give_up(context_->errstr);
-        else if (reply->type == REDIS_REPLY_ERROR)
-            give_up(std::string(reply->str, reply->len));
-        else
-            give_up("an answer that is not a slot");
-        return std::nullopt;
+        if (!slot)
+            give_up_on(reply.get(), "an answer that is not a slot");
+        return slot;
     }
 
     /* Runs a script by its digest, then by its text when the store does
@@ -328,20 +315,14 @@ public:
         words.insert(words.end(), keys.begin(), keys.end());
         words.insert(words.end(), args.begin(), args.end());
         reply_ptr reply = command(words);
-        if (reply != nullptr && reply->type == REDIS_REPLY_ERROR &&
-            strncmp(reply->str, "NOSCRIPT", 8) == 0) {
+        if (unknown_script(reply.get())) {
             words[0] = "EVAL";
             words[1] = script;
             reply = command(words);
         }
         if (reply != nullptr && reply->type == REDIS_REPLY_ARRAY)
             return array_text(reply.get());
-        if (reply == nullptr)
-            give_up(context_->errstr);
-        else if (reply->type == REDIS_REPLY_ERROR)
-            give_up(std::string(reply->str, reply->len));
-        else
-            give_up("an answer that is not an array");
+        give_up_on(reply.get(), "an answer that is not an array");
         return std::nullopt;
     }
 
@@ -455,6 +436,25 @@ private:
     }
 
     /* Drops the connection; the first failure of an outage is logged. */
+    /* A store that does not know a script by its digest (yet). */
+    static bool unknown_script(const redisReply *reply)
+    {
+        return reply != nullptr && reply->type == REDIS_REPLY_ERROR &&
+               strncmp(reply->str, "NOSCRIPT", 8) == 0;
+    }
+
+    /* Gives up after an unusable answer: no answer (the connection's
+     * error), an error answer (its text), or `otherwise`. */
+    void give_up_on(const redisReply *reply, const char *otherwise)
+    {
+        if (reply == nullptr)
+            give_up(context_->errstr);
+        else if (reply->type == REDIS_REPLY_ERROR)
+            give_up(std::string(reply->str, reply->len));
+        else
+            give_up(otherwise);
+    }
+
     void give_up(const std::string &why)
     {
         if (!away_)

@@ -81,7 +81,7 @@ extern "C" tarvex_result_t tarvex_box_path_cache_update(tarvex_hashtable_t *cach
         if (tarvex_hashtable_insert(cache, copy->name, copy.get()) != 0)
             return TARVEX_BOX_MALLOC_ERROR();
     }
-    copy.release();
+    (void)copy.release(); /* the cache's now */
     return TARVEX_SUCCESS;
 }
 

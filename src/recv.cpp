@@ -63,6 +63,18 @@ bool tarvex_l_box_format_modtime(time_t modtime, char text[64])
     return true;
 }
 
+/* The modification time the client sent with the upload, as Box takes it
+ * ("" when it sent none). */
+tarvex_result_t tarvex_l_box_client_modtime(tarvex_gfs_operation_t op, char text[64])
+{
+    time_t modtime = -1;
+    tarvex_result_t result = tarvex_gridftp_server_get_recv_modification_time(op, &modtime);
+    if (result != TARVEX_SUCCESS)
+        return result;
+    tarvex_l_box_format_modtime(modtime, text);
+    return TARVEX_SUCCESS;
+}
+
 /* The last component of an absolute path, or NULL for a path without "/"
  * (the server hands only absolute ones, and resolution refused any other
  * before we got here). */
@@ -271,10 +283,37 @@ tarvex_box_cstr_ptr tarvex_l_box_upload_attributes(const char *name, const char 
 /* ---- upload sessions ---- */
 
 /* The Content-Length value of a block body. */
-void tarvex_l_box_length_text(size_t length, char text[24])
-{
-    snprintf(text, 24, "%lu", static_cast<unsigned long>(length));
-}
+/*
+ * A JSON text POSTed whole, with its length: the empty "Transfer-Encoding"
+ * has the body go out so, not chunked.  A "digest" header follows when one
+ * is given.
+ */
+class tarvex_l_box_json_post {
+public:
+    tarvex_l_box_json_post(char *text, const char *digest)
+        : block_{text, strlen(text)}, header_count_(digest != nullptr ? 4 : 3)
+    {
+        snprintf(length_text_, sizeof length_text_, "%lu",
+                 static_cast<unsigned long>(block_.block_len));
+        headers_[0] = {"Content-Type", "application/json"};
+        headers_[1] = {"Content-Length", length_text_};
+        headers_[2] = {"Transfer-Encoding", ""};
+        headers_[3] = {"digest", digest};
+    }
+    tarvex_l_box_json_post(const tarvex_l_box_json_post &) = delete;
+    tarvex_l_box_json_post &operator=(const tarvex_l_box_json_post &) = delete;
+
+    tarvex_box_request_t request(const char *url, const tarvex_box_call &call)
+    {
+        return tarvex_box_body_request("POST", url, headers_, header_count_, &block_, call);
+    }
+
+private:
+    char length_text_[24] = {};
+    tarvex_dsi_rest_key_value_t headers_[4] = {};
+    tarvex_dsi_rest_write_block_arg_t block_;
+    size_t header_count_;
+};
 
 /*
  * An upload session record is usable only with Box's id, a part size and
@@ -497,12 +536,10 @@ tarvex_result_t tarvex_l_box_recv_small(tarvex_gfs_operation_t op,
     tarvex_off_t start_byte = 0, byte_count = -1;
     tarvex_gridftp_server_get_write_range(op, &start_byte, &byte_count);
 
-    time_t modtime = -1;
-    tarvex_result_t result = tarvex_gridftp_server_get_recv_modification_time(op, &modtime);
+    char modtime_str[64];
+    tarvex_result_t result = tarvex_l_box_client_modtime(op, modtime_str);
     if (result != TARVEX_SUCCESS)
         return result;
-    char modtime_str[64];
-    tarvex_l_box_format_modtime(modtime, modtime_str);
 
     tarvex_uuid_t uuid;
     if (tarvex_uuid_create(&uuid) != 0)
@@ -665,28 +702,11 @@ tarvex_result_t tarvex_l_box_create_upload_session(tarvex_box_session_t *box,
     if (text == nullptr || url == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
-    size_t length = strlen(text.get());
-    char length_text[24];
-    tarvex_l_box_length_text(length, length_text);
-    /* The empty "Transfer-Encoding" has the body go out with its length,
-     * not chunked. */
-    tarvex_dsi_rest_key_value_t headers[] = {
-        {"Content-Type", "application/json"},
-        {"Content-Length", length_text},
-        {"Transfer-Encoding", ""},
-    };
-    tarvex_dsi_rest_write_block_arg_t block = {text.get(), length};
-    tarvex_box_request_t request = {
-        .method = "POST",
-        .url = url.get(),
-        .headers = headers,
-        .header_count = 3,
-        .write_callback = tarvex_dsi_rest_write_block,
-        .write_callback_arg = &block,
-        .attempts = 3,
-        .retry = &box->user_upload_retry,
-        .caller = "tarvex_i_box_create_upload_session",
-    };
+    tarvex_l_box_json_post post(text.get(), nullptr);
+    tarvex_box_request_t request =
+        post.request(url.get(), {.attempts = 3,
+                                 .retry = &box->user_upload_retry,
+                                 .caller = "tarvex_i_box_create_upload_session"});
     tarvex_box_request_guard guard{&request};
     tarvex_result_t result = tarvex_box_request(box, &request);
     if (result != TARVEX_SUCCESS)
@@ -816,12 +836,10 @@ tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box
                                            tarvex_box_path_info_t *parent,
                                            tarvex_box_upload_session_t *upload)
 {
-    time_t modtime = -1;
-    tarvex_result_t result = tarvex_gridftp_server_get_recv_modification_time(op, &modtime);
+    char modtime_str[64];
+    tarvex_result_t result = tarvex_l_box_client_modtime(op, modtime_str);
     if (result != TARVEX_SUCCESS)
         return result;
-    char modtime_str[64];
-    tarvex_l_box_format_modtime(modtime, modtime_str);
 
     char md5_str[33];
     char digest[tarvex_box_digest_size];
@@ -838,33 +856,15 @@ tarvex_result_t tarvex_l_box_commit_upload(tarvex_gfs_operation_t op, tarvex_box
     if (url == nullptr)
         return TARVEX_BOX_MALLOC_ERROR();
 
-    size_t length = strlen(body.get());
-    char length_text[24];
-    tarvex_l_box_length_text(length, length_text);
-    tarvex_dsi_rest_key_value_t headers[] = {
-        {"Content-Type", "application/json"},
-        {"Content-Length", length_text},
-        {"Transfer-Encoding", ""},
-        {"digest", digest},
-    };
     tarvex_dsi_rest_key_value_t query_pairs[] = {{"fields", tarvex_l_box_upload_fields}};
     tarvex_dsi_rest_key_array_t query = {1, query_pairs};
-    tarvex_dsi_rest_write_block_arg_t block = {body.get(), length};
+    tarvex_l_box_json_post post(body.get(), digest);
 
-    tarvex_box_request_t request = {
-        .method = "POST",
-        .url = url.get(),
-        .query = &query,
-        .headers = headers,
-        .header_count = 4,
-        .write_callback = tarvex_dsi_rest_write_block,
-        .write_callback_arg = &block,
-        .attempts = 5,
-        /* No shared pacing: the commit waits only as Box or its 202s ask. */
-        .retry = nullptr,
-        .caller = "tarvex_i_box_commit_upload",
-        .check_answer = tarvex_l_box_commit_check,
-    };
+    /* No shared pacing: the commit waits only as Box or its 202s ask. */
+    tarvex_box_request_t request = post.request(
+        url.get(), {.attempts = 5, .retry = nullptr, .caller = "tarvex_i_box_commit_upload"});
+    request.query = &query;
+    request.check_answer = tarvex_l_box_commit_check;
     tarvex_box_request_guard guard{&request};
     result = tarvex_box_request(box, &request);
     const char *name = tarvex_l_box_base_name(info->pathname);

@@ -300,3 +300,22 @@ extern "C" const char *tarvex_box_request_header(const tarvex_box_request_t *req
             return wanted.key_value[i].value;
     return nullptr;
 }
+
+tarvex_box_request_t tarvex_box_body_request(const char *method, const char *url,
+                                             const tarvex_dsi_rest_key_value_t *headers,
+                                             size_t header_count,
+                                             tarvex_dsi_rest_write_block_arg_t *body,
+                                             const tarvex_box_call &call)
+{
+    return {
+        .method = method,
+        .url = url,
+        .headers = headers,
+        .header_count = header_count,
+        .write_callback = tarvex_dsi_rest_write_block,
+        .write_callback_arg = body,
+        .attempts = call.attempts,
+        .retry = call.retry,
+        .caller = call.caller,
+    };
+}

@@ -36,9 +36,6 @@ namespace {
  * the content request is one the download cannot have. */
 constexpr int tarvex_l_box_range_attempts = 2;
 
-/* The download's answers that carry the file's bytes. */
-constexpr int tarvex_l_box_body_statuses[] = {200, 206};
-
 /* One read range on its way from Box into the data channel. */
 struct tarvex_l_box_range {
     tarvex_off_t start_byte;
@@ -204,28 +201,8 @@ tarvex_result_t tarvex_l_box_send_range(tarvex_box_session_t *box, tarvex_gfs_op
         tarvex_error_discard(result);
     }
 
-    static const char *const wanted[] = {"Content-Range"};
-    tarvex_box_request_t download = {
-        .method = "GET",
-        .url = location,
-        .read_callback = tarvex_l_box_take_body,
-        .read_callback_arg = &range,
-        .before_attempt = tarvex_l_box_resume,
-        .before_attempt_arg = &range,
-        .wanted_headers = wanted,
-        .wanted_header_count = 1,
-        .attempts = attempts,
-        /* Only the API requests are paced: the content request just was,
-         * and the download goes to the host its redirect names. */
-        .no_delay = true,
-        .translate_without_body = true, /* the body went to the client */
-        /* A download is good only when it brought the bytes. */
-        .success_statuses = tarvex_l_box_body_statuses,
-        .success_status_count = 2,
-        /* The link is signed: it goes without the token, wherever it points. */
-        .signed_url = true,
-        .caller = "tarvex_i_box_send",
-    };
+    tarvex_box_request_t download = tarvex_box_download_request(
+        location, tarvex_l_box_take_body, tarvex_l_box_resume, &range, attempts);
     tarvex_box_request_guard download_guard{&download};
     range.answer.request = &download;
     result = tarvex_box_request(box, &download);
@@ -272,6 +249,32 @@ tarvex_result_t tarvex_l_box_send(tarvex_gfs_operation_t op,
 }
 
 } // namespace
+
+tarvex_box_request_t tarvex_box_download_request(
+    const char *location, tarvex_dsi_rest_data_read_t read,
+    tarvex_result_t (*resume)(tarvex_box_request_t *request, void *arg), void *arg,
+    int attempts)
+{
+    static const char *const wanted[] = {"Content-Range"};
+    static const int body_statuses[] = {200, 206};
+    return {
+        .method = "GET",
+        .url = location,
+        .read_callback = read,
+        .read_callback_arg = arg,
+        .before_attempt = resume,
+        .before_attempt_arg = arg,
+        .wanted_headers = wanted,
+        .wanted_header_count = 1,
+        .attempts = attempts,
+        .no_delay = true,
+        .translate_without_body = true,
+        .success_statuses = body_statuses,
+        .success_status_count = 2,
+        .signed_url = true,
+        .caller = "tarvex_i_box_send",
+    };
+}
 
 extern "C" void tarvex_i_box_send(tarvex_gfs_operation_t op,
                                   tarvex_gfs_transfer_info_t *transfer_info, void *user_arg)

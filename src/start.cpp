@@ -99,13 +99,6 @@ tarvex_result_t tarvex_l_box_start(tarvex_gfs_operation_t op, tarvex_box_session
     return result;
 }
 
-/* A session record until the framework takes it: a refused login leaves
- * nothing behind (no record, no open pacing file, no cached item), and
- * session end releases a half-built record as well as a whole one. */
-struct tarvex_l_box_session_deleter {
-    void operator()(tarvex_box_session_t *box) const { tarvex_i_box_destroy(box); }
-};
-
 } // namespace
 
 extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
@@ -113,7 +106,10 @@ extern "C" void tarvex_i_box_start(tarvex_gfs_operation_t op,
 {
     TARVEX_BOX_TRACE_ENTER();
     tarvex_result_t result = TARVEX_SUCCESS;
-    std::unique_ptr<tarvex_box_session_t, tarvex_l_box_session_deleter> box(
+    /* The record until the framework takes it: a refused login leaves
+     * nothing behind (no record, no open pacing file, no cached item), and
+     * session end releases a half-built record as well as a whole one. */
+    std::unique_ptr<tarvex_box_session_t, tarvex_box_releaser<tarvex_i_box_destroy>> box(
         static_cast<tarvex_box_session_t *>(calloc(1, sizeof(tarvex_box_session_t))));
     if (box == nullptr || (session_info != nullptr && session_info->username != nullptr &&
                            !tarvex_box_field_set(&box->username, session_info->username))) {

@@ -20,12 +20,19 @@
 #include "tarvex_box_common.h"
 #include "tarvex_c_edge.h"
 
+/* A unique_ptr's deleter that hands the pointer to a C release function. */
+template <auto Release>
+struct tarvex_box_releaser {
+    template <class T>
+    void operator()(T *object) const
+    {
+        Release(object);
+    }
+};
+
 /* A malloc'd string: what the framework and the C helpers hand over, and
  * what a record's string field holds. */
-struct tarvex_box_free_deleter {
-    void operator()(char *text) const { free(text); }
-};
-using tarvex_box_cstr_ptr = std::unique_ptr<char, tarvex_box_free_deleter>;
+using tarvex_box_cstr_ptr = std::unique_ptr<char, tarvex_box_releaser<free>>;
 
 /* A record's string field takes `text` (none: it is cleared); the string
  * it held is freed. */
@@ -56,28 +63,17 @@ inline tarvex_box_bytes tarvex_box_bytes_alloc(size_t size)
 
 /* An item record allocated by the plug-in (freeme set), until the path
  * cache or the caller takes it. */
-struct tarvex_box_path_info_deleter {
-    void operator()(tarvex_box_path_info_t *info) const { tarvex_box_path_info_free(info); }
-};
 using tarvex_box_path_info_ptr =
-    std::unique_ptr<tarvex_box_path_info_t, tarvex_box_path_info_deleter>;
+    std::unique_ptr<tarvex_box_path_info_t, tarvex_box_releaser<tarvex_box_path_info_free>>;
 
 /* One reference on a jansson document. */
-struct tarvex_box_json_deleter {
-    void operator()(json_t *json) const { json_decref(json); }
-};
-using tarvex_box_json_ptr = std::unique_ptr<json_t, tarvex_box_json_deleter>;
+using tarvex_box_json_ptr = std::unique_ptr<json_t, tarvex_box_releaser<json_decref>>;
 
 /* An upload session record made by the plug-in, until the upload table
  * takes it. */
-struct tarvex_box_upload_session_deleter {
-    void operator()(tarvex_box_upload_session_t *upload) const
-    {
-        tarvex_box_upload_session_free(upload);
-    }
-};
 using tarvex_box_upload_session_ptr =
-    std::unique_ptr<tarvex_box_upload_session_t, tarvex_box_upload_session_deleter>;
+    std::unique_ptr<tarvex_box_upload_session_t,
+                    tarvex_box_releaser<tarvex_box_upload_session_free>>;
 
 /* The outputs of a Box request (header values, answer document). */
 struct tarvex_box_request_guard {

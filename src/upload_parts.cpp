@@ -152,18 +152,11 @@ tarvex_result_t tarvex_box_part_put::prepare(const tarvex_box_upload_session_t *
     /* The block writer only reads its data. */
     block_ = {const_cast<tarvex_byte_t *>(data), length};
 
-    request = {
-        .method = "PUT",
-        .url = url,
-        .headers = headers_,
-        .header_count = 3,
-        .write_callback = tarvex_dsi_rest_write_block,
-        .write_callback_arg = &block_,
-        .attempts = 3,
-        .no_delay = true,
-        .progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms,
-        .caller = "tarvex_i_box_upload_parts",
-    };
+    request = tarvex_box_body_request(
+        "PUT", url, headers_, &block_,
+        {.attempts = 3, .retry = nullptr, .caller = "tarvex_i_box_upload_parts"});
+    request.no_delay = true;
+    request.progress_timeout_ms = 2 * tarvex_i_box_progress_timeout_ms;
     return TARVEX_SUCCESS;
 }
 
@@ -215,6 +208,7 @@ public:
 
 private:
     tarvex_l_box_slot *free_slot();
+    tarvex_l_box_slot *next_of(std::deque<tarvex_l_box_slot *> &queue);
     tarvex_result_t read_part(tarvex_box_monitor_t *monitor, tarvex_l_box_slot *slot,
                               int index);
     void send_parts();
@@ -415,21 +409,24 @@ tarvex_result_t tarvex_l_box_part_flight::outcome()
     return result;
 }
 
+/* The next part of a thread's queue, waited for; none once the flight is
+ * closing and the queue is empty. */
+tarvex_l_box_slot *tarvex_l_box_part_flight::next_of(std::deque<tarvex_l_box_slot *> &queue)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    cond_.wait(lock, [&] { return closing_ || !queue.empty(); });
+    if (queue.empty())
+        return nullptr;
+    tarvex_l_box_slot *slot = queue.front();
+    queue.pop_front();
+    return slot;
+}
+
 void tarvex_l_box_part_flight::send_parts()
 {
     std::string token;
-    for (;;) {
-        tarvex_l_box_slot *slot = nullptr;
-        {
-            std::unique_lock<std::mutex> lock(mutex_);
-            cond_.wait(lock, [this] { return closing_ || !to_send_.empty(); });
-            if (to_send_.empty())
-                return;
-            slot = to_send_.front();
-            to_send_.pop_front();
-        }
+    while (tarvex_l_box_slot *slot = next_of(to_send_))
         send(slot, &token);
-    }
 }
 
 /* Before each attempt: the token renewed when near its end, as for every
@@ -508,16 +505,7 @@ void tarvex_l_box_part_flight::send(tarvex_l_box_slot *slot, std::string *token)
  * part leaves the digests as they stand after it. */
 void tarvex_l_box_part_flight::digest_parts()
 {
-    for (;;) {
-        tarvex_l_box_slot *slot = nullptr;
-        {
-            std::unique_lock<std::mutex> lock(mutex_);
-            cond_.wait(lock, [this] { return closing_ || !to_digest_.empty(); });
-            if (to_digest_.empty())
-                return;
-            slot = to_digest_.front();
-            to_digest_.pop_front();
-        }
+    while (tarvex_l_box_slot *slot = next_of(to_digest_)) {
         const char *failed = nullptr;
         if (SHA1_Update(&sha1_, slot->buffer.get(), slot->length) != 1)
             failed = "Failed updating file sha1 hash.";
