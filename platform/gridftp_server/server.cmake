@@ -46,8 +46,8 @@ target_compile_definitions(tarvex-gridftp-server PRIVATE
   TARVEX_VERSION="${CMAKE_PROJECT_VERSION}"
   TARVEX_PLUGIN_DIR_FROM_BINDIR="${TARVEX_LIBDIR_FROM_BINDIR}")
 target_link_libraries(tarvex-gridftp-server PRIVATE
-  tarvex_server_parse tarvex_gridftp_server tarvex_common OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT}
-  Threads::Threads)
+  tarvex_server_parse tarvex_gridftp_server tarvex_common tarvex_common_internal
+  OpenSSL::SSL OpenSSL::Crypto ${TARVEX_LIBCRYPT} Threads::Threads)
 set_target_properties(tarvex-gridftp-server PROPERTIES
   INSTALL_RPATH "$ORIGIN/${TARVEX_LIBDIR_FROM_BINDIR}")
 install(TARGETS tarvex-gridftp-server RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

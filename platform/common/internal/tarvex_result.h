@@ -48,6 +48,18 @@ private:
     tarvex_result_t handle_ = TARVEX_SUCCESS;
 };
 
+// Keeps the first failure of several (buffers in flight failing one after
+// another) in `kept`; a later one is discarded, as nobody will ask for it.
+inline void keep_first_failure(tarvex_result_t &kept, tarvex_result_t result)
+{
+    if (result == TARVEX_SUCCESS)
+        return;
+    if (kept == TARVEX_SUCCESS)
+        kept = result;
+    else
+        tarvex_error_discard(result);
+}
+
 } // namespace tarvex
 
 #endif

@@ -5,11 +5,13 @@
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "tarvex_extension.h"
+#include "tarvex_split.h"
 
 namespace {
 
@@ -65,19 +67,10 @@ std::map<std::string, loaded_extension, std::less<>> &loaded_extensions()
 // Appends the directories of a colon-separated list to `out`.
 void split_path(const std::string &path, const std::string &file, std::vector<std::string> &out)
 {
-    size_t start = 0;
-    while (start <= path.size()) {
-        size_t end = path.find(':', start);
-        if (end == std::string::npos)
-            end = path.size();
-        std::string dir = path.substr(start, end - start);
-        if (!dir.empty()) {
-            dir += '/';
-            dir += file;
-            out.push_back(std::move(dir));
-        }
-        start = end + 1;
-    }
+    tarvex::for_each_piece(path, ':', [&](std::string_view dir) {
+        if (!dir.empty())
+            out.push_back(std::string(dir) + '/' + file);
+    });
 }
 
 // Opens libNAME.so along the search path; records the failure text.

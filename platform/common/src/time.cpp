@@ -6,14 +6,19 @@
 
 namespace {
 
-// Each caller hands strftime its own literal form, so that -Wformat=2 checks
-// it; this does the rest.  Leaves the buffer empty, and says whether to go on.
-bool utc_parts(time_t when, char *buffer, size_t size, struct tm *parts)
+// `when` in UTC written by `write`, which calls strftime with the caller's
+// own literal form (so that -Wformat=2 checks it); the buffer is left
+// empty when the time cannot be written.
+template <class Write>
+char *format_utc(time_t when, char *buffer, size_t size, Write &&write)
 {
     if (buffer == nullptr || size == 0)
-        return false;
+        return buffer;
     buffer[0] = '\0';
-    return gmtime_r(&when, parts) != nullptr;
+    struct tm parts;
+    if (gmtime_r(&when, &parts) != nullptr && write(&parts) == 0)
+        buffer[0] = '\0';
+    return buffer;
 }
 
 } // namespace
@@ -45,20 +50,16 @@ void tarvex_time_sleep_usec(int64_t usec)
 
 char *tarvex_time_format_utc(time_t when, char *buffer, size_t size)
 {
-    struct tm parts;
-    if (utc_parts(when, buffer, size, &parts) &&
-        strftime(buffer, size, "%Y-%m-%dT%H:%M:%SZ", &parts) == 0)
-        buffer[0] = '\0';
-    return buffer;
+    return format_utc(when, buffer, size, [&](const struct tm *parts) {
+        return strftime(buffer, size, "%Y-%m-%dT%H:%M:%SZ", parts);
+    });
 }
 
 char *tarvex_time_format_ftp(time_t when, char *buffer, size_t size)
 {
-    struct tm parts;
-    if (utc_parts(when, buffer, size, &parts) &&
-        strftime(buffer, size, "%Y%m%d%H%M%S", &parts) == 0)
-        buffer[0] = '\0';
-    return buffer;
+    return format_utc(when, buffer, size, [&](const struct tm *parts) {
+        return strftime(buffer, size, "%Y%m%d%H%M%S", parts);
+    });
 }
 
 } // extern "C"

@@ -16,11 +16,8 @@ public:
 
 BlockWriter *block_writer(RequestContext &ctx, void *arg)
 {
-    return ctx.stream<BlockWriter>(reinterpret_cast<const void *>(&tarvex_dsi_rest_write_block),
-                                   arg, [arg] {
-                                       return std::make_unique<BlockWriter>(
-                                           static_cast<tarvex_dsi_rest_write_block_arg_t *>(arg));
-                                   });
+    return ctx.stream_of<BlockWriter, tarvex_dsi_rest_write_block_arg_t>(
+        &tarvex_dsi_rest_write_block, arg);
 }
 
 } // namespace
@@ -39,12 +36,8 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_block(void *write_callback_arg,
                                                        size_t *bytes_written)
 {
     *bytes_written = 0;
-    return guard_result(__func__, [&] {
-        RequestContext *ctx = RequestContext::current();
-        if (ctx == nullptr)
-            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                         "tarvex_dsi_rest_write_block called outside a request");
-        *bytes_written = block_writer(*ctx, write_callback_arg)->read(buffer, buffer_length);
+    return in_request(__func__, [&](RequestContext &ctx) {
+        *bytes_written = block_writer(ctx, write_callback_arg)->read(buffer, buffer_length);
         return TARVEX_SUCCESS;
     });
 }

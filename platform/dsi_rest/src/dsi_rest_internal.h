@@ -251,6 +251,14 @@ public:
             streams_.push_back({kind, arg, std::move(made)});
         return raw;
     }
+    /* The stream of the stock callback `callback` kept for `arg`, made
+     * from `arg` (an A *) the first time. */
+    template <class T, class A, class Callback>
+    T *stream_of(Callback *callback, void *arg)
+    {
+        return stream<T>(reinterpret_cast<const void *>(callback), arg,
+                         [arg] { return std::make_unique<T>(static_cast<A *>(arg)); });
+    }
     /* Finishes every stream in the order made; the first failure wins. */
     tarvex_result_t finish_streams(bool transferred);
 
@@ -348,6 +356,21 @@ CURL *thread_handle();
 void count_connections(CURL *handle);
 /* The CA file to verify servers with ("" for the system's). */
 std::string ca_file();
+
+// The frame of a stock body callback: exceptions stopped, and an argument
+// error naming `function` when it is called outside a request; `body`
+// takes the request's context.
+template <class Body>
+tarvex_result_t in_request(const char *function, Body &&body) noexcept
+{
+    return guard_result(function, [&] {
+        RequestContext *ctx = RequestContext::current();
+        if (ctx == nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "%s called outside a request", function);
+        return body(*ctx);
+    });
+}
 
 } // namespace tarvex_dsi_rest_internal
 

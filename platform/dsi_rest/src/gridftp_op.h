@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "dsi_rest_internal.h"
+#include "tarvex_result.h"
 
 namespace tarvex_dsi_rest_internal {
 
@@ -112,15 +113,7 @@ struct BufferPool {
     // Called with the mutex held: a completion's first failure is kept;
     // later ones (other buffers in flight failing too) are dropped, as
     // nobody will ask for them.
-    void record(tarvex_result_t result)
-    {
-        if (result == TARVEX_SUCCESS)
-            return;
-        if (error == TARVEX_SUCCESS)
-            error = result;
-        else
-            tarvex_error_discard(result);
-    }
+    void record(tarvex_result_t result) { tarvex::keep_first_failure(error, result); }
 
     // Called with the mutex held.  A completion's error is handed out once.
     tarvex_result_t take_error()
@@ -132,6 +125,22 @@ struct BufferPool {
         return error;
     }
 };
+
+// The frame of the two callbacks that stream a server operation's data:
+// exceptions stopped, and an argument error naming `function` without a
+// request or an operation record; `body` takes both.
+template <class Body>
+tarvex_result_t in_gridftp_request(const char *function, void *arg, Body &&body) noexcept
+{
+    return guard_result(function, [&] {
+        RequestContext *ctx = RequestContext::current();
+        auto *op_arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(arg);
+        if (ctx == nullptr || op_arg == nullptr)
+            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
+                                         "%s needs a request and an operation record", function);
+        return body(*ctx, op_arg);
+    });
+}
 
 } // namespace tarvex_dsi_rest_internal
 

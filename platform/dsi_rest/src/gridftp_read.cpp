@@ -155,11 +155,8 @@ private:
 
 GridftpReader *gridftp_reader(RequestContext &ctx, void *arg)
 {
-    return ctx.stream<GridftpReader>(reinterpret_cast<const void *>(&tarvex_dsi_rest_read_gridftp_op),
-                                     arg, [arg] {
-                                         return std::make_unique<GridftpReader>(
-                                             static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(arg));
-                                     });
+    return ctx.stream_of<GridftpReader, tarvex_dsi_rest_gridftp_op_arg_t>(
+        &tarvex_dsi_rest_read_gridftp_op, arg);
 }
 
 } // namespace
@@ -177,14 +174,8 @@ using namespace tarvex_dsi_rest_internal;
 extern "C" tarvex_result_t tarvex_dsi_rest_read_gridftp_op(void *read_callback_arg,
                                                            void *buffer, size_t buffer_length)
 {
-    return guard_result(__func__, [&] {
-        RequestContext *ctx = RequestContext::current();
-        auto *arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(read_callback_arg);
-        if (ctx == nullptr || arg == nullptr)
-            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                         "tarvex_dsi_rest_read_gridftp_op needs a request and an "
-                                         "operation record");
-        return gridftp_reader(*ctx, arg)->write(*ctx, static_cast<const tarvex_byte_t *>(buffer),
-                                                buffer_length);
+    return in_gridftp_request(__func__, read_callback_arg, [&](RequestContext &ctx, auto *arg) {
+        return gridftp_reader(ctx, arg)->write(ctx, static_cast<const tarvex_byte_t *>(buffer),
+                                               buffer_length);
     });
 }

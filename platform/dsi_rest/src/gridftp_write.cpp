@@ -181,16 +181,9 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_gridftp_op(void *write_callback
                                                             size_t *bytes_written)
 {
     *bytes_written = 0;
-    return guard_result(__func__, [&] {
-        RequestContext *ctx = RequestContext::current();
-        auto *arg = static_cast<tarvex_dsi_rest_gridftp_op_arg_t *>(write_callback_arg);
-        if (ctx == nullptr || arg == nullptr)
-            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                         "tarvex_dsi_rest_write_gridftp_op needs a request and an "
-                                         "operation record");
-        auto *writer = ctx->stream<GridftpWriter>(
-            reinterpret_cast<const void *>(&tarvex_dsi_rest_write_gridftp_op), arg,
-            [arg] { return std::make_unique<GridftpWriter>(arg); });
-        return writer->read(*ctx, buffer, buffer_length, bytes_written);
+    return in_gridftp_request(__func__, write_callback_arg, [&](RequestContext &ctx, auto *arg) {
+        auto *writer = ctx.stream_of<GridftpWriter, tarvex_dsi_rest_gridftp_op_arg_t>(
+            &tarvex_dsi_rest_write_gridftp_op, arg);
+        return writer->read(ctx, buffer, buffer_length, bytes_written);
     });
 }

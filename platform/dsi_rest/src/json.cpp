@@ -224,11 +224,7 @@ JsonReader *json_reader(RequestContext &ctx, void *arg)
 
 JsonWriter *json_writer(RequestContext &ctx, void *arg)
 {
-    return ctx.stream<JsonWriter>(reinterpret_cast<const void *>(&tarvex_dsi_rest_write_json),
-                                  arg, [arg] {
-                                      return std::make_unique<JsonWriter>(
-                                          static_cast<const json_t *>(arg));
-                                  });
+    return ctx.stream_of<JsonWriter, const json_t>(&tarvex_dsi_rest_write_json, arg);
 }
 
 } // namespace
@@ -257,12 +253,8 @@ using namespace tarvex_dsi_rest_internal;
 extern "C" tarvex_result_t tarvex_dsi_rest_read_json(void *read_callback_arg, void *buffer,
                                                      size_t buffer_length)
 {
-    return guard_result(__func__, [&] {
-        RequestContext *ctx = RequestContext::current();
-        if (ctx == nullptr)
-            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                         "tarvex_dsi_rest_read_json called outside a request");
-        return json_reader(*ctx, read_callback_arg)->append(*ctx, buffer, buffer_length);
+    return in_request(__func__, [&](RequestContext &ctx) {
+        return json_reader(ctx, read_callback_arg)->append(ctx, buffer, buffer_length);
     });
 }
 
@@ -271,16 +263,12 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_json(void *write_callback_arg, 
                                                       size_t *bytes_written)
 {
     *bytes_written = 0;
-    return guard_result(__func__, [&] {
-        RequestContext *ctx = RequestContext::current();
-        if (ctx == nullptr)
-            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                         "tarvex_dsi_rest_write_json called outside a request");
-        JsonWriter *writer = json_writer(*ctx, write_callback_arg);
+    return in_request(__func__, [&](RequestContext &ctx) {
+        JsonWriter *writer = json_writer(ctx, write_callback_arg);
         if (writer->failed())
             return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_CALLBACK, nullptr,
                                          "Cannot serialise the JSON request body: %s",
-                                         ctx->url.c_str());
+                                         ctx.url.c_str());
         *bytes_written = writer->read(buffer, buffer_length);
         return TARVEX_SUCCESS;
     });

@@ -194,17 +194,12 @@ extern "C" tarvex_result_t tarvex_dsi_rest_write_multipart(void *write_callback_
                                                            size_t *bytes_written)
 {
     *bytes_written = 0;
-    return guard_result(__func__, [&] {
-        RequestContext *ctx = RequestContext::current();
-        if (ctx == nullptr)
-            return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
-                                         "tarvex_dsi_rest_write_multipart called outside a "
-                                         "request");
-        MultipartWriter *writer = multipart_writer(*ctx, write_callback_arg);
+    return in_request(__func__, [&](RequestContext &ctx) {
+        MultipartWriter *writer = multipart_writer(ctx, write_callback_arg);
         if (writer->boundary().empty())
             return TARVEX_DSI_REST_ERROR(TARVEX_DSI_REST_ERROR_ARGUMENT, nullptr,
                                          "Multipart body without a boundary in Content-Type: %s",
-                                         ctx->url.c_str());
+                                         ctx.url.c_str());
         return writer->read(buffer, buffer_length, bytes_written);
     });
 }

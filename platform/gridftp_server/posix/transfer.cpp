@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "posix.h"
+#include "tarvex_result.h"
 
 namespace tarvex_posix {
 
@@ -34,15 +35,8 @@ struct Pipeline {
     int outstanding = 0;
     tarvex_result_t error = TARVEX_SUCCESS; // the first failure
 
-    void note_error(tarvex_result_t r)
-    {
-        if (r == TARVEX_SUCCESS)
-            return;
-        if (error == TARVEX_SUCCESS)
-            error = r;
-        else
-            tarvex_error_discard(r);
-    }
+    // The first failure is kept.
+    void note_error(tarvex_result_t r) { tarvex::keep_first_failure(error, r); }
     void wait_idle()
     {
         std::unique_lock lock(mu);

@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "tarvex_split.h"
+
 namespace tarvex_server {
 
 namespace {
@@ -96,17 +98,11 @@ bool ControlChannel::send_raw(std::string_view text)
 bool ControlChannel::reply(int code, std::string_view text)
 {
     std::vector<std::string_view> lines;
-    size_t i = 0;
-    while (i <= text.size()) {
-        size_t j = text.find('\n', i);
-        if (j == std::string_view::npos)
-            j = text.size();
-        std::string_view l = text.substr(i, j - i);
+    tarvex::for_each_piece(text, '\n', [&](std::string_view l) {
         if (!l.empty() && l.back() == '\r')
             l.remove_suffix(1);
         lines.push_back(l);
-        i = j + 1;
-    }
+    });
     std::string out;
     std::string c = std::to_string(code);
     for (size_t k = 0; k < lines.size(); ++k) {

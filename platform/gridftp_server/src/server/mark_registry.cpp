@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "conn.h"
+#include "shared_mutex.h"
 
 namespace tarvex_server::mark_registry {
 
@@ -42,21 +43,6 @@ Shared *shared = nullptr;
 int own_record = -1;
 int next_record = 0; // the listening process's round
 
-// The registry's lock; a process that died holding it (a session killed by
-// a signal) left the records whole, since every change under it is a few
-// plain stores.
-class Lock {
-public:
-    Lock()
-    {
-        if (pthread_mutex_lock(&shared->mu) == EOWNERDEAD)
-            pthread_mutex_consistent(&shared->mu);
-    }
-    ~Lock() { pthread_mutex_unlock(&shared->mu); }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-};
-
 void put(char *to, unsigned char &length, const std::string &mark)
 {
     length = static_cast<unsigned char>(std::min(mark.size(), mark_room));
@@ -73,7 +59,7 @@ enum class Owner { unknown, pending, user };
 // Who logged in on the control connection whose session mark is `mark`.
 Owner owner_of(const std::string &mark, std::string &user)
 {
-    Lock lock;
+    SharedLock lock(shared->mu);
     for (int i = 0; i < shared->count; ++i) {
         const Record &r = shared->records()[i];
         if (r.state == free_record || !same(r.session_mark, r.session_length, mark))
@@ -93,6 +79,19 @@ Record *own()
     return shared != nullptr && own_record >= 0 ? &shared->records()[own_record] : nullptr;
 }
 
+// Stores `mark` in one of the marks of this process's record (when it has
+// one) and moves the record to `state`, under the lock.
+void mark_own(char (Record::*to)[mark_room], unsigned char Record::*length,
+              const std::string &mark, State state)
+{
+    Record *r = own();
+    if (r == nullptr)
+        return;
+    SharedLock lock(shared->mu);
+    put(r->*to, r->*length, mark);
+    r->state = state;
+}
+
 } // namespace
 
 bool open(int records, std::string &err)
@@ -104,12 +103,7 @@ bool open(int records, std::string &err)
         return false;
     }
     auto *s = static_cast<Shared *>(p); // zeroed: every record free
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    int rc = pthread_mutex_init(&s->mu, &attr);
-    pthread_mutexattr_destroy(&attr);
+    int rc = init_shared_mutex(&s->mu);
     if (rc != 0) {
         munmap(p, size);
         err = std::string("cannot set up the TLS session registry: ") + strerror(rc);
@@ -129,7 +123,7 @@ int assign(const std::function<bool(int)> &held)
         next_record = (next_record + 1) % shared->count;
         if (held(i))
             continue;
-        Lock lock;
+        SharedLock lock(shared->mu);
         shared->records()[i] = Record{};
         return i;
     }
@@ -140,7 +134,7 @@ void release(int record)
 {
     if (shared == nullptr || record < 0)
         return;
-    Lock lock;
+    SharedLock lock(shared->mu);
     Record &r = shared->records()[record];
     if (r.state != logged_in_user)
         r.state = ended;
@@ -153,22 +147,12 @@ void enter(int record)
 
 void started(const std::string &session_mark)
 {
-    Record *r = own();
-    if (r == nullptr)
-        return;
-    Lock lock;
-    put(r->session_mark, r->session_length, session_mark);
-    r->state = starting;
+    mark_own(&Record::session_mark, &Record::session_length, session_mark, starting);
 }
 
 void logged_in(const std::string &user_mark)
 {
-    Record *r = own();
-    if (r == nullptr)
-        return;
-    Lock lock;
-    put(r->user_mark, r->user_length, user_mark);
-    r->state = logged_in_user;
+    mark_own(&Record::user_mark, &Record::user_length, user_mark, logged_in_user);
 }
 
 bool admits(const std::string &presented, const std::string &own_mark, const std::string &user,

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "shared_mutex.h"
 #include "tarvex_gridftp_server.h"
 
 namespace tarvex_server::metrics {
@@ -89,18 +90,6 @@ struct Shared {
 
 Shared *shared = nullptr;
 
-class Lock {
-public:
-    Lock()
-    {
-        if (pthread_mutex_lock(&shared->mu) == EOWNERDEAD)
-            pthread_mutex_consistent(&shared->mu);
-    }
-    ~Lock() { pthread_mutex_unlock(&shared->mu); }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-};
-
 const Description &describe(Family f)
 {
     return families[static_cast<size_t>(f)];
@@ -125,7 +114,7 @@ Series *series_of(Family f, std::string_view labels)
     for (; i < max_series && shared->series[i].ready.load(std::memory_order_acquire); ++i)
         if (matches(shared->series[i], f, labels))
             return &shared->series[i];
-    Lock lock;
+    SharedLock lock(shared->mu);
     for (; i < max_series; ++i) {
         Series &s = shared->series[i];
         if (s.ready.load(std::memory_order_acquire)) {
@@ -321,12 +310,7 @@ bool open(std::string &err)
         return false;
     }
     auto *s = static_cast<Shared *>(p); // zeroed: every slot free, every count 0
-    pthread_mutexattr_t attr;
-    pthread_mutexattr_init(&attr);
-    pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-    pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-    int rc = pthread_mutex_init(&s->mu, &attr);
-    pthread_mutexattr_destroy(&attr);
+    int rc = init_shared_mutex(&s->mu);
     if (rc != 0) {
         munmap(p, sizeof(Shared));
         err = std::string("cannot set up the metrics table: ") + strerror(rc);

@@ -2,26 +2,22 @@
 
 #include <vector>
 
+#include "tarvex_split.h"
+
 namespace tarvex_server {
 
 namespace {
 
 void push_components(std::vector<std::string_view> &parts, std::string_view p)
 {
-    size_t i = 0;
-    while (i <= p.size()) {
-        size_t j = p.find('/', i);
-        if (j == std::string_view::npos)
-            j = p.size();
-        std::string_view c = p.substr(i, j - i);
+    tarvex::for_each_piece(p, '/', [&](std::string_view c) {
         if (c == "..") {
             if (!parts.empty())
                 parts.pop_back(); // ".." at the root stays at the root
         } else if (!c.empty() && c != ".") {
             parts.push_back(c);
         }
-        i = j + 1;
-    }
+    });
 }
 
 } // namespace
