@@ -66,12 +66,18 @@ void Session::cmd_pasv(const std::string &)
 {
     if (refused_after_epsv_all())
         return;
+    enter_passive(false);
+}
+
+// PASV (227) and EPSV (229): a listening data socket, announced.
+void Session::enter_passive(bool extended)
+{
     std::string text;
-    if (!data_.passive(ep_, false, opts_.pasv_low, opts_.pasv_high, text)) {
+    if (!data_.passive(ep_, extended, opts_.pasv_low, opts_.pasv_high, text)) {
         reply(425, "Cannot enter passive mode: " + text + ".");
         return;
     }
-    reply(227, text);
+    reply(extended ? 229 : 227, text);
 }
 
 void Session::cmd_epsv(const std::string &arg)
@@ -87,12 +93,7 @@ void Session::cmd_epsv(const std::string &arg)
         reply(200, "EPSV ALL ok.");
         return;
     }
-    std::string text;
-    if (!data_.passive(ep_, true, opts_.pasv_low, opts_.pasv_high, text)) {
-        reply(425, "Cannot enter passive mode: " + text + ".");
-        return;
-    }
-    reply(229, text);
+    enter_passive(true);
 }
 
 // PORT and EPRT: the address parsed, then checked against the client's.
@@ -376,16 +377,10 @@ void Session::cmd_stou(const std::string &arg)
         char end[16];
         snprintf(end, sizeof end, ".%02x%02x%02x%02x", r[0], r[1], r[2], r[3]);
         std::string name = written + end;
-        StatEntry e;
-        tarvex_result_t res = TARVEX_SUCCESS;
-        bool taken = stat_one(path_arg(name), e, res);
-        tarvex_error_discard(res);
-        if (abort_owed_) {
-            retire_data();
-            reply(426, "STOU aborted.");
+        std::optional<bool> taken = exists_unless_aborted(path_arg(name), "STOU aborted.");
+        if (!taken)
             return;
-        }
-        if (!taken) {
+        if (!*taken) {
             transfer(true, name, false, "FILE: " + name);
             return;
         }

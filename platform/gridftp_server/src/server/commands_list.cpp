@@ -188,16 +188,10 @@ void Session::listing(const std::string &raw_arg, int kind)
     std::string path = path_arg(a.path);
     if (kind != kind_mlsd && has_wildcard(base_name(path))) {
         // A name that exists as written is taken as it is.
-        StatEntry e;
-        tarvex_result_t r = TARVEX_SUCCESS;
-        bool literal = stat_one(path, e, r);
-        tarvex_error_discard(r);
-        if (abort_owed_) {
-            retire_data();
-            reply(426, "Listing aborted.");
+        std::optional<bool> literal = exists_unless_aborted(path, "Listing aborted.");
+        if (!literal)
             return;
-        }
-        if (!literal) {
+        if (!*literal) {
             list_matches(a.path, path, kind);
             return;
         }

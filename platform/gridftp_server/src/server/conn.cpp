@@ -32,6 +32,18 @@ long long now_ms()
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
+bool ms_left(long long deadline, int &left)
+{
+    left = -1;
+    if (deadline < 0)
+        return true;
+    long long rest = deadline - now_ms();
+    if (rest <= 0)
+        return false;
+    left = static_cast<int>(rest);
+    return true;
+}
+
 Conn::Conn(int fd) : fd_(fd)
 {
     int flags = fcntl(fd_, F_GETFL, 0);
@@ -55,12 +67,8 @@ Io Conn::wait(short events, int timeout_ms, int cancel_fd)
     for (;;) {
         pollfd p[2] = {{fd_, events, 0}, {cancel_fd, POLLIN, 0}};
         int left = -1;
-        if (deadline >= 0) {
-            long long rest = deadline - now_ms();
-            if (rest <= 0)
-                return Io::timeout;
-            left = static_cast<int>(rest);
-        }
+        if (!ms_left(deadline, left))
+            return Io::timeout;
         int n = poll(p, cancel_fd >= 0 ? 2 : 1, left);
         if (n < 0) {
             if (errno == EINTR)

@@ -77,4 +77,8 @@ private:
 // Monotonic milliseconds, for deadlines.
 long long now_ms();
 
+// The milliseconds left until `deadline` (of now_ms(); negative: none) as
+// poll takes them in `left` (-1: no limit); false once it has passed.
+bool ms_left(long long deadline, int &left);
+
 } // namespace tarvex_server

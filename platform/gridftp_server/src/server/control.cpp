@@ -63,12 +63,8 @@ ControlChannel::Event ControlChannel::next(std::string &line, int timeout_ms, in
         if (r != Io::timeout)
             return Event::error;
         int left = -1;
-        if (deadline >= 0) {
-            long long rest = deadline - now_ms();
-            if (rest <= 0)
-                return Event::timeout;
-            left = static_cast<int>(rest);
-        }
+        if (!ms_left(deadline, left))
+            return Event::timeout;
         pollfd p[2] = {{conn_->fd(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
         int n = poll(p, wake_fd >= 0 ? 2 : 1, left);
         if (n < 0 && errno != EINTR)

@@ -262,23 +262,26 @@ int parse_eprt(std::string_view arg, sockaddr_storage &out, std::string &why)
         return refuse(why, "Bad address in EPRT");
     std::string host(fields[1]);
     out = {};
+    if (fields[0] != "1" && fields[0] != "2")
+        return refuse(why, "Network protocol not supported, use (1,2)", 522);
+    const uint16_t net_port = htons(static_cast<uint16_t>(port));
+    int family = AF_INET;
+    void *address = nullptr;
     if (fields[0] == "1") {
         auto *s4 = reinterpret_cast<sockaddr_in *>(&out);
         s4->sin_family = AF_INET;
-        s4->sin_port = htons(static_cast<uint16_t>(port));
-        if (inet_pton(AF_INET, host.c_str(), &s4->sin_addr) != 1)
-            return refuse(why, "Bad address in EPRT");
-        return 0;
-    }
-    if (fields[0] == "2") {
+        s4->sin_port = net_port;
+        address = &s4->sin_addr;
+    } else {
         auto *s6 = reinterpret_cast<sockaddr_in6 *>(&out);
+        family = AF_INET6;
         s6->sin6_family = AF_INET6;
-        s6->sin6_port = htons(static_cast<uint16_t>(port));
-        if (inet_pton(AF_INET6, host.c_str(), &s6->sin6_addr) != 1)
-            return refuse(why, "Bad address in EPRT");
-        return 0;
+        s6->sin6_port = net_port;
+        address = &s6->sin6_addr;
     }
-    return refuse(why, "Network protocol not supported, use (1,2)", 522);
+    if (inet_pton(family, host.c_str(), address) != 1)
+        return refuse(why, "Bad address in EPRT");
+    return 0;
 }
 
 int parse_epsv(std::string_view arg, EpsvArg &out, std::string &why)

@@ -479,6 +479,22 @@ void Session::wait_for(PluginCall &c)
     }
 }
 
+// Whether `path` names an entry (why not is dropped); none when an ABOR
+// came meanwhile, which is then answered with 426 and `aborted`.
+std::optional<bool> Session::exists_unless_aborted(const std::string &path, const char *aborted)
+{
+    StatEntry e;
+    tarvex_result_t r = TARVEX_SUCCESS;
+    bool exists = stat_one(path, e, r);
+    tarvex_error_discard(r);
+    if (abort_owed_) {
+        retire_data();
+        reply(426, aborted);
+        return std::nullopt;
+    }
+    return exists;
+}
+
 bool Session::stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result)
 {
     tarvex_gfs_stat_info_t info{};

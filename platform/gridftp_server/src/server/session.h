@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "auth.h"
@@ -114,6 +115,7 @@ private:
     [[noreturn]] void give_up();
     void drain_wake();
     bool stat_one(const std::string &path, StatEntry &out, tarvex_result_t &result);
+    std::optional<bool> exists_unless_aborted(const std::string &path, const char *aborted);
     bool stat_or_reply(const std::string &path, StatEntry &e);
     bool real_path(std::string &path, tarvex_result_t &result);
     bool run_command(tarvex_gfs_command_info_t &info, std::string &response,
@@ -164,6 +166,7 @@ private:
     void cmd_stru(const std::string &arg);
     void cmd_pasv(const std::string &arg);
     void cmd_epsv(const std::string &arg);
+    void enter_passive(bool extended);
     void cmd_port(const std::string &arg);
     void cmd_eprt(const std::string &arg);
     void active_data(const std::string &arg, bool extended);
