@@ -313,6 +313,21 @@ inline double mbps(long long bytes, double seconds)
     return seconds > 0 ? static_cast<double>(bytes) / 1e6 / seconds : 0;
 }
 
+/* VALUES with DECIMALS places, one after the other, as the rounds gave
+ * them. */
+inline std::string spread(const std::vector<double> &values, int decimals)
+{
+    std::string text;
+    char item[32];
+    for (double v : values) {
+        if (!text.empty())
+            text += ' ';
+        snprintf(item, sizeof item, "%.*f", decimals, v);
+        text += item;
+    }
+    return text;
+}
+
 /* The figures of one measure over the rounds: the best counts, the others
  * show how much the machine's load moved it. */
 class Rounds {
@@ -322,16 +337,7 @@ public:
     {
         return values_.empty() ? 0 : *std::max_element(values_.begin(), values_.end());
     }
-    std::string spread() const
-    {
-        std::string text;
-        char item[32];
-        for (double v : values_) {
-            snprintf(item, sizeof item, "%s%.0f", text.empty() ? "" : " ", v);
-            text += item;
-        }
-        return text;
-    }
+    std::string spread() const { return tarvex_bench::spread(values_, 0); }
 
 private:
     std::vector<double> values_;

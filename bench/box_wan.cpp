@@ -144,16 +144,7 @@ struct Measure {
     {
         return seconds.empty() ? -1 : *std::min_element(seconds.begin(), seconds.end());
     }
-    std::string spread() const
-    {
-        std::string text;
-        char item[32];
-        for (double s : seconds) {
-            snprintf(item, sizeof item, "%s%.2f", text.empty() ? "" : " ", s);
-            text += item;
-        }
-        return text;
-    }
+    std::string spread() const { return tarvex_bench::spread(seconds, 2); }
 };
 
 struct Bench {
