@@ -59,17 +59,6 @@ struct Digests {
     std::string md5;
 };
 
-std::string hex(const unsigned char *bytes, size_t n)
-{
-    std::string text;
-    char pair[3];
-    for (size_t i = 0; i < n; i++) {
-        snprintf(pair, sizeof pair, "%02x", bytes[i]);
-        text += pair;
-    }
-    return text;
-}
-
 /* Seconds the upload's hashing takes over the file, part by part, and of
  * that the parts' own SHA-1 (the file's digests run beside the part's
  * request, the part's SHA-1 before it); reading the file is not counted. */
@@ -204,15 +193,6 @@ CurlSays curl_says(const std::string &path)
     return says;
 }
 
-std::string item_id(tarvex_test::BoxEmulator &emulator, const std::string &path)
-{
-    std::string item = emulator.item(path);
-    size_t at = item.find("\"id\"");
-    size_t open = at == std::string::npos ? at : item.find('"', item.find(':', at));
-    size_t close = open == std::string::npos ? open : item.find('"', open + 1);
-    return close == std::string::npos ? "" : item.substr(open + 1, close - open - 1);
-}
-
 /* Box's record of an upload must have the size, SHA-1 and MD5 property of
  * the file sent.  The file is deleted then, so that its content leaves the
  * emulator's page cache: on this virtual machine a page the guest has
@@ -231,7 +211,7 @@ bool stored_intact(tarvex_test::BoxEmulator &emulator, const std::string &path,
             return false;
         }
         return timed({"curl", "-sS", "-f", "-X", "DELETE", "-H", "Authorization: Bearer test-token",
-                      emulator.api_base() + "/2.0/files/" + item_id(emulator, path)}) >= 0;
+                      emulator.api_base() + "/2.0/files/" + json_id(emulator.item(path))}) >= 0;
     }
     fprintf(stderr, "box_transfer: %s is not in Box\n", path.c_str());
     return false;
@@ -448,7 +428,7 @@ int bench(const Run &run)
     emulator.seed(R"({"entries":[{"path":"/bench/download.bin","size":)" +
                   std::to_string(run.size) + "}]}");
     const std::string content_url = emulator.api_base() + "/2.0/files/" +
-                                    item_id(emulator, "/bench/download.bin") + "/content";
+                                    json_id(emulator.item("/bench/download.bin")) + "/content";
     Server server(run.dir,
                   {"--dsi", "box", "--dsi-path", TARVEX_LIB_DIR, "--config-file",
                    "config=" + run.dir + "/policy.json", "--config-file",
@@ -486,13 +466,8 @@ int main(int argc, char **argv)
         return 2;
     }
     run.size = mib << 20;
-    run.dir = scratch_dir("tarvex-box-bench");
-    int rc = 1;
-    try {
-        rc = bench(run);
-    } catch (const std::exception &e) {
-        fprintf(stderr, "box_transfer: %s\n", e.what());
-    }
-    timed({"rm", "-rf", run.dir});
-    return rc;
+    return in_scratch("box_transfer", "tarvex-box-bench", [&](const std::string &dir) {
+        run.dir = dir;
+        return bench(run);
+    });
 }

@@ -1,8 +1,8 @@
 /*
- * Helpers of the transfer benchmarks (box_transfer.cpp, server_transfer.cpp):
- * a scratch folder, a file of incompressible bytes, child processes run
- * with a timer, the server started on a free port, and a few /proc
- * readings.  Header-only: each benchmark is one program.
+ * Helpers of the transfer benchmarks (box_transfer.cpp, box_wan.cpp,
+ * server_transfer.cpp): a scratch folder, a file of incompressible bytes,
+ * child processes run with a timer, the server started on a free port, a
+ * few /proc readings, and the scratch folder a benchmark's run lives in.  Header-only: each benchmark is one program.
  */
 #ifndef TARVEX_BENCH_BOX_TRANSFER_H
 #define TARVEX_BENCH_BOX_TRANSFER_H
@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -270,9 +271,61 @@ private:
     std::thread thread_;
 };
 
+/* Runs BENCH in a new scratch folder under PREFIX, which is removed
+ * afterwards whatever happens; a failure NAME prints is 1. */
+template <typename Bench>
+int in_scratch(const char *name, const char *prefix, Bench bench)
+{
+    std::string dir = scratch_dir(prefix);
+    int rc = 1;
+    try {
+        rc = bench(dir);
+    } catch (const std::exception &e) {
+        fprintf(stderr, "%s: %s\n", name, e.what());
+    }
+    timed({"rm", "-rf", dir});
+    return rc;
+}
+
+/* Bytes as lower-case hexadecimal, as Box shows digests. */
+inline std::string hex(const unsigned char *bytes, size_t n)
+{
+    std::string text;
+    char pair[3];
+    for (size_t i = 0; i < n; i++) {
+        snprintf(pair, sizeof pair, "%02x", bytes[i]);
+        text += pair;
+    }
+    return text;
+}
+
+/* The "id" of an item's JSON record (the emulator's), or "". */
+inline std::string json_id(const std::string &item)
+{
+    size_t at = item.find("\"id\"");
+    size_t open = at == std::string::npos ? at : item.find('"', item.find(':', at));
+    size_t close = open == std::string::npos ? open : item.find('"', open + 1);
+    return close == std::string::npos ? "" : item.substr(open + 1, close - open - 1);
+}
+
 inline double mbps(long long bytes, double seconds)
 {
     return seconds > 0 ? static_cast<double>(bytes) / 1e6 / seconds : 0;
+}
+
+/* VALUES with DECIMALS places, one after the other, as the rounds gave
+ * them. */
+inline std::string spread(const std::vector<double> &values, int decimals)
+{
+    std::string text;
+    char item[32];
+    for (double v : values) {
+        if (!text.empty())
+            text += ' ';
+        snprintf(item, sizeof item, "%.*f", decimals, v);
+        text += item;
+    }
+    return text;
 }
 
 /* The figures of one measure over the rounds: the best counts, the others
@@ -284,16 +337,7 @@ public:
     {
         return values_.empty() ? 0 : *std::max_element(values_.begin(), values_.end());
     }
-    std::string spread() const
-    {
-        std::string text;
-        char item[32];
-        for (double v : values_) {
-            snprintf(item, sizeof item, "%s%.0f", text.empty() ? "" : " ", v);
-            text += item;
-        }
-        return text;
-    }
+    std::string spread() const { return tarvex_bench::spread(values_, 0); }
 
 private:
     std::vector<double> values_;

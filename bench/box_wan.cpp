@@ -103,17 +103,6 @@ struct Profile {
     }
 };
 
-std::string hex(const unsigned char *bytes, size_t n)
-{
-    std::string text;
-    char pair[3];
-    for (size_t i = 0; i < n; i++) {
-        snprintf(pair, sizeof pair, "%02x", bytes[i]);
-        text += pair;
-    }
-    return text;
-}
-
 /* SHA-1 and MD5 of a file, as Box's record must show them. */
 bool file_digests(const std::string &path, std::string *sha1, std::string *md5)
 {
@@ -139,15 +128,6 @@ bool file_digests(const std::string &path, std::string *sha1, std::string *md5)
     return n == 0;
 }
 
-std::string item_id(tarvex_test::BoxEmulator &emulator, const std::string &path)
-{
-    std::string item = emulator.item(path);
-    size_t at = item.find("\"id\"");
-    size_t open = at == std::string::npos ? at : item.find('"', item.find(':', at));
-    size_t close = open == std::string::npos ? open : item.find('"', open + 1);
-    return close == std::string::npos ? "" : item.substr(open + 1, close - open - 1);
-}
-
 /* CPU seconds of one measure. */
 struct Cpu {
     double client = 0, session = 0, emulator = 0;
@@ -164,16 +144,7 @@ struct Measure {
     {
         return seconds.empty() ? -1 : *std::min_element(seconds.begin(), seconds.end());
     }
-    std::string spread() const
-    {
-        std::string text;
-        char item[32];
-        for (double s : seconds) {
-            snprintf(item, sizeof item, "%s%.2f", text.empty() ? "" : " ", s);
-            text += item;
-        }
-        return text;
-    }
+    std::string spread() const { return tarvex_bench::spread(seconds, 2); }
 };
 
 struct Bench {
@@ -251,7 +222,7 @@ bool upload(Bench &b, Measure &m, Server &server, const std::string &name)
         }
         return timed({"curl", "-sS", "-f", "-X", "DELETE", "-H",
                       "Authorization: Bearer test-token",
-                      b.emulator.api_base() + "/2.0/files/" + item_id(b.emulator, target)}) >= 0;
+                      b.emulator.api_base() + "/2.0/files/" + json_id(b.emulator.item(target))}) >= 0;
     }
     fprintf(stderr, "box_wan: %s is not in Box\n", target.c_str());
     return false;
@@ -471,13 +442,8 @@ int main(int argc, char **argv)
         return 2;
     }
     p.size = mib << 20;
-    p.dir = scratch_dir("tarvex-box-wan");
-    int rc = 1;
-    try {
-        rc = bench(p);
-    } catch (const std::exception &e) {
-        fprintf(stderr, "box_wan: %s\n", e.what());
-    }
-    timed({"rm", "-rf", p.dir});
-    return rc;
+    return in_scratch("box_wan", "tarvex-box-wan", [&](const std::string &dir) {
+        p.dir = dir;
+        return bench(p);
+    });
 }

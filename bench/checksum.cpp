@@ -12,7 +12,6 @@
  */
 #include <openssl/md5.h>
 #include <openssl/sha.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +21,7 @@
 #include <string>
 
 #include "box_emulator.h"
+#include "box_plugin_bench.h"
 #include "command.h"
 #include "common_module.h"
 #include "config.h"
@@ -31,6 +31,8 @@
 #include "tarvex_box_common.h"
 
 namespace {
+
+using namespace tarvex_bench;
 
 constexpr uint64_t file_size = 1ull << 30;
 constexpr size_t piece = 64 << 10;
@@ -69,21 +71,9 @@ double hash_mbps(const std::string &data, std::string *md5_hex)
 
 int main()
 {
-    if (tarvex_module_activate(&tarvex_i_box_common_module) != 0) {
-        fprintf(stderr, "checksum: cannot activate the plug-in's runtime\n");
-        return 1;
-    }
-    std::string scratch = (std::filesystem::temp_directory_path() / "checksum_XXXXXX").string();
-    if (mkdtemp(scratch.data()) == nullptr)
-        return 1;
-    std::string retry_path = scratch + "/box-r";
-    tarvex_i_box_retry_path = retry_path.c_str();
-    const struct passwd *pw = getpwuid(getuid());
-    std::string home_dot = std::string(pw ? pw->pw_dir : "") + "/.tarvex";
-    bool had_home_dot = access(home_dot.c_str(), F_OK) == 0;
-
-    int rc = 1;
-    {
+    try {
+        PluginScratch files("checksum");
+        int rc = 1;
         tarvex_test::BoxEmulator emulator;
         std::string seed = R"({"entries":[)";
         for (int i = 0; i < rounds; i++)
@@ -98,9 +88,7 @@ int main()
         table.command_func = tarvex_i_box_command;
         tarvex_test::driver driver;
         driver.set_config("config", "{}");
-        driver.set_config("creds", R"({"access_token":"test-token","token_expiry":)"
-                                   R"("2099-01-01T00:00:00.000000+00:00","sub":"bench-user",)"
-                                   R"("max_upload":53687091200})");
+        driver.set_config("creds", bench_creds);
         driver.set_answer_timeout(std::chrono::minutes(10));
         void *session = driver.start(&table, "bench");
 
@@ -139,11 +127,9 @@ int main()
         }
         if (session != nullptr)
             driver.destroy(&table, session);
+        return rc;
+    } catch (const std::exception &e) {
+        fprintf(stderr, "checksum: %s\n", e.what());
+        return 1;
     }
-
-    std::filesystem::remove_all(scratch);
-    if (!had_home_dot)
-        rmdir(home_dot.c_str());
-    tarvex_module_deactivate(&tarvex_i_box_common_module);
-    return rc;
 }

@@ -20,7 +20,6 @@
  *
  *   list_folder: lookups=200000 ns_per_lookup=<n> journal_ns_per_lookup=<j>
  */
-#include <pwd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -35,6 +34,7 @@
 #include <thread>
 
 #include "box_emulator.h"
+#include "box_plugin_bench.h"
 #include "common_module.h"
 #include "config.h"
 #include "destroy.h"
@@ -46,46 +46,7 @@
 
 namespace {
 
-/* What the plug-in tells the "server". */
-struct answers {
-    void *session = nullptr;
-    tarvex_result_t result = TARVEX_SUCCESS;
-    bool finished = false;
-    long entries = 0;
-    long batches = 0;
-    std::string creds;
-    std::string policy = "{}";
-};
-
-tarvex_gfs_operation_provider_t provider()
-{
-    tarvex_gfs_operation_provider_t p = {};
-    p.finished_session_start = [](void *ctx, tarvex_result_t result, void *session,
-                                  const char *, const char *) {
-        auto *a = static_cast<answers *>(ctx);
-        a->session = session;
-        a->result = result;
-        a->finished = true;
-    };
-    p.finished_stat = [](void *ctx, tarvex_result_t result,
-                         tarvex_gridftp_server_control_stat_t *, int count, bool partial) {
-        auto *a = static_cast<answers *>(ctx);
-        a->entries += count;
-        a->batches++;
-        if (!partial) {
-            a->result = result;
-            a->finished = true;
-        }
-    };
-    p.get_config_data = [](void *ctx, const char *key, char **data) -> tarvex_result_t {
-        auto *a = static_cast<answers *>(ctx);
-        *data = strcmp(key, "config") == 0  ? strdup(a->policy.c_str())
-                : strcmp(key, "creds") == 0 ? strdup(a->creds.c_str())
-                                            : nullptr;
-        return TARVEX_SUCCESS;
-    };
-    return p;
-}
+using namespace tarvex_bench;
 
 /* A "Vm...:" figure of /proc/self/status in kB, or -1. */
 long status_kb(const char *field)
@@ -158,7 +119,7 @@ std::string seed_json(const char *folder, int count)
 
 /* One listing through stat; false when it failed.  `label` prefixes the
  * figures line. */
-bool list(const tarvex_gfs_operation_provider_t &p, answers &a, const char *folder, int items,
+bool list(const tarvex_gfs_operation_provider_t &p, PluginAnswers &a, const char *folder, int items,
           const char *label = "list_folder:")
 {
     tarvex_gfs_stat_info_t info = {};
@@ -202,7 +163,7 @@ bool list(const tarvex_gfs_operation_provider_t &p, answers &a, const char *fold
 /* Lookups the cache answers, and the journal's part of each: the catch-up
  * every path resolution begins with (with "private", a check that finds
  * nothing to do). */
-bool time_lookups(answers &a)
+bool time_lookups(PluginAnswers &a)
 {
     constexpr int lookups = 200000, catch_ups = 10000000;
     auto *box = static_cast<tarvex_box_session_t *>(a.session);
@@ -234,57 +195,31 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: list_folder [private|shared]\n");
         return 2;
     }
-    if (tarvex_module_activate(&tarvex_i_box_common_module) != 0) {
-        fprintf(stderr, "list_folder: cannot activate the plug-in's runtime\n");
-        return 1;
-    }
-
-    /* Pacing files in a scratch directory; "$HOME/.tarvex" is made by
-     * session start and removed again if it was not there before. */
-    std::string scratch = (std::filesystem::temp_directory_path() / "list_folder_XXXXXX").string();
-    if (mkdtemp(scratch.data()) == nullptr)
-        return 1;
-    std::string retry_path = scratch + "/box-r";
-    tarvex_i_box_retry_path = retry_path.c_str();
-    const struct passwd *pw = getpwuid(getuid());
-    std::string home_dot = std::string(pw ? pw->pw_dir : "") + "/.tarvex";
-    bool had_home_dot = access(home_dot.c_str(), F_OK) == 0;
-
-    int rc = 1;
-    {
+    try {
+        PluginScratch files("list_folder");
         tarvex_test::BoxEmulator emulator;
         emulator.seed(R"({"entries":[)" + seed_json("/small", 1000) + "," +
                       seed_json("/big", 10000) + "]}");
         tarvex_box_set_bases(emulator.api_base().c_str(), emulator.upload_base().c_str());
 
-        tarvex_gfs_operation_provider_t p = provider();
-        answers a;
+        tarvex_gfs_operation_provider_t p = plugin_provider();
+        PluginAnswers a;
         a.policy = R"({"session_cache": ")" + mode + "\"}";
         printf("# session_cache=%s\n", mode.c_str());
-        a.creds = R"({"access_token":"test-token","token_expiry":"2099-01-01T00:00:00.000000+00:00",)"
-                  R"("sub":"bench-user","max_upload":53687091200})";
-        tarvex_gfs_session_info_t session_info = {};
-        session_info.username = const_cast<char *>("bench");
-        tarvex_gfs_operation_t op = tarvex_gfs_operation_create(&p, &a);
-        tarvex_i_box_start(op, &session_info);
-        tarvex_gfs_operation_destroy(op);
-        if (a.session == nullptr) {
+        if (!start_plugin_session(p, a)) {
             fprintf(stderr, "list_folder: session start failed: %#x\n", a.result);
-        } else {
-            /* A second round replaces the cached records instead of adding
-             * new ones, so its peak growth is what the listing itself
-             * holds, whatever the number of batches. */
-            if (list(p, a, "/small", 1000) && list(p, a, "/big", 10000) &&
-                list(p, a, "/small", 1000, "# again, cache filled:") &&
-                list(p, a, "/big", 10000, "# again, cache filled:") && time_lookups(a))
-                rc = 0;
-            tarvex_i_box_destroy(a.session);
+            return 1;
         }
+        /* A second round replaces the cached records instead of adding
+         * new ones, so its peak growth is what the listing itself holds,
+         * whatever the number of batches. */
+        bool ok = list(p, a, "/small", 1000) && list(p, a, "/big", 10000) &&
+                  list(p, a, "/small", 1000, "# again, cache filled:") &&
+                  list(p, a, "/big", 10000, "# again, cache filled:") && time_lookups(a);
+        tarvex_i_box_destroy(a.session);
+        return ok ? 0 : 1;
+    } catch (const std::exception &e) {
+        fprintf(stderr, "list_folder: %s\n", e.what());
+        return 1;
     }
-
-    std::filesystem::remove_all(scratch);
-    if (!had_home_dot)
-        rmdir(home_dot.c_str());
-    tarvex_module_deactivate(&tarvex_i_box_common_module);
-    return rc;
 }

@@ -18,7 +18,6 @@
 // one warm-up request before them), and c the processor time this process
 // (not the emulator) spent per request: on a machine shared with other
 // work it varies far less than the rate.
-#include <pwd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -29,6 +28,7 @@
 #include <string>
 
 #include "box_emulator.h"
+#include "box_plugin_bench.h"
 #include "common_module.h"
 #include "config.h"
 #include "destroy.h"
@@ -38,6 +38,8 @@
 #include "tarvex_dsi_rest.h"
 
 namespace {
+
+using namespace tarvex_bench;
 
 constexpr int request_count = 2000;
 
@@ -72,40 +74,7 @@ void list_root(const std::string &url)
 
 /* ---- through the plug-in ---- */
 
-struct answers {
-    void *session = nullptr;
-    tarvex_result_t result = TARVEX_SUCCESS;
-    std::string policy;
-};
-
-tarvex_gfs_operation_provider_t provider()
-{
-    tarvex_gfs_operation_provider_t p = {};
-    p.finished_session_start = [](void *ctx, tarvex_result_t result, void *session,
-                                  const char *, const char *) {
-        auto *a = static_cast<answers *>(ctx);
-        a->session = session;
-        a->result = result;
-    };
-    p.finished_stat = [](void *ctx, tarvex_result_t result, tarvex_gridftp_server_control_stat_t *,
-                         int, bool partial) {
-        if (!partial)
-            static_cast<answers *>(ctx)->result = result;
-    };
-    p.get_config_data = [](void *ctx, const char *key, char **data) -> tarvex_result_t {
-        auto *a = static_cast<answers *>(ctx);
-        *data = strcmp(key, "config") == 0 ? strdup(a->policy.c_str())
-                : strcmp(key, "creds") == 0
-                    ? strdup(R"({"access_token":"test-token","token_expiry":)"
-                             R"("2099-01-01T00:00:00.000000+00:00","sub":"bench-user",)"
-                             R"("max_upload":53687091200})")
-                    : nullptr;
-        return TARVEX_SUCCESS;
-    };
-    return p;
-}
-
-void stat_folder(const tarvex_gfs_operation_provider_t &p, answers &a)
+void stat_folder(const tarvex_gfs_operation_provider_t &p, PluginAnswers &a)
 {
     tarvex_gfs_stat_info_t info = {};
     info.pathname = const_cast<char *>("/a");
@@ -127,34 +96,6 @@ int64_t cpu_us()
            usage.ru_utime.tv_usec + usage.ru_stime.tv_usec;
 }
 
-/* Pacing and journal files in a scratch folder; "$HOME/.tarvex" is made by
- * session start and removed again if it was not there before. */
-class scratch {
-public:
-    scratch()
-    {
-        dir_ = (std::filesystem::temp_directory_path() / "requests_per_second_XXXXXX").string();
-        if (mkdtemp(dir_.data()) == nullptr)
-            throw std::runtime_error("no scratch folder");
-        retry_path_ = dir_ + "/box-r";
-        tarvex_i_box_retry_path = retry_path_.c_str();
-        const struct passwd *pw = getpwuid(getuid());
-        home_dot_ = std::string(pw ? pw->pw_dir : "") + "/.tarvex";
-        had_home_dot_ = access(home_dot_.c_str(), F_OK) == 0;
-    }
-    ~scratch()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
-        if (!had_home_dot_)
-            rmdir(home_dot_.c_str());
-    }
-
-private:
-    std::string dir_, retry_path_, home_dot_;
-    bool had_home_dot_ = false;
-};
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -166,27 +107,19 @@ int main(int argc, char **argv)
     }
     try {
         tarvex_module_activate(&tarvex_i_dsi_rest_module);
-        tarvex_module_activate(&tarvex_i_box_common_module);
-        scratch files;
+        PluginScratch files("requests_per_second");
         tarvex_test::BoxEmulator emulator;
         emulator.seed(R"({"entries":[{"path":"/a","type":"folder"},)"
                       R"({"path":"/b.txt","type":"file","content":"hello"}]})");
         std::string url = emulator.api_base() + "/2.0/folders/0/items";
         tarvex_box_set_bases(emulator.api_base().c_str(), emulator.upload_base().c_str());
 
-        tarvex_gfs_operation_provider_t p = provider();
-        answers a;
+        tarvex_gfs_operation_provider_t p = plugin_provider();
+        PluginAnswers a;
         a.policy = R"({"user_api_rate_limit": 1000000, "session_cache": ")" +
                    (mode.empty() ? std::string("private") : mode) + "\"}";
-        if (!mode.empty()) {
-            tarvex_gfs_session_info_t session_info = {};
-            session_info.username = const_cast<char *>("bench");
-            tarvex_gfs_operation_t op = tarvex_gfs_operation_create(&p, &a);
-            tarvex_i_box_start(op, &session_info);
-            tarvex_gfs_operation_destroy(op);
-            if (a.session == nullptr)
-                throw std::runtime_error("session start failed");
-        }
+        if (!mode.empty() && !start_plugin_session(p, a))
+            throw std::runtime_error("session start failed");
         auto one = [&] {
             if (mode.empty())
                 list_root(url);
@@ -212,7 +145,6 @@ int main(int argc, char **argv)
         printf("\n");
         if (a.session != nullptr)
             tarvex_i_box_destroy(a.session);
-        tarvex_module_deactivate(&tarvex_i_box_common_module);
         tarvex_module_deactivate(&tarvex_i_dsi_rest_module);
         return 0;
     } catch (const std::exception &e) {
