@@ -229,11 +229,6 @@ class Emulator(Process):
         status, hdrs, data = self.request(method, path, body, headers, token)
         return status, (json.loads(data) if data else None), hdrs
 
-    def download(self, file_id, headers=None):
-        status, hdrs, _ = self.request("GET", "/2.0/files/%s/content" % file_id)
-        assert status == 302 and hdrs["location"].startswith(self.base), (status, hdrs)
-        return self.request("GET", hdrs["location"][len(self.base):], headers=headers)
-
     # -- control interface ------------------------------------------------
 
     def control(self, method, name, doc=None, query=""):
