@@ -11,8 +11,8 @@ import re
 import time
 import unittest
 
-from harness import (MIB, BoxTest, CredentialHelper, pattern, reply_of, sha256, tear_down,
-                     wait_for, write_random)
+from harness import (MIB, BoxTest, CredentialHelper, pattern, process_gone, reply_of,
+                     session_pids, sha256, tear_down, wait_for, write_random)
 
 PART = 2 * MIB
 SIZE = 26 * PART + 1     # above the chunked minimum; the last part is one byte
@@ -120,27 +120,16 @@ class Faults(BoxTest):
         conn = f.transfercmd("STOR /gone.bin")
         conn.sendall(self.data[:4 * PART])
         wait_for(lambda: len(self.part_puts()) >= 1, "a part on Box")
-        session = self.session_pids()[-1]
+        session = session_pids(self.server, "connection from")[-1]
         tear_down(conn)
         f.file.close()      # else the socket outlives its close below
         tear_down(f.sock)
-        wait_for(lambda: not _running(session), "the session process to end", timeout=60)
+        wait_for(lambda: process_gone(session), "the session process to end", timeout=60)
         self.assertNotIn("/gone.bin", self.paths())
         g = self.ftp()     # the server goes on
         self.addCleanup(g.close)
         self.assertEqual(g.sendcmd("NOOP"), "200 NOOP ok.")
 
-    def session_pids(self):
-        return [int(p) for p in re.findall(r"\[(\d+)\]: connection from", self.server.read_log())]
-
-
-def _running(pid):
-    """True while the process exists and is not a zombie."""
-    try:
-        with open("/proc/%d/stat" % pid) as f:
-            return f.read().rsplit(")", 1)[1].split()[0] != "Z"
-    except OSError:
-        return False
 
 
 if __name__ == "__main__":

@@ -15,8 +15,7 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import (BoxTest, CredentialHelper, make_hash, reply_of, run, sha256, wait_for,
-                     write_random)
+from harness import BoxTest, CredentialHelper, make_hash, reply_of, run, sha256, wait_for
 
 
 def port_file_value(path):

@@ -95,19 +95,16 @@ class TlsClients(BoxTest):
 
     def test_strict_eof(self):
         server = self.start_server(extra=["--tls-strict-eof"])
-        try:
-            f = tls13_login(server)
-            data = os.urandom(300000)
-            self.assertRegex(store_and_drop(f, "/cut.bin", data),
-                             "^426 .*without TLS close_notify")
-            # An announced size makes the count the check.
-            self.assertTrue(store_and_drop(f, "/sized.bin", data, allo=True).startswith("226"))
-            self.assertTrue(f.storbinary("STOR /clean.bin", io.BytesIO(data)).startswith("226"))
-            f.quit()
-            self.assertFiles({"/sized.bin": data, "/clean.bin": data})
-            self.assertEqual(self.transfer_log(server, 3)[0][-2:], " i")
-        finally:
-            server.stop()
+        self.addCleanup(server.stop)
+        f = tls13_login(server)
+        data = os.urandom(300000)
+        self.assertRegex(store_and_drop(f, "/cut.bin", data), "^426 .*without TLS close_notify")
+        # An announced size makes the count the check.
+        self.assertTrue(store_and_drop(f, "/sized.bin", data, allo=True).startswith("226"))
+        self.assertTrue(f.storbinary("STOR /clean.bin", io.BytesIO(data)).startswith("226"))
+        f.quit()
+        self.assertFiles({"/sized.bin": data, "/clean.bin": data})
+        self.assertEqual(self.transfer_log(server, 3)[0][-2:], " i")
 
 
 if __name__ == "__main__":

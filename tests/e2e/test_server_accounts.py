@@ -9,13 +9,7 @@ import ssl
 import tempfile
 import unittest
 
-from harness import SERVER, ResumingFTP_TLS, Server, make_hash
-
-
-def needs_server(cls):
-    if not SERVER:
-        return unittest.skip("TARVEX_SERVER_BIN not set")(cls)
-    return cls
+from harness import ResumingFTP_TLS, Server, ServerTest, make_hash, needs_server, own_server
 
 
 @needs_server
@@ -71,39 +65,26 @@ class PasswordLogins(unittest.TestCase):
         self.assertEqual((st.st_uid, st.st_gid), (self.nobody.pw_uid, self.nobody.pw_gid))
 
 
-@needs_server
 class CredentialCommand(unittest.TestCase):
     def test_config_from_command_per_login(self):
         base = tempfile.mkdtemp(prefix="tarvex-e2e-roots-")
-        try:
-            for user in ("ann", "ben"):
-                os.makedirs(os.path.join(base, user))
-                with open(os.path.join(base, user, "who.txt"), "w") as f:
-                    f.write(user)
-            cmd = 'printf \'{"root": "%s/%%s"}\' "$TARVEX_USER"' % base
-            srv = Server(config_file=False, extra=["--config-command", "config=" + cmd])
-            try:
-                for user in ("ann", "ben"):
-                    f = srv.ftp(user, "x")
-                    out = io.BytesIO()
-                    f.retrbinary("RETR /who.txt", out.write)
-                    self.assertEqual(out.getvalue().decode(), user)
-                    f.quit()
-            finally:
-                srv.stop()
-        finally:
-            shutil.rmtree(base, ignore_errors=True)
+        self.addCleanup(shutil.rmtree, base, ignore_errors=True)
+        for user in ("ann", "ben"):
+            os.makedirs(os.path.join(base, user))
+            with open(os.path.join(base, user, "who.txt"), "w") as f:
+                f.write(user)
+        cmd = 'printf \'{"root": "%s/%%s"}\' "$TARVEX_USER"' % base
+        srv = own_server(self, config_file=False, extra=["--config-command", "config=" + cmd])
+        for user in ("ann", "ben"):
+            f = srv.ftp(user, "x")
+            out = io.BytesIO()
+            f.retrbinary("RETR /who.txt", out.write)
+            self.assertEqual(out.getvalue().decode(), user)
+            f.quit()
 
 
-@needs_server
-class RequireTls(unittest.TestCase):
-    @classmethod
-    def setUpClass(cls):
-        cls.server = Server(require_tls=True)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.stop()
+class RequireTls(ServerTest):
+    server_args = {"require_tls": True}
 
     def test_data_must_be_protected(self):
         ctx = ssl.create_default_context(cafile=self.server.ca)

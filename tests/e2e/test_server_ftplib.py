@@ -8,7 +8,7 @@ import os
 import socket
 import unittest
 
-from harness import Server, ServerTest
+from harness import ServerTest, own_server
 
 
 def use_eprt(f):
@@ -281,28 +281,20 @@ class Ftplib(Session):
     def test_recursive_listing_stops_at_its_limit(self):
         # In the clear: over TLS a cut listing's data connection ends
         # without TLS's orderly close, as every failed transfer's does.
-        server = Server(extra=["--recursive-list-limit", "4"])
-        try:
-            for rel in ("four/1", "four/s/2", "four/s/3", "five/1", "five/s/2", "five/s/3/4"):
-                open(self.make(server.root, rel), "wb").close()
-            f = server.ftp()
-            lines = []
-            f.retrlines("LIST -R /four", lines.append)
-            self.assertEqual(len(lines), 6)  # 4 items, a blank line, a header
-            lines = []
-            self.assertRaisesRegex(ftplib.error_temp, "^451 .*more than 4 items.*incomplete",
-                                   f.retrlines, "LIST -R /five", lines.append)
-            self.assertEqual(sum(1 for l in lines if l[:1] in ("-", "d")), 4)
-            f.quit()
-        finally:
-            server.stop()
-
-    @staticmethod
-    def make(root, rel):
-        """A file at `rel` under `root`, its folders made."""
-        path = os.path.join(root, rel)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        return path
+        server = own_server(self, extra=["--recursive-list-limit", "4"])
+        for rel in ("four/1", "four/s/2", "four/s/3", "five/1", "five/s/2", "five/s/3/4"):
+            path = os.path.join(server.root, rel)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            open(path, "wb").close()
+        f = server.ftp()
+        lines = []
+        f.retrlines("LIST -R /four", lines.append)
+        self.assertEqual(len(lines), 6)  # 4 items, a blank line, a header
+        lines = []
+        self.assertRaisesRegex(ftplib.error_temp, "^451 .*more than 4 items.*incomplete",
+                               f.retrlines, "LIST -R /five", lines.append)
+        self.assertEqual(sum(1 for l in lines if l[:1] in ("-", "d")), 4)
+        f.quit()
 
 
 class FtplibTls(Session):

@@ -6,7 +6,6 @@ import ftplib
 import io
 import os
 import pwd
-import re
 import shutil
 import signal
 import ssl
@@ -15,7 +14,8 @@ import tempfile
 import time
 import unittest
 
-from harness import SERVER, ResumingFTP_TLS, Server, make_hash, wait_for, write_random
+from harness import (ResumingFTP_TLS, Server, make_hash, needs_server, session_pids, wait_for,
+                     write_random)
 
 XFER_TIME = "%a %b %d %H:%M:%S %Y"
 
@@ -36,12 +36,6 @@ def fields(line):
             "bytes": int(w[7]), "path": w[8], "type": w[9], "action": w[10],
             "direction": w[11], "mode": w[12], "user": w[13], "service": w[14],
             "auth": w[15], "auth_user": w[16], "status": w[17]}
-
-
-def needs_server(cls):
-    if not SERVER:
-        return unittest.skip("TARVEX_SERVER_BIN not set")(cls)
-    return cls
 
 
 @needs_server
@@ -170,14 +164,10 @@ class SessionLog(unittest.TestCase):
         return [l[len(prefix):] for l in self.server.read_log().splitlines()
                 if l.startswith(prefix)]
 
-    def session_pids(self, text):
-        return [int(p) for p in re.findall(r"\[(\d+)\]: " + re.escape(text),
-                                           self.server.read_log())]
-
     def test_login_and_logout_lines(self):
         f = self.server.ftp("alice", "wonderland")
         f.quit()
-        pid = wait_for(lambda: (self.session_pids("alice logged out (QUIT)") or [None])[-1],
+        pid = wait_for(lambda: (session_pids(self.server, "alice logged out (QUIT)") or [None])[-1],
                        "the logout line")
         self.assertNotEqual(pid, self.server.proc.pid)  # the session's own process
         self.assertEqual(self.lines_of(pid), ["connection from 127.0.0.1", "alice logged in",
@@ -190,7 +180,7 @@ class SessionLog(unittest.TestCase):
         f.login("alice", "wonderland")
         f.sock.close()  # no QUIT
         f.file.close()
-        pid = wait_for(lambda: (self.session_pids("alice logged out (connection closed)")
+        pid = wait_for(lambda: (session_pids(self.server, "alice logged out (connection closed)")
                                 or [None])[-1], "the logout line")
         self.assertEqual(self.lines_of(pid), ["connection from 127.0.0.1",
                                               "failed login for alice", "alice logged in",

@@ -8,7 +8,7 @@ import os
 import time
 import unittest
 
-from harness import LIBDIR, SERVER, Server, ServerTest
+from harness import LIBDIR, SERVER, ServerTest, own_server
 
 
 class PluginContract(ServerTest):
@@ -119,18 +119,15 @@ class PluginContract(ServerTest):
     def test_a_session_start_past_the_login_deadline(self):
         # The plug-in would answer in 60 s: the client has its answer at the
         # login deadline, and the session ends after the grace period.
-        srv = Server(dsi="e2etest", config_file=False,
-                     extra=["--login-timeout", "1", "--cancel-grace", "1"])
-        try:
-            f = ftplib.FTP(timeout=30)
-            f.connect("127.0.0.1", srv.port)
-            self.assertRaisesRegex(ftplib.error_temp, "^421 Login time exceeded", f.login,
-                                   "stubborn", "x")
-            self.assertRaises(EOFError, f.getresp)
-            f.close()
-            self.assertIn("did not stop within 1 s", srv.read_log())
-        finally:
-            srv.stop()
+        srv = own_server(self, dsi="e2etest", config_file=False,
+                         extra=["--login-timeout", "1", "--cancel-grace", "1"])
+        f = ftplib.FTP(timeout=30)
+        f.connect("127.0.0.1", srv.port)
+        self.assertRaisesRegex(ftplib.error_temp, "^421 Login time exceeded", f.login,
+                               "stubborn", "x")
+        self.assertRaises(EOFError, f.getresp)
+        f.close()
+        self.assertIn("did not stop within 1 s", srv.read_log())
 
 
 class StartUp(unittest.TestCase):

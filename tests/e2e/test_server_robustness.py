@@ -12,18 +12,10 @@ import threading
 import time
 import unittest
 
-from harness import SERVER, ResumingFTP_TLS, Server, ServerTest, make_hash, wait_for
+from harness import (ResumingFTP_TLS, ServerTest, make_hash, own_server, process_gone,
+                     session_pids, wait_for)
 
 HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
-
-
-def process_gone(pid):
-    """True once `pid` has exited (a zombie waiting for the listener counts)."""
-    try:
-        with open("/proc/%d/stat" % pid) as f:
-            return f.read().split(")")[-1].split()[0] in ("Z", "X")
-    except FileNotFoundError:
-        return True
 
 
 class Raw:
@@ -92,12 +84,6 @@ def logged_in_raw(server):
         return r.login()
     r.close()
     return None
-
-
-def session_pid(server, user):
-    """The pid of the session process that logged `user` in last."""
-    pids = re.findall(r"\[(\d+)\]: %s logged in" % re.escape(user), server.read_log())
-    return int(pids[-1])
 
 
 class BadInput(ServerTest):
@@ -186,7 +172,7 @@ class BadInput(ServerTest):
     def test_crashed_session_leaves_listener_up(self):
         c = Raw(self.server).login(b"crasher")
         self.addCleanup(c.close)
-        pid = session_pid(self.server, "crasher")
+        pid = session_pids(self.server, "crasher logged in")[-1]
         os.kill(pid, signal.SIGSEGV)
         self.assertEqual(c.f.readline(), b"")  # that client lost its session
         # (under AddressSanitizer the crash ends in abort(): any signal will do)
@@ -198,46 +184,49 @@ class BadInput(ServerTest):
 
 class Shutdown(unittest.TestCase):
     def test_stopping_ends_sessions_cleanly(self):
-        if not SERVER:
-            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
-        srv = Server()
-        try:
-            with open(os.path.join(srv.root, "long.bin"), "wb") as fh:
-                fh.truncate(1 << 30)
-            f = srv.ftp()
-            conn = f.transfercmd("RETR /long.bin")
-            conn.recv(1000)
-            start = time.time()
-            srv.proc.terminate()
-            self.assertEqual(srv.proc.wait(timeout=20), 0)
-            self.assertLess(time.time() - start, 4)  # no session needed killing
-            # The session stopped its transfer and closed the plug-in's session.
-            self.assertRegex(srv.read_log(), r"RETR /long\.bin from 0: \d+ bytes .*\(failed\)")
-            self.assertRegex(srv.read_log(), r"\[\d+\]: anonymous logged out \(SIGTERM\)")
-            conn.close()
-            f.close()
-        finally:
-            srv.stop()
+        srv = own_server(self)
+        with open(os.path.join(srv.root, "long.bin"), "wb") as fh:
+            fh.truncate(1 << 30)
+        f = srv.ftp()
+        conn = f.transfercmd("RETR /long.bin")
+        conn.recv(1000)
+        start = time.time()
+        srv.proc.terminate()
+        self.assertEqual(srv.proc.wait(timeout=20), 0)
+        self.assertLess(time.time() - start, 4)  # no session needed killing
+        # The session stopped its transfer and closed the plug-in's session.
+        self.assertRegex(srv.read_log(), r"RETR /long\.bin from 0: \d+ bytes .*\(failed\)")
+        self.assertRegex(srv.read_log(), r"\[\d+\]: anonymous logged out \(SIGTERM\)")
+        conn.close()
+        f.close()
+
+    def test_sigterm_stops_a_checksum(self):
+        srv = own_server(self, extra=["--cancel-grace", "3"])
+        with open(os.path.join(srv.root, "huge.bin"), "wb") as f:
+            f.truncate(HUGE)
+        c = Raw(srv).login()
+        self.addCleanup(c.close)
+        start_checksum(self, c)
+        srv.proc.terminate()
+        self.assertEqual(srv.proc.wait(timeout=30), 0)
+        # The session stopped the plug-in and ended by itself: the
+        # listener did not have to kill it.
+        self.assertIn("stopped, every session ended", srv.read_log())
 
 
 class Limits(unittest.TestCase):
     def test_idle_timeout_and_session_limit(self):
-        if not SERVER:
-            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
-        srv = Server(extra=["--idle-timeout", "1", "--max-sessions", "2"])
-        try:
-            a = Raw(srv).login()
-            b = Raw(srv).login()
-            s = socket.create_connection(("127.0.0.1", srv.port), timeout=10)
-            self.assertTrue(s.makefile("rb").readline().startswith(b"421"))
-            s.close()
-            self.assertTrue(a.reply().startswith(b"421 Idle timeout"))
-            self.assertTrue(b.reply().startswith(b"421 Idle timeout"))
-            # A login works once the listener has reaped both sessions.
-            wait_for(lambda: logged_in(srv), "a session place to be free")
-            self.assertTrue(srv.alive())
-        finally:
-            srv.stop()
+        srv = own_server(self, extra=["--idle-timeout", "1", "--max-sessions", "2"])
+        a = Raw(srv).login()
+        b = Raw(srv).login()
+        s = socket.create_connection(("127.0.0.1", srv.port), timeout=10)
+        self.assertTrue(s.makefile("rb").readline().startswith(b"421"))
+        s.close()
+        self.assertTrue(a.reply().startswith(b"421 Idle timeout"))
+        self.assertTrue(b.reply().startswith(b"421 Idle timeout"))
+        # A login works once the listener has reaped both sessions.
+        wait_for(lambda: logged_in(srv), "a session place to be free")
+        self.assertTrue(srv.alive())
 
 
 class ClientNumbers(ServerTest):
@@ -300,63 +289,29 @@ class ClientNumbers(ServerTest):
                 self.assertEqual(f.read(), b"NEWDATA", path)
 
 
+def start_checksum(test, c):
+    """A checksum of /huge.bin (a 1 TiB sparse file): a long plug-in call,
+    under way once its first progress reply came.  How ABOR stops one is
+    pinned by test_server_plugin_contract (test_abor_cancels_the_operation)
+    and gridftp_server_cancel_test (PosixCancel)."""
+    c.cmd("OPTS CKSM INTERVAL=1")
+    c.send("CKSM MD5 0 -1 /huge.bin")
+    test.assertTrue(c.reply().startswith(b"113"))
+
+
 class Cancelling(ServerTest):
-    """ABOR, a client that leaves and SIGTERM stop a long plug-in call: a
-    checksum of a 1 TiB sparse file."""
+    """A client that leaves in the middle of a long plug-in call."""
     server_args = {"extra": ["--cancel-grace", "3"]}
 
-    def setUp(self):
+    def test_a_client_leaving_ends_its_session(self):
         with open(self.local("huge.bin"), "wb") as f:
             f.truncate(HUGE)
-
-    def start_checksum(self, c):
-        c.cmd("OPTS CKSM INTERVAL=1")
-        c.send("CKSM MD5 0 -1 /huge.bin")
-        # A progress reply: the plug-in is hashing.
-        self.assertTrue(c.reply().startswith(b"113"))
-
-    def test_abor_stops_a_checksum(self):
-        c = Raw(self.server).login()
-        self.addCleanup(c.close)
-        self.start_checksum(c)
-        c.send("ABOR")
-        replies = [c.reply()]
-        while replies[-1].startswith(b"113"):
-            replies.append(c.reply())
-        self.assertTrue(replies[-1].startswith(b"426"), replies)
-        self.assertEqual(c.reply(), b"226 Abort successful.\r\n")
-        self.assertEqual(c.cmd("NOOP"), b"200 NOOP ok.\r\n")
-        self.assertEqual(c.cmd("ABOR"), b"225 No transfer to abort.\r\n")
-
-    def test_a_client_leaving_ends_its_session(self):
         c = Raw(self.server).login(b"leaver")
-        pid = session_pid(self.server, "leaver")
-        self.start_checksum(c)
+        pid = session_pids(self.server, "leaver logged in")[-1]
+        start_checksum(self, c)
         c.close()
         wait_for(lambda: process_gone(pid), "the session to end")
         self.assertNotIn("did not stop", self.server.read_log())
-
-
-class Stopping(unittest.TestCase):
-    def test_sigterm_stops_a_checksum(self):
-        if not SERVER:
-            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
-        srv = Server(extra=["--cancel-grace", "3"])
-        try:
-            with open(os.path.join(srv.root, "huge.bin"), "wb") as f:
-                f.truncate(HUGE)
-            c = Raw(srv).login()
-            c.cmd("OPTS CKSM INTERVAL=1")
-            c.send("CKSM MD5 0 -1 /huge.bin")
-            self.assertTrue(c.reply().startswith(b"113"))
-            srv.proc.terminate()
-            self.assertEqual(srv.proc.wait(timeout=30), 0)
-            # The session stopped the plug-in and ended by itself: the
-            # listener did not have to kill it.
-            self.assertIn("stopped, every session ended", srv.read_log())
-            c.close()
-        finally:
-            srv.stop()
 
 
 class Strangers(unittest.TestCase):
@@ -364,70 +319,60 @@ class Strangers(unittest.TestCase):
     login deadline, and only until a new connection finds no place left:
     a flood of them cannot keep out a client that logs in."""
 
-    def setUp(self):
-        if not SERVER:
-            raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
-
     def test_login_deadline_and_sessions_per_address(self):
-        srv = Server(extra=["--login-timeout", "2", "--max-sessions-per-address", "2"])
-        try:
-            member = srv.ftp()
-            first = Raw(srv)
-            stranger = Raw(srv)  # takes the place of the first stranger
-            self.assertTrue(stranger.greeting.startswith(b"220"), stranger.greeting)
-            self.assertEqual(first.f.readline(), b"")
-            first.close()
-            other = Raw(srv, source=("127.0.0.2", 0))  # another address is served
-            self.assertTrue(other.greeting.startswith(b"220"), other.greeting)
-            other.close()
-            # NOOPs do not keep the stranger's place.
-            start = time.monotonic()
-            reply = b""
-            while not reply.startswith(b"421"):
-                reply = stranger.cmd("NOOP")
-                if reply.startswith(b"200"):
-                    self.assertLess(time.monotonic() - start, 30, "no deadline")
-                    self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
-                    time.sleep(0.2)
-            self.assertIn(b"Login time exceeded", reply)
-            self.assertGreaterEqual(time.monotonic() - start, 1.5)
-            stranger.close()
-            # The logged-in session is past the deadline and goes on; two of
-            # them fill their address's share.
-            self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
-            second = wait_for(lambda: logged_in_raw(srv), "a place for a second login")
-            refused = Raw(srv)
-            self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
-            self.assertIn(b"address", refused.greeting)
-            refused.close()
-            second.close()
-            member.quit()
-        finally:
-            srv.stop()
+        srv = own_server(self, extra=["--login-timeout", "2", "--max-sessions-per-address", "2"])
+        member = srv.ftp()
+        first = Raw(srv)
+        stranger = Raw(srv)  # takes the place of the first stranger
+        self.assertTrue(stranger.greeting.startswith(b"220"), stranger.greeting)
+        self.assertEqual(first.f.readline(), b"")
+        first.close()
+        other = Raw(srv, source=("127.0.0.2", 0))  # another address is served
+        self.assertTrue(other.greeting.startswith(b"220"), other.greeting)
+        other.close()
+        # NOOPs do not keep the stranger's place.
+        start = time.monotonic()
+        reply = b""
+        while not reply.startswith(b"421"):
+            reply = stranger.cmd("NOOP")
+            if reply.startswith(b"200"):
+                self.assertLess(time.monotonic() - start, 30, "no deadline")
+                self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+                time.sleep(0.2)
+        self.assertIn(b"Login time exceeded", reply)
+        self.assertGreaterEqual(time.monotonic() - start, 1.5)
+        stranger.close()
+        # The logged-in session is past the deadline and goes on; two of
+        # them fill their address's share.
+        self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+        second = wait_for(lambda: logged_in_raw(srv), "a place for a second login")
+        refused = Raw(srv)
+        self.assertTrue(refused.greeting.startswith(b"421"), refused.greeting)
+        self.assertIn(b"address", refused.greeting)
+        refused.close()
+        second.close()
+        member.quit()
 
     def test_a_flood_of_strangers(self):
-        srv = Server(extra=["--max-sessions", "8", "--login-timeout", "600"])
-        try:
-            member = srv.ftp()
-            # Seven strangers from three addresses fill the places.
-            flood = [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(7)]
-            client = Raw(srv, source=("127.0.0.9", 0))
-            # The flood goes on while the client logs in: six strangers are
-            # left, so some address always holds more of them than the
-            # client's does, and they give up their places first.
-            flood += [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(6)]
-            self.assertEqual({r.greeting[:4] for r in flood + [client]}, {b"220 "})
-            self.assertTrue(client.login())
-            self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
-            ended = re.findall(r"ending session \d+ from (\S+), not logged in", srv.read_log())
-            self.assertEqual(len(ended), 7, srv.read_log())
-            self.assertNotIn("127.0.0.9", ended)
-            self.assertEqual(flood[0].f.readline(), b"")  # the oldest went first
-            for r in flood + [client]:
-                r.close()
-            member.quit()
-        finally:
-            srv.stop()
+        srv = own_server(self, extra=["--max-sessions", "8", "--login-timeout", "600"])
+        member = srv.ftp()
+        # Seven strangers from three addresses fill the places.
+        flood = [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(7)]
+        client = Raw(srv, source=("127.0.0.9", 0))
+        # The flood goes on while the client logs in: six strangers are
+        # left, so some address always holds more of them than the
+        # client's does, and they give up their places first.
+        flood += [Raw(srv, source=("127.0.0.%d" % (2 + i % 3), 0)) for i in range(6)]
+        self.assertEqual({r.greeting[:4] for r in flood + [client]}, {b"220 "})
+        self.assertTrue(client.login())
+        self.assertEqual(member.sendcmd("NOOP"), "200 NOOP ok.")
+        ended = re.findall(r"ending session \d+ from (\S+), not logged in", srv.read_log())
+        self.assertEqual(len(ended), 7, srv.read_log())
+        self.assertNotIn("127.0.0.9", ended)
+        self.assertEqual(flood[0].f.readline(), b"")  # the oldest went first
+        for r in flood + [client]:
+            r.close()
+        member.quit()
 
 
 class ProtectedData(ServerTest):
@@ -508,19 +453,16 @@ class ProtectedData(ServerTest):
             plain.retrbinary("RETR /pub.txt", lambda b: self.fail("data went out"))
         plain.quit()
         # An operator can let such clients in.
-        srv = Server(tls=True, extra=["--tls-data-any-session"])
-        try:
-            plain = ftplib.FTP_TLS(context=ssl.create_default_context(cafile=srv.ca),
-                                   timeout=30)
-            plain.connect("127.0.0.1", srv.port)
-            plain.login("anonymous", "x")
-            plain.prot_p()
-            plain.storbinary("STOR /any.txt", io.BytesIO(b"allowed"))
-            with open(os.path.join(srv.root, "any.txt"), "rb") as f:
-                self.assertEqual(f.read(), b"allowed")
-            plain.quit()
-        finally:
-            srv.stop()
+        srv = own_server(self, tls=True, extra=["--tls-data-any-session"])
+        plain = ftplib.FTP_TLS(context=ssl.create_default_context(cafile=srv.ca),
+                               timeout=30)
+        plain.connect("127.0.0.1", srv.port)
+        plain.login("anonymous", "x")
+        plain.prot_p()
+        plain.storbinary("STOR /any.txt", io.BytesIO(b"allowed"))
+        with open(os.path.join(srv.root, "any.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"allowed")
+        plain.quit()
 
 
 class ProtectedDataOfOneUser(ServerTest):

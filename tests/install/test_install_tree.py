@@ -89,12 +89,10 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         run(["cc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-pedantic", "-fPIC", "-shared",
              "-o", plugin, os.path.join(HERE, "hello_plugin.c")] + flags)
         server = installed_server(self.tree, dsi="hello", dsi_path=plugins)
-        try:
-            listing = curl(server, "/")
-            self.assertEqual(listed_names(listing), ["hello.txt"])
-            self.assertEqual(listing.split()[4], "12")
-        finally:
-            server.stop()
+        self.addCleanup(server.stop)
+        listing = curl(server, "/")
+        self.assertEqual(listed_names(listing), ["hello.txt"])
+        self.assertEqual(listing.split()[4], "12")
 
     def test_rest_client_headers_compile_with_their_pkg_config_file(self):
         source = os.path.join(self.work, "rest.c")

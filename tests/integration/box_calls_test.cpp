@@ -133,29 +133,11 @@ protected:
         }
         return out;
     }
-    std::string command(tarvex_gfs_command_type_t type, const std::string &path,
-                        const std::string &from = "", const char *alg = nullptr,
-                        tarvex_off_t offset = 0, tarvex_off_t length = -1)
-    {
-        tarvex_gfs_command_info_t info{};
-        info.command = type;
-        info.pathname = const_cast<char *>(path.c_str());
-        info.from_pathname = const_cast<char *>(from.c_str());
-        info.cksm_alg = const_cast<char *>(alg);
-        info.cksm_offset = offset;
-        info.cksm_length = length;
-        driver_.clear_events();
-        tarvex_result_t result = driver_.command(&box_table, session_, info);
-        auto answers = driver_.events(tarvex_test::event_kind::command);
-        text_ = answers.empty() ? "" : answers[0].text.value_or("");
-        return take_reply(result);
-    }
     std::string store(const std::string &path, uint64_t size, time_t modtime = -1)
     {
         tarvex_test::driver d;
-        d.set_receive_pattern(size);
         d.set_recv_modification_time(modtime);
-        std::string reply = take_reply(d.recv(&box_table, session_, path, tarvex_off_t(size), true));
+        std::string reply = store_pattern(d, path, size);
         tarvex_box_json_ptr item(json_loads(emulator().item(path).c_str(), 0, nullptr));
         if (const char *id = json_string_value(json_object_get(item.get(), "id")))
             names_[id] = "{" + path + "}";
@@ -168,13 +150,7 @@ protected:
         std::string reply = take_reply(d.send(&box_table, session_, path));
         return reply.empty() ? d.sent_data() : reply;
     }
-    tarvex_box_path_info_t *cached(const std::string &path)
-    {
-        return tarvex_box_path_cache_query(&session_->cache, path.c_str());
-    }
-
     std::map<std::string, std::string> ids_, names_; /* path -> id, id -> "{path}" */
-    std::string text_;
     std::mutex mutex_;
     std::map<size_t, std::string> slots_;
     recording_pacer api_{"api", &slots_, &mutex_}, upload_{"upload", &slots_, &mutex_};
@@ -321,7 +297,7 @@ TEST_F(calls_test, CommitBacksOffWhileBoxIsAssembling)
     EXPECT_EQ(waits, (std::vector<unsigned>{1, 3, 7, 15}));
     EXPECT_EQ(only(take_requests(), "POST", "/api/2.0/files/upload_sessions/", "/commit").size(),
               8u);
-    EXPECT_NE(tarvex_box_upload_state_query(&session_->upload_state, "/d/never.bin"), nullptr);
+    EXPECT_TRUE(remembered("/d/never.bin"));
 }
 
 /* The MD5 is answered however its property fares: a failed store keeps it

@@ -30,44 +30,12 @@ protected:
         take_requests();
     }
 
-    /* Runs one command, checks it was answered exactly once, and returns
-     * its FTP reply ("" for success); its reply text goes to text_. */
-    std::string run(tarvex_gfs_command_type_t type, const std::string &path,
-                    const std::string &from = "")
-    {
-        tarvex_gfs_command_info_t info{};
-        info.command = type;
-        info.pathname = const_cast<char *>(path.c_str());
-        info.from_pathname = const_cast<char *>(from.c_str());
-        info.cksm_length = -1;
-        return answer(info);
-    }
     std::string cksm(const std::string &alg, const std::string &path, tarvex_off_t offset = 0,
                      tarvex_off_t length = -1)
     {
-        tarvex_gfs_command_info_t info{};
-        info.command = TARVEX_GFS_CMD_CKSM;
-        info.pathname = const_cast<char *>(path.c_str());
-        info.cksm_alg = const_cast<char *>(alg.c_str());
-        info.cksm_offset = offset;
-        info.cksm_length = length;
-        return answer(info);
-    }
-    std::string answer(const tarvex_gfs_command_info_t &info)
-    {
-        driver_.clear_events();
-        tarvex_result_t result = driver_.command(&box_table, session_, info);
-        auto answers = driver_.events(tarvex_test::event_kind::command);
-        EXPECT_EQ(answers.size(), 1u);
-        text_ = answers.empty() ? std::nullopt : answers[0].text;
-        return take_reply(result);
-    }
-    tarvex_box_path_info_t *cached(const std::string &path)
-    {
-        return tarvex_box_path_cache_query(&session_->cache, path.c_str());
+        return command(TARVEX_GFS_CMD_CKSM, path, "", alg.c_str(), offset, length);
     }
     std::map<std::string, std::string> ids_;
-    std::optional<std::string> text_;
 };
 
 TEST_F(command_test, UnservedCommandsAreRefusedWithoutARequest)
@@ -76,7 +44,7 @@ TEST_F(command_test, UnservedCommandsAreRefusedWithoutARequest)
                       TARVEX_GFS_CMD_SITE_SYMLINK, TARVEX_GFS_CMD_RNFR,
                       TARVEX_GFS_CMD_SITE_AUTHZ_ASSERT, TARVEX_GFS_MIN_CUSTOM_CMD,
                       static_cast<tarvex_gfs_command_type_t>(0)}) {
-        EXPECT_EQ(run(type, "/d/a.txt"), "500 NOT_IMPLEMETED\r\n") << type;
+        EXPECT_EQ(command(type, "/d/a.txt"), "500 NOT_IMPLEMETED\r\n") << type;
         EXPECT_EQ(text_, std::nullopt);
     }
     EXPECT_TRUE(take_requests().empty());
@@ -89,8 +57,8 @@ TEST_F(command_test, AFailedTokenRenewalAnswersBeforeAnyHandler)
     session_->access_token_exp = time(nullptr) + 10;
     driver_.set_config("renew-creds", std::nullopt);
     driver_.set_config("creds", std::nullopt);
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/new").rfind("500-INTERNAL_ERROR\r\n", 0), 0u);
-    EXPECT_EQ(run(TARVEX_GFS_CMD_SITE_CHMOD, "/d").rfind("500-INTERNAL_ERROR\r\n", 0), 0u);
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/new").rfind("500-INTERNAL_ERROR\r\n", 0), 0u);
+    EXPECT_EQ(command(TARVEX_GFS_CMD_SITE_CHMOD, "/d").rfind("500-INTERNAL_ERROR\r\n", 0), 0u);
     EXPECT_TRUE(take_requests().empty());
 }
 
@@ -98,16 +66,16 @@ TEST_F(command_test, MakeFolder)
 {
     /* Existing folder: success, nothing asked; a file in the way, or a
      * missing parent, is refused naming the path that is not a folder. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/sub"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/sub"), "");
     EXPECT_EQ(text_, "/d/sub");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/a.txt"),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/a.txt"),
               "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /d/a.txt\r\n");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/x/y"),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/x/y"),
               "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /x\r\n");
     EXPECT_EQ(text_, "/x/y");
     EXPECT_EQ(requests_made(), strings{"GET /2.0/folders/" + ids_["/d"] + "/items?limit=300&usemarker=true"});
 
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/new"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/new"), "");
     EXPECT_EQ(requests_made(), strings{"POST /2.0/folders"});
     ASSERT_NE(cached("/d/new"), nullptr);
     EXPECT_EQ(cached("/d/new")->type, TARVEX_BOX_FOLDER);
@@ -115,13 +83,13 @@ TEST_F(command_test, MakeFolder)
 
     /* The new folder is known: resolving below it asks Box for nothing
      * but its (empty) listing. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/new/deeper"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/new/deeper"), "");
     EXPECT_EQ(take_requests().size(), 2u);
 
     /* A name Box refuses, and one that is not UTF-8, change nothing. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/" + std::string(1000, 'n')).substr(0, 24),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/" + std::string(1000, 'n')).substr(0, 24),
               "553-INVALID_PATH_NAME\r\n5");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/d/bad\xff"),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/bad\xff"),
               "553-INVALID_PATH_NAME\r\n553 GridFTP-Path: <Invalid Name>\r\n");
     EXPECT_EQ(take_requests().size(), 1u);
 }
@@ -132,7 +100,7 @@ TEST_F(command_test, AnExplainedRefusalIsNotRetried)
 {
     fault("POST", "^/2.0/folders$", 1, R"("status":409,"body":{"code":"item_name_in_use",)"
                                        R"("context_info":{"conflicts":{"name":"m"}}})");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
               0u);
     EXPECT_EQ(requests_made().size(), 1u);
 }
@@ -156,7 +124,7 @@ TEST_F(command_test, Delete)
         /* Resolved first, so that only the command's own requests count. */
         tarvex_error_discard(tarvex_box_path_resolve(session_, c.path.c_str(), nullptr, nullptr));
         take_requests();
-        EXPECT_EQ(run(c.type, c.path), c.reply) << c.path;
+        EXPECT_EQ(command(c.type, c.path), c.reply) << c.path;
         EXPECT_EQ(text_, std::nullopt);
         EXPECT_EQ(requests_made(), c.request.empty() ? strings{} : strings{c.request}) << c.path;
         if (!c.request.empty()) {
@@ -175,23 +143,23 @@ TEST_F(command_test, ADeleteRefusedByBoxIsNeverRetried)
     ASSERT_EQ(tarvex_box_path_resolve(session_, "/d/sub", nullptr, nullptr), TARVEX_SUCCESS);
     take_requests();
     fault("DELETE", "^/2.0/files/", 1, R"("status":429,"headers":{"Retry-After":"1"})");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "451 TOO_BUSY\r\n");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "451 TOO_BUSY\r\n");
     fault("DELETE", "^/2.0/folders/", 1, R"("status":503,"body":null)");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RMD, "/d/sub"), "500 INTERNAL_ERROR\r\n");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RMD, "/d/sub"), "500 INTERNAL_ERROR\r\n");
     EXPECT_EQ(requests_made().size(), 2u);
     EXPECT_NE(cached("/d/a.txt"), nullptr);
     EXPECT_EQ(cached("/d/sub"), nullptr);
     EXPECT_NE(emulator().item("/d/a.txt"), "");
 
     /* Box's reason for a plain 400 follows the reply's first line. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RMD, "/d"),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RMD, "/d"),
               "451-Bad BOX request\r\n451 Box-Details: \"folder_not_empty\"\r\n");
     EXPECT_NE(cached("/d"), nullptr);
     take_requests();
 
     /* A dropped connection is tried twice. */
     fault("DELETE", "^/2.0/files/", 1, R"("drop":true)");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "");
     EXPECT_EQ(requests_made(), (strings{"DELETE /2.0/files/" + ids_["/d/a.txt"],
                                         "DELETE /2.0/files/" + ids_["/d/a.txt"]}));
     EXPECT_EQ(emulator().item("/d/a.txt"), "");
@@ -214,13 +182,13 @@ TEST_F(command_test, Rename)
         {"/nowhere/a.txt", "/d/a.txt", "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /nowhere\r\n"},
     };
     for (const auto &r : refusals)
-        EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, r.to, r.from), r.reply) << r.from << " to " << r.to;
+        EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, r.to, r.from), r.reply) << r.from << " to " << r.to;
     EXPECT_TRUE(only(take_requests(), "PUT", "/").empty());
 
     /* Box refuses the update: the cache keeps the source, which still
      * resolves without a request, and knows nothing of the target. */
     fault("PUT", "^/2.0/files/", 1, R"("status":403,"body":null)");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/c.txt", "/d/a.txt"), "550 PERMISSION_DENIED\r\n");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/c.txt", "/d/a.txt"), "550 PERMISSION_DENIED\r\n");
     EXPECT_EQ(requests_made(), strings{"PUT /2.0/files/" + ids_["/d/a.txt"]});
     EXPECT_EQ(cached("/d/c.txt"), nullptr);
     EXPECT_EQ(tarvex_box_path_resolve(session_, "/d/a.txt", nullptr, nullptr), TARVEX_SUCCESS);
@@ -228,8 +196,8 @@ TEST_F(command_test, Rename)
 
     /* Rename in place, then move a folder: one PUT each, name and parent
      * always sent; the target is cached, the source is not. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/b.txt", "/d/a.txt"), "");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/e/sub2", "/d/sub"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/b.txt", "/d/a.txt"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/e/sub2", "/d/sub"), "");
     EXPECT_EQ(requests_made(), (strings{"PUT /2.0/files/" + ids_["/d/a.txt"],
                                         "GET /2.0/folders/" + ids_["/e"] + "/items?limit=300&usemarker=true",
                                         "PUT /2.0/folders/" + ids_["/d/sub"]}));
@@ -266,16 +234,16 @@ TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
     take_requests();
 
     /* Folders are never replaced, nor replace; a file onto itself is done. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/sub", "/d/a.txt"),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/sub", "/d/a.txt"),
               "553-PATH_EXISTS\r\n553 GridFTP-Path: /d/sub\r\n");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/sub"),
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/sub"),
               "553-PATH_EXISTS\r\n553 GridFTP-Path: /d/a.txt\r\n");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/a.txt"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/a.txt", "/d/a.txt"), "");
     EXPECT_TRUE(take_requests().empty());
 
     /* The new file's move fails: the old file gets its name back. */
     fault("PUT", "^/2.0/files/" + ids_["/d/new.txt"] + "$", 1, R"("status":403,"body":null)");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt"), "550 PERMISSION_DENIED\r\n");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt"), "550 PERMISSION_DENIED\r\n");
     EXPECT_EQ(requests_made(), (strings{put_old, put_new, put_old}));
     EXPECT_EQ(emulator().content("/d/old.txt"), "old");
     EXPECT_EQ(emulator().content("/d/new.txt"), "new");
@@ -285,7 +253,7 @@ TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
     fault("PUT", "^/2.0/files/" + ids_["/d/old.txt"] + "$", 1, R"("delay_ms":0)");
     fault("PUT", "^/2.0/files/" + ids_["/d/new.txt"] + "$", 1, R"("status":403,"body":null)");
     fault("PUT", "^/2.0/files/" + ids_["/d/old.txt"] + "$", 1, R"("status":403,"body":null)");
-    std::string reply = run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt");
+    std::string reply = command(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt");
     std::string aside;
     for (const auto &path : names_in_d())
         if (path.rfind("/d/old.txt.tarvex-replaced-", 0) == 0)
@@ -295,12 +263,12 @@ TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
                          aside + ".\"\r\n");
     EXPECT_EQ(emulator().content(aside), "old");
     EXPECT_EQ(emulator().content("/d/new.txt"), "new");
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", aside), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/old.txt", aside), "");
     take_requests();
 
     /* The replacement: three requests, the old file is gone, the new one
      * resolves under its new name from the cache. */
-    EXPECT_EQ(run(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt"), "");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/old.txt", "/d/new.txt"), "");
     EXPECT_EQ(requests_made(),
               (strings{put_old, put_new, "DELETE /2.0/files/" + ids_["/d/old.txt"]}));
     EXPECT_EQ(emulator().content("/d/old.txt"), "new");

@@ -74,18 +74,6 @@ protected:
         EXPECT_EQ(driver_.events(event_kind::begin_transfer).size(), begun);
         EXPECT_EQ(driver_.events(event_kind::finished_transfer).size(), 1u);
     }
-    /* The bytes sent are the file's from `offset` on, each sent once. */
-    void expect_file_from(uint64_t offset, uint64_t length)
-    {
-        EXPECT_EQ(driver_.sent_bytes(), length);
-        EXPECT_TRUE(driver_.sent_data().substr(offset) == pattern(length, offset));
-        tarvex_off_t next = static_cast<tarvex_off_t>(offset);
-        for (const auto &[at, size] : driver_.sent_writes()) {
-            EXPECT_EQ(at, next) << "writes overlap or leave a hole";
-            next = at + static_cast<tarvex_off_t>(size);
-        }
-    }
-
     std::string id_;
 };
 
@@ -110,7 +98,7 @@ TEST_F(download_test, EachReadRangeAsksBoxForExactlyItsBytes)
         driver_.clear_events();
         EXPECT_EQ(retrieve(r.ranges), "");
         EXPECT_EQ(requests(), r.requests);
-        expect_file_from(r.from, r.length);
+        expect_sent(r.from, pattern(r.length, r.from));
         expect_one_transfer(1);
     }
 }
@@ -133,7 +121,7 @@ TEST_F(download_test, ARetriedDownloadResumesWithoutSendingAByteTwice)
         uint64_t handed_on = cut_at / block_size * block_size;
         EXPECT_EQ(seen[2], "D bytes=" + std::to_string(r.offset + handed_on) + "-" + r.last);
         uint64_t length = r.length < 0 ? file_size - r.offset : r.length;
-        expect_file_from(r.offset, length);
+        expect_sent(r.offset, pattern(length, r.offset));
     }
 }
 
@@ -170,7 +158,7 @@ TEST_F(download_test, ContentAndDownloadShareTwoAttempts)
         EXPECT_EQ(reply.empty(), r.reply[0] == '\0') << reply;
         EXPECT_EQ(requests(), r.requests);
         if (reply.empty())
-            expect_file_from(0, file_size);
+            expect_sent(0, pattern(file_size));
         expect_one_transfer(1);
     }
 }
@@ -253,9 +241,7 @@ TEST_F(download_test, AnswersToRangesLandInPlace)
     for (int i = 0; i < 300000; i++)
         text += static_cast<char>('a' + (i * 7 + i / 26) % 26);
     seed(R"([{"path":"/d/t.txt","content":")" + text + R"("}])");
-    tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&session_->cache, "/d");
-    ASSERT_NE(folder, nullptr);
-    folder->listed = false;
+    relist("/d");
     const std::string whole = R"("status":200,"body":")" + text + R"(")";
     const std::string shifted =
         R"("status":206,"headers":{"Content-Range":"bytes 0-299999/300000"},"body":")" + text +
@@ -285,13 +271,7 @@ TEST_F(download_test, AnswersToRangesLandInPlace)
             continue;
         }
         size_t length = r.length < 0 ? text.size() - r.offset : r.length;
-        EXPECT_EQ(driver_.sent_bytes(), length);
-        EXPECT_TRUE(driver_.sent_data().substr(r.offset) == text.substr(r.offset, length));
-        tarvex_off_t next = r.offset;
-        for (const auto &[at, size] : driver_.sent_writes()) {
-            EXPECT_EQ(at, next) << "writes overlap or leave a hole";
-            next = at + static_cast<tarvex_off_t>(size);
-        }
+        expect_sent(r.offset, text.substr(r.offset, length));
     }
 }
 
@@ -307,7 +287,7 @@ TEST_F(download_test, TheTokenStaysWithBoxsOwnOrigins)
     EXPECT_EQ(log[0].header("Authorization"), "Bearer test-token");
     EXPECT_EQ(log[1].header("Host"), "localhost:" + std::to_string(emulator().port()));
     EXPECT_EQ(log[1].header("Authorization"), "");
-    expect_file_from(0, file_size);
+    expect_sent(0, pattern(file_size));
 }
 
 TEST_F(download_test, AMissingPathIsReportedBeforeTheTransferBegins)
@@ -337,9 +317,7 @@ TEST_F(download_test, ALargeFileIsStreamed)
     const long peak_before = peak_rss_kib();
 
     /* /d was listed before the file was added: list it again. */
-    tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&session_->cache, "/d");
-    ASSERT_NE(folder, nullptr);
-    folder->listed = false;
+    relist("/d");
     EXPECT_EQ(retrieve({{0, -1}}, "/d/large.bin"), "");
 
     EXPECT_EQ(driver_.sink_error(), "");

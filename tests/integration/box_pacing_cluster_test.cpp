@@ -4,7 +4,8 @@
  * shared), keep one spacing between all their requests for a Box user
  * through the store; a store killed
  * mid-run is ridden out on each host's files and taken up again when it is
- * back; and the slot rule the server runs, key by key.
+ * back; the slot rule the server runs, key by key; and the store's URL
+ * with its password and database.
  */
 #include <gtest/gtest.h>
 
@@ -276,6 +277,30 @@ TEST_F(BoxPacingCluster, PasswordAndDatabase)
     std::string log = scratch.debug_text();
     EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
     EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
+}
+
+/* A password written with %XX escapes, as a URL needs for "@", ":" and
+ * "%", reaches the store decoded, and the pacing states open at once
+ * share one connection. */
+TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
+{
+    redis_server redis("p@ss:w%rd");
+    box_scratch scratch(TARVEX_BOX_WARN);
+    int rate = per_second;
+    std::string policy = R"({"pacing_store": ")" + redis.url(":p%40ss%3Aw%25rd@") + "\"}";
+    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    tarvex_box_retry_t one{}, two{};
+    tarvex_i_box_retry_state_create("80", rate, &one);
+    tarvex_i_box_retry_state_create("81", rate, &two);
+    EXPECT_EQ(tarvex_box_pace(&one).source, tarvex_box_pacing_slot_t::store)
+        << scratch.debug_text();
+    EXPECT_EQ(tarvex_box_pace(&two).source, tarvex_box_pacing_slot_t::store);
+    redis_reply clients = redis.command({"CLIENT", "LIST"});
+    ASSERT_NE(clients, nullptr);
+    std::string list(clients->str, clients->len);
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 2) << list; // ours and this one
+    tarvex_i_box_retry_state_destroy(&two);
+    tarvex_i_box_retry_state_destroy(&one);
 }
 
 } // namespace

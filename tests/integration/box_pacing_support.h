@@ -15,7 +15,6 @@
 #include <hiredis/hiredis.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -185,30 +184,6 @@ private:
     std::string dir_;
     int port_ = 0;
     pid_t pid_ = -1;
-};
-
-/* `count` values of T in memory shared with forked children, zeroed. */
-template <typename T> class shared_array {
-public:
-    explicit shared_array(size_t count)
-        : count_(count),
-          data_(static_cast<T *>(mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE,
-                                      MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
-    {
-        if (data_ == MAP_FAILED)
-            throw std::runtime_error("no shared memory");
-    }
-    ~shared_array() { munmap(data_, count_ * sizeof(T)); }
-    shared_array(const shared_array &) = delete;
-    shared_array &operator=(const shared_array &) = delete;
-
-    T &operator[](size_t i) { return data_[i]; }
-    const T &operator[](size_t i) const { return data_[i]; }
-    size_t size() const { return count_; }
-
-private:
-    size_t count_;
-    T *data_;
 };
 
 /* The wall clock in microseconds: the same clock as the stamps of this

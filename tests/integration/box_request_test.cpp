@@ -1,12 +1,15 @@
 /*
- * The shared Box request loop against the emulator: what goes out on the
- * wire, which answers are retried, how often, and after what wait.
+ * The shared Box request loop against the emulator: the trace of each
+ * attempt, and the waits between attempts on 429.  The attempts each call
+ * makes (dropped connections) are box_calls_test's AttemptsOfEachCall; an
+ * explained refusal is tried once (box_command_test's
+ * AnExplainedRefusalIsNotRetried, box_download_test's
+ * FailuresAreReportedOnceAndNotRetried).
  */
 #include <vector>
 
 #include "box_scratch.h"
 #include "box_session_support.h"
-#include "error.h"
 #include "get_folder_items.h"
 #include "request.h"
 #include "retry.h"
@@ -86,36 +89,5 @@ TEST_F(request_test, RetryAfterDelaysTheNextAttempt)
     EXPECT_EQ(waited, (std::vector<unsigned>{2, 25}));
     EXPECT_NE(scratch_.debug_text().find("retry_after=2 sleep=2\n"), std::string::npos);
 }
-
-TEST_F(request_test, NotFoundWithABoxBodyIsNotRetried)
-{
-    url_ = emulator().api_base() + "/2.0/files/987654/";
-    request_.url = url_.c_str();
-    tarvex_result_t result = tarvex_box_request(session_, &request_);
-    EXPECT_EQ(tarvex_test::ftp_reply(result).rfind("550-PATH_NOT_FOUND\r\n", 0), 0u);
-    EXPECT_STREQ(tarvex_box_error_get_info(tarvex_error_peek(result), "code"), "not_found");
-    EXPECT_EQ(request_.attempts_made, 1);
-    EXPECT_EQ(request_.json, nullptr);
-    EXPECT_EQ(take_requests().size(), 1u);
-    tarvex_error_discard(result);
-}
-
-TEST_F(request_test, RetryableTransportFailureUsesTheBudget)
-{
-    fault_root(1, R"("drop":true)");
-    ASSERT_EQ(tarvex_box_request(session_, &request_), TARVEX_SUCCESS);
-    EXPECT_EQ(request_.attempts_made, 2);
-    EXPECT_EQ(take_requests().size(), 2u);
-
-    fault_root(3, R"("drop":true)");
-    request_.attempts = 3;
-    tarvex_result_t result = tarvex_box_request(session_, &request_);
-    EXPECT_NE(result, TARVEX_SUCCESS);
-    EXPECT_TRUE(tarvex_dsi_rest_error_is_retryable(result));
-    EXPECT_EQ(request_.attempts_made, 3);
-    EXPECT_EQ(take_requests().size(), 3u);
-    tarvex_error_discard(result);
-}
-
 } // namespace
 } // namespace box_session_test

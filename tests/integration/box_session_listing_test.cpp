@@ -96,7 +96,7 @@ TEST_F(listing_test, PagesFollowTheMarker)
     for (const auto &r : rows) {
         SCOPED_TRACE(r.page_size);
         tarvex_i_box_list_page_size = r.page_size;
-        tarvex_box_path_info_t *folder = tarvex_box_path_cache_query(&session_->cache, "/p");
+        tarvex_box_path_info_t *folder = cached("/p");
         if (folder != nullptr)
             folder->listed = false;
         take_requests();

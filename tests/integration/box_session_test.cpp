@@ -67,9 +67,9 @@ protected:
     /* Makes the cache believe `path` now lives in another folder. */
     void make_stale(const char *path)
     {
-        tarvex_box_path_info_t *cached = tarvex_box_path_cache_query(&session_->cache, path);
-        free(cached->parent_id);
-        cached->parent_id = strdup("999");
+        tarvex_box_path_info_t *entry = cached(path);
+        free(entry->parent_id);
+        entry->parent_id = strdup("999");
     }
 
     std::map<std::string, std::string> ids_;
@@ -117,7 +117,7 @@ TEST_F(resolve_test, StaleEntriesAreDroppedAndTheirFolderListedAgain)
     make_stale("/a/b");
     script_page(ids_["/a"], R"({"entries":[]})");
     EXPECT_EQ(take_reply(resolve("/a/b")), "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/a/b\"\r\n");
-    EXPECT_EQ(tarvex_box_path_cache_query(&session_->cache, "/a/b"), nullptr);
+    EXPECT_EQ(cached("/a/b"), nullptr);
     EXPECT_EQ(listings(), strings{ids_["/a"]});
 }
 

@@ -5,11 +5,7 @@ add_executable(tarvex_dsi_rest_integration_tests
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_failure_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_json_limit_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_resend_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_stream_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_trace_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_connection_close_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_idle_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_cancel_test.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/dsi_rest_stream_test.cpp)
 target_link_libraries(tarvex_dsi_rest_integration_tests PRIVATE
   tarvex_dsi_rest OpenSSL::Crypto Threads::Threads tarvex_test_error_check
   GTest::gtest_main)

@@ -1,5 +1,9 @@
 // Requests against the scripted server: methods, bodies, query and header
-// handling, redirects, JSON answers, connection reuse.
+// handling, redirects, JSON answers, connection reuse; the trace, the idle
+// time-out against a slow body, and a cancelled operation's request.
+#include <cstdlib>
+#include <sstream>
+
 #include "dsi_rest_fixture.h"
 
 using namespace dsi_rest_test;
@@ -7,6 +11,9 @@ using namespace dsi_rest_test;
 namespace {
 
 class RestRequest : public ServerTest {};
+class RestTrace : public ServerTest {};
+class RestIdle : public ServerTest {};
+class RestCancel : public ServerTest {};
 
 // A writer of unknown length, 3 bytes a call: curl sends it chunked unless
 // told a size.
@@ -121,6 +128,91 @@ TEST_F(RestRequest, KeepAliveReusesOneConnectionPerThread)
         EXPECT_EQ(Exchange({.url = server->url("/echo")}).result, TARVEX_SUCCESS);
     }).join();
     EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 2u);
+    // Closed between requests (a reload or a thread's end relies on it),
+    // the next request opens a new one.
+    tarvex_dsi_rest_close_connections();
+    ASSERT_EQ(Exchange({.url = server->url("/echo")}).result, TARVEX_SUCCESS);
+    EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 3u);
+}
+
+// The debug stream of one request with a bearer token, TRACE on or off.
+std::string traced(const std::string &url, const char *levels)
+{
+    std::string file = make_temp_dir() + "/trace";
+    tarvex_module_deactivate(&tarvex_i_dsi_rest_module);
+    setenv("TARVEX_DSI_REST_DEBUG", (std::string(levels) + "," + file).c_str(), 1);
+    EXPECT_EQ(tarvex_module_activate(&tarvex_i_dsi_rest_module), 0);
+    EXPECT_EQ(Exchange({.url = url, .headers = {{"Authorization", "Bearer s3cret"}}}).result,
+              TARVEX_SUCCESS);
+    tarvex_module_deactivate(&tarvex_i_dsi_rest_module);
+    unsetenv("TARVEX_DSI_REST_DEBUG");
+    EXPECT_EQ(tarvex_module_activate(&tarvex_i_dsi_rest_module), 0);
+    std::stringstream text;
+    text << std::ifstream(file).rdbuf();
+    std::filesystem::remove_all(std::filesystem::path(file).parent_path());
+    return text.str();
+}
+
+// The TRACE level shows an exchange's header lines with the values of
+// credential headers hidden, and nothing when TRACE is off.
+TEST_F(RestTrace, HeadersShownCredentialsHidden)
+{
+    std::string on = traced(server->url("/echo"), "TRACE");
+    EXPECT_NE(on.find("> Authorization: <hidden>"), std::string::npos) << on;
+    EXPECT_NE(on.find("> Host: 127.0.0.1"), std::string::npos) << on;
+    EXPECT_EQ(on.find("s3cret"), std::string::npos) << on;
+    EXPECT_EQ(traced(server->url("/echo"), "ERROR"), "");
+}
+
+// One byte a call, each after `gap` (the pace of the slow source).
+struct Trickle {
+    size_t left;
+    std::chrono::milliseconds gap;
+};
+tarvex_result_t trickle_writer(void *arg, char *buffer, size_t length, size_t *written)
+{
+    auto *t = static_cast<Trickle *>(arg);
+    *written = 0;
+    if (t->left == 0 || length == 0)
+        return TARVEX_SUCCESS;
+    std::this_thread::sleep_for(t->gap); // the source is slow, not stalled
+    buffer[0] = 'x';
+    *written = 1;
+    t->left--;
+    return TARVEX_SUCCESS;
+}
+
+// The idle time-out ends a stalled exchange, not a slow one: a request body
+// that trickles in from a slow source for longer than the limit, a byte at
+// a time, is sent whole.
+TEST_F(RestIdle, SlowBodyOutlastsTheIdleLimit)
+{
+    Trickle slow{30, std::chrono::milliseconds(50)}; // 1.5 s against 500 ms
+    Exchange ex({.method = "PUT", .url = server->url("/echo"),
+                 .writer = trickle_writer, .writer_arg = &slow, .idle_ms = 500});
+    EXPECT_EQ(ex.result, TARVEX_SUCCESS) << ex.message();
+    EXPECT_EQ(ex.text("body"), std::string(30, 'x'));
+}
+
+// A request made for a cancelled server operation ends at once with a
+// final error that names the request (its method, and its host when no
+// credential went with it).
+TEST_F(RestCancel, CancelledOperationEndsItsRequestByName)
+{
+    tarvex_gfs_operation_provider_t provider{};
+    tarvex_gfs_operation_t op = tarvex_gfs_operation_create(&provider, nullptr);
+    ASSERT_NE(op, nullptr);
+    tarvex_gfs_operation_t previous = tarvex_gfs_operation_set_current(op);
+    tarvex_gfs_operation_cancel(op);
+    const std::string url = server->url("/echo");
+    Exchange ex({.url = url + "?sig=SECRET", .idle_ms = 60000});
+    tarvex_gfs_operation_set_current(previous);
+    tarvex_gfs_operation_destroy(op);
+    EXPECT_NE(ex.result, TARVEX_SUCCESS);
+    EXPECT_FALSE(ex.retryable());
+    const std::string origin = url.substr(0, url.find('/', strlen("http://")));
+    EXPECT_NE(ex.message().find("cancelled: GET " + origin), std::string::npos) << ex.message();
+    EXPECT_EQ(ex.message().find("SECRET"), std::string::npos) << ex.message();
 }
 
 } // namespace

@@ -275,13 +275,6 @@ void BoxEmulator::fault(const std::string &json)
     control("POST", "/_emulator/faults", json);
 }
 
-void BoxEmulator::rate_limit(int per_second, int retry_after)
-{
-    control("POST", "/_emulator/rate_limit",
-            "{\"per_second\":" + std::to_string(per_second) +
-                ",\"retry_after\":" + std::to_string(retry_after) + "}");
-}
-
 std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
 {
     json_ref doc(parse(control("GET", "/_emulator/log"), "log"));
@@ -305,7 +298,6 @@ std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
         entry.body_length = number_of(json_object_get(e, "body_length"));
         entry.body_sha1 = string_of(json_object_get(e, "body_sha1"));
         entry.status = static_cast<int>(number_of(json_object_get(e, "status")));
-        entry.response_length = number_of(json_object_get(e, "response_length"));
         entry.started = real_of(json_object_get(e, "started"));
         entry.ended = real_of(json_object_get(e, "ended"));
         entries.push_back(std::move(entry));
@@ -363,11 +355,6 @@ std::vector<BoxEmulator::TreeEntry> BoxEmulator::tree()
         entries.push_back(std::move(entry));
     }
     return entries;
-}
-
-void BoxEmulator::tokens(const std::string &json)
-{
-    control("POST", "/_emulator/tokens", json);
 }
 
 void BoxEmulator::commit_pending(int count, int retry_after)

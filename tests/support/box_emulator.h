@@ -40,7 +40,6 @@ public:
         uint64_t body_length = 0;
         std::string body_sha1;                                   /* lower-case hex */
         int status = 0;                                          /* 0: connection dropped */
-        uint64_t response_length = 0;                            /* body bytes sent */
         /* The emulator's monotonic clock, seconds: the head was read; just
          * before the answer's last byte went out (or the connection was
          * given up).  Both lie within the client's own request. */
@@ -92,9 +91,6 @@ public:
     std::map<std::string, std::string> seed(const std::string &json);
     /* Adds one fault (a JSON object) or several (a JSON array). */
     void fault(const std::string &json);
-    /* Requests above per_second in any second get 429 with Retry-After;
-     * 0 turns the limit off. */
-    void rate_limit(int per_second, int retry_after = 1);
     std::vector<LogEntry> log();
     void clear_log();
     /* Over the requests with this method ("" any) and a path that
@@ -108,8 +104,6 @@ public:
     std::string content(const std::string &path);
     /* Every item below the root, depth first in folder order. */
     std::vector<TreeEntry> tree();
-    /* {"token":"t","expires_in":N|null} adds or replaces; {"revoke":"t"}. */
-    void tokens(const std::string &json);
     /* The next `count` commits answer 202 with Retry-After: retry_after. */
     void commit_pending(int count, int retry_after = 1);
     /* {"part_size":N,"min_session_size":N} for upload sessions;

@@ -12,6 +12,7 @@
 #include "common_module.h"
 #include "config.h"
 #include "destroy.h"
+#include "path_cache.h"
 #include "recv.h"
 #include "send.h"
 #include "start.h"
@@ -147,6 +148,75 @@ std::string sha1_of(const std::string &data)
     unsigned char digest[SHA_DIGEST_LENGTH];
     SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
     return hex(digest, sizeof digest);
+}
+
+std::string session_test::command(tarvex_gfs_command_type_t type, const std::string &path,
+                                  const std::string &from, const char *alg,
+                                  tarvex_off_t offset, tarvex_off_t length)
+{
+    tarvex_gfs_command_info_t info{};
+    info.command = type;
+    info.pathname = const_cast<char *>(path.c_str());
+    info.from_pathname = const_cast<char *>(from.c_str());
+    info.cksm_alg = const_cast<char *>(alg);
+    info.cksm_offset = offset;
+    info.cksm_length = length;
+    driver_.clear_events();
+    tarvex_result_t result = driver_.command(&box_table, session_, info);
+    auto answers = driver_.events(tarvex_test::event_kind::command);
+    EXPECT_EQ(answers.size(), 1u) << path;
+    text_ = answers.empty() ? std::nullopt : answers[0].text;
+    return take_reply(result);
+}
+
+tarvex_box_path_info_t *session_test::cached(const std::string &path)
+{
+    return tarvex_box_path_cache_query(&session_->cache, path.c_str());
+}
+
+std::string session_test::store(tarvex_test::driver &d, const std::string &path,
+                                tarvex_off_t alloc_size, bool truncate,
+                                const tarvex_gfs_storage_iface_t &table)
+{
+    d.clear_events();
+    d.set_answer_timeout(answer_timeout);
+    tarvex_error_discard(d.recv(&table, session_, path, alloc_size, truncate));
+    auto finished = d.events(tarvex_test::event_kind::finished_transfer);
+    EXPECT_EQ(finished.size(), 1u) << path;
+    return finished.empty() ? "<no answer>" : finished[0].reply;
+}
+
+std::string session_test::store_pattern(tarvex_test::driver &d, const std::string &path,
+                                        uint64_t total, uint64_t offset,
+                                        const tarvex_gfs_storage_iface_t &table)
+{
+    d.set_receive_pattern(total - offset);
+    if (offset != 0)
+        d.add_write_range(static_cast<tarvex_off_t>(offset), -1);
+    return store(d, path, static_cast<tarvex_off_t>(total), offset == 0, table);
+}
+
+void session_test::expect_sent(uint64_t offset, const std::string &bytes)
+{
+    EXPECT_EQ(driver_.sent_bytes(), bytes.size());
+    EXPECT_TRUE(driver_.sent_data().substr(offset) == bytes);
+    tarvex_off_t next = static_cast<tarvex_off_t>(offset);
+    for (const auto &[at, size] : driver_.sent_writes()) {
+        EXPECT_EQ(at, next) << "writes out of order, overlapping or leaving a hole";
+        next = at + static_cast<tarvex_off_t>(size);
+    }
+}
+
+void session_test::relist(const std::string &path)
+{
+    tarvex_box_path_info_t *folder = cached(path);
+    ASSERT_NE(folder, nullptr) << path;
+    folder->listed = false;
+}
+
+bool session_test::remembered(const std::string &path)
+{
+    return tarvex_box_upload_state_query(&session_->upload_state, path.c_str()) != nullptr;
 }
 
 void session_test::SetUp()

@@ -17,6 +17,7 @@ import io
 import json
 import os
 import pwd
+import re
 import shlex
 import shutil
 import socket
@@ -228,11 +229,6 @@ class Emulator(Process):
         status, hdrs, data = self.request(method, path, body, headers, token)
         return status, (json.loads(data) if data else None), hdrs
 
-    def download(self, file_id, headers=None):
-        status, hdrs, _ = self.request("GET", "/2.0/files/%s/content" % file_id)
-        assert status == 302 and hdrs["location"].startswith(self.base), (status, hdrs)
-        return self.request("GET", hdrs["location"][len(self.base):], headers=headers)
-
     # -- control interface ------------------------------------------------
 
     def control(self, method, name, doc=None, query=""):
@@ -394,6 +390,36 @@ class Server(Process):
             f.connect("127.0.0.1", self.port)
             f.login(user, password)
         return f
+
+
+def session_pids(server, text):
+    """The pids of the session processes that logged `text` (say "alice
+    logged in"), oldest first."""
+    return [int(p) for p in re.findall(r"\[(\d+)\]: " + re.escape(text), server.read_log())]
+
+
+def process_gone(pid):
+    """True once `pid` has exited (a zombie waiting for its parent counts)."""
+    try:
+        with open("/proc/%d/stat" % pid) as f:
+            return f.read().rsplit(")", 1)[1].split()[0] in ("Z", "X")
+    except OSError:
+        return True
+
+
+def needs_server(cls):
+    """Skips a test class when no server was built."""
+    return cls if SERVER else unittest.skip("TARVEX_SERVER_BIN not set")(cls)
+
+
+def own_server(test, **kw):
+    """A server of `test`'s own (Server's arguments), stopped when the test
+    ends; the test is skipped when no server was built."""
+    if not SERVER:
+        raise unittest.SkipTest("TARVEX_SERVER_BIN not set")
+    server = Server(**kw)
+    test.addCleanup(server.stop)
+    return server
 
 
 class ServerTest(unittest.TestCase):
@@ -593,7 +619,46 @@ class BoxServer(Server):
         shutil.rmtree(self.work, ignore_errors=True)
 
 
-class BoxTest(unittest.TestCase):
+class ClientRuns:
+    """curl and lftp against the class's server (`self.server`, over
+    explicit TLS when `self.tls`), lftp in the folder `self.work`."""
+
+    def diagnostics(self):
+        return "\n--- server log:\n" + self.server.read_log()[-6000:]
+
+    def curl_args(self, *args, server=None):
+        server = server or self.server
+        base = ["curl", "-sS", "--user", "anonymous:x", "--max-time", "120"]
+        if self.tls:
+            base += ["--ssl-reqd", "--cacert", server.ca]
+        return base + list(args)
+
+    def curl(self, *args, ok=True, server=None):
+        r = run(self.curl_args(*args, server=server))
+        if ok:
+            self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
+        return r
+
+    def lftp_args(self, script, server=None):
+        server = server or self.server
+        pre = ("set net:max-retries 1; set net:timeout 30; set net:reconnect-interval-base 1; "
+               "set cmd:fail-exit true; set xfer:clobber on; ")
+        if self.tls:
+            pre += ("set ftp:ssl-force true; set ftp:ssl-protect-data true; "
+                    "set ssl:ca-file %s; set ssl:check-hostname no; " % server.ca)
+        else:
+            pre += "set ftp:ssl-allow false; "
+        return ["lftp", "-u", "anonymous,x", "-p", str(server.port), "-e",
+                pre + script + "; quit", "127.0.0.1"]
+
+    def lftp(self, script, ok=True, server=None):
+        r = run(self.lftp_args(script, server), cwd=self.work)
+        if ok:
+            self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.diagnostics())
+        return r
+
+
+class BoxTest(ClientRuns, unittest.TestCase):
     """One emulator and one server per class; the emulator's account is
     emptied before each test, and every test logs in afresh."""
     part_size = None        # the emulator's upload part size
@@ -635,44 +700,8 @@ class BoxTest(unittest.TestCase):
         for sign in CRASH_SIGNS:
             self.assertNotIn(sign, log, "a session did not end cleanly" + self.diagnostics())
 
-    def diagnostics(self):
-        return "\n--- server log:\n" + self.server.read_log()[-6000:]
-
-    # -- clients ----------------------------------------------------------
-
     def ftp(self):
         return self.server.ftp(tls=self.tls)
-
-    def curl_args(self, *args, server=None):
-        server = server or self.server
-        base = ["curl", "-sS", "--user", "anonymous:x", "--max-time", "120"]
-        if self.tls:
-            base += ["--ssl-reqd", "--cacert", server.ca]
-        return base + list(args)
-
-    def curl(self, *args, ok=True, server=None):
-        r = run(self.curl_args(*args, server=server))
-        if ok:
-            self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
-        return r
-
-    def lftp_args(self, script, server=None):
-        server = server or self.server
-        pre = ("set net:max-retries 1; set net:timeout 30; set net:reconnect-interval-base 1; "
-               "set cmd:fail-exit true; set xfer:clobber on; ")
-        if self.tls:
-            pre += ("set ftp:ssl-force true; set ftp:ssl-protect-data true; "
-                    "set ssl:ca-file %s; set ssl:check-hostname no; " % server.ca)
-        else:
-            pre += "set ftp:ssl-allow false; "
-        return ["lftp", "-u", "anonymous,x", "-p", str(server.port), "-e",
-                pre + script + "; quit", "127.0.0.1"]
-
-    def lftp(self, script, ok=True, server=None):
-        r = run(self.lftp_args(script, server), cwd=self.work)
-        if ok:
-            self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.diagnostics())
-        return r
 
     def local(self, *parts):
         return os.path.join(self.work, *parts)

@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <pwd.h>
-#include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -25,34 +24,7 @@ namespace {
 
 using tarvex_test::box_scratch;
 using tarvex_test::child;
-
-/* Stamps written by forked children, read by the test. */
-class shared_stamps {
-public:
-    explicit shared_stamps(size_t count)
-        : bytes_(count * sizeof(int64_t)),
-          data_(static_cast<int64_t *>(mmap(nullptr, bytes_, PROT_READ | PROT_WRITE,
-                                            MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
-    {
-        if (data_ == MAP_FAILED)
-            throw std::runtime_error("no shared memory for the stamps");
-    }
-    ~shared_stamps() { munmap(data_, bytes_); }
-    shared_stamps(const shared_stamps &) = delete;
-    shared_stamps &operator=(const shared_stamps &) = delete;
-
-    int64_t &operator[](size_t i) { return data_[i]; }
-    std::vector<int64_t> sorted() const
-    {
-        std::vector<int64_t> all(data_, data_ + bytes_ / sizeof(int64_t));
-        std::sort(all.begin(), all.end());
-        return all;
-    }
-
-private:
-    size_t bytes_;
-    int64_t *data_;
-};
+using shared_stamps = tarvex_test::shared_array<int64_t>;
 
 /* The last stamp of a pacing record, in nanoseconds. */
 int64_t last_stamp(const tarvex_box_retry_t &retry)
@@ -101,7 +73,8 @@ TEST(BoxFrameRetry, ProcessesSharingAFileKeepTheirSpacing)
     for (auto &c : children)
         EXPECT_EQ(c->status(), 0);
 
-    std::vector<int64_t> all = stamps.sorted();
+    std::vector<int64_t> all(&stamps[0], &stamps[0] + stamps.size());
+    std::sort(all.begin(), all.end());
     EXPECT_GT(all.front(), 0);
     for (size_t i = 1; i < all.size(); i++)
         ASSERT_GE(all[i] - all[i - 1], 1000000000LL / per_second) << i;

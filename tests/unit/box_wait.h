@@ -1,7 +1,8 @@
 /*
  * Waiting in tests without sleeping for a guessed time: a condition polled
  * until it holds or a deadline passes, forked processes that are waited
- * for the same way, and what /proc says a process is doing.
+ * for the same way (and memory they share with the test), and what /proc
+ * says a process is doing.
  *
  * The deadlines only keep a broken test from hanging; they are far beyond
  * anything the conditions need on a loaded machine.
@@ -10,12 +11,14 @@
 #define TARVEX_TEST_BOX_WAIT_H
 
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -65,6 +68,30 @@ public:
 
 private:
     pid_t pid_;
+};
+
+/* `count` values of T in memory shared with forked children, zeroed. */
+template <typename T> class shared_array {
+public:
+    explicit shared_array(size_t count)
+        : count_(count),
+          data_(static_cast<T *>(mmap(nullptr, count * sizeof(T), PROT_READ | PROT_WRITE,
+                                      MAP_SHARED | MAP_ANONYMOUS, -1, 0)))
+    {
+        if (data_ == MAP_FAILED)
+            throw std::runtime_error("no shared memory");
+    }
+    ~shared_array() { munmap(data_, count_ * sizeof(T)); }
+    shared_array(const shared_array &) = delete;
+    shared_array &operator=(const shared_array &) = delete;
+
+    T &operator[](size_t i) { return data_[i]; }
+    const T &operator[](size_t i) const { return data_[i]; }
+    size_t size() const { return count_; }
+
+private:
+    size_t count_;
+    T *data_;
 };
 
 /* Whether `pid` is in the middle of the system call `number`. */

@@ -11,8 +11,7 @@ add_executable(tarvex_common_unit_tests
   ${CMAKE_CURRENT_LIST_DIR}/common_error_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/common_module_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/common_debug_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/common_util_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/common_result_test.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/common_util_test.cpp)
 target_link_libraries(tarvex_common_unit_tests PRIVATE tarvex_common tarvex_common_internal
   tarvex_test_error_check GTest::gtest_main)
 target_compile_definitions(tarvex_common_unit_tests PRIVATE

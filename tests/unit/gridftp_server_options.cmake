@@ -3,7 +3,6 @@
 set(tarvex_server_dir ${PROJECT_SOURCE_DIR}/platform/gridftp_server/src/server)
 add_executable(tarvex_gridftp_server_options_tests
   ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_options_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_port_range_test.cpp
   ${tarvex_server_dir}/options.cpp
   ${tarvex_server_dir}/config_file.cpp)
 target_include_directories(tarvex_gridftp_server_options_tests PRIVATE ${tarvex_server_dir})

@@ -180,4 +180,17 @@ TEST(ServerOptions, AnUnknownOptionIsCalledSoWhereverItStands)
     EXPECT_EQ(parse({"--dsi", "x", "--port"}).err, "--port: missing value (see --help)");
 }
 
+// --port takes every TCP port, 65535 included, and nothing beyond.
+TEST(ServerOptions, EveryTcpPortAndNoMore)
+{
+    for (const char *port : {"1", "65535", "65536", "-1"}) {
+        Parsed p = parse({"--dsi", "posix", "--anonymous-map", "--port", port});
+        bool valid = std::stoi(port) >= 1 && std::stoi(port) <= 65535;
+        EXPECT_EQ(p.rc, valid ? 0 : -1) << port << ": " << p.err;
+        if (valid) {
+            EXPECT_EQ(p.opts.port, std::stoi(port));
+        }
+    }
+}
+
 } // namespace

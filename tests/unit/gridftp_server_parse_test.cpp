@@ -337,9 +337,17 @@ TEST(ServerLog, FieldsAreEscaped)
         {"\xe2\x82", "\\xe2\\x82"},         // cut short
         {std::string("n\0l", 3), "n\\x00l"},
         {"\x7f", "\\x7f"},
+        // The edges of printable text stay as they are (a range off by one
+        // would escape them byte by byte).
+        {"~alice/notes", "~alice/notes"},     // 0x7e, right below DEL
+        {"\xe0\xb8\x81.txt", "\xe0\xb8\x81.txt"}, // U+0E01, Thai: led by 0xe0
+        {"\xe0\xa4\x85", "\xe0\xa4\x85"},       // U+0905, Devanagari
+        {"\xdf\xbf", "\xdf\xbf"},             // U+07FF, the last two-byte character
     };
     for (const auto &c : cases)
         EXPECT_EQ(log_field(c.in), c.out) << c.in;
+    EXPECT_EQ(utf8_length("\xe0\xb8\x81"), 3u);
+    EXPECT_EQ(utf8_length("\xdf\xbf"), 2u);
 }
 
 } // namespace

@@ -305,4 +305,29 @@ TEST_F(XferlogFile, MalformedLinesAreNotWritten)
     EXPECT_EQ(file_lines(path_), std::vector<std::string>{"good"});
 }
 
+// The server's log speaks of a transfer log line only when the line did
+// not reach the file: a line written whole leaves it silent, a line that
+// could not be sent is kept there rather than lost.
+TEST_F(XferlogFile, ReportsALineOnlyWhenItIsNotWritten)
+{
+    {
+        TransferLog log;
+        std::string err;
+        ASSERT_TRUE(log.open(path_, err)) << err;
+        testing::internal::CaptureStderr();
+        log.send("written\n");
+        log.drain();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    }
+    std::stringstream file;
+    file << std::ifstream(path_).rdbuf();
+    EXPECT_EQ(file.str(), "written\n");
+
+    TransferLog closed;
+    testing::internal::CaptureStderr();
+    closed.send("kept\n");
+    std::string reported = testing::internal::GetCapturedStderr();
+    EXPECT_NE(reported.find("not open; line: kept"), std::string::npos) << reported;
+}
+
 } // namespace
