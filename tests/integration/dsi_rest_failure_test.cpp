@@ -71,6 +71,36 @@ TEST(RestFailure, BadArgumentsAreRefused)
     }
 }
 
+// A response callback that refuses the answer (the Box plug-in's status
+// check does) ends the request with a callback error that names the URL and
+// keeps the caller's own error as its cause.
+TEST(RestFailure, AResponseCallbackThatRefusesFailsTheRequest)
+{
+    ScriptServer server;
+    ASSERT_TRUE(server.running());
+    tarvex_dsi_rest_callbacks_t callbacks{};
+    callbacks.response_callback = [](void *, int, const char *,
+                                     const tarvex_dsi_rest_key_array_t *) -> tarvex_result_t {
+        return tarvex_error_put(TARVEX_ERROR_CONSTRUCT(nullptr, nullptr, 7, "not this answer"));
+    };
+    std::string url = server.url("/bytes?n=1000");
+    tarvex_result_t result =
+        tarvex_dsi_rest_request("GET", url.c_str(), nullptr, nullptr, &callbacks);
+    const tarvex_object_t *error = tarvex_error_peek(result);
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(tarvex_error_get_type(error), TARVEX_DSI_REST_ERROR_CALLBACK);
+    // The message names the server, not the path and query, which may
+    // carry what the log must not.
+    std::string message = tarvex_error_get_message(error);
+    EXPECT_EQ(message.rfind("The response callback failed: http://127.0.0.1:", 0), 0u) << message;
+    EXPECT_EQ(message.find("bytes"), std::string::npos) << message;
+    const tarvex_object_t *cause = tarvex_error_get_cause(error);
+    ASSERT_NE(cause, nullptr);
+    EXPECT_EQ(std::string(tarvex_error_get_message(cause)), "not this answer");
+    EXPECT_FALSE(tarvex_dsi_rest_error_is_retryable(result));
+    tarvex_error_discard(result);
+}
+
 // A callback written in C++ may throw: the exception stops at the client's
 // edge (it must never unwind through libcurl) and fails the request as a
 // callback error, and the thread's connection serves the next request.
