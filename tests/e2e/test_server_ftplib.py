@@ -210,6 +210,20 @@ class Ftplib(Session):
             self.assertIn("t-%s.bin" % name, lines)
             f.quit()
 
+    def test_ipv6(self):
+        # Over IPv6 ftplib asks for EPSV and announces EPRT |2|; the server
+        # must take the data connection from the control connection's host.
+        server = own_server(self, extra=["--bind", "::1"])
+        data = os.urandom(100000)
+        for passive in (True, False):
+            f = ftplib.FTP(timeout=30)
+            f.connect("::1", server.port)
+            f.login("anonymous", "x")
+            f.set_pasv(passive)
+            f.storbinary("STOR /v6.bin", io.BytesIO(data))
+            self.assertEqual(fetch(f, "/v6.bin"), data, passive)
+            f.quit()
+
     def test_restart_and_allo(self):
         data = os.urandom(300000)
         self.f.sendcmd("TYPE I")
