@@ -362,6 +362,22 @@ TEST_F(in_flight_test, ARangeCutShortIsAskedForTheRestOnly)
     expect_sent(0, pattern(static_cast<uint64_t>(size)));
 }
 
+/* A range Box answers with fewer bytes than asked (a well-formed 206 whose
+ * Content-Range ends early) is never taken for the whole range: the
+ * transfer fails, after the bytes before that range only. */
+TEST_F(in_flight_test, ARangeAnsweredShortIsNotTakenForWhole)
+{
+    const long long size = 1052897;
+    seed_file("/d/big.bin", static_cast<uint64_t>(size));
+    tarvex_i_box_download_streams = 3;
+    emulator().fault(R"({"path_regex":"^/d/","header_regex":{"range":"^bytes=116989-"},)"
+                     R"("range_short_by":1000})");
+    std::string reply = retrieve("/d/big.bin");
+    EXPECT_NE(reply.find("Box's answer ended before the range did."), std::string::npos) << reply;
+    EXPECT_LE(driver_.sent_bytes(), 116989u);
+    expect_sent(0, pattern(driver_.sent_bytes()));
+}
+
 /* A range that cannot be had fails the transfer: what reached the client
  * before is the file's beginning, in order, and no request is left
  * running.  So does a file whose size on Box is no longer the one listed:

@@ -140,6 +140,18 @@ def headers_match(wanted, headers):
     return True
 
 
+def shorten_range(resp, by):
+    """Makes a 206 answer `by` bytes shorter (never empty), its
+    Content-Range saying so: a server may send less of a range than asked."""
+    m = re.match(r"bytes (\d+)-(\d+)/(\d+)$", resp.headers.get("Content-Range", ""))
+    if not m:
+        return
+    start, end, size = (int(g) for g in m.groups())
+    end = max(start, end - by)
+    resp.headers["Content-Range"] = "bytes %d-%d/%d" % (start, end, size)
+    resp.length = end - start + 1
+
+
 def build_routes(state):
     api, up = state.api, state.uploads
     item = r"([^/]+)"
@@ -224,9 +236,12 @@ class Handler(BaseHTTPRequestHandler):
         shape: the fault that matched, or None.  Its "truncate_after" cuts
         the body after that many bytes and ends the connection (with a TCP
         reset when "reset" is set); its "throttle_bps" sends the body at
-        about that many bytes a second."""
+        about that many bytes a second; its "range_short_by" answers a
+        range with that many bytes fewer than asked, well formed."""
         shape = shape or {}
         truncate = shape.get("truncate_after")
+        if shape.get("range_short_by") and resp.status == 206:
+            shorten_range(resp, shape["range_short_by"])
         body = b""
         headers = dict(resp.headers)
         if resp.doc is not None:

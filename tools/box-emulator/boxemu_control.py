@@ -222,7 +222,7 @@ class Control:
             _int(fault, "delay_ms", 0)
             if fault.get("throttle_bps") is not None:
                 _int(fault, "throttle_bps", 0, minimum=1)
-            for key in ("truncate_after", "cut_body_after"):
+            for key in ("truncate_after", "cut_body_after", "range_short_by"):
                 if fault.get(key) is not None:
                     _int(fault, key, 0)
             self._check_header_regex(fault.get("header_regex"))
