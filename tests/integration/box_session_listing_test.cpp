@@ -134,5 +134,18 @@ TEST_F(listing_test, AMarkerSeenBeforeEndsTheListing)
     }
 }
 
+/* A listing Box fails leaves the folder unknown, as before it: its items
+ * are looked up at Box again, not answered from what the cache lacks. */
+TEST_F(listing_test, AFailedListingLeavesTheFolderUnlisted)
+{
+    auto ids = seed("[" + files("/p", 3) + "]");
+    ASSERT_NE(start(), nullptr);
+    emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + ids["/p"] +
+                     R"(/items$","count":-1,"status":500})");
+    EXPECT_NE(take_reply(driver_.stat(&box_table, session_, "/p", false)), "");
+    emulator().control("DELETE", "/_emulator/faults");
+    EXPECT_EQ(take_reply(driver_.stat(&box_table, session_, "/p/f0001", true)), "");
+}
+
 } // namespace
 } // namespace box_session_test
