@@ -191,6 +191,25 @@ TEST(ServerOptions, EveryTcpPortAndNoMore)
             EXPECT_EQ(p.opts.port, std::stoi(port));
         }
     }
+    // Passive ports: unprivileged ones only, the low end first.
+    const struct {
+        const char *range;
+        int low, high; // 0: refused
+    } ranges[] = {
+        {"1024-1024", 1024, 1024}, {"60000-65535", 60000, 65535}, {"1023-2000", 0, 0},
+        {"60000-65536", 0, 0},     {"2000-1999", 0, 0},
+    };
+    for (const auto &r : ranges) {
+        Parsed p = parse({"--dsi", "posix", "--anonymous-map", "--port", "2811", "--pasv-range",
+                          r.range});
+        EXPECT_EQ(p.rc, r.low ? 0 : -1) << r.range << ": " << p.err;
+        if (r.low) {
+            EXPECT_EQ(p.opts.pasv_low, r.low) << r.range;
+            EXPECT_EQ(p.opts.pasv_high, r.high) << r.range;
+        } else {
+            EXPECT_NE(p.err.find("--pasv-range"), std::string::npos) << r.range << ": " << p.err;
+        }
+    }
 }
 
 } // namespace
