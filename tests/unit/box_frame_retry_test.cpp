@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -115,6 +116,23 @@ TEST(BoxFrameRetry, ACallWaitsForTheLockAndKeepsItsDistanceFromTheStampMadeMeanw
     ASSERT_EQ(caller.status(), 0);
     EXPECT_GE(stamp[0] - made_meanwhile, 1000000000LL / per_second);
     tarvex_i_box_retry_state_destroy(&held);
+}
+
+/* A file that is not a record (cut short, or grown by something else) is
+ * brought to the record's size with its stamp cleared: a stamp of garbage
+ * could hold every request back for years. */
+TEST(BoxFrameRetry, AFileOfAnotherSizeIsMadeAFreshRecord)
+{
+    box_scratch scratch;
+    tarvex_box_retry_t retry{};
+    tarvex_i_box_retry_state_create("odd", 16, &retry);
+    tarvex_i_box_retry_state_destroy(&retry);
+    std::ofstream(scratch.retry_path() + "/odd") << std::string(40, '\x7f');
+
+    tarvex_i_box_retry_state_create("odd", 16, &retry);
+    ASSERT_NE(retry.fd, -1);
+    EXPECT_TRUE(retry.shared->last.tv_sec == 0 && retry.shared->last.tv_nsec == 0);
+    tarvex_i_box_retry_state_destroy(&retry);
 }
 
 /* A pacing file of ours is used; once it belongs to someone else it is not,

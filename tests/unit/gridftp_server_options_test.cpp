@@ -1,15 +1,18 @@
 // The server's configuration file and how its settings meet the command
 // line: what a line may say, what each mistake is called (file, line,
-// key), and which side wins.
+// key), and which side wins; a configuration command cut off.
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
+#include <future>
 #include <string>
 #include <vector>
 
+#include "config_data.h"
 #include "config_file.h"
 #include "options.h"
 
@@ -210,6 +213,18 @@ TEST(ServerOptions, EveryTcpPortAndNoMore)
             EXPECT_NE(p.err.find("--pasv-range"), std::string::npos) << r.range << ": " << p.err;
         }
     }
+}
+
+// A configuration command whose output is cut off (too large here; one that
+// times out goes the same way, after a minute) is killed, not waited for.
+TEST(ServerConfigData, ACommandCutOffIsKilled)
+{
+    ConfigData data({}, {{"creds", "head -c 5000000 /dev/zero; exec sleep 60"}});
+    std::string text;
+    auto got = std::async(std::launch::async, [&] { return data.get("creds", "u", text); });
+    ASSERT_EQ(got.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(got.get(), ConfigData::Status::failed);
+    EXPECT_EQ(text, "configuration command output too large");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // The server's parsers of client input (command lines, REST, ALLO, CKSM,
-// PORT, EPRT, EPSV, MLST facts, LIST arguments and wildcards), its TYPE A
-// line ends and its escaping of log fields.
+// PORT, EPRT, EPSV, MLST facts, LIST arguments and wildcards, paths), its
+// TYPE A line ends and its escaping of log fields.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
@@ -13,6 +13,7 @@
 #include "list_args.h"
 #include "log.h"
 #include "parse.h"
+#include "path.h"
 
 using namespace tarvex_server;
 
@@ -236,6 +237,25 @@ TEST(ServerParse, NamesFactsAndReplyText)
 
     EXPECT_EQ(printable("a\rb\n\x1b\xff" "c\xc3\xa4"), "a?b???c\xc3\xa4");
     EXPECT_EQ(printable("\xc2\x9b" "1m \xc0\xaf \xe2\x82\xac"), "??1m ?? \xe2\x82\xac");
+}
+
+// Against the working folder "/w/d" and the home "/h".
+TEST(ServerParse, PathsResolvedLexically)
+{
+    const struct {
+        const char *arg, *path;
+    } cases[] = {
+        {"", "/w/d"},
+        {"x", "/w/d/x"},
+        {"~", "/h"},
+        {"~/x", "/h/x"},
+        {"~x", "/w/d/~x"},
+        {"../../../x", "/x"},
+        {"/a//b/./c/..", "/a/b"},
+        {"/..", "/"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(resolve_path("/w/d", "/h", c.arg), c.path) << c.arg;
 }
 
 TEST(ServerParse, ListArgumentsOptionsAndPaths)

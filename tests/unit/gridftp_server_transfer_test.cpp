@@ -6,6 +6,7 @@
  * client aborts. */
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -136,6 +137,14 @@ public:
             sent_ = true;
         });
     }
+    /* Whether the client's end of the data connection sees it closed. */
+    bool client_sees_end()
+    {
+        pollfd p{client_, POLLIN, 0};
+        char c;
+        return poll(&p, 1, int(deadline / std::chrono::milliseconds(1))) == 1 &&
+               recv(client_, &c, 1, MSG_DONTWAIT) <= 0;
+    }
     /* Whether the client got everything off while no read was registered. */
     bool sent_without_reads() { return within_deadline([this] { return sent_.load(); }); }
 
@@ -202,6 +211,10 @@ TEST(ServerTransfer, DataBeyondTheAwaitedEndFailsTheStore)
     Completion end = reads.read(store.transfer(), got, 0);
     EXPECT_FALSE(end.ok);
     EXPECT_EQ(store.transfer().failure(), "426 More data than announced; transfer aborted.");
+    // The connection goes with the transfer, before the reply is sent.
+    store.transfer().plugin_finished();
+    store.transfer().close(false);
+    EXPECT_TRUE(store.client_sees_end());
 }
 
 TEST(ServerTransfer, AnIdleClientDoesNotHoldTheTransfer)
