@@ -133,15 +133,14 @@ TEST_F(Gfs, OperationOverASparseProvider)
 
 TEST_F(Gfs, LoadsPluginsByName)
 {
-    tarvex_extension_set_search_path(TARVEX_GFS_FIXTURE_DIR);
-    const tarvex_gfs_storage_iface_t *iface = tarvex_gfs_dsi_load("gfsfixture");
+    tarvex_extension_set_search_path(TARVEX_POSIX_LIB_DIR);
+    const tarvex_gfs_storage_iface_t *iface = tarvex_gfs_dsi_load("posix");
     ASSERT_NE(iface, nullptr) << tarvex_extension_last_error();
-    EXPECT_EQ(iface->descriptor, TARVEX_GFS_DSI_DESCRIPTOR_BLOCKING);
-    EXPECT_EQ(tarvex_extension_lookup(&tarvex_i_gfs_dsi_registry, "gfsfixture"), iface);
-    tarvex_gfs_dsi_unload("gfsfixture");
-    EXPECT_EQ(tarvex_extension_lookup(&tarvex_i_gfs_dsi_registry, "gfsfixture"), nullptr);
+    EXPECT_EQ(tarvex_extension_lookup(&tarvex_i_gfs_dsi_registry, "posix"), iface);
+    tarvex_gfs_dsi_unload("posix");
+    EXPECT_EQ(tarvex_extension_lookup(&tarvex_i_gfs_dsi_registry, "posix"), nullptr);
 
-    for (const char *name : {"no_such_plugin", "../gfsfixture", "", "a b", "x/y"}) {
+    for (const char *name : {"no_such_plugin", "../posix", "", "a b", "x/y"}) {
         SCOPED_TRACE(name);
         EXPECT_EQ(tarvex_gfs_dsi_load(name), nullptr);
     }
