@@ -127,7 +127,7 @@ void check(const translation &t)
     EXPECT_EQ(got, t.result);
 }
 
-TEST_F(BoxFrameError, TranslatesBoxErrorBodiesByCode)
+TEST_F(BoxFrameError, TranslatesBoxAnswersByCodeAndStatus)
 {
     const translation cases[] = {
         {404, R"({"code":"not_found","context_info":{"errors":[{"name":"a.txt"}]}})", nullptr,
@@ -151,14 +151,7 @@ TEST_F(BoxFrameError, TranslatesBoxErrorBodiesByCode)
         /* No code: the status is not looked at, the box error is dropped. */
         {404, R"({"message":"m"})", nullptr, "500 INTERNAL_ERROR ", false, 0},
         {429, R"({"code":"rate_limit_exceeded"})", "5", "box error", true, 5},
-    };
-    for (const auto &c : cases)
-        check(c);
-}
-
-TEST_F(BoxFrameError, TranslatesBareStatuses)
-{
-    const translation cases[] = {
+        /* Bare statuses. */
         {302, nullptr, nullptr, "451 TOO_BUSY ", true, 0},
         {400, nullptr, nullptr, "generic translate_response: Bad BOX request", false, 0},
         {401, nullptr, nullptr, "550 PERMISSION_DENIED ", false, 0},
