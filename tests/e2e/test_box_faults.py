@@ -48,21 +48,6 @@ class Faults(BoxTest):
         self.assertEqual(sha256(bytes(got)), sha256(pattern(240000)))
         self.assertEqual(f.sendcmd("NOOP"), "200 NOOP ok.")
 
-    def test_replace_by_new_version(self):
-        # "replace": "new-version": curl's store over a file makes a new
-        # version of it (what a failing one leaves is pinned by
-        # box_upload.upload_test.NewVersionLeavesTheOldBytesOnEveryFailure).
-        server = self.start_server(policy={"user_api_rate_limit": 100,
-                                           "replace": "new-version"})
-        self.addCleanup(server.stop)
-        self.emu.seed({"path": "/v.bin", "content": "old", "md5_property": "0" * 32})
-        src = self.local_file("v.bin", 300000, seed=3)
-        self.curl("-T", src, server.url("/v.bin"), server=server)
-        with open(src, "rb") as f:
-            self.assertStoredWhole("/v.bin", f.read())
-        self.assertEqual([v["size"] for v in self.emu.item("/v.bin")["versions"]], [3])
-        self.assertEqual(self.requests("DELETE"), [])
-
     # -- a token running out ----------------------------------------------
 
     def test_token_renewed_during_a_long_upload(self):
