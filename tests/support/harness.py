@@ -249,14 +249,8 @@ class Emulator(Process):
     def fault(self, *faults):
         self.control("POST", "faults", list(faults))
 
-    def clear_faults(self):
-        self.control("DELETE", "faults")
-
     def log(self):
         return self.control("GET", "log")
-
-    def clear_log(self):
-        self.control("DELETE", "log")
 
     def concurrency(self, method, path_regex):
         """{"peak","open","count"}: the requests with this method and a
@@ -723,11 +717,6 @@ class BoxTest(ClientRuns, unittest.TestCase):
     def requests(self, method=None, path_part=""):
         return [e for e in self.emu.log()
                 if (method is None or e["method"] == method) and path_part in e["path"]]
-
-    def part_puts(self, status=200):
-        """The upload parts Box answered with `status` (None: all)."""
-        return [e for e in self.requests("PUT", "/upload_sessions/")
-                if status is None or e["status"] == status]
 
     def paths(self):
         return {e["path"] for e in self.emu.tree()}
