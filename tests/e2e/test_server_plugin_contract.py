@@ -1,7 +1,8 @@
 """The server against a test plug-in whose answers the posix plug-in never
 gives: error replies with cause chains, listings streamed in pauses and
-failing half-way, progress replies, a transfer finished from another
-thread, a failure after data went out, refused session starts."""
+failing half-way, a transfer finished from another thread, a failure after
+data went out, refused session starts.  (Progress replies are
+test_box_transfers', from the Box plug-in.)"""
 import ftplib
 import io
 import os
@@ -58,11 +59,6 @@ class PluginContract(ServerTest):
         self.assertIn("the listing broke off", str(cm.exception))
         self.assertEqual(len(lines), 100)  # the first batch went out before the failure
         self.assertEqual(self.f.pwd(), "/home")
-
-    def test_checksum_progress_passed_on(self):
-        self.f.putcmd("CKSM CAFE 0 -1 /any")
-        replies = [self.f.getresp() for _ in range(4)]
-        self.assertEqual(replies, ["113 1000", "113 2000", "113 3000", "213 cafe"])
 
     def test_abor_cancels_the_operation(self):
         # The plug-in sees the cancel from its own thread, without its

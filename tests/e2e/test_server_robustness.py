@@ -367,12 +367,7 @@ class ProtectedData(ServerTest):
     def tls_login(self, version):
         ctx = ssl.create_default_context(cafile=self.server.ca)
         ctx.maximum_version = version
-        f = ResumingFTP_TLS(context=ctx, timeout=30)
-        f.connect("127.0.0.1", self.server.port)
-        f.auth()
-        f.login("anonymous", "x")
-        f.prot_p()
-        return f
+        return self.server.ftp(context=ctx)
 
     def test_data_go_only_to_the_session_holder(self):
         content = os.urandom(300000)

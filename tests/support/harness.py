@@ -372,9 +372,11 @@ class Server(Process):
         auth = (user + "@") if user else ""
         return "ftp://%s127.0.0.1:%d%s" % (auth, self.port, path)
 
-    def ftp(self, user="anonymous", password="x", tls=False):
-        if tls:
-            f = ResumingFTP_TLS(context=ssl.create_default_context(cafile=self.ca), timeout=30)
+    def ftp(self, user="anonymous", password="x", tls=False, context=None):
+        """A login; over TLS (PROT P) when `tls` or a TLS `context` is given."""
+        if tls or context is not None:
+            context = context or ssl.create_default_context(cafile=self.ca)
+            f = ResumingFTP_TLS(context=context, timeout=30)
             f.connect("127.0.0.1", self.port)
             f.auth()
             f.login(user, password)
