@@ -1,10 +1,11 @@
 """Box through real clients, each one's dialect once, every byte compared
 by SHA-256 with what the emulated Box holds: curl (uploads, a resumed
-download; its quoted commands are in test_server_clients), wget, lftp (mirror both ways, mkdir -p, mv, rm -r)
-and the replies only a client shows reading well: checksum progress and a
-multi-line error.  The plug-in's rules behind each command (paths,
-refusals, upload paths, retries) are pinned by the driver tests in
-tests/integration; here is what the clients make of them.
+download; its quoted commands are in test_server_clients), wget, lftp
+(mirror both ways, mkdir -p, mv, rm -r) and the replies only a client shows
+reading well: checksum progress and a multi-line error.  The plug-in's
+rules behind each command (paths, refusals, upload paths, retries) are
+pinned by the driver tests in tests/integration; here is what the clients
+make of them.
 One download (curl, wget) goes over explicit TLS with Box over HTTPS; the
 uploads in parts are test_box_many_sessions' (lftp) and test_box_faults'.
 
@@ -143,7 +144,8 @@ class TransfersTLS(BoxTest):
     part_size = PART
     tls = True
     https = True
-    test_curl_resumes_a_download_and_wget_gets = Transfers.test_curl_resumes_a_download_and_wget_gets
+    test_curl_resumes_a_download_and_wget_gets = \
+        Transfers.test_curl_resumes_a_download_and_wget_gets
 
 
 if __name__ == "__main__":

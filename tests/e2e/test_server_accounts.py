@@ -9,11 +9,10 @@ import pwd
 import ssl
 import unittest
 
-from harness import ResumingFTP_TLS, Server, ServerTest, make_hash, needs_server
+from harness import ResumingFTP_TLS, ServerTest, make_hash
 
 
-@needs_server
-class PasswordLogins(unittest.TestCase):
+class PasswordLogins(ServerTest):
     @classmethod
     def setUpClass(cls):
         cls.root_run = os.geteuid() == 0
@@ -24,14 +23,11 @@ class PasswordLogins(unittest.TestCase):
         lines.append("bob:%s:%s" % (make_hash("builder"),
                                     "nobody" if cls.root_run else me))
         lines.append("ghost:%s:no-such-account-here" % make_hash("boo"))
-        cls.server = Server(passwd="\n".join(lines) + "\n")
+        cls.server_args = {"passwd": "\n".join(lines) + "\n"}
+        super().setUpClass()
         os.chmod(cls.server.tmp, 0o755)
         if cls.root_run:
             os.chown(cls.server.root, cls.nobody.pw_uid, cls.nobody.pw_gid)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.stop()
 
     def test_passwords(self):
         cases = [("alice", "wonderland", True), ("alice", "Wonderland", False),

@@ -14,8 +14,7 @@ import tempfile
 import time
 import unittest
 
-from harness import (ResumingFTP_TLS, Server, make_hash, needs_server, session_pids, wait_for,
-                     write_random)
+from harness import ResumingFTP_TLS, ServerTest, make_hash, session_pids, wait_for, write_random
 
 XFER_TIME = "%a %b %d %H:%M:%S %Y"
 
@@ -38,21 +37,18 @@ def fields(line):
             "auth": w[15], "auth_user": w[16], "status": w[17]}
 
 
-@needs_server
-class TransferLog(unittest.TestCase):
+class TransferLog(ServerTest):
     @classmethod
     def setUpClass(cls):
         cls.dir = tempfile.mkdtemp(prefix="tarvex-e2e-xferlog-")
         cls.xferlog = os.path.join(cls.dir, "xferlog")
-        cls.server = Server(tls=True, extra=["--transfer-log", cls.xferlog])
+        cls.server_args = {"tls": True, "extra": ["--transfer-log", cls.xferlog]}
+        super().setUpClass()
 
     @classmethod
     def tearDownClass(cls):
-        cls.server.stop()
+        super().tearDownClass()
         shutil.rmtree(cls.dir, ignore_errors=True)
-
-    def tearDown(self):
-        self.assertTrue(self.server.alive(), "the server died:\n" + self.server.read_log())
 
     def line_for(self, path, direction, path_in_log=None):
         """The parsed line of the transfer of `path` in `direction`, once
@@ -129,8 +125,7 @@ class TransferLog(unittest.TestCase):
         self.assertEqual((got["user"], got["bytes"], got["status"]), ("gina", 6, "c"))
 
 
-@needs_server
-class SessionLog(unittest.TestCase):
+class SessionLog(ServerTest):
     """Log-ins, log-outs and failed logins on standard error, each with the
     session's process id."""
 
@@ -138,11 +133,8 @@ class SessionLog(unittest.TestCase):
     def setUpClass(cls):
         # The session runs as this test's own account, when that is root too.
         me = pwd.getpwuid(os.geteuid()).pw_name
-        cls.server = Server(passwd="alice:%s:%s\n" % (make_hash("wonderland"), me))
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.server.stop()
+        cls.server_args = {"passwd": "alice:%s:%s\n" % (make_hash("wonderland"), me)}
+        super().setUpClass()
 
     def lines_of(self, pid):
         prefix = "tarvex-gridftp-server[%d]: " % pid

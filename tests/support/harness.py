@@ -403,11 +403,6 @@ def process_gone(pid):
         return True
 
 
-def needs_server(cls):
-    """Skips a test class when no server was built."""
-    return cls if SERVER else unittest.skip("TARVEX_SERVER_BIN not set")(cls)
-
-
 def own_server(test, **kw):
     """A server of `test`'s own (Server's arguments), stopped when the test
     ends; the test is skipped when no server was built."""
