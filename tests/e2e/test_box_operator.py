@@ -177,12 +177,11 @@ def samples(page):
 
 
 class Metrics(BoxTest):
-    servers = 0
+    """One test: the class's server counts from 0."""
 
     @classmethod
     def start_server(cls, extra=(), **kw):
-        cls.servers += 1
-        port_file = os.path.join(cls.work, "metrics-port-%d" % cls.servers)
+        port_file = os.path.join(cls.work, "metrics-port")
         me = pwd.getpwuid(os.geteuid()).pw_name
         # A credential that the plug-in takes at a session's start and
         # wants renewed 3 s later, at the latest; a renewed one lasts.
@@ -193,9 +192,8 @@ class Metrics(BoxTest):
         server.metrics_port = port_file_value(port_file)
         return server
 
-    def scrape(self, server=None):
-        server = server or self.server
-        conn = http.client.HTTPConnection("127.0.0.1", server.metrics_port, timeout=30)
+    def scrape(self):
+        conn = http.client.HTTPConnection("127.0.0.1", self.server.metrics_port, timeout=30)
         try:
             conn.request("GET", "/metrics")
             resp = conn.getresponse()
@@ -206,18 +204,15 @@ class Metrics(BoxTest):
         finally:
             conn.close()
 
-    def login(self, server=None):
+    def login(self):
         f = ftplib.FTP(timeout=60)
-        f.connect("127.0.0.1", (server or self.server).port)
+        f.connect("127.0.0.1", self.server.port)
         f.login("alice", "secret")
         return f
 
     def test_counts_of_sessions_transfers_and_box(self):
-        # A server of its own: every count from 0.
-        server = self.start_server()
-        self.addCleanup(server.stop)
         bad = ftplib.FTP(timeout=60)
-        bad.connect("127.0.0.1", server.port)
+        bad.connect("127.0.0.1", self.server.port)
         self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))
         bad.close()
         # Box asks the folder's creation to wait 4 s: the token is due
@@ -226,7 +221,7 @@ class Metrics(BoxTest):
                 "body": {"type": "error", "status": 429, "code": "rate_limit_exceeded",
                          "message": "Request rate limit exceeded", "request_id": "e2e"}}
         self.emu.fault(dict(busy, method="POST", path_regex="/folders$"))
-        f = self.login(server)
+        f = self.login()
         data = os.urandom(300000)
         f.mkd("/m")
         self.assertEqual(self.store(f, "/m/up.bin", data), "226 Transfer complete.")
@@ -238,7 +233,7 @@ class Metrics(BoxTest):
         self.assertEqual(posts, [429, 201])
 
         page = wait_for(lambda: (lambda p: p if samples(p)["tarvex_sessions_open"] == 0 else None)(
-            self.scrape(server)), "the sessions to end")
+            self.scrape()), "the sessions to end")
         s = samples(page)
         self.assertEqual(s['tarvex_logins_total{result="failed"}'], 1)
         self.assertEqual(s['tarvex_logins_total{result="ok"}'], 1)
