@@ -29,10 +29,6 @@ class Faults(BoxTest):
         with open(path, "rb") as f:
             cls.data = f.read()
 
-    def assertStoredWhole(self, path, data):
-        self.assertEqual(sha256(self.emu.content(path)), sha256(data))
-        self.assertEqual(self.md5_property(path), hashlib.md5(data).hexdigest())
-
     def test_slow_download_outlasts_the_idle_time_out(self):
         # A data connection that moves slowly is not idle.
         server = self.start_server(extra=["--idle-timeout", "2"])
@@ -62,7 +58,8 @@ class Faults(BoxTest):
         self.addCleanup(f.close)
         self.assertEqual(self.store(f, "/long.bin", self.data), "226 Transfer complete.",
                          server.read_log())
-        self.assertStoredWhole("/long.bin", self.data)
+        self.assertEqual(sha256(self.emu.content("/long.bin")), sha256(self.data))
+        self.assertEqual(self.md5_property("/long.bin"), hashlib.md5(self.data).hexdigest())
         calls = helper.call_log()
         self.assertEqual([key for key, _ in calls], ["creds", "renew-creds"])
         first, second = calls[0][1], calls[1][1]
@@ -113,7 +110,6 @@ class Faults(BoxTest):
         g = self.ftp()     # the server goes on
         self.addCleanup(g.close)
         self.assertEqual(g.sendcmd("NOOP"), "200 NOOP ok.")
-
 
 
 if __name__ == "__main__":
