@@ -9,7 +9,7 @@
 //   CKSM   /until-cancel waits (up to 60 s) until its operation is
 //                        cancelled, as seen from its thread, then fails
 //   CKSM   /stubborn     ignores cancelling: sleeps 60 s, then "beef"
-//   CKSM   other         three progress replies, then "cafe"
+//   CKSM   other         "cafe"
 //   RETR   /async        data sent and the transfer finished from a thread of
 //                        the plug-in after the send function has returned
 //   RETR   /fail-mid     1 MiB sent, then a 451 error
@@ -144,10 +144,6 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *)
         char sum[] = "beef";
         tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);
         return;
-    }
-    for (int i = 1; i <= 3; ++i) {
-        std::string text = std::to_string(i * 1000);
-        tarvex_gridftp_server_intermediate_command(op, TARVEX_SUCCESS, text.data());
     }
     char sum[] = "cafe";
     tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);

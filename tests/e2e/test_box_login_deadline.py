@@ -25,7 +25,7 @@ class LoginDeadline(BoxTest):
         wait_for(lambda: "session start for anonymous timed out after 2 s (--login-timeout): "
                  "The operation was cancelled: GET %s/2.0/folders/0/items" % self.emu.base
                  in self.server.read_log(), "the cause in the log")
-        self.emu.clear_faults()
+        self.emu.control("DELETE", "faults")
         self.ftp().quit()  # the next login is served
 
     def test_box_refusing_connections(self):

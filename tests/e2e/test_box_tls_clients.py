@@ -9,18 +9,13 @@ import ssl
 import subprocess
 import unittest
 
-from harness import BoxTest, ResumingFTP_TLS, reply_of, wait_for, write_random
+from harness import BoxTest, reply_of, wait_for, write_random
 
 
 def tls13_login(server):
     ctx = ssl.create_default_context(cafile=server.ca)
     ctx.minimum_version = ssl.TLSVersion.TLSv1_3
-    f = ResumingFTP_TLS(context=ctx, timeout=60)
-    f.connect("127.0.0.1", server.port)
-    f.auth()
-    f.login("anonymous", "x")
-    f.prot_p()
-    return f
+    return server.ftp(context=ctx)
 
 
 def store_and_drop(f, path, data, allo=False):

@@ -1,12 +1,13 @@
 """Box through real clients, each one's dialect once, every byte compared
-by SHA-256 with what the emulated Box holds: curl (uploads, a size announced
-with -Q "ALLO", a resumed download; its quoted commands are in
-test_server_clients), wget, lftp (mirror both ways, mkdir -p, mv, rm -r)
-and the replies only a client shows reading well: checksum progress and a
-multi-line error.  The plug-in's rules behind each command (paths,
-refusals, upload paths, retries) are pinned by the driver tests in
-tests/integration; here is what the clients make of them.
-One run goes over explicit TLS with Box over HTTPS.
+by SHA-256 with what the emulated Box holds: curl (uploads, a resumed
+download; its quoted commands are in test_server_clients), wget, lftp
+(mirror both ways, mkdir -p, mv, rm -r) and the replies only a client shows
+reading well: checksum progress and a multi-line error.  The plug-in's
+rules behind each command (paths, refusals, upload paths, retries) are
+pinned by the driver tests in tests/integration; here is what the clients
+make of them.
+One download (curl, wget) goes over explicit TLS with Box over HTTPS; the
+uploads in parts are test_box_many_sessions' (lftp) and test_box_faults'.
 
 curl and wget never send ALLO, lftp only with "set ftp:use-allo yes": without
 it every upload, however large, is one request."""
@@ -36,15 +37,6 @@ class Transfers(BoxTest):
         out = self.local("small.out")
         self.curl("-o", out, self.server.url("/in/small.bin"))
         self.assertEqual(sha256_file(out), sha256_file(other))
-
-    def test_curl_announced_size_goes_in_parts(self):
-        big = self.local_file("big.bin", 26 * PART, seed=26)
-        self.curl("-Q", "ALLO %d" % (26 * PART), "-T", big, self.server.url("/parts.bin"))
-        self.assertEqual(len(self.part_puts()), 26)
-        self.assertEqual(self.requests("POST", "/files/content"), [])
-        self.assertEqual(sha256(self.emu.content("/parts.bin")), sha256_file(big))
-        with open(big, "rb") as f:
-            self.assertEqual(self.md5_property("/parts.bin"), hashlib.md5(f.read()).hexdigest())
 
     def test_curl_resumes_a_download_and_wget_gets(self):
         size = 3 * MIB + 5
@@ -152,8 +144,8 @@ class TransfersTLS(BoxTest):
     part_size = PART
     tls = True
     https = True
-    test_curl_uploads_and_downloads = Transfers.test_curl_uploads_and_downloads
-    test_curl_resumes_a_download_and_wget_gets = Transfers.test_curl_resumes_a_download_and_wget_gets
+    test_curl_resumes_a_download_and_wget_gets = \
+        Transfers.test_curl_resumes_a_download_and_wget_gets
 
 
 if __name__ == "__main__":

@@ -45,7 +45,7 @@ def project_version():
 
 class ManualPage:
     """Checks of one program's manual page: PROGRAM, PAGE (under doc/),
-    SECTION, TITLE (its NAME line) and help_options(the --help text)."""
+    TITLE (its NAME line) and help_options(the --help text)."""
 
     @classmethod
     def setUpClass(cls):
@@ -84,7 +84,6 @@ class ManualPage:
 class ServerDocuments(ManualPage, unittest.TestCase):
     PROGRAM = SERVER
     PAGE = "tarvex-gridftp-server.8"
-    SECTION = "8"
     TITLE = "tarvex-gridftp-server - FTP and GridFTP server"
 
     @staticmethod
@@ -107,7 +106,6 @@ class ServerDocuments(ManualPage, unittest.TestCase):
 class CredentialHelperDocuments(ManualPage, unittest.TestCase):
     PROGRAM = BOX_CREDENTIAL
     PAGE = "tarvex-box-credential.1"
-    SECTION = "1"
     TITLE = "tarvex-box-credential - keep users' Box credentials"
 
     @staticmethod

@@ -249,14 +249,8 @@ class Emulator(Process):
     def fault(self, *faults):
         self.control("POST", "faults", list(faults))
 
-    def clear_faults(self):
-        self.control("DELETE", "faults")
-
     def log(self):
         return self.control("GET", "log")
-
-    def clear_log(self):
-        self.control("DELETE", "log")
 
     def concurrency(self, method, path_regex):
         """{"peak","open","count"}: the requests with this method and a
@@ -378,9 +372,11 @@ class Server(Process):
         auth = (user + "@") if user else ""
         return "ftp://%s127.0.0.1:%d%s" % (auth, self.port, path)
 
-    def ftp(self, user="anonymous", password="x", tls=False):
-        if tls:
-            f = ResumingFTP_TLS(context=ssl.create_default_context(cafile=self.ca), timeout=30)
+    def ftp(self, user="anonymous", password="x", tls=False, context=None):
+        """A login; over TLS (PROT P) when `tls` or a TLS `context` is given."""
+        if tls or context is not None:
+            context = context or ssl.create_default_context(cafile=self.ca)
+            f = ResumingFTP_TLS(context=context, timeout=30)
             f.connect("127.0.0.1", self.port)
             f.auth()
             f.login(user, password)
@@ -405,11 +401,6 @@ def process_gone(pid):
             return f.read().rsplit(")", 1)[1].split()[0] in ("Z", "X")
     except OSError:
         return True
-
-
-def needs_server(cls):
-    """Skips a test class when no server was built."""
-    return cls if SERVER else unittest.skip("TARVEX_SERVER_BIN not set")(cls)
 
 
 def own_server(test, **kw):
@@ -723,11 +714,6 @@ class BoxTest(ClientRuns, unittest.TestCase):
     def requests(self, method=None, path_part=""):
         return [e for e in self.emu.log()
                 if (method is None or e["method"] == method) and path_part in e["path"]]
-
-    def part_puts(self, status=200):
-        """The upload parts Box answered with `status` (None: all)."""
-        return [e for e in self.requests("PUT", "/upload_sessions/")
-                if status is None or e["status"] == status]
 
     def paths(self):
         return {e["path"] for e in self.emu.tree()}
