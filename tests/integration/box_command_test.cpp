@@ -94,17 +94,6 @@ TEST_F(command_test, MakeFolder)
     EXPECT_EQ(take_requests().size(), 1u);
 }
 
-/* A refusal Box explains is not tried again (attempt budgets of dropped
- * connections: box_calls_test.cpp). */
-TEST_F(command_test, AnExplainedRefusalIsNotRetried)
-{
-    fault("POST", "^/2.0/folders$", 1, R"("status":409,"body":{"code":"item_name_in_use",)"
-                                       R"("context_info":{"conflicts":{"name":"m"}}})");
-    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
-              0u);
-    EXPECT_EQ(requests_made().size(), 1u);
-}
-
 TEST_F(command_test, Delete)
 {
     struct {
@@ -135,18 +124,25 @@ TEST_F(command_test, Delete)
     ASSERT_NE(cached("/"), nullptr);
 }
 
-TEST_F(command_test, ADeleteRefusedByBoxIsNeverRetried)
+/* A refusal Box explains is not tried again (attempt budgets of dropped
+ * connections: box_calls_test.cpp). */
+TEST_F(command_test, ARefusalBoxExplainsIsNeverRetried)
 {
-    /* A refusal that says the item stays keeps it known (a folder not
-     * empty leaves its tree reachable); an answer that may mean it is gone
-     * drops the entry. */
     ASSERT_EQ(tarvex_box_path_resolve(session_, "/d/sub", nullptr, nullptr), TARVEX_SUCCESS);
     take_requests();
+    fault("POST", "^/2.0/folders$", 1, R"("status":409,"body":{"code":"item_name_in_use",)"
+                                       R"("context_info":{"conflicts":{"name":"m"}}})");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
+              0u);
+
+    /* A delete refusal that says the item stays keeps it known (a folder
+     * not empty leaves its tree reachable); an answer that may mean it is
+     * gone drops the entry. */
     fault("DELETE", "^/2.0/files/", 1, R"("status":429,"headers":{"Retry-After":"1"})");
     EXPECT_EQ(command(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "451 TOO_BUSY\r\n");
     fault("DELETE", "^/2.0/folders/", 1, R"("status":503,"body":null)");
     EXPECT_EQ(command(TARVEX_GFS_CMD_RMD, "/d/sub"), "500 INTERNAL_ERROR\r\n");
-    EXPECT_EQ(requests_made().size(), 2u);
+    EXPECT_EQ(requests_made().size(), 3u);
     EXPECT_NE(cached("/d/a.txt"), nullptr);
     EXPECT_EQ(cached("/d/sub"), nullptr);
     EXPECT_NE(emulator().item("/d/a.txt"), "");

@@ -175,18 +175,11 @@ TEST_F(upload_test, ExistingNameIsDeletedFirst)
     EXPECT_EQ(reply, "451-Path is a folder.\r\n451 " + details + "\r\n");
     EXPECT_EQ(take_requests().size(), 1u); /* the refused DELETE alone */
     EXPECT_EQ(emulator().content("/d/old.txt"), "new");
-
-    /* A restart cannot continue a one-request upload: it is refused before
-     * the old file is touched, not stored as a file of its tail alone. */
-    driver_.set_receive_data("w");
-    driver_.add_write_range(3, -1);
-    EXPECT_EQ(store(driver_, "/d/old.txt", 0, false), "553 APPEND_NOT_SUPPORTED\r\n");
-    EXPECT_TRUE(take_requests().empty());
-    EXPECT_EQ(emulator().content("/d/old.txt"), "new");
 }
 
-/* A restart with no upload session of this login to continue, and a store
- * on the root folder itself, are refused before anything is touched. */
+/* A restart with no upload session of this login to continue, one of a
+ * one-request upload (else a file of its tail alone), and a store on the
+ * root folder itself, are refused before anything is touched. */
 TEST_F(upload_test, RefusedBeforeTheOldFileIsTouched)
 {
     const struct {
@@ -198,6 +191,7 @@ TEST_F(upload_test, RefusedBeforeTheOldFileIsTouched)
          * both announce a size that would take an upload session. */
         {"/d/old.txt", 3, 62914560, "553 MULTI_PART_UPLOAD_NOT_FOUND\r\n"},
         {"/d/old.txt", 8388608, 62914560, "553 MULTI_PART_UPLOAD_NOT_FOUND\r\n"},
+        {"/d/old.txt", 3, 0, "553 APPEND_NOT_SUPPORTED\r\n"},
         {"/", 0, 5, "553-INVALID_PATH_NAME\r\n553 GridFTP-Path: / is a folder\r\n"},
     };
     for (const auto &r : rows) {
