@@ -94,17 +94,6 @@ TEST_F(command_test, MakeFolder)
     EXPECT_EQ(take_requests().size(), 1u);
 }
 
-/* A refusal Box explains is not tried again (attempt budgets of dropped
- * connections: box_calls_test.cpp). */
-TEST_F(command_test, AnExplainedRefusalIsNotRetried)
-{
-    fault("POST", "^/2.0/folders$", 1, R"("status":409,"body":{"code":"item_name_in_use",)"
-                                       R"("context_info":{"conflicts":{"name":"m"}}})");
-    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
-              0u);
-    EXPECT_EQ(requests_made().size(), 1u);
-}
-
 TEST_F(command_test, Delete)
 {
     struct {
@@ -135,18 +124,25 @@ TEST_F(command_test, Delete)
     ASSERT_NE(cached("/"), nullptr);
 }
 
-TEST_F(command_test, ADeleteRefusedByBoxIsNeverRetried)
+/* A refusal Box explains is not tried again (attempt budgets of dropped
+ * connections: box_calls_test.cpp). */
+TEST_F(command_test, ARefusalBoxExplainsIsNeverRetried)
 {
-    /* A refusal that says the item stays keeps it known (a folder not
-     * empty leaves its tree reachable); an answer that may mean it is gone
-     * drops the entry. */
     ASSERT_EQ(tarvex_box_path_resolve(session_, "/d/sub", nullptr, nullptr), TARVEX_SUCCESS);
     take_requests();
+    fault("POST", "^/2.0/folders$", 1, R"("status":409,"body":{"code":"item_name_in_use",)"
+                                       R"("context_info":{"conflicts":{"name":"m"}}})");
+    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/m").rfind("553-PATH_EXISTS\r\n553-GridFTP-Path: m\r\n", 0),
+              0u);
+
+    /* A delete refusal that says the item stays keeps it known (a folder
+     * not empty leaves its tree reachable); an answer that may mean it is
+     * gone drops the entry. */
     fault("DELETE", "^/2.0/files/", 1, R"("status":429,"headers":{"Retry-After":"1"})");
     EXPECT_EQ(command(TARVEX_GFS_CMD_DELE, "/d/a.txt"), "451 TOO_BUSY\r\n");
     fault("DELETE", "^/2.0/folders/", 1, R"("status":503,"body":null)");
     EXPECT_EQ(command(TARVEX_GFS_CMD_RMD, "/d/sub"), "500 INTERNAL_ERROR\r\n");
-    EXPECT_EQ(requests_made().size(), 2u);
+    EXPECT_EQ(requests_made().size(), 3u);
     EXPECT_NE(cached("/d/a.txt"), nullptr);
     EXPECT_EQ(cached("/d/sub"), nullptr);
     EXPECT_NE(emulator().item("/d/a.txt"), "");
@@ -198,9 +194,7 @@ TEST_F(command_test, Rename)
      * always sent; the target is cached, the source is not. */
     EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/b.txt", "/d/a.txt"), "");
     EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, "/e/sub2", "/d/sub"), "");
-    EXPECT_EQ(requests_made(), (strings{"PUT /2.0/files/" + ids_["/d/a.txt"],
-                                        "GET /2.0/folders/" + ids_["/e"] + "/items?limit=300&usemarker=true",
-                                        "PUT /2.0/folders/" + ids_["/d/sub"]}));
+    EXPECT_EQ(take_requests().size(), 3u); /* their shapes: box_calls_test.cpp */
     EXPECT_EQ(cached("/d/a.txt"), nullptr);
     EXPECT_EQ(cached("/d/sub"), nullptr);
     ASSERT_NE(cached("/d/b.txt"), nullptr);
@@ -278,27 +272,23 @@ TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
     EXPECT_EQ(std::string(cached("/d/old.txt")->id), ids_["/d/new.txt"]);
 }
 
+/* Created on a file or a folder, then patched: one request each (their
+ * shapes on a file: box_calls_test.cpp), and Box keeps the value. */
 TEST_F(command_test, MetadataPropertiesAreCreatedThenPatched)
 {
     for (const std::string path : {"/f.txt", "/e"}) {
         tarvex_box_path_info_t *info = nullptr;
         ASSERT_EQ(tarvex_box_path_resolve(session_, path.c_str(), &info, nullptr), TARVEX_SUCCESS);
         take_requests();
-        const std::string kind = info->type == TARVEX_BOX_FOLDER ? "folders" : "files";
-        const std::string url = "/2.0/" + kind + "/" + ids_[path] + "/metadata/global/properties";
-        ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", "one"), TARVEX_SUCCESS);
-        EXPECT_TRUE(info->has_metadata);
-        ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", "two"), TARVEX_SUCCESS);
-        auto log = take_requests();
-        ASSERT_EQ(log.size(), 2u);
-        EXPECT_EQ(log[0].method + " " + log[0].path + " " + log[0].header("Content-Type"),
-                  "POST " + url + " application/json");
-        EXPECT_EQ(log[0].body_sha1, sha1_of(R"({"tarvex-md5":"one"})"));
-        EXPECT_EQ(log[1].method + " " + log[1].path + " " + log[1].header("Content-Type"),
-                  "PUT " + url + " application/json-patch+json");
-        EXPECT_EQ(log[1].body_sha1, sha1_of(R"([{"op":"add","path":"/tarvex-md5","value":"two"}])"));
-        EXPECT_NE(emulator().item(path).find(R"("tarvex-md5":"two")"), std::string::npos)
-            << emulator().item(path);
+        for (const char *value : {"one", "two"}) {
+            ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", value),
+                      TARVEX_SUCCESS);
+            EXPECT_TRUE(info->has_metadata);
+            EXPECT_NE(emulator().item(path).find(R"("tarvex-md5":")" + std::string(value)),
+                      std::string::npos)
+                << emulator().item(path);
+        }
+        EXPECT_EQ(take_requests().size(), 2u);
     }
 }
 

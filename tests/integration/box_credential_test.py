@@ -183,9 +183,6 @@ class CredentialHelperTest(EmulatorCase):
             with open(self.state_file(user), "wb") as f:
                 f.write(copy)
 
-        def revoke(user):
-            self.emu.control("POST", "oauth", {"revoke": [self.stored(user)["refresh_token"]]})
-
         def other_secret(user):
             doc = dict(self.stored(user), client_secret="changed")
             with open(self.state_file(user), "w") as f:
@@ -195,7 +192,6 @@ class CredentialHelperTest(EmulatorCase):
             self.emu.control("POST", "faults", {"path_regex": "^/oauth2/token$", "status": 503})
 
         cases = [("spent", spend, (), "invalid_grant; .*spent or revoked"),
-                 ("revoked", revoke, (), "invalid_grant"),
                  ("client", other_secret, (), "invalid_client"),
                  ("box-down", unavailable, (), "answered HTTP 503"),
                  ("network", None, ("--token-url", "http://127.0.0.1:9/oauth2/token"),

@@ -32,17 +32,6 @@ constexpr int64_t spacing_us = 1000000 / per_second;
 /* Calls per host: the spacing checked does not depend on their number. */
 constexpr int calls_per_host = 40;
 
-/* The stamps of `calls`, sorted. */
-std::vector<int64_t> sorted_stamps(const std::vector<pacing_call> &calls)
-{
-    std::vector<int64_t> stamps;
-    stamps.reserve(calls.size());
-    for (const pacing_call &call : calls)
-        stamps.push_back(call.stamp_us);
-    std::sort(stamps.begin(), stamps.end());
-    return stamps;
-}
-
 int count(const std::string &text, const std::string &needle)
 {
     int found = 0;
@@ -93,9 +82,12 @@ TEST_F(BoxPacingCluster, FourHostsKeepOneSpacingThroughTheStore)
     std::vector<pacing_call> all = run(scratch, {4, calls, per_second, redis.url()}, &took);
 
     ASSERT_EQ(all.size(), size_t(4 * calls));
-    for (const pacing_call &call : all)
+    std::vector<int64_t> stamps;
+    for (const pacing_call &call : all) {
         ASSERT_EQ(call.source, tarvex_box_pacing_slot_t::store);
-    std::vector<int64_t> stamps = sorted_stamps(all);
+        stamps.push_back(call.stamp_us);
+    }
+    std::sort(stamps.begin(), stamps.end());
     for (size_t i = 1; i < stamps.size(); i++)
         ASSERT_GE(stamps[i] - stamps[i - 1], spacing_us) << "stamps " << i - 1 << " and " << i;
     const double floor = double(4 * calls) / per_second;
@@ -281,7 +273,9 @@ TEST_F(BoxPacingCluster, PasswordAndDatabase)
 
 /* A password written with %XX escapes, as a URL needs for "@", ":" and
  * "%", reaches the store decoded, and the pacing states open at once
- * share one connection. */
+ * share one connection.  Once that connection can no longer be written
+ * to (as after a store that reset it), the next write raises SIGPIPE,
+ * which must not end the process: the file paces instead. */
 TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
 {
     redis_server redis("p@ss:w%rd");
@@ -299,6 +293,17 @@ TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
     ASSERT_NE(clients, nullptr);
     std::string list(clients->str, clients->len);
     EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 2) << list; // ours and this one
+
+    int ours = 0;
+    for (int fd = 0; fd < 1024; fd++) {
+        struct sockaddr_in peer = {};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<struct sockaddr *>(&peer), &length) == 0 &&
+            peer.sin_family == AF_INET && ntohs(peer.sin_port) == redis.port())
+            ours += shutdown(fd, SHUT_WR) == 0;
+    }
+    ASSERT_EQ(ours, 1);
+    EXPECT_EQ(tarvex_box_pace(&one).source, tarvex_box_pacing_slot_t::file);
     tarvex_i_box_retry_state_destroy(&two);
     tarvex_i_box_retry_state_destroy(&one);
 }

@@ -15,6 +15,7 @@
 #include <hiredis/hiredis.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -147,6 +148,7 @@ private:
     {
         pid_ = fork();
         if (pid_ == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL); /* a crashed test leaves no server */
             std::string port = std::to_string(port_);
             std::string log = dir_ + "/redis.log";
             std::vector<const char *> argv = {

@@ -37,13 +37,6 @@ protected:
         tarvex_box_request_release(&request_);
         session_test::TearDown();
     }
-    /* The next `count` listings of the root answer as `answer` says. */
-    static void fault_root(int count, const std::string &answer)
-    {
-        emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/0/items","count":)" +
-                         std::to_string(count) + "," + answer + "}");
-    }
-
     tarvex_test::box_scratch scratch_{TARVEX_BOX_DEBUG};
     tarvex_box_request_t request_{};
     std::string url_;
@@ -60,7 +53,7 @@ TEST_F(request_test, AttemptsAreTracedUnderTheCallingOperation)
 /* A 429 with neither body nor Retry-After is tried again at once. */
 TEST_F(request_test, BareTooManyRequestsIsRetriedAtOnce)
 {
-    fault_root(1, R"("status":429,"body":null)");
+    fault("GET", "^/2.0/folders/0/items", 1, R"("status":429,"body":null)");
     ASSERT_EQ(tarvex_box_request(session_, &request_), TARVEX_SUCCESS);
     EXPECT_EQ(request_.attempts_made, 2);
     json_t *entries = json_object_get(request_.json, "entries");
@@ -80,8 +73,10 @@ TEST_F(request_test, RetryAfterDelaysTheNextAttempt)
     static std::vector<unsigned> waited;
     auto saved = tarvex_i_box_wait;
     tarvex_i_box_wait = [](unsigned seconds) { waited.push_back(seconds); };
-    fault_root(1, R"("status":429,"headers":{"Retry-After":"2"},"body":null)");
-    fault_root(1, R"("status":429,"headers":{"Retry-After":"90"},"body":null)");
+    for (const char *seconds : {"2", "90"})
+        fault("GET", "^/2.0/folders/0/items", 1,
+              R"("status":429,"headers":{"Retry-After":")" + std::string(seconds) +
+                  R"("},"body":null)");
     request_.attempts = 3;
     ASSERT_EQ(tarvex_box_request(session_, &request_), TARVEX_SUCCESS);
     EXPECT_EQ(request_.attempts_made, 3);

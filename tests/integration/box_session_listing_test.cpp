@@ -125,8 +125,8 @@ TEST_F(listing_test, AMarkerSeenBeforeEndsTheListing)
     for (const std::string page : {R"({"entries":[{"type":"file","id":"7","name":"again"}],)"
                                    R"("next_marker":"m1"})",
                                    R"({"entries":[],"next_marker":""})"}) {
-        emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + ids["/loop"] +
-                         R"(/items$","count":-1,"status":200,"body":)" + page + "}");
+        fault("GET", "^/2.0/folders/" + ids["/loop"] + "/items$", -1,
+              R"("status":200,"body":)" + page);
         std::string reply = take_reply(driver_.stat(&box_table, session_, "/loop", false));
         EXPECT_NE(reply.find("repeated a listing marker"), std::string::npos) << reply;
         EXPECT_EQ(take_requests().size(), 2u);
@@ -140,8 +140,7 @@ TEST_F(listing_test, AFailedListingLeavesTheFolderUnlisted)
 {
     auto ids = seed("[" + files("/p", 3) + "]");
     ASSERT_NE(start(), nullptr);
-    emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + ids["/p"] +
-                     R"(/items$","count":-1,"status":500})");
+    fault("GET", "^/2.0/folders/" + ids["/p"] + "/items$", -1, R"("status":500)");
     EXPECT_NE(take_reply(driver_.stat(&box_table, session_, "/p", false)), "");
     emulator().control("DELETE", "/_emulator/faults");
     EXPECT_EQ(take_reply(driver_.stat(&box_table, session_, "/p/f0001", true)), "");

@@ -5,6 +5,7 @@
 #define DSI_REST_FIXTURE_H
 
 #include <gtest/gtest.h>
+#include <openssl/sha.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -334,6 +335,17 @@ private:
     size_t position_ = 0; // of the next read
     std::vector<std::thread> threads_;
 };
+
+/* Lower-case hex SHA-1, as the server's log and /sink give it. */
+inline std::string sha1_hex(const std::string &data)
+{
+    unsigned char digest[SHA_DIGEST_LENGTH];
+    SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
+    char text[2 * SHA_DIGEST_LENGTH + 1];
+    for (size_t i = 0; i < SHA_DIGEST_LENGTH; i++)
+        snprintf(text + 2 * i, 3, "%02x", digest[i]);
+    return text;
+}
 
 /* Byte i of the server's /bytes route. */
 inline std::string pattern(size_t first, size_t count)

@@ -1,8 +1,6 @@
 // Exactly one HTTP request per call: a kept-alive connection that dies
 // before answering costs the call (a retryable failure), and no request,
 // body or stream is ever sent a second time behind the caller's back.
-#include <openssl/sha.h>
-
 #include "dsi_rest_fixture.h"
 
 using namespace dsi_rest_test;
@@ -10,16 +8,6 @@ using namespace dsi_rest_test;
 namespace {
 
 class RestResend : public ServerTest {};
-
-std::string sha1_hex(const std::string &data)
-{
-    unsigned char digest[SHA_DIGEST_LENGTH];
-    SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
-    char text[2 * SHA_DIGEST_LENGTH + 1];
-    for (size_t i = 0; i < SHA_DIGEST_LENGTH; i++)
-        snprintf(text + 2 * i, 3, "%02x", digest[i]);
-    return text;
-}
 
 enum class Kind { none, json, block, stream, multipart_stream };
 

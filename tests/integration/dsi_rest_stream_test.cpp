@@ -1,7 +1,5 @@
 // Streaming response bodies into a server operation and request bodies out
 // of one, with completions on the operation's own thread.
-#include <openssl/sha.h>
-
 #include "dsi_rest_fixture.h"
 
 using namespace dsi_rest_test;
@@ -9,16 +7,6 @@ using namespace dsi_rest_test;
 namespace {
 
 class RestStream : public ServerTest {};
-
-std::string sha1_hex(const std::string &data)
-{
-    unsigned char digest[SHA_DIGEST_LENGTH];
-    SHA1(reinterpret_cast<const unsigned char *>(data.data()), data.size(), digest);
-    char text[2 * SHA_DIGEST_LENGTH + 1];
-    for (size_t i = 0; i < SHA_DIGEST_LENGTH; i++)
-        snprintf(text + 2 * i, 3, "%02x", digest[i]);
-    return text;
-}
 
 TEST_F(RestStream, DownloadLandsAtItsOffsets)
 {
