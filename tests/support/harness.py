@@ -300,21 +300,15 @@ def digest(data):
     return "sha=" + b64(hashlib.sha1(data).digest())
 
 
-def upload_body(name, parent, data, boundary="tarvex_b", modified=None, file_first=False,
-                field="file"):
-    """A multipart upload (attributes, then the file in a part named
-    `field`) and its headers; no parent (None) for a new version of a
-    file."""
+def upload_body(name, parent, data, boundary="tarvex_b"):
+    """A multipart upload (attributes, then the file) and its headers; no
+    parent (None) for a new version of a file."""
     attrs = {"name": name}
     if parent is not None:
         attrs["parent"] = {"id": parent}
-    if modified:
-        attrs["content_modified_at"] = modified
     parts = [(b'name="attributes"', json.dumps(attrs).encode()),
-             (b'name="%s"; filename="%s"\r\nContent-Type: application/octet-stream'
-              % (field.encode(), name.encode()), data)]
-    if file_first:
-        parts.reverse()
+             (b'name="file"; filename="%s"\r\nContent-Type: application/octet-stream'
+              % name.encode(), data)]
     b = boundary.encode()
     body = b"".join(b"--%s\r\nContent-Disposition: form-data; %s\r\n\r\n%s\r\n" % (b, d, v)
                     for d, v in parts)
