@@ -55,15 +55,10 @@ void check_session(const tarvex_box_session_t &box, tarvex_result_t result)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     activate_runtime();
     check(operation() != nullptr, "no operation");
-    return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
-{
     credential = c_text(data, size);
 
     time_t when = 0;

@@ -58,14 +58,9 @@ void check_token_rule(const char *text)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    activate_runtime();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    activate_runtime();
     std::string text = c_text(data, size);
     check_token_rule(text.c_str());
 

@@ -9,13 +9,11 @@
  * a folder of this run's own, so that no input opens or truncates a file
  * elsewhere.
  */
-#include <dirent.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <string>
+#include <vector>
 
 #include "fuzz_support.h"
 #include "tarvex_debug.h"
@@ -62,19 +60,15 @@ std::string confined(const std::string &value)
 
 void empty_sandbox()
 {
-    DIR *dir = opendir(sandbox.c_str());
-    if (dir == nullptr)
-        return;
-    while (struct dirent *entry = readdir(dir))
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-            unlink((sandbox + "/" + entry->d_name).c_str());
-    closedir(dir);
+    std::error_code ignored;
+    for (const auto &entry : std::filesystem::directory_iterator(sandbox, ignored))
+        std::filesystem::remove(entry.path(), ignored);
 }
 
 void remove_sandbox()
 {
-    empty_sandbox();
-    rmdir(sandbox.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(sandbox, ignored);
 }
 
 /* The bits that `names` gives names to. */
@@ -96,9 +90,7 @@ unsigned named_bits(const std::string &names)
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     activate_runtime();
-    const char *tmp = getenv("TMPDIR");
-    std::string pattern = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") +
-                          "/tarvex-fuzz-debug-XXXXXX";
+    std::string pattern = std::filesystem::temp_directory_path() / "tarvex-fuzz-debug-XXXXXX";
     check(mkdtemp(pattern.data()) != nullptr, "no sandbox folder", pattern);
     sandbox = pattern;
     atexit(remove_sandbox);
@@ -109,11 +101,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    std::string text = c_text(data, size);
-    size_t newline = text.find('\n');
-    std::string names = newline == std::string::npos ? "TRACE DEBUG INFO WARN ERROR"
-                                                     : text.substr(0, newline);
-    std::string value = confined(newline == std::string::npos ? text : text.substr(newline + 1));
+    std::vector<std::string> lines = split(c_text(data, size), '\n', 2);
+    std::string names = lines.size() == 1 ? "TRACE DEBUG INFO WARN ERROR" : lines[0];
+    std::string value = confined(lines.back());
     setenv(variable, value.c_str(), 1);
 
     tarvex_debug_handle_t handle;
