@@ -112,28 +112,21 @@ uint64_t pattern_digest(uint64_t length, uint64_t start)
 
 // ---- state shared by the driver and its operations ----
 
-struct driver::shared : script {
+struct driver::shared : script, recorded {
     mutable std::mutex m;
     // the operation of the convenience call running now
     tarvex_gfs_operation_t running = nullptr;
 
-    // records
-    std::vector<event> events;
-    std::string sent;
-    std::vector<std::pair<tarvex_off_t, tarvex_size_t>> writes;
+    // the digest sink's state
     uint64_t sent_hash = digest_start;
-    uint64_t sent_count = 0;
     std::optional<tarvex_off_t> sink_next;
-    std::string sink_error;
-    // the client's data: the write range's offset, and how much of the
-    // data the running recv has handed over
+    // the client's data: the write range's offset (what has been handed
+    // over is `received`)
     tarvex_off_t recv_base = 0;
-    uint64_t received = 0;
     int next_op = 1;
-    tarvex_result_t last_result = TARVEX_FAILURE;
     uint64_t moved = 0; // bytes moved by the running call (cancel_after)
 
-    void record(event e)
+    void add(event e)
     {
         std::lock_guard lock(m);
         events.push_back(std::move(e));
@@ -206,7 +199,6 @@ struct driver::operation_state {
     void *session_arg = nullptr;
     // completions of registered reads and writes, run in order on `worker`
     std::deque<std::function<void()>> tasks;
-    bool busy = false;
     bool stopping = false;
     std::thread worker;
 
@@ -248,23 +240,21 @@ struct driver::operation_state {
                 return;
             auto task = std::move(tasks.front());
             tasks.pop_front();
-            busy = true;
             lock.unlock();
             task();
             lock.lock();
-            busy = false;
-            cv.notify_all();
         }
     }
 
-    // Waits until every registered completion has run, then ends the worker.
+    // Ends the worker once every registered completion has run (those that
+    // completions register included).
     void drain()
     {
-        std::unique_lock lock(m);
-        cv.wait(lock, [&] { return tasks.empty() && !busy; });
-        stopping = true;
-        cv.notify_all();
-        lock.unlock();
+        {
+            std::lock_guard lock(m);
+            stopping = true;
+            cv.notify_all();
+        }
         if (worker.joinable())
             worker.join();
     }
@@ -311,7 +301,7 @@ void p_finished_session_start(void *ctx, tarvex_result_t result, void *session_a
 {
     event e = make_event(st(ctx), event_kind::session_start, result);
     e.text = copy_text(username);
-    st(ctx)->s->record(std::move(e));
+    st(ctx)->s->add(std::move(e));
     st(ctx)->answer(result, session_arg);
 }
 
@@ -323,7 +313,7 @@ void p_finished_stat(void *ctx, tarvex_result_t result,
                          result);
     for (int i = 0; stat_array != nullptr && i < stat_count; i++)
         e.entries.push_back(copy_entry(stat_array[i]));
-    st(ctx)->s->record(std::move(e));
+    st(ctx)->s->add(std::move(e));
     if (!partial)
         st(ctx)->answer(result);
 }
@@ -335,19 +325,19 @@ void p_finished_command(void *ctx, tarvex_result_t result, const char *response,
                          intermediate ? event_kind::command_intermediate : event_kind::command,
                          result);
     e.text = copy_text(response);
-    st(ctx)->s->record(std::move(e));
+    st(ctx)->s->add(std::move(e));
     if (!intermediate)
         st(ctx)->answer(result);
 }
 
 void p_begin_transfer(void *ctx, int, void *)
 {
-    st(ctx)->s->record(make_event(st(ctx), event_kind::begin_transfer));
+    st(ctx)->s->add(make_event(st(ctx), event_kind::begin_transfer));
 }
 
 void p_finished_transfer(void *ctx, tarvex_result_t result)
 {
-    st(ctx)->s->record(make_event(st(ctx), event_kind::finished_transfer, result));
+    st(ctx)->s->add(make_event(st(ctx), event_kind::finished_transfer, result));
     st(ctx)->answer(result);
 }
 
@@ -415,7 +405,7 @@ void p_update_bytes_recvd(void *ctx, tarvex_off_t length)
         return;
     event e = make_event(st(ctx), event_kind::bytes_received);
     e.length = length;
-    s.record(std::move(e));
+    s.add(std::move(e));
 }
 
 void p_update_bytes_written(void *ctx, tarvex_off_t offset, tarvex_off_t length)
@@ -426,7 +416,7 @@ void p_update_bytes_written(void *ctx, tarvex_off_t offset, tarvex_off_t length)
     event e = make_event(st(ctx), event_kind::bytes_written);
     e.offset = offset;
     e.length = length;
-    s.record(std::move(e));
+    s.add(std::move(e));
 }
 
 tarvex_result_t p_get_config_data(void *ctx, const char *key, char **data)
@@ -446,7 +436,7 @@ void p_set_checksum_support(void *ctx, const char *cksm_str)
 {
     event e = make_event(st(ctx), event_kind::checksum_support);
     e.text = copy_text(cksm_str);
-    st(ctx)->s->record(std::move(e));
+    st(ctx)->s->add(std::move(e));
 }
 
 void p_get_update_interval(void *ctx, int *interval)
@@ -563,9 +553,14 @@ void driver::set_config(const std::string &key, std::optional<std::string> value
         edit()->config.erase(key);
 }
 
-driver::script_edit driver::edit()
+driver::locked<driver::script> driver::edit()
 {
-    return script_edit(s_->m, *s_);
+    return locked<script>(s_->m, *s_);
+}
+
+driver::locked<const driver::recorded> driver::view() const
+{
+    return locked<const recorded>(s_->m, *s_);
 }
 
 bool driver::cancel()
@@ -721,18 +716,6 @@ void driver::destroy(const tarvex_gfs_storage_iface_t *iface, void *session)
         iface->destroy_func(session);
 }
 
-tarvex_result_t driver::last_result() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->last_result;
-}
-
-std::vector<event> driver::events() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->events;
-}
-
 std::vector<event> driver::events(event_kind kind) const
 {
     std::lock_guard lock(s_->m);
@@ -749,40 +732,10 @@ void driver::clear_events()
     s_->events.clear();
 }
 
-std::string driver::sent_data() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->sent;
-}
-
-std::vector<std::pair<tarvex_off_t, tarvex_size_t>> driver::sent_writes() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->writes;
-}
-
 uint64_t driver::sent_digest() const
 {
     std::lock_guard lock(s_->m);
     return s_->digest_sink ? s_->sent_hash : digest(s_->sent);
-}
-
-uint64_t driver::sent_bytes() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->sent_count;
-}
-
-std::string driver::sink_error() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->sink_error;
-}
-
-uint64_t driver::received_bytes() const
-{
-    std::lock_guard lock(s_->m);
-    return s_->received;
 }
 
 } // namespace tarvex_test

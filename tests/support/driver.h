@@ -43,9 +43,9 @@
  * that every write starts where the previous one ended.  Each send() starts
  * with an empty sink.
  *
- * Unscripted calls get defaults: read ranges (0, 0) once the queue is empty
- * (nothing more wanted), write ranges (0, -1), no configuration data,
- * modification time -1, update interval 0, block size 262144, concurrency 4.
+ * Unscripted calls get the defaults of driver::script, and read ranges
+ * (0, 0) once the queue is empty (nothing more wanted), write ranges
+ * (0, -1), concurrency 4.
  *
  * Cancelling.  A convenience call makes its operation the calling thread's
  * current one (tarvex_gfs_operation_set_current) while the plug-in runs, as
@@ -201,27 +201,30 @@ public:
     /* Result of the final answer of the last convenience call
      * (TARVEX_FAILURE when there was none, or the plug-in has no such
      * function). */
-    tarvex_result_t last_result() const;
+    tarvex_result_t last_result() const { return view()->last_result; }
 
     /* ---- what happened ---- */
 
-    std::vector<event> events() const;
+    std::vector<event> events() const { return view()->events; }
     /* The events of one kind, in order. */
     std::vector<event> events(event_kind kind) const;
     void clear_events();
 
     /* In-memory sink: the bytes sent, at their offsets, and the writes as
      * (offset, length) pairs in completion order. */
-    std::string sent_data() const;
-    std::vector<std::pair<tarvex_off_t, tarvex_size_t>> sent_writes() const;
+    std::string sent_data() const { return view()->sent; }
+    std::vector<std::pair<tarvex_off_t, tarvex_size_t>> sent_writes() const
+    {
+        return view()->writes;
+    }
     /* Digest of the bytes sent (in-memory sink: of sent_data()). */
     uint64_t sent_digest() const;
     /* Bytes received by register_write calls. */
-    uint64_t sent_bytes() const;
+    uint64_t sent_bytes() const { return view()->sent_count; }
     /* First ordering fault of the digest sink ("" when none). */
-    std::string sink_error() const;
+    std::string sink_error() const { return view()->sink_error; }
     /* Bytes handed to the plug-in through register_read by the last recv. */
-    uint64_t received_bytes() const;
+    uint64_t received_bytes() const { return view()->received; }
 
     /* ---- for the provider (implementation) ---- */
     struct operation_state;
@@ -243,19 +246,32 @@ public:
         std::chrono::milliseconds timeout{30000};
         std::optional<uint64_t> cancel_after;
     };
+    /* What the driver saw, and the sink of the last send. */
+    struct recorded {
+        std::vector<event> events;
+        tarvex_result_t last_result = TARVEX_FAILURE;
+        std::string sent;
+        std::vector<std::pair<tarvex_off_t, tarvex_size_t>> writes;
+        uint64_t sent_count = 0;
+        std::string sink_error;
+        uint64_t received = 0;
+    };
 
 private:
-    /* The script, under the driver's lock to the end of the statement. */
-    class script_edit {
+    /* The script and the record, under the driver's lock to the end of the
+     * statement. */
+    template <typename T>
+    class locked {
     public:
-        script_edit(std::mutex &m, script &s) : lock_(m), s_(s) {}
-        script *operator->() { return &s_; }
+        locked(std::mutex &m, T &t) : lock_(m), t_(t) {}
+        T *operator->() { return &t_; }
 
     private:
         std::lock_guard<std::mutex> lock_;
-        script &s_;
+        T &t_;
     };
-    script_edit edit();
+    locked<script> edit();
+    locked<const recorded> view() const;
     template <typename Call>
     tarvex_result_t run(bool present, Call &&call, void **session_arg = nullptr);
 
