@@ -94,8 +94,6 @@ enum class event_kind {
 struct stat_entry {
     int mode = 0;
     std::optional<std::string> name;
-    tarvex_off_t size = 0;
-    time_t mtime = 0;
 };
 
 struct event {
