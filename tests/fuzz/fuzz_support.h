@@ -3,8 +3,8 @@
  * result rendered the way a client would read it and then released, and
  * the checks that stop a run (libFuzzer keeps the input that stopped it).
  *
- * A harness defines LLVMFuzzerTestOneInput and, when it needs set-up,
- * LLVMFuzzerInitialize.  Built with TARVEX_FUZZ it is a libFuzzer program;
+ * A harness defines LLVMFuzzerTestOneInput and, when it needs more set-up
+ * than the runtime, LLVMFuzzerInitialize.  Built with TARVEX_FUZZ it is a libFuzzer program;
  * otherwise replay_main.cpp runs it over the files of its corpus.
  */
 #ifndef TARVEX_FUZZ_SUPPORT_H
@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tarvex_common.h"
 #include "tarvex_gridftp_server.h"
@@ -36,19 +37,43 @@ inline void check(bool ok, const char *what, std::string_view detail = {})
         fail(what, detail);
 }
 
-/* The runtime every parser reports through, activated once per process. */
+/* The runtime every parser reports through, activated once per process:
+ * a harness calls it first thing for each input. */
 inline void activate_runtime()
 {
     static const int rc = tarvex_module_activate(&tarvex_i_common_module);
     check(rc == 0, "the runtime module did not activate");
 }
 
-/* The input as text.  Callers hand parsers C strings, so whatever follows
- * a NUL byte never reaches them. */
+/* The input as text, and as the C string a parser is handed: whatever
+ * follows a NUL byte never reaches it. */
+inline std::string_view as_text(const uint8_t *data, size_t size)
+{
+    return {reinterpret_cast<const char *>(data), size};
+}
+
 inline std::string c_text(const uint8_t *data, size_t size)
 {
-    std::string text(reinterpret_cast<const char *>(data), size);
-    return text.substr(0, text.find('\0'));
+    std::string_view text = as_text(data, size);
+    return std::string(text.substr(0, text.find('\0')));
+}
+
+/* `text` cut at each `separator` into at most `count` fields; the last
+ * keeps the rest, separators and all. */
+inline std::vector<std::string> split(std::string_view text, char separator,
+                                      size_t count = SIZE_MAX)
+{
+    std::vector<std::string> fields;
+    size_t start = 0;
+    while (fields.size() + 1 < count) {
+        size_t end = text.find(separator, start);
+        if (end == std::string_view::npos)
+            break;
+        fields.emplace_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    fields.emplace_back(text.substr(start));
+    return fields;
 }
 
 /* An FTP reply as the server sends it: one or more lines "CCC-text" and a

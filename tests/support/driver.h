@@ -43,9 +43,9 @@
  * that every write starts where the previous one ended.  Each send() starts
  * with an empty sink.
  *
- * Unscripted calls get defaults: read ranges (0, 0) once the queue is empty
- * (nothing more wanted), write ranges (0, -1), no configuration data,
- * modification time -1, update interval 0, block size 262144, concurrency 4.
+ * Unscripted calls get the defaults of driver::script, and read ranges
+ * (0, 0) once the queue is empty (nothing more wanted), write ranges
+ * (0, -1), concurrency 4.
  *
  * Cancelling.  A convenience call makes its operation the calling thread's
  * current one (tarvex_gfs_operation_set_current) while the plug-in runs, as
@@ -60,11 +60,15 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "tarvex_gridftp_server.h"
@@ -80,47 +84,29 @@ enum class event_kind {
     command_intermediate, /* intermediate_command */
     begin_transfer,
     finished_transfer,
-    bytes_received,       /* update_bytes_recvd */
-    bytes_written,        /* update_bytes_written */
-    checksum_support      /* set_checksum_support */
+    bytes_received,  /* update_bytes_recvd */
+    bytes_written,   /* update_bytes_written */
+    checksum_support /* set_checksum_support */
 };
 
-const char *to_string(event_kind kind);
-
 /* A stat entry, deep-copied during the call (plug-ins free the names right
- * after it). */
+ * after it): the fields tests read. */
 struct stat_entry {
     int mode = 0;
-    int nlink = 0;
     std::optional<std::string> name;
-    std::optional<std::string> symlink_target;
-    uid_t uid = 0;
-    gid_t gid = 0;
-    tarvex_off_t size = 0;
-    time_t atime = 0;
-    time_t ctime = 0;
-    time_t mtime = 0;
-    int dev = 0;
-    int ino = 0;
-    int link_mode = 0;
-    tarvex_gridftp_server_control_stat_error_t error =
-        TARVEX_GRIDFTP_SERVER_CONTROL_STAT_SUCCESS;
 };
 
 struct event {
     event_kind kind;
-    int op = 0;                           /* operation number, from 1 */
+    int op = 0; /* operation number, from 1 */
     tarvex_result_t result = TARVEX_SUCCESS;
-    std::string reply;                    /* the result as an FTP reply, rendered
-                                             during the call; "" for success */
-    std::optional<std::string> text;      /* command response, checksum support
-                                             string, session start user name */
-    std::optional<std::string> home_dir;  /* session_start */
-    void *session_arg = nullptr;          /* session_start */
-    std::vector<stat_entry> entries;      /* stat, stat_partial */
-    int event_mask = 0;                   /* begin_transfer */
-    tarvex_off_t offset = 0;              /* bytes_written */
-    tarvex_off_t length = 0;              /* bytes_received, bytes_written */
+    std::string reply;               /* the result as an FTP reply, rendered
+                                        during the call; "" for success */
+    std::optional<std::string> text; /* command response, checksum support
+                                        string, session start user name */
+    std::vector<stat_entry> entries; /* stat, stat_partial */
+    tarvex_off_t offset = 0;         /* bytes_written */
+    tarvex_off_t length = 0;         /* bytes_received, bytes_written */
 };
 
 /* The result as its FTP reply (tarvex_gfs_error_to_ftp_reply); "" for
@@ -131,9 +117,9 @@ std::string ftp_reply(tarvex_result_t result, int default_code = 0);
  * byte at offset i is (i % 251). */
 std::string pattern(uint64_t length, uint64_t start = 0);
 
-/* The digest the digest sink keeps (64 bits, independent of how the data
- * was split into writes), of a byte string and of
- * `length` bytes of generated content from offset `start`. */
+/* The digest the digest sink keeps (64-bit FNV-1a, independent of how the
+ * data was split into writes), of a byte string and of `length` bytes of
+ * generated content from offset `start`. */
 uint64_t digest(std::string_view data);
 uint64_t pattern_digest(uint64_t length, uint64_t start = 0);
 
@@ -150,32 +136,41 @@ public:
     void set_config(const std::string &key, std::optional<std::string> value);
     /* Ranges handed out by get_read_range (send) and get_write_range (recv),
      * in order. */
-    void add_read_range(tarvex_off_t offset, tarvex_off_t length);
-    void add_write_range(tarvex_off_t offset, tarvex_off_t length);
+    void add_read_range(tarvex_off_t offset, tarvex_off_t length)
+    {
+        edit()->read_ranges.emplace_back(offset, length);
+    }
+    void add_write_range(tarvex_off_t offset, tarvex_off_t length)
+    {
+        edit()->write_ranges.emplace_back(offset, length);
+    }
     /* The client's data for receives. */
-    void set_receive_data(std::string data);
-    void set_receive_pattern(uint64_t length);
+    void set_receive_data(std::string data) { edit()->receive = std::move(data); }
+    void set_receive_pattern(uint64_t length) { edit()->receive = length; }
     /* At most this many bytes per read completion (0: no limit). */
-    void set_read_chunk(size_t max_bytes);
+    void set_read_chunk(size_t max_bytes) { edit()->read_chunk = max_bytes; }
     /* After `after_bytes` bytes of data, reads complete with an error whose
      * message is `message` (a broken data channel). */
-    void fail_receive_after(uint64_t after_bytes, std::string message);
+    void fail_receive_after(uint64_t after_bytes, std::string message)
+    {
+        edit()->receive_failure.emplace(after_bytes, std::move(message));
+    }
     /* get_recv_modification_time answers `modtime`. */
-    void set_recv_modification_time(time_t modtime);
-    void set_update_interval(int seconds);
-    void set_block_size(tarvex_size_t block_size);
+    void set_recv_modification_time(time_t modtime) { edit()->modtime = modtime; }
+    void set_update_interval(int seconds) { edit()->update_interval = seconds; }
+    void set_block_size(tarvex_size_t block_size) { edit()->block_size = block_size; }
     /* Use the digest sink from now on (call before sending). */
-    void use_digest_sink();
+    void use_digest_sink() { edit()->digest_sink = true; }
     /* Record bytes_received / bytes_written events (default true). */
-    void set_record_progress(bool record);
+    void set_record_progress(bool record) { edit()->record_progress = record; }
     /* How long a convenience call waits for the final answer (default 30 s);
      * on time-out it returns TARVEX_FAILURE. */
-    void set_answer_timeout(std::chrono::milliseconds timeout);
+    void set_answer_timeout(std::chrono::milliseconds timeout) { edit()->timeout = timeout; }
     /* Cancels the operation of the next convenience calls once `bytes`
      * bytes have moved in it (taken into the sink, or handed to the
      * plug-in by register_read); 0: before the plug-in is called;
      * std::nullopt: never. */
-    void cancel_after_bytes(std::optional<uint64_t> bytes);
+    void cancel_after_bytes(std::optional<uint64_t> bytes) { edit()->cancel_after = bytes; }
 
     /* ---- cancelling (any thread) ---- */
 
@@ -204,36 +199,79 @@ public:
     /* Result of the final answer of the last convenience call
      * (TARVEX_FAILURE when there was none, or the plug-in has no such
      * function). */
-    tarvex_result_t last_result() const;
+    tarvex_result_t last_result() const { return view()->last_result; }
 
     /* ---- what happened ---- */
 
-    std::vector<event> events() const;
+    std::vector<event> events() const { return view()->events; }
     /* The events of one kind, in order. */
     std::vector<event> events(event_kind kind) const;
     void clear_events();
 
     /* In-memory sink: the bytes sent, at their offsets, and the writes as
      * (offset, length) pairs in completion order. */
-    std::string sent_data() const;
-    std::vector<std::pair<tarvex_off_t, tarvex_size_t>> sent_writes() const;
+    std::string sent_data() const { return view()->sent; }
+    std::vector<std::pair<tarvex_off_t, tarvex_size_t>> sent_writes() const
+    {
+        return view()->writes;
+    }
     /* Digest of the bytes sent (in-memory sink: of sent_data()). */
     uint64_t sent_digest() const;
     /* Bytes received by register_write calls. */
-    uint64_t sent_bytes() const;
+    uint64_t sent_bytes() const { return view()->sent_count; }
     /* First ordering fault of the digest sink ("" when none). */
-    std::string sink_error() const;
+    std::string sink_error() const { return view()->sink_error; }
     /* Bytes handed to the plug-in through register_read by the last recv. */
-    uint64_t received_bytes() const;
+    uint64_t received_bytes() const { return view()->received; }
 
     /* ---- for the provider (implementation) ---- */
     struct operation_state;
     struct shared;
 
+    /* What the plug-in is answered; unscripted, the defaults below. */
+    struct script {
+        std::map<std::string, std::string> config;
+        std::deque<std::pair<tarvex_off_t, tarvex_off_t>> read_ranges;
+        std::deque<std::pair<tarvex_off_t, tarvex_off_t>> write_ranges;
+        std::variant<std::string, uint64_t> receive; /* bytes, or a pattern's length */
+        size_t read_chunk = 0;
+        std::optional<std::pair<uint64_t, std::string>> receive_failure;
+        time_t modtime = -1;
+        int update_interval = 0;
+        tarvex_size_t block_size = 262144;
+        bool digest_sink = false;
+        bool record_progress = true;
+        std::chrono::milliseconds timeout{30000};
+        std::optional<uint64_t> cancel_after;
+    };
+    /* What the driver saw, and the sink of the last send. */
+    struct recorded {
+        std::vector<event> events;
+        tarvex_result_t last_result = TARVEX_FAILURE;
+        std::string sent;
+        std::vector<std::pair<tarvex_off_t, tarvex_size_t>> writes;
+        uint64_t sent_count = 0;
+        std::string sink_error;
+        uint64_t received = 0;
+    };
+
 private:
+    /* The script and the record, under the driver's lock to the end of the
+     * statement. */
+    template <typename T>
+    class locked {
+    public:
+        locked(std::mutex &m, T &t) : lock_(m), t_(t) {}
+        T *operator->() { return &t_; }
+
+    private:
+        std::lock_guard<std::mutex> lock_;
+        T &t_;
+    };
+    locked<script> edit();
+    locked<const recorded> view() const;
     template <typename Call>
-    tarvex_result_t run(Call &&call, void **session_arg = nullptr);
-    tarvex_result_t no_function();
+    tarvex_result_t run(bool present, Call &&call, void **session_arg = nullptr);
 
     std::shared_ptr<shared> s_;
 };

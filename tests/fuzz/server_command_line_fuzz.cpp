@@ -1,0 +1,293 @@
+/*
+ * The server's control connection: bytes as a client sends them, turned
+ * into command lines (Telnet commands stripped, length limit, NUL bytes),
+ * then split into command word and argument, made printable for replies
+ * and escaped for the log.  However the stream is cut into reads, the lines
+ * must come out the same.
+ *
+ * Each line's argument then goes to the parser of its command: the ones
+ * that carry numbers and addresses (REST, ALLO, CKSM, PORT, EPRT, EPSV),
+ * the facts of OPTS MLST, LIST's options and patterns, and the names every
+ * path-taking command checks.  Any argument is taken or refused with a
+ * reply code and a text, and what is taken reads back as it was written.
+ *
+ * Input: the first byte sets the size of the reads the bytes arrive in;
+ * the rest is the stream.
+ */
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "fuzz_support.h"
+#include "list_args.h"
+#include "log.h"
+#include "parse.h"
+
+using namespace tarvex_fuzz;
+using namespace tarvex_server;
+
+namespace {
+
+using Events = std::vector<std::pair<LineReader::Event, std::string>>;
+
+/* Feeds `stream` in reads of `piece` bytes, taking every line after each
+ * read as the session does. */
+Events read_lines(std::string_view stream, size_t piece)
+{
+    LineReader reader;
+    Events events;
+    for (size_t at = 0; at < stream.size(); at += piece) {
+        std::string_view read = stream.substr(at, piece);
+        reader.feed(read.data(), read.size());
+        std::string line;
+        for (LineReader::Event event; (event = reader.next(line)) != LineReader::Event::none;)
+            events.emplace_back(event, event == LineReader::Event::too_long ? "" : line);
+    }
+    return events;
+}
+
+/* The log escaping read back: "\\" is a backslash, "\xNN" a byte. */
+std::string unescape(std::string_view field)
+{
+    std::string out;
+    for (size_t i = 0; i < field.size(); i++) {
+        if (field[i] != '\\') {
+            out += field[i];
+            continue;
+        }
+        check(i + 1 < field.size(), "a log field ending in a lone backslash");
+        if (field[i + 1] == '\\') {
+            out += '\\';
+            i++;
+            continue;
+        }
+        check(field[i + 1] == 'x' && i + 3 < field.size(), "a bad escape in a log field");
+        out += static_cast<char>(std::stoi(std::string(field.substr(i + 2, 2)), nullptr, 16));
+        i += 3;
+    }
+    return out;
+}
+
+void check_line(const std::string &line)
+{
+    check(line.size() <= max_command_line, "a line above the limit");
+    check(line.find('\n') == std::string::npos, "a line holding LF");
+
+    CommandLine command = split_command(line);
+    check(command.verb.find(' ') == std::string::npos, "a command word holding a space");
+    for (char c : command.verb)
+        check(!(c >= 'a' && c <= 'z'), "a command word not in capitals", command.verb);
+
+    std::string shown = printable(line);
+    check(shown.size() == line.size(), "printable() changed the length");
+    for (unsigned char c : shown)
+        check(!is_control_byte(c) && c != 0xff, "a control byte left printable", line);
+
+    // A log line can be neither broken nor forged, and reads back whole.
+    std::string field = log_field(line);
+    for (size_t i = 0; i < field.size(); i++) {
+        auto c = static_cast<unsigned char>(field[i]);
+        check(c >= 0x20 && c != 0x7f, "a control byte in a log field", field);
+        check(!(c == 0xc2 && i + 1 < field.size() &&
+                static_cast<unsigned char>(field[i + 1]) < 0xa0),
+              "a C1 control in a log field", field);
+    }
+    check(unescape(field) == line, "a log field that does not read back", field);
+}
+
+/* Decimal digits without the leading zeros a client may add. */
+std::string canonical_number(std::string_view digits)
+{
+    size_t first = digits.find_first_not_of('0');
+    return first == std::string_view::npos ? "0" : std::string(digits.substr(first));
+}
+
+/* A refusal comes with 501 or 522 and a text that fits in a reply line. */
+void check_refusal(int code, const std::string &why)
+{
+    check(code == 501 || code == 522, "a refusal with an unexpected code",
+          std::to_string(code));
+    check(!why.empty() && printable(why) == why, "a refusal text unfit for a reply", why);
+}
+
+void check_offset(int64_t value, const char *what)
+{
+    check(value >= 0 && value <= max_client_offset, what, std::to_string(value));
+}
+
+void rest(const std::string &arg)
+{
+    int64_t offset = -7;
+    std::string why;
+    int code = parse_rest(arg, offset, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check_offset(offset, "a REST offset out of range");
+    check(std::to_string(offset) == canonical_number(arg), "a REST offset read wrongly", arg);
+}
+
+void allo(const std::string &arg)
+{
+    int64_t size = -7;
+    std::string why;
+    int code = parse_allo(arg, size, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check_offset(size, "an ALLO size out of range");
+}
+
+void cksm(const std::string &arg)
+{
+    CksmArgs out;
+    std::string why;
+    int code = parse_cksm(arg, out, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check_offset(out.offset, "a CKSM offset out of range");
+    if (out.length != -1)
+        check_offset(out.length, "a CKSM length out of range");
+    check(!out.algorithm.empty() && out.algorithm.find(' ') == std::string::npos,
+          "a CKSM algorithm that is no word", out.algorithm);
+    check(!out.path.empty(), "a CKSM argument without a path");
+    for (unsigned char c : out.path)
+        check(!is_control_byte(c), "a CKSM path with control bytes taken", out.path);
+}
+
+std::string port_text(const sockaddr_storage &address)
+{
+    const auto *s4 = reinterpret_cast<const sockaddr_in *>(&address);
+    uint32_t host = ntohl(s4->sin_addr.s_addr);
+    uint16_t port = ntohs(s4->sin_port);
+    return std::to_string(host >> 24) + "," + std::to_string((host >> 16) & 255) + "," +
+           std::to_string((host >> 8) & 255) + "," + std::to_string(host & 255) + "," +
+           std::to_string(port >> 8) + "," + std::to_string(port & 255);
+}
+
+void port(const std::string &arg)
+{
+    sockaddr_storage address;
+    std::string why;
+    int code = parse_port(arg, address, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    check(address.ss_family == AF_INET, "PORT gave no IPv4 address");
+    std::string canonical;
+    for (size_t start = 0;;) {
+        size_t comma = arg.find(',', start);
+        canonical += canonical_number(std::string_view(arg).substr(start, comma - start));
+        if (comma == std::string::npos)
+            break;
+        canonical += ',';
+        start = comma + 1;
+    }
+    check(port_text(address) == canonical, "a PORT address read wrongly", arg);
+}
+
+void eprt(const std::string &arg)
+{
+    sockaddr_storage address;
+    std::string why;
+    int code = parse_eprt(arg, address, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    // Written out again in the standard form, the address reads the same.
+    char host[INET6_ADDRSTRLEN] = {};
+    std::string again;
+    if (address.ss_family == AF_INET) {
+        const auto *s4 = reinterpret_cast<const sockaddr_in *>(&address);
+        check(inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host) != nullptr, "inet_ntop");
+        again = "|1|" + std::string(host) + "|" + std::to_string(ntohs(s4->sin_port)) + "|";
+    } else {
+        check(address.ss_family == AF_INET6, "EPRT gave no address family", arg);
+        const auto *s6 = reinterpret_cast<const sockaddr_in6 *>(&address);
+        check(inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host) != nullptr, "inet_ntop");
+        again = "|2|" + std::string(host) + "|" + std::to_string(ntohs(s6->sin6_port)) + "|";
+    }
+    sockaddr_storage reread;
+    check(parse_eprt(again, reread, why) == 0, "an EPRT address refused when written again",
+          again);
+    size_t length = address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    check(memcmp(&address, &reread, length) == 0, "an EPRT address read wrongly", arg);
+}
+
+void epsv(const std::string &arg)
+{
+    EpsvArg out;
+    std::string why;
+    int code = parse_epsv(arg, out, why);
+    if (code != 0)
+        check_refusal(code, why);
+}
+
+void any_name(const std::string &arg)
+{
+    std::string why;
+    int code = check_argument(arg, why);
+    if (code != 0)
+        return check_refusal(code, why);
+    for (unsigned char c : arg)
+        check(!is_control_byte(c), "a name with control bytes taken", arg);
+}
+
+// LIST and NLST: the path is the end of the argument, and the pattern a
+// client writes is matched against any name without harm.
+void list(const std::string &arg)
+{
+    ListArgs a = parse_list_args(arg);
+    check(std::string_view(arg).ends_with(a.path), "a LIST path that is not the argument's end",
+          arg);
+    wildcard_match(std::string(folder_prefix(a.path)) + "*", a.path);
+    if (has_wildcard(a.path))
+        wildcard_match(a.path, arg);
+}
+
+/* The argument goes to the parser of its command. */
+void check_arguments(const std::string &line)
+{
+    CommandLine command = split_command(line);
+    const std::string &verb = command.verb;
+    if (verb == "REST")
+        rest(command.arg);
+    else if (verb == "ALLO")
+        allo(command.arg);
+    else if (verb == "CKSM")
+        cksm(command.arg);
+    else if (verb == "PORT")
+        port(command.arg);
+    else if (verb == "EPRT")
+        eprt(command.arg);
+    else if (verb == "EPSV")
+        epsv(command.arg);
+    else if (verb == "LIST" || verb == "NLST")
+        list(command.arg);
+    else if (verb == "OPTS")
+        check((parse_fact_list(command.arg) & ~63u) == 0, "an MLST fact beyond the known six");
+    else
+        any_name(command.arg);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size == 0)
+        return 0;
+    size_t piece = data[0] + 1;
+    std::string_view stream(reinterpret_cast<const char *>(data + 1), size - 1);
+
+    Events whole = read_lines(stream, stream.size() + 1);
+    Events pieces = read_lines(stream, piece);
+    check(whole == pieces, "lines depend on how the bytes arrived");
+    for (const auto &[event, line] : whole) {
+        if (event != LineReader::Event::line)
+            continue;
+        check_line(line);
+        check_arguments(line);
+    }
+    return 0;
+}
