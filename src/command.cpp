@@ -19,6 +19,7 @@
 #include <utility>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "command"
 #include "command.h"
 #include "config.h"

@@ -11,6 +11,7 @@
 #include <string>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "config"
 #include "config.h"
 #include "pacing.h"

@@ -12,6 +12,7 @@
 #include <string>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "config_check"
 #include "config.h"
 #include "config_check.h"

@@ -13,6 +13,7 @@
 #include <string>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "get_folder_items"
 #include "config.h"
 #include "get_folder_items.h"

@@ -15,6 +15,7 @@
 #include <string>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "metadata"
 #include "config.h"
 #include "metadata.h"
@@ -60,10 +61,10 @@ tarvex_result_t tarvex_l_box_set_metadata(tarvex_box_session_t *box,
      * Box has always been sent these two exactly so. */
     tarvex_dsi_rest_key_value_t headers[] = {
         {"Content-Type", update ? "application/json-patch+json" : "application/json"}};
-    tarvex_dsi_rest_write_block_arg_t block = {body.get(), strlen(body.get())};
+    tarvex_dsi_rest_write_block_arg_t payload = {body.get(), strlen(body.get())};
 
     tarvex_box_request_t request = tarvex_box_body_request(
-        update ? "PUT" : "POST", url.get(), headers, &block,
+        update ? "PUT" : "POST", url.get(), headers, &payload,
         {.attempts = 2, .retry = &box->user_retry, .caller = "tarvex_i_box_set_metadata"});
     tarvex_box_request_guard guard{&request};
     tarvex_result_t result = tarvex_box_request(box, &request);

@@ -8,6 +8,7 @@
 #include <cstring>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "object_info_parse"
 #include "object_info_parse.h"
 #include "tarvex_box_common.h"

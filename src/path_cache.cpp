@@ -12,6 +12,7 @@
 #include <utility>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "path_cache"
 #include "object_info_parse.h"
 #include "path_cache.h"

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "send"
 #include "range_answer.h"
 #include "request.h"

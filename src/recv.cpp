@@ -27,6 +27,7 @@
 #include <thread>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "recv"
 #include "command.h"
 #include "config.h"

@@ -17,6 +17,7 @@
 #include <string>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "send"
 #include "config.h"
 #include "download_ranges.h"

@@ -16,6 +16,7 @@
 #include <vector>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "session_journal"
 #include "journal_sources.h"
 #include "object_info_parse.h"

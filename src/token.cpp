@@ -13,6 +13,7 @@
 #include <utility>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "token"
 #include "box_metrics.h"
 #include "error.h"

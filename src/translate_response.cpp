@@ -9,6 +9,7 @@
 #include <string.h>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "translate_response"
 #include "error.h"
 #include "tarvex_box_common.h"

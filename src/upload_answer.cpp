@@ -6,6 +6,7 @@
 #include <strings.h>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "recv"
 #include "get_folder_items.h"
 #include "metadata.h"

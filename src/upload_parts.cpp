@@ -20,6 +20,7 @@
 #include <vector>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "recv"
 #include "config.h"
 #include "recv.h"

@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 /* Generic errors from here name their source by this short name. */
+#undef TARVEX_BOX_SOURCE /* a unity build's previous file */
 #define TARVEX_BOX_SOURCE "recv"
 #include "upload_stream.h"
 
