@@ -81,6 +81,11 @@ void queue_slot(Pipeline &p, std::deque<Slot *> &queue, Slot *slot)
     }
 }
 
+// A completion wakes the plug-in's thread while it still holds the lock:
+// once the last buffer is in, that thread may return and destroy the
+// pipeline, its condition variable with it, as soon as the lock is free, so
+// a notify after unlocking could touch freed memory (ThreadSanitizer saw it
+// in PosixCancel, in 5 runs of 12; none of 12 since).
 void write_done(tarvex_gfs_operation_t, tarvex_result_t result, tarvex_byte_t *, tarvex_size_t,
                 void *arg)
 {
@@ -91,8 +96,8 @@ void write_done(tarvex_gfs_operation_t, tarvex_result_t result, tarvex_byte_t *,
         p.note_error(result);
         queue_slot(p, p.free, slot);
         --p.outstanding;
+        p.cv.notify_all();
     }
-    p.cv.notify_all();
 }
 
 void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t *,
@@ -108,8 +113,8 @@ void read_done(tarvex_gfs_operation_t op, tarvex_result_t result, tarvex_byte_t 
         slot->eof = eof;
         queue_slot(p, p.filled, slot);
         --p.outstanding;
+        p.cv.notify_all(); // under the lock, as in write_done
     }
-    p.cv.notify_all();
     tarvex_gridftp_server_update_bytes_recvd(op, static_cast<tarvex_off_t>(nbytes));
 }
 
