@@ -515,9 +515,12 @@ TEST_F(upload_test, UnusableAnswersFromBox)
 }
 
 /* A one-request upload opens the data connection (begin_transfer) before
- * it reads: the server needs that to serve the reads. */
+ * it reads: the server needs that to serve the reads.  Every byte read is
+ * reported to the server (its transfer log and progress count them), the
+ * one-byte last read of 33 + 33 + 33 + 1 too. */
 TEST_F(upload_test, OneRequestUploadBeginsBeforeItReads)
 {
+    driver_.set_read_chunk(33);
     ASSERT_EQ(store_pattern(driver_, "/d/f.bin", 100), "");
     auto events = driver_.events();
     auto first = [&](event_kind kind) {
@@ -526,6 +529,11 @@ TEST_F(upload_test, OneRequestUploadBeginsBeforeItReads)
     };
     ASSERT_NE(first(event_kind::begin_transfer), events.end());
     EXPECT_LT(first(event_kind::begin_transfer), first(event_kind::bytes_received));
+    tarvex_off_t reported = 0;
+    for (const auto &e : events)
+        if (e.kind == event_kind::bytes_received)
+            reported += e.length;
+    EXPECT_EQ(reported, 100);
 }
 
 /* A restart after a failed commit, whose parts already went into that
