@@ -192,22 +192,6 @@ Io Conn::read_some(void *buf, size_t len, size_t &got, int timeout_ms, int cance
     }
 }
 
-Io Conn::read_full(void *buf, size_t len, size_t &got, int timeout_ms, int cancel_fd)
-{
-    got = 0;
-    auto *p = static_cast<char *>(buf);
-    while (got < len) {
-        size_t n = 0;
-        Io r = read_some(p + got, len - got, n, timeout_ms, cancel_fd);
-        if (r == Io::eof)
-            return got > 0 ? Io::ok : Io::eof;
-        if (r != Io::ok)
-            return r;
-        got += n;
-    }
-    return Io::ok;
-}
-
 Io Conn::write_all(const void *buf, size_t len, int timeout_ms, int cancel_fd)
 {
     auto *p = static_cast<const char *>(buf);

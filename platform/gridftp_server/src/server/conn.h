@@ -53,9 +53,6 @@ public:
     // Reads at most `len` bytes into `buf`; `got` is what arrived.  A
     // timeout of 0 tries once without waiting.
     Io read_some(void *buf, size_t len, size_t &got, int timeout_ms, int cancel_fd);
-    // Reads until `len` bytes or end of data; eof is reported only when
-    // nothing at all arrived before it.
-    Io read_full(void *buf, size_t len, size_t &got, int timeout_ms, int cancel_fd);
     Io write_all(const void *buf, size_t len, int timeout_ms, int cancel_fd);
 
     // Orderly end: TLS close_notify (waiting a little for the peer's), then
