@@ -2,6 +2,7 @@
  * behind device and inode numbers. */
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "object_info_parse.h"
@@ -85,11 +86,16 @@ TEST(BoxItem, StatEntries)
         info.parent_id = const_cast<char *>(r.parent_id);
         info.size = 1234;
         info.modtime = 1577959445;
-        tarvex_gridftp_server_control_stat_t st = {};
+        /* Filled with ones, so that a field left unset shows. */
+        tarvex_gridftp_server_control_stat_t st;
+        memset(&st, 0xff, sizeof st);
         ASSERT_EQ(tarvex_box_info_to_stat(nullptr, &info, &st), TARVEX_SUCCESS);
         EXPECT_EQ(st.mode, r.mode);
         EXPECT_STREQ(st.name, r.name);
+        EXPECT_EQ(st.symlink_target, nullptr);
         EXPECT_EQ(st.nlink, 1);
+        EXPECT_EQ(st.uid, 0); /* LIST shows the owner and group as 0 0 */
+        EXPECT_EQ(st.gid, 0);
         EXPECT_EQ(st.size, 1234);
         EXPECT_EQ(st.mtime, info.modtime);
         EXPECT_EQ((uint32_t)st.dev, tarvex_box_hash(r.parent_id ? r.parent_id : "00000"));
