@@ -34,12 +34,13 @@ TEST_F(RestJsonLimit, AnswersWithinTheLimitsParseAndOthersAreRefused)
         const char *shape;
         size_t n;
         bool chunked, fits;
+        const char *says = nullptr; // in the refusal
     };
     const Case cases[] = {
         {"string", limit, false, true},
         {"string", limit, true, true},
-        {"string", limit + 1, false, false}, // refused on its announced length
-        {"string", limit + 1, true, false},  // cut off where it passes the limit
+        {"string", limit + 1, false, false, "announces"}, // refused before its bytes
+        {"string", limit + 1, true, false, "is longer than the limit"}, // where it passes it
         {"nest", 64, false, true},
         {"nest", 65, false, false},
         {"arrays", 3000, false, true},  // 1000 arrays in one: 4004 values
@@ -58,6 +59,9 @@ TEST_F(RestJsonLimit, AnswersWithinTheLimitsParseAndOthersAreRefused)
         EXPECT_FALSE(ex.retryable());
         EXPECT_EQ(ex.json, nullptr);
         EXPECT_NE(ex.message().find("TARVEX_DSI_REST_JSON_LIMIT"), std::string::npos);
+        if (c.says != nullptr) {
+            EXPECT_NE(ex.message().find(c.says), std::string::npos) << ex.message();
+        }
         EXPECT_LE(ex.downloaded, limit + piece);
     }
     // The thread's connection still serves the next request.
