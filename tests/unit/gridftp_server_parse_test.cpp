@@ -363,6 +363,9 @@ TEST(ServerLog, FieldsAreEscaped)
         {"\xe0\xb8\x81.txt", "\xe0\xb8\x81.txt"}, // U+0E01, Thai: led by 0xe0
         {"\xe0\xa4\x85", "\xe0\xa4\x85"},       // U+0905, Devanagari
         {"\xdf\xbf", "\xdf\xbf"},             // U+07FF, the last two-byte character
+        {"\xf3\xb0\x80\x80", "\xf3\xb0\x80\x80"}, // U+F0000, private use, led by 0xf3
+        {"\xf4\x8f\xbf\xbf", "\xf4\x8f\xbf\xbf"}, // U+10FFFF, the last character
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"}, // beyond it
     };
     for (const auto &c : cases)
         EXPECT_EQ(log_field(c.in), c.out) << c.in;
