@@ -326,18 +326,22 @@ protected:
 };
 
 // A scraper that stalls holds its own slot only: others are answered
-// meanwhile, however long their answers.
+// meanwhile, however long their answers; one that leaves before asking is
+// let go.
 TEST_F(MetricsHttpLoop, SlowClientsDoNotHoldUpOthers)
 {
     start(600000);
     int slow = client("GET /metr");
     int silent = client("");
+    int gone = client("GET");
+    shutdown(gone, SHUT_WR);
     int fast = client("GET /metrics HTTP/1.0\r\n\r\n");
     std::string got = answer(fast);
     EXPECT_EQ(got.substr(0, 17), "HTTP/1.0 200 OK\r\n");
     EXPECT_EQ(got.size() - got.find("\r\n\r\n") - 4, 300001u);
     EXPECT_TRUE(still_open(slow));
     EXPECT_TRUE(still_open(silent));
+    EXPECT_EQ(answer(gone), "");
 }
 
 TEST_F(MetricsHttpLoop, ClientsEndAtTheirDeadline)
