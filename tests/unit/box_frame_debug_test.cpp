@@ -45,6 +45,16 @@ TEST(BoxFrameDebug, LongFormatsAreCutToTheBuffer)
     EXPECT_EQ(scratch.debug_text(), prefix + format.substr(0, 4095 - prefix.size()));
 }
 
+TEST(BoxFrameDebug, PrintersFormatTheirArguments)
+{
+    box_scratch scratch(TARVEX_BOX_ALL);
+    tarvex_i_TARVEX_BOX_debug_printf("%s=%d\n", "plain", 5);
+    tarvex_i_TARVEX_BOX_debug_time_printf("%s=%d\n", "stamped", 7);
+    std::string text = scratch.debug_text();
+    EXPECT_EQ(text.rfind("plain=5\n", 0), 0u) << text;
+    EXPECT_NE(text.find("stamped=7\n"), std::string::npos) << text;
+}
+
 TEST(BoxFrameDebug, DeactivationSilencesThePrinters)
 {
     box_scratch scratch;
