@@ -266,8 +266,16 @@ TEST_F(BoxPacingCluster, PasswordAndDatabase)
     EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::file);
     EXPECT_NE(slot.stamp_us, 0);
     tarvex_i_box_retry_state_destroy(&retry);
+
+    // A database the store does not have: the file paces too.
+    policy = R"({"pacing_store": ")" + redis.url(":s3cret-word@", 99) + "\"}";
+    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    tarvex_i_box_retry_state_create("79", per_second, &retry);
+    EXPECT_EQ(tarvex_box_pace(&retry).source, tarvex_box_pacing_slot_t::file);
+    tarvex_i_box_retry_state_destroy(&retry);
     std::string log = scratch.debug_text();
     EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
+    EXPECT_NE(log.find("cannot be used (SELECT: "), std::string::npos) << log;
     EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
 }
 
