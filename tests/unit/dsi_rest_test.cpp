@@ -100,6 +100,24 @@ TEST(RestResponseHead, InterimAnswersAreSkippedAndTheFinalHeadDeliveredOnce)
     EXPECT_EQ(seen, "201|HTTP/1.1 201 Created|Location=/x|X-Long=a b\n");
 }
 
+// The Box plug-in clears the record between attempts: an attempt that gets
+// no answer must not read as the last one's status or Retry-After.
+TEST(RestResponseHead, AClearedRecordReadsAsNoAnswer)
+{
+    tarvex_dsi_rest_key_value_t wanted[] = {{"Retry-After", nullptr}};
+    tarvex_dsi_rest_response_arg_t record = {0, {1, wanted}, 0, 0};
+    tarvex_dsi_rest_key_value_t answered[] = {{"Retry-After", "7"}};
+    const tarvex_dsi_rest_key_array_t headers = {1, answered};
+    ASSERT_EQ(tarvex_dsi_rest_response(&record, 429, "HTTP/1.1 429", &headers), TARVEX_SUCCESS);
+    ASSERT_EQ(record.response_code, 429);
+    ASSERT_STREQ(wanted[0].value, "7");
+    record.request_bytes_uploaded = record.response_bytes_downloaded = 5;
+    tarvex_dsi_rest_response_arg_clear(&record);
+    EXPECT_EQ(record.response_code, 0);
+    EXPECT_EQ(wanted[0].value, nullptr);
+    EXPECT_EQ(record.request_bytes_uploaded + record.response_bytes_downloaded, 0u);
+}
+
 // Depth and weight (objects and arrays 4, strings and bare words 1) of a
 // text, whole and fed one byte at a time: brackets and quotes inside
 // strings, escapes split across pieces, and stray closers count for nothing.
