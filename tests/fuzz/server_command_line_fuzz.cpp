@@ -115,6 +115,17 @@ void check_refusal(int code, const std::string &why)
     check(!why.empty() && printable(why) == why, "a refusal text unfit for a reply", why);
 }
 
+/* Runs `parse` on `arg`: false when it was refused (the refusal checked). */
+template <class Out, class Parse>
+bool taken(Parse parse, const std::string &arg, Out &out)
+{
+    std::string why;
+    int code = parse(arg, out, why);
+    if (code != 0)
+        check_refusal(code, why);
+    return code == 0;
+}
+
 void check_offset(int64_t value, const char *what)
 {
     check(value >= 0 && value <= max_client_offset, what, std::to_string(value));
@@ -123,10 +134,8 @@ void check_offset(int64_t value, const char *what)
 void rest(const std::string &arg)
 {
     int64_t offset = -7;
-    std::string why;
-    int code = parse_rest(arg, offset, why);
-    if (code != 0)
-        return check_refusal(code, why);
+    if (!taken(parse_rest, arg, offset))
+        return;
     check_offset(offset, "a REST offset out of range");
     check(std::to_string(offset) == canonical_number(arg), "a REST offset read wrongly", arg);
 }
@@ -134,20 +143,16 @@ void rest(const std::string &arg)
 void allo(const std::string &arg)
 {
     int64_t size = -7;
-    std::string why;
-    int code = parse_allo(arg, size, why);
-    if (code != 0)
-        return check_refusal(code, why);
+    if (!taken(parse_allo, arg, size))
+        return;
     check_offset(size, "an ALLO size out of range");
 }
 
 void cksm(const std::string &arg)
 {
     CksmArgs out;
-    std::string why;
-    int code = parse_cksm(arg, out, why);
-    if (code != 0)
-        return check_refusal(code, why);
+    if (!taken(parse_cksm, arg, out))
+        return;
     check_offset(out.offset, "a CKSM offset out of range");
     if (out.length != -1)
         check_offset(out.length, "a CKSM length out of range");
@@ -171,10 +176,8 @@ std::string port_text(const sockaddr_storage &address)
 void port(const std::string &arg)
 {
     sockaddr_storage address;
-    std::string why;
-    int code = parse_port(arg, address, why);
-    if (code != 0)
-        return check_refusal(code, why);
+    if (!taken(parse_port, arg, address))
+        return;
     check(address.ss_family == AF_INET, "PORT gave no IPv4 address");
     std::string canonical;
     for (size_t start = 0;;) {
@@ -191,10 +194,8 @@ void port(const std::string &arg)
 void eprt(const std::string &arg)
 {
     sockaddr_storage address;
-    std::string why;
-    int code = parse_eprt(arg, address, why);
-    if (code != 0)
-        return check_refusal(code, why);
+    if (!taken(parse_eprt, arg, address))
+        return;
     // Written out again in the standard form, the address reads the same.
     char host[INET6_ADDRSTRLEN] = {};
     std::string again;
@@ -209,6 +210,7 @@ void eprt(const std::string &arg)
         again = "|2|" + std::string(host) + "|" + std::to_string(ntohs(s6->sin6_port)) + "|";
     }
     sockaddr_storage reread;
+    std::string why;
     check(parse_eprt(again, reread, why) == 0, "an EPRT address refused when written again",
           again);
     size_t length = address.ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
@@ -218,10 +220,7 @@ void eprt(const std::string &arg)
 void epsv(const std::string &arg)
 {
     EpsvArg out;
-    std::string why;
-    int code = parse_epsv(arg, out, why);
-    if (code != 0)
-        check_refusal(code, why);
+    taken(parse_epsv, arg, out);
 }
 
 void any_name(const std::string &arg)
