@@ -1,16 +1,25 @@
 """The FTP clients of a Debian system on Box, each run once as its users
 drive it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's
-wildcards and recursive listing, lftp's recursive listing and its upload to a temporary
-name, ftp-upload's temporary names (rename over the file, and STOU), wput's
-ASCII uploads and yafc after a cd.  The server runs the shipped policy's
-"rename_replaces"."""
+wildcards and recursive listing, lftp's recursive listing, its upload to a
+temporary name and its reading of checksum progress, ftp-upload's temporary
+names (rename over the file, and STOU), wput's ASCII uploads, yafc after a
+cd, curl's resumed download and its reading of a multi-line error, and
+wget.  The server runs the shipped policy's "rename_replaces".  The
+plug-in's rules behind each command (paths, refusals, upload paths,
+retries, ranges) are pinned by the driver tests in tests/integration; here
+is what the clients make of them.  curl's quoted commands are in
+test_server_clients; uploads in parts are test_box_many_sessions' (lftp)
+and test_box_faults'; curl over TLS is test_box_operator's."""
+import hashlib
 import os
+import re
 import shutil
+import time
 import unittest
 
-from harness import BoxTest, run
+from harness import MIB, TOKEN, BoxServer, BoxTest, credential, pattern, run, sha256, sha256_file
 
-CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc")
+CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc", "wget")
 
 
 def seed_tree(emu):
@@ -154,6 +163,51 @@ class BoxClients(BoxTest):
         facts = dict(f.mlsd("/S/t"))
         self.assertIn("unique=%s;" % facts["a.txt"]["unique"], f.sendcmd("MLST /S/t/a.txt"))
         self.assertEqual(dict(f.mlsd("/S/t/sub"))["."]["unique"], facts["sub"]["unique"])
+
+    # -- downloads, checksums and errors -----------------------------------------
+
+    def test_curl_resumes_a_download_and_wget_gets(self):
+        size = 3 * MIB + 5
+        self.emu.seed({"path": "/r/file.bin", "size": size})
+        part = self.local("resume.part")
+        with open(part, "wb") as f:
+            f.write(pattern(1000000))
+        self.curl("-C", "-", "-o", part, self.server.url("/r/file.bin"))
+        self.assertEqual(sha256_file(part), sha256(pattern(size)))
+        out = self.local("wget.out")
+        r = run(["wget", "-q", "-O", out, self.server.url("/r/file.bin", "anonymous:x")])
+        self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
+        self.assertEqual(sha256_file(out), sha256(pattern(size)))
+
+    def test_lftp_reads_checksum_progress(self):
+        self.emu.seed({"path": "/p/lftp.bin", "size": 60001})
+        # About 2.4 s for the download: long enough for progress every second.
+        self.emu.fault({"path_regex": "^/d/", "throttle_bps": 25000, "count": -1})
+        out = self.lftp("quote OPTS CKSM INTERVAL=1; quote CKSM MD5 0 -1 /p/lftp.bin; "
+                        "quote NOOP").stdout
+        lines = out.splitlines()
+        self.assertEqual((lines[0], lines[-2:]),
+                         ("200 CKSM progress interval 1.",
+                          ["213 " + hashlib.md5(pattern(60001)).hexdigest(), "200 NOOP ok."]))
+        counts = [int(re.fullmatch(r"113 (\d+)", line).group(1)) for line in lines[1:-2]]
+        self.assertTrue(counts, "no progress reply")
+        self.assertEqual(counts, sorted(counts))
+        self.assertLessEqual(counts[-1], 60001)
+
+    def test_curl_reads_a_multi_line_error(self):
+        # A user whose uploads may not exceed 1000 bytes.
+        server = BoxServer(self.emu, creds=credential(TOKEN, time.time() + 86400, max_upload=1000))
+        self.addCleanup(server.stop)
+        src = os.path.join(self.dir, "quota.bin")
+        self.write_local("quota.bin", b"q" * 5000)
+        r = self.curl("-v", "-Q", "ALLO 5000", "-T", src, server.url("/q.bin"), ok=False,
+                      server=server)
+        self.assertEqual(r.returncode, 25, r.stderr)   # "Failed FTP upload"
+        self.assertEqual([l[2:] for l in r.stderr.splitlines() if l.startswith("< 451")],
+                         ["451-QUOTA_EXCEEDED", '451-Box-Path: "/q.bin"',
+                          '451-Box-Upload-Size: "5000"', '451-Box-Max-Upload-Size: "1000"',
+                          '451 Box-Error: "Upload size is too large."'])
+        self.assertNotIn("/q.bin", self.paths())
 
 
 if __name__ == "__main__":

@@ -11,7 +11,6 @@ import unittest
 from harness import (BOX_CREDENTIAL, CRASH_SIGNS, BoxCredentialTool, BoxTest, reply_of,
                          wait_for)
 
-CLIENT = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
 # The plug-in asks for renew-creds when fewer than 100 s remain: a first
 # token of 120 s is renewed by an operation about 20 s into the session.
 FIRST_LIFETIME = 120
@@ -24,15 +23,10 @@ class CredentialHelperSession(BoxTest):
 
     def setUp(self):
         super().setUp()
-        self.emu.control("POST", "oauth", {
-            "clients": [CLIENT], "users": [{"id": "4242", "max_upload_size": 1 << 30}],
-            "refresh_tokens": [{"refresh_token": "r-e2e-first", "client_id": CLIENT["client_id"],
-                                "user_id": "4242"}],
-            "next_lifetimes": [FIRST_LIFETIME]})
         # Each test keeps the helper's state, calls and logs apart.
         self.folder = tempfile.mkdtemp(dir=self.work)
         self.tool = BoxCredentialTool(self.emu, self.folder)
-        self.tool.enrol("anonymous", CLIENT, "r-e2e-first")
+        self.tool.enrol_new_user("anonymous", FIRST_LIFETIME)
 
     def api_tokens(self):
         """The bearer token of every API request, in order."""
@@ -42,8 +36,8 @@ class CredentialHelperSession(BoxTest):
     def secrets(self):
         doc = self.tool.stored("anonymous")
         return {"access token": doc["access_token"], "refresh token": doc["refresh_token"],
-                "enrolment refresh token": "r-e2e-first",
-                "client secret": CLIENT["client_secret"]}
+                "enrolment refresh token": self.tool.first_refresh_token,
+                "client secret": self.tool.client["client_secret"]}
 
     def start_logging_server(self, box_levels, rest_levels):
         """A server using the helper whose plug-in and REST client write

@@ -1,13 +1,18 @@
-"""Faults that cross the server's processes: a slow download against the
-idle time-out, a token running out in the middle of a long upload (renewed
-through the credential helper), clients that tear down their data
-connection or vanish.  Each must end with a clear reply, the session alive
-(or ended cleanly when the client left), and never a partial file on Box
-presented as complete.  How the plug-in meets Box failing (resets, 429,
-202, refused commits) is pinned by the driver tests in tests/integration."""
+"""Faults that cross the server's processes: a login whose Box answer
+trickles in (answered at the login deadline) or that cannot reach Box, a
+slow download against the idle time-out, a token running out in the middle
+of a long upload (renewed through the credential helper), clients that
+tear down their data connection or vanish.  Each must end with a clear
+reply, the session alive (or ended cleanly when the client left, or the
+login refused with the Box host and the cause logged), and never a partial
+file on Box presented as complete.  How the plug-in meets Box failing
+(resets, 429, 202, refused commits) is pinned by the driver tests in
+tests/integration."""
+import ftplib
 import hashlib
 import os
 import re
+import socket
 import time
 import unittest
 
@@ -69,6 +74,43 @@ class Faults(BoxTest):
         self.assertEqual(tokens[-1], second)        # and ended with the second
         self.assertEqual(tokens, sorted(tokens, key=[first, second].index))
         self.assertEqual([e for e in upload if e["status"] == 401], [])
+
+    # -- logins that Box does not answer ------------------------------------
+
+    def test_trickling_box_answer_meets_the_login_deadline(self):
+        server = self.start_server(extra=["--login-timeout", "2"])
+        self.addCleanup(server.stop)
+        # The root listing a login reads, at 2 bytes a second: 20 minutes.
+        self.emu.seed(*({"path": "/name-%03d.bin" % i, "size": 1} for i in range(20)))
+        self.emu.fault({"method": "GET", "path_regex": "^/2.0/folders/0/items$",
+                        "throttle_bps": 2, "count": -1})
+        f = ftplib.FTP(timeout=60)
+        f.connect("127.0.0.1", server.port)
+        self.assertRaisesRegex(ftplib.error_temp, "^421 Login time exceeded", f.login,
+                               "anonymous", "x")
+        self.assertRaises(EOFError, f.getresp)
+        f.close()
+        wait_for(lambda: "session start for anonymous timed out after 2 s (--login-timeout): "
+                 "The operation was cancelled: GET %s/2.0/folders/0/items" % self.emu.base
+                 in server.read_log(), "the cause in the log")
+        self.emu.control("DELETE", "faults")
+        server.ftp().quit()  # the next login is served
+
+    def test_box_refusing_connections(self):
+        with socket.socket() as s:   # a port nobody listens on
+            s.bind(("127.0.0.1", 0))
+            port = s.getsockname()[1]
+        base = "http://127.0.0.1:%d" % port
+        server = self.start_server(env={"TARVEX_BOX_API_BASE": base,
+                                        "TARVEX_BOX_UPLOAD_BASE": base})
+        self.addCleanup(server.stop)
+        f = ftplib.FTP(timeout=60)
+        f.connect("127.0.0.1", server.port)
+        self.assertRaisesRegex(ftplib.error_perm, "^530 Couldn't connect to server", f.login,
+                               "anonymous", "x")
+        f.close()
+        self.assertIn("session start for anonymous failed: 530 Couldn't connect to server "
+                      "(Failed to connect to 127.0.0.1 port %d" % port, server.read_log())
 
     # -- clients that go away ---------------------------------------------
 

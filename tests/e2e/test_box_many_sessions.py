@@ -1,9 +1,10 @@
 """Clients that move whole trees over several connections at once, through
 the Box plug-in with the shared session cache: lftp's parallel mirror both
-ways and rclone's copy, check and sync.  Each connection is a session of
-its own; one makes a folder or stores a file and the others must find it
-at once (what each session sees of the others is pinned by the driver
-tests; here only real clients show that the whole round has no error).
+ways (then its mkdir -p, mv, rm, rmdir and rm -r on the tree) and rclone's
+copy, check and sync.  Each connection is a session of its own; one makes
+a folder or stores a file and the others must find it at once (what each
+session sees of the others is pinned by the driver tests; here only real
+clients show that the whole round has no error).
 
 The server is started with --max-sessions-per-address 32: rclone opens
 up to transfers + checkers connections."""
@@ -87,6 +88,14 @@ class ManySessions(BoxTest):
         self.assertBoxHolds(tree, "/L", "mirror -R")
         self.assertClean(self.lftp("mirror --parallel=4 /L lftp-back", ok=False), "mirror")
         self.assertEqual(local_tree(self.local("lftp-back")), local_tree(tree))
+        # lftp's commands on what it mirrored.
+        self.lftp("mkdir -p /L/x/y; mv /L/d /L/x/y/d; rm /L/top.txt; rmdir /L/empty")
+        paths = self.paths()
+        self.assertIn("/L/x/y/d/k0.bin", paths)
+        self.assertEqual(paths & {"/L/d", "/L/top.txt", "/L/empty"}, set())
+        self.assertIn("550", self.lftp("rmdir /L/x", ok=False).stderr)   # not empty
+        self.lftp("rm -r /L")
+        self.assertFiles({})
 
     # -- rclone -----------------------------------------------------------
 

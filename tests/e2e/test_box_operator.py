@@ -1,10 +1,15 @@
 """What an administrator expects of the server beside FTP, through --dsi box
-against the Box emulator: implicit FTPS (curl's ftps:// URLs),
-the audit log of the changes clients make (rotated with SIGHUP), and the
-Prometheus metrics page, scraped after clients worked and checked with
-promtool (a stalled scraper is gridftp_server_watch_test's)."""
+against the Box emulator: TLS as clients meet it (implicit FTPS with curl's
+ftps:// URLs; explicit TLS 1.3 uploads by clients that end their data
+connections without close_notify, Debian's ftp-ssl and Python closing
+without unwrap(), and --tls-strict-eof; rclone's pooled TLS connections
+are test_box_many_sessions'), the audit log of the changes clients make
+(rotated with SIGHUP), and the Prometheus metrics page, scraped after
+clients worked and checked with promtool (a stalled scraper is
+gridftp_server_watch_test's)."""
 import ftplib
 import http.client
+import io
 import os
 import pwd
 import shutil
@@ -15,7 +20,8 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import BoxTest, CredentialHelper, make_hash, reply_of, run, sha256, wait_for
+from harness import (BoxServer, BoxTest, CredentialHelper, make_hash, reply_of, run, sha256,
+                     wait_for, write_random)
 
 
 def port_file_value(path):
@@ -27,17 +33,48 @@ def port_file_value(path):
     return int(wait_for(read, "the port file " + path))
 
 
-class ImplicitTls(BoxTest):
+def tls13_login(server):
+    ctx = ssl.create_default_context(cafile=server.ca)
+    ctx.minimum_version = ssl.TLSVersion.TLSv1_3
+    return server.ftp(context=ctx)
+
+
+def store_and_drop(f, path, data, allo=False):
+    """STOR whose data connection ends with a bare TCP FIN (close() without
+    unwrap()): no TLS close_notify.  The final reply's text."""
+    if allo:
+        f.sendcmd("ALLO %d" % len(data))
+    conn = f.transfercmd("STOR " + path)
+    conn.sendall(data)
+    conn.close()
+    return reply_of(f.voidresp)
+
+
+class Tls(BoxTest):
     tls = True
+    servers = 0
 
     @classmethod
     def start_server(cls, extra=(), **kw):
-        port_file = os.path.join(cls.work, "implicit-port")
+        cls.servers += 1
+        port_file = os.path.join(cls.work, "implicit-port-%d" % cls.servers)
+        log = os.path.join(cls.work, "xfer-%d.log" % cls.servers)
         server = super().start_server(
-            extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file] + list(extra),
-            **kw)
+            extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file,
+                   "--transfer-log", log] + list(extra), **kw)
         server.implicit_port = port_file_value(port_file)
+        server.transfer_log = log
         return server
+
+    def transfer_log(self, server, lines=0):
+        """The transfer log's lines, once it has at least `lines`."""
+        def read():
+            got = []
+            if os.path.exists(server.transfer_log):
+                with open(server.transfer_log) as f:
+                    got = f.read().splitlines()
+            return got if len(got) >= lines else None
+        return wait_for(lambda: read() is not None, "transfer log lines") and read()
 
     def url(self, path):
         return "ftps://anonymous:x@127.0.0.1:%d%s" % (self.server.implicit_port, path)
@@ -98,8 +135,70 @@ class ImplicitTls(BoxTest):
         self.assertEqual(f.voidresp(), "226 Transfer complete.")
         self.assertEqual(sha256(got), sha256(self.emu.content("/s.bin")))
 
+    def test_ftp_ssl_uploads(self):
+        if shutil.which("ftp-ssl") is None:
+            self.skipTest("ftp-ssl is not installed")
+        src = self.local("f.bin")
+        write_random(src, 3 << 20, seed=7)
+        with open(src, "rb") as f:
+            data = f.read()
+        script = "user anonymous x\nbinary\n" + "".join(
+            "put f.bin /f%d.bin\n" % i for i in range(8)) + "quit\n"
+        r = subprocess.run(["ftp-ssl", "-n", "-p", "-v", "-z", "secure",
+                            "-z", "cacert=" + self.server.ca, "127.0.0.1", str(self.server.port)],
+                           input=script, capture_output=True, text=True, cwd=self.work,
+                           timeout=300)
+        self.assertEqual(r.stdout.count("226 Transfer complete"), 8, r.stdout + self.diagnostics())
+        self.assertFiles({"/f%d.bin" % i: data for i in range(8)})
 
-class Audit(BoxTest):
+    def test_python_closing_without_unwrap(self):
+        logged = len(self.transfer_log(self.server))
+        f = tls13_login(self.server)
+        data = os.urandom(1 << 20)
+        for i in range(24):
+            self.assertTrue(store_and_drop(f, "/p%d.bin" % i, data).startswith("226"), i)
+        # An end with close_notify (storbinary unwraps) is not marked.
+        self.assertTrue(f.storbinary("STOR /clean.bin", io.BytesIO(data)).startswith("226"))
+        f.quit()
+        expected = {"/p%d.bin" % i: data for i in range(24)}
+        expected["/clean.bin"] = data
+        self.assertFiles(expected)
+        log = self.server.read_log()
+        self.assertRegex(log, r"STOR /p23\.bin .*\(end unconfirmed: no TLS close_notify\)")
+        self.assertRegex(log, r"STOR /clean\.bin from 0: \d+ bytes in \d+ ms\n")
+        lines = self.transfer_log(self.server, logged + 25)
+        self.assertTrue(lines[-2].endswith(" /p23.bin b _ i a anonymous ftp 0 * c end-unconfirmed"),
+                        lines[-2])
+        self.assertTrue(lines[-1].endswith(" * c"), lines[-1])
+
+    def test_strict_eof(self):
+        server = self.start_server(extra=["--tls-strict-eof"])
+        self.addCleanup(server.stop)
+        f = tls13_login(server)
+        data = os.urandom(300000)
+        self.assertRegex(store_and_drop(f, "/cut.bin", data), "^426 .*without TLS close_notify")
+        # An announced size makes the count the check.
+        self.assertTrue(store_and_drop(f, "/sized.bin", data, allo=True).startswith("226"))
+        self.assertTrue(f.storbinary("STOR /clean.bin", io.BytesIO(data)).startswith("226"))
+        f.quit()
+        self.assertFiles({"/sized.bin": data, "/clean.bin": data})
+        self.assertEqual(self.transfer_log(server, 3)[0][-2:], " i")
+
+
+def samples(page):
+    """The page's samples: "name{labels}" -> value."""
+    out = {}
+    for line in page.splitlines():
+        if line and not line.startswith("#"):
+            name, value = line.rsplit(" ", 1)
+            out[name] = float(value)
+    return out
+
+
+class Operator(BoxTest):
+    """The class's server writes an audit log; the metrics test starts a
+    server of its own, whose counts start from 0."""
+
     @classmethod
     def start_server(cls, extra=(), **kw):
         path = os.path.join(cls.work, "audit")
@@ -166,34 +265,8 @@ class Audit(BoxTest):
         self.assertEqual(len(self.audit_lines(9, rotated)), 9)
 
 
-def samples(page):
-    """The page's samples: "name{labels}" -> value."""
-    out = {}
-    for line in page.splitlines():
-        if line and not line.startswith("#"):
-            name, value = line.rsplit(" ", 1)
-            out[name] = float(value)
-    return out
-
-
-class Metrics(BoxTest):
-    """One test: the class's server counts from 0."""
-
-    @classmethod
-    def start_server(cls, extra=(), **kw):
-        port_file = os.path.join(cls.work, "metrics-port")
-        me = pwd.getpwuid(os.geteuid()).pw_name
-        # A credential that the plug-in takes at a session's start and
-        # wants renewed 3 s later, at the latest; a renewed one lasts.
-        creds = CredentialHelper(cls.emu, cls.work, lifetime=102)
-        server = super().start_server(
-            extra=["--metrics-listen", "127.0.0.1:0", "--metrics-port-file", port_file] +
-            list(extra), creds=creds, passwd="alice:%s:%s\n" % (make_hash("secret"), me), **kw)
-        server.metrics_port = port_file_value(port_file)
-        return server
-
-    def scrape(self):
-        conn = http.client.HTTPConnection("127.0.0.1", self.server.metrics_port, timeout=30)
+    def scrape(self, port):
+        conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
         try:
             conn.request("GET", "/metrics")
             resp = conn.getresponse()
@@ -204,15 +277,20 @@ class Metrics(BoxTest):
         finally:
             conn.close()
 
-    def login(self):
-        f = ftplib.FTP(timeout=60)
-        f.connect("127.0.0.1", self.server.port)
-        f.login("alice", "secret")
-        return f
-
     def test_counts_of_sessions_transfers_and_box(self):
+        port_file = os.path.join(self.work, "metrics-port")
+        me = pwd.getpwuid(os.geteuid()).pw_name
+        # A credential that the plug-in takes at a session's start and
+        # wants renewed 2 s later, at the latest; a renewed one lasts.
+        creds = CredentialHelper(self.emu, tempfile.mkdtemp(dir=self.work), lifetime=102)
+        server = BoxServer(self.emu, creds=creds,
+                           passwd="alice:%s:%s\n" % (make_hash("secret"), me),
+                           extra=["--metrics-listen", "127.0.0.1:0",
+                                  "--metrics-port-file", port_file])
+        self.addCleanup(server.stop)
+        metrics_port = port_file_value(port_file)
         bad = ftplib.FTP(timeout=60)
-        bad.connect("127.0.0.1", self.server.port)
+        bad.connect("127.0.0.1", server.port)
         self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))
         bad.close()
         # Box asks the folder's creation to wait 4 s: the token is due
@@ -221,7 +299,7 @@ class Metrics(BoxTest):
                 "body": {"type": "error", "status": 429, "code": "rate_limit_exceeded",
                          "message": "Request rate limit exceeded", "request_id": "e2e"}}
         self.emu.fault(dict(busy, method="POST", path_regex="/folders$"))
-        f = self.login()
+        f = server.ftp("alice", "secret")
         data = os.urandom(300000)
         f.mkd("/m")
         self.assertEqual(self.store(f, "/m/up.bin", data), "226 Transfer complete.")
@@ -233,7 +311,7 @@ class Metrics(BoxTest):
         self.assertEqual(posts, [429, 201])
 
         page = wait_for(lambda: (lambda p: p if samples(p)["tarvex_sessions_open"] == 0 else None)(
-            self.scrape()), "the sessions to end")
+            self.scrape(metrics_port)), "the sessions to end")
         s = samples(page)
         self.assertEqual(s['tarvex_logins_total{result="failed"}'], 1)
         self.assertEqual(s['tarvex_logins_total{result="ok"}'], 1)

@@ -170,9 +170,6 @@ def listed_names(listing):
     return sorted(line.split(None, 8)[8] for line in listing.splitlines() if line.strip())
 
 
-CLIENT = {"client_id": "install-app", "client_secret": "install-app-secret-2c7e"}
-
-
 def serve_box_from(tree, check):
     """Starts the tree's server with its Box plug-in against a fresh
     emulator, the credential coming from the tree's tarvex-box-credential,
@@ -181,12 +178,8 @@ def serve_box_from(tree, check):
     work = tempfile.mkdtemp(prefix="tarvex-install-box-")
     server = None
     try:
-        emu.control("POST", "oauth", {
-            "clients": [CLIENT], "users": [{"id": "4242", "max_upload_size": 1 << 30}],
-            "refresh_tokens": [{"refresh_token": "r-install", "client_id": CLIENT["client_id"],
-                                "user_id": "4242"}]})
         tool = BoxCredentialTool(emu, work, program=tree.bin("tarvex-box-credential"))
-        tool.enrol("anonymous", CLIENT, "r-install", env=clean_environment())
+        tool.enrol_new_user("anonymous", env=clean_environment())
         # The plug-in's API bases come from the policy alone, not from the
         # environment the build's tests use.
         server = BoxServer(emu, creds=tool, program=tree.bin("tarvex-gridftp-server"),

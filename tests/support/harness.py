@@ -470,6 +470,8 @@ class BoxCredentialTool(CredentialHelper):
     emulator's token endpoint and API, TLS verified with the emulator's CA.
     Every call the server makes is noted in the calls file first:
     call_log() gives [("creds",), ...]."""
+    client = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
+    first_refresh_token = "r-e2e-first"
 
     def __init__(self, emulator, folder, program=None):
         self.emulator = emulator
@@ -487,11 +489,18 @@ class BoxCredentialTool(CredentialHelper):
                 key, shlex.quote(self.calls), helper, flags)
             self.args += ["--config-command", key + "=" + command]
 
-    def enrol(self, user, client, refresh_token, env=None):
-        """Enrols `user` of the application `client` (a dict)."""
+    def enrol_new_user(self, user, first_lifetime=None, env=None):
+        """Makes the application and a Box user on the emulator, then
+        enrols `user` with a refresh token of theirs; the first access
+        token lasts `first_lifetime` seconds (None: the emulator's hour)."""
+        self.emulator.control("POST", "oauth", {
+            "clients": [self.client], "users": [{"id": "4242", "max_upload_size": 1 << 30}],
+            "refresh_tokens": [{"refresh_token": self.first_refresh_token,
+                                "client_id": self.client["client_id"], "user_id": "4242"}],
+            "next_lifetimes": [first_lifetime] if first_lifetime else []})
         client_file = os.path.join(os.path.dirname(self.state_dir), "client.json")
         with open(client_file, "w") as f:
-            json.dump(client, f)
+            json.dump(self.client, f)
         os.chmod(client_file, 0o600)
         env = dict(env or os.environ, TARVEX_DSI_REST_CA_FILE=self.emulator.ca or "")
         env.pop("LD_PRELOAD", None)
@@ -499,7 +508,7 @@ class BoxCredentialTool(CredentialHelper):
         r = run([self.program] + self.settings + ["--enrol", user, "--account", account,
                                                   "--client", client_file,
                                                   "--refresh-token-file", "-"],
-                timeout=60, env=env, input=refresh_token + "\n")
+                timeout=60, env=env, input=self.first_refresh_token + "\n")
         if r.returncode != 0:
             raise AssertionError("enrolment failed: " + r.stderr)
 
