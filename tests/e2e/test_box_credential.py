@@ -90,7 +90,7 @@ class CredentialHelperSession(BoxTest):
             return len(self.tool.call_log()) > 1
         wait_for(renewed, "the session to ask for renew-creds", timeout=FIRST_LIFETIME, step=1.0)
         self.assertEqual(f.mkd("/after"), "/after")
-        self.assertEqual(self.tool.call_log(), [("creds",), ("renew-creds",)])
+        self.assertEqual(self.tool.call_log(), ["creds", "renew-creds"])
 
         renewal = self.secrets()
         second = renewal["access token"]

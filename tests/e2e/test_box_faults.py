@@ -59,15 +59,15 @@ class Faults(BoxTest):
         self.addCleanup(server.stop)
         self.emu.fault({"method": "PUT", "path_regex": "/upload_sessions/", "delay_ms": 300,
                         "count": -1})
+        helper.issue()
         f = server.ftp()
         self.addCleanup(f.close)
         self.assertEqual(self.store(f, "/long.bin", self.data), "226 Transfer complete.",
                          server.read_log())
         self.assertEqual(sha256(self.emu.content("/long.bin")), sha256(self.data))
         self.assertEqual(self.md5_property("/long.bin"), hashlib.md5(self.data).hexdigest())
-        calls = helper.call_log()
-        self.assertEqual([key for key, _ in calls], ["creds", "renew-creds"])
-        first, second = calls[0][1], calls[1][1]
+        self.assertEqual(helper.call_log(), ["creds", "renew-creds"])
+        first, second = helper.tokens
         upload = [e for e in self.emu.log() if "/upload_sessions" in e["path"]]
         tokens = [e["headers"]["authorization"].split()[-1] for e in upload]
         self.assertEqual(tokens[0], first)          # the upload began with the first token

@@ -20,8 +20,8 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import (BoxServer, BoxTest, CredentialHelper, make_hash, reply_of, run, sha256,
-                     wait_for, write_random)
+from harness import (BoxServer, BoxTest, CredentialHelper, ResumingFTP_TLS, make_hash, reply_of,
+                     run, sha256, wait_for, write_random)
 
 
 def port_file_value(path):
@@ -96,44 +96,30 @@ class Tls(BoxTest):
 
     def test_tls_from_the_first_byte_and_protected_data(self):
         # A client speaking FTP in the clear gets no greeting.
-        plain = socket.create_connection(("127.0.0.1", self.server.implicit_port), timeout=30)
-        plain.sendall(b"USER anonymous\r\n" + b"\0" * 512)
-        got = b""
-        try:
-            for chunk in iter(lambda: plain.recv(4096), b""):
-                got += chunk
-        except ConnectionResetError:
-            pass  # the end, before all that was sent was read
-        plain.close()
+        with socket.create_connection(("127.0.0.1", self.server.implicit_port), 30) as plain:
+            plain.sendall(b"USER anonymous\r\n" + b"\0" * 512)
+            try:
+                got = plain.recv(4096)
+            except ConnectionResetError:
+                got = b""   # the end, before all that was sent was read
         self.assertFalse(got.startswith(b"220"), got)
         # One that never asks PBSZ or PROT gets its data over TLS.
         self.emu.seed({"path": "/s.bin", "size": 100000})
         ctx = ssl.create_default_context(cafile=self.server.ca)
-        sock = ctx.wrap_socket(socket.create_connection(
-            ("127.0.0.1", self.server.implicit_port), timeout=30), server_hostname="127.0.0.1")
-        f = ftplib.FTP(timeout=30)
-        f.sock = sock
-        f.file = sock.makefile("r", encoding="latin-1")
-        f.af = sock.family
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
+        f.host = "127.0.0.1"
+        f.sock = ctx.wrap_socket(socket.create_connection((f.host, self.server.implicit_port), 30),
+                                 server_hostname=f.host)
+        f.file = f.sock.makefile("r", encoding="latin-1")
+        f.af = f.sock.family
         f.welcome = f.getresp()
         self.addCleanup(f.close)
-        f.login("anonymous", "x")
+        f.login("anonymous", "x")   # no AUTH on a TLS socket
         self.assertIn("Data connections protected", f.sendcmd("STAT"))
-        f.sendcmd("TYPE I")
-        host, port = ftplib.parse227(f.sendcmd("PASV"))
-        data = socket.create_connection((host, port), timeout=30)
-        f.putcmd("RETR /s.bin")
-        self.assertTrue(f.getresp().startswith("150"))
-        data = ctx.wrap_socket(data, server_hostname="127.0.0.1", session=sock.session)
-        got = b""
-        while True:
-            chunk = data.recv(65536)
-            if not chunk:
-                break
-            got += chunk
-        data.close()
-        self.assertEqual(f.voidresp(), "226 Transfer complete.")
-        self.assertEqual(sha256(got), sha256(self.emu.content("/s.bin")))
+        f._prot_p = True   # as the server has it, unasked
+        got = bytearray()
+        self.assertEqual(f.retrbinary("RETR /s.bin", got.extend), "226 Transfer complete.")
+        self.assertEqual(sha256(bytes(got)), sha256(self.emu.content("/s.bin")))
 
     def test_ftp_ssl_uploads(self):
         if shutil.which("ftp-ssl") is None:
@@ -289,6 +275,7 @@ class Operator(BoxTest):
                                   "--metrics-port-file", port_file])
         self.addCleanup(server.stop)
         metrics_port = port_file_value(port_file)
+        creds.issue()
         bad = ftplib.FTP(timeout=60)
         bad.connect("127.0.0.1", server.port)
         self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))

@@ -3,12 +3,7 @@ tarvex-gridftp-server (a build's or an installed one), on 127.0.0.1, and the
 helpers around them: the emulator's API and control interface, the FTP
 clients, the credential helpers, and the base classes of the end-to-end
 suites (ServerTest: the posix plug-in; BoxTest: the Box plug-in against the
-emulator).
-
-Run as a program, this file is the credential helper of the token tests:
-    harness.py creds|renew-creds
-prints a credential for the server's --config-command, registering its
-token with the emulator first (see CredentialHelper)."""
+emulator)."""
 import base64
 import ftplib
 import hashlib
@@ -76,10 +71,6 @@ def sha256_file(path):
         for block in iter(lambda: f.read(1 << 20), b""):
             h.update(block)
     return h.hexdigest()
-
-
-def b64(data):
-    return base64.b64encode(data).decode()
 
 
 def pattern(length, offset=0):
@@ -297,7 +288,7 @@ class EmulatorCase(unittest.TestCase):
 
 def digest(data):
     """The digest header of a part or a commit: the SHA-1 in base64."""
-    return "sha=" + b64(hashlib.sha1(data).digest())
+    return "sha=" + base64.b64encode(hashlib.sha1(data).digest()).decode()
 
 
 def upload_body(name, parent, data, boundary="tarvex_b"):
@@ -430,46 +421,55 @@ class ServerTest(unittest.TestCase):
 
 # -- credentials -------------------------------------------------------------
 
-class CredentialHelper:
-    """The credential helper's side in the tests: the server runs
-    `harness.py creds` and `harness.py renew-creds` with these settings in
-    its environment.  Each call registers a new token with the emulator
-    (valid for `emulator_lifetime` seconds, None: forever), prints a
-    credential that expires `lifetime` seconds from now, and appends a line
-    to the calls file."""
+class CredentialCommands:
+    """The server's creds and renew-creds commands (`args` for it), each
+    noting its key in a calls file before it runs."""
 
-    def __init__(self, emulator, folder, lifetime, emulator_lifetime=None,
-                 renew_lifetime=24 * 3600):
-        self.calls = os.path.join(folder, "credential-calls")
-        self.env = {
-            "TARVEX_E2E_EMULATOR_PORT": str(emulator.port),
-            "TARVEX_E2E_EMULATOR_CA": emulator.ca or "",
-            "TARVEX_E2E_CREDS_CALLS": self.calls,
-            "TARVEX_E2E_CREDS_LIFETIME": str(lifetime),
-            "TARVEX_E2E_CREDS_RENEW_LIFETIME": str(renew_lifetime),
-            "TARVEX_E2E_CREDS_EMULATOR_LIFETIME":
-                "" if emulator_lifetime is None else str(emulator_lifetime),
-        }
-        # The server's preloads (the sanitizer runtime among them) are for
-        # the server: the helper runs without them.
-        command = "env -u LD_PRELOAD %s %s" % (sys.executable, os.path.abspath(__file__))
-        self.args = ["--config-command", "creds=%s creds" % command,
-                     "--config-command", "renew-creds=%s renew-creds" % command]
+    def set_commands(self, calls, creds, renew_creds):
+        self.calls = calls
+        self.args = []
+        for key, command in (("creds", creds), ("renew-creds", renew_creds)):
+            self.args += ["--config-command",
+                          "%s=echo %s >> %s; %s" % (key, key, shlex.quote(calls), command)]
 
     def call_log(self):
-        """[(key, token)] in the order the server asked."""
+        """The keys the server asked for, in order."""
         if not os.path.exists(self.calls):
             return []
         with open(self.calls) as f:
-            return [tuple(line.split()) for line in f if line.strip()]
+            return f.read().split()
 
 
-class BoxCredentialTool(CredentialHelper):
+class CredentialHelper(CredentialCommands):
+    """Credentials the test hands out through the server's creds and
+    renew-creds commands: issue() registers two tokens with the emulator,
+    the first valid there for `emulator_lifetime` seconds (None: forever),
+    and writes the credentials the commands print: the first expiring
+    `lifetime` seconds after issue(), the renewed one a day after."""
+    tokens = ("e2e-token-1", "e2e-token-2")
+
+    def __init__(self, emulator, folder, lifetime, emulator_lifetime=None):
+        self.emulator = emulator
+        self.lifetime = lifetime
+        self.emulator_lifetime = emulator_lifetime
+        self.files = [os.path.join(folder, name) for name in ("creds.json", "renewed.json")]
+        self.set_commands(os.path.join(folder, "credential-calls"),
+                          *("env -u LD_PRELOAD cat " + shlex.quote(p) for p in self.files))
+
+    def issue(self):
+        """Call right before the login, for the lifetimes to count from it."""
+        lifetimes = ((self.emulator_lifetime, self.lifetime), (None, 86400))
+        for token, path, (on_box, expiry) in zip(self.tokens, self.files, lifetimes):
+            self.emulator.control("POST", "tokens", {"token": token, "expires_in": on_box})
+            with open(path, "w") as f:
+                f.write(credential(token, time.time() + expiry))
+
+
+class BoxCredentialTool(CredentialCommands):
     """tarvex-box-credential (`program`) as the server's creds and
     renew-creds commands, keeping its state under `folder` and asking the
     emulator's token endpoint and API, TLS verified with the emulator's CA.
-    Every call the server makes is noted in the calls file first:
-    call_log() gives [("creds",), ...]."""
+    Every call the server makes is noted in the calls file first."""
     client = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
     first_refresh_token = "r-e2e-first"
 
@@ -477,17 +477,13 @@ class BoxCredentialTool(CredentialHelper):
         self.emulator = emulator
         self.program = program or BOX_CREDENTIAL
         self.state_dir = os.path.join(folder, "credential-state")
-        self.calls = os.path.join(folder, "credential-calls")
         self.settings = ["--state-dir", self.state_dir,
                          "--token-url", emulator.base + "/oauth2/token",
                          "--api-base", emulator.base]
-        self.env = {}
         helper = " ".join(shlex.quote(a) for a in [self.program] + self.settings)
-        self.args = []
-        for key, flags in (("creds", ""), ("renew-creds", "--renew ")):
-            command = 'echo %s >> %s; env -u LD_PRELOAD %s %s"$TARVEX_USER"' % (
-                key, shlex.quote(self.calls), helper, flags)
-            self.args += ["--config-command", key + "=" + command]
+        command = 'env -u LD_PRELOAD %s %s"$TARVEX_USER"'
+        self.set_commands(os.path.join(folder, "credential-calls"), command % (helper, ""),
+                          command % (helper, "--renew "))
 
     def enrol_new_user(self, user, first_lifetime=None, env=None):
         """Makes the application and a Box user on the emulator, then
@@ -523,35 +519,6 @@ def credential(token, expires_at, max_upload=1 << 40):
                        "sub": "e2e-user", "max_upload": max_upload})
 
 
-def credential_helper_main(key):
-    env = os.environ
-    lifetime = float(env["TARVEX_E2E_CREDS_LIFETIME" if key == "creds"
-                         else "TARVEX_E2E_CREDS_RENEW_LIFETIME"])
-    calls = env["TARVEX_E2E_CREDS_CALLS"]
-    made = 0
-    if os.path.exists(calls):
-        with open(calls) as f:
-            made = sum(1 for line in f if line.strip())
-    token = "e2e-token-%d" % (made + 1)
-    with open(calls, "a") as f:
-        f.write("%s %s\n" % (key, token))
-    emu_lifetime = env.get("TARVEX_E2E_CREDS_EMULATOR_LIFETIME") or None
-    ca = env.get("TARVEX_E2E_EMULATOR_CA")
-    port = int(env["TARVEX_E2E_EMULATOR_PORT"])
-    if ca:
-        conn = http.client.HTTPSConnection("127.0.0.1", port, timeout=30,
-                                           context=ssl.create_default_context(cafile=ca))
-    else:
-        conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
-    doc = {"token": token,
-           "expires_in": None if emu_lifetime is None or key != "creds" else float(emu_lifetime)}
-    conn.request("POST", "/_emulator/tokens", body=json.dumps(doc).encode(),
-                 headers={"Content-Type": "application/json"})
-    if conn.getresponse().status != 200:
-        sys.exit("the emulator refused the token")
-    sys.stdout.write(credential(token, time.time() + lifetime))
-
-
 # -- the Box plug-in ---------------------------------------------------------
 
 def preload(program):
@@ -570,7 +537,7 @@ def preload(program):
 class BoxServer(Server):
     """tarvex-gridftp-server --dsi box against `emulator`, with a home
     folder of its own (the plug-in's pacing files live there).  `creds`:
-    the credential's text, or a CredentialHelper; `env`: changes to ours
+    the credential's text, or CredentialCommands; `env`: changes to ours
     (None removes a variable); `base_env`: the environment they change."""
 
     def __init__(self, emulator, tls=False, policy=None, creds=None, extra=(), env=None,
@@ -585,9 +552,8 @@ class BoxServer(Server):
         changes = {"TARVEX_BOX_API_BASE": emulator.base, "TARVEX_BOX_UPLOAD_BASE": emulator.base,
                    "TARVEX_DSI_REST_CA_FILE": emulator.ca, "HOME": self.home,
                    "TARVEX_TEST_HOME": self.home, "LD_PRELOAD": preload(program or SERVER)}
-        if isinstance(creds, CredentialHelper):
+        if isinstance(creds, CredentialCommands):
             args += creds.args
-            changes.update(creds.env)
         else:
             creds_file = os.path.join(self.work, "creds.json")
             with open(creds_file, "w") as f:
@@ -620,20 +586,17 @@ class ClientRuns:
     def diagnostics(self):
         return "\n--- server log:\n" + self.server.read_log()[-6000:]
 
-    def curl_args(self, *args, server=None):
+    def curl(self, *args, ok=True, server=None):
         server = server or self.server
         base = ["curl", "-sS", "--user", "anonymous:x", "--max-time", "120"]
         if self.tls:
             base += ["--ssl-reqd", "--cacert", server.ca]
-        return base + list(args)
-
-    def curl(self, *args, ok=True, server=None):
-        r = run(self.curl_args(*args, server=server))
+        r = run(base + list(args))
         if ok:
             self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
         return r
 
-    def lftp_args(self, script, server=None):
+    def lftp(self, script, ok=True, server=None):
         server = server or self.server
         pre = ("set net:max-retries 1; set net:timeout 30; set net:reconnect-interval-base 1; "
                "set cmd:fail-exit true; set xfer:clobber on; ")
@@ -642,11 +605,8 @@ class ClientRuns:
                     "set ssl:ca-file %s; set ssl:check-hostname no; " % server.ca)
         else:
             pre += "set ftp:ssl-allow false; "
-        return ["lftp", "-u", "anonymous,x", "-p", str(server.port), "-e",
-                pre + script + "; quit", "127.0.0.1"]
-
-    def lftp(self, script, ok=True, server=None):
-        r = run(self.lftp_args(script, server), cwd=self.work)
+        r = run(["lftp", "-u", "anonymous,x", "-p", str(server.port), "-e",
+                 pre + script + "; quit", "127.0.0.1"], cwd=self.work)
         if ok:
             self.assertEqual(r.returncode, 0, r.stdout + r.stderr + self.diagnostics())
         return r
@@ -730,6 +690,3 @@ class BoxTest(ClientRuns, unittest.TestCase):
             f.sendcmd("ALLO %d" % len(data))
         return reply_of(f.storbinary, "STOR " + path, io.BytesIO(data), 256 * 1024)
 
-
-if __name__ == "__main__":
-    credential_helper_main(sys.argv[1])
