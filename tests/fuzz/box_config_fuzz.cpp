@@ -153,7 +153,6 @@ void credential_and_date()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    activate_runtime();
     check(operation() != nullptr, "no operation");
     credential = c_text(data, size);
     policy(credential);

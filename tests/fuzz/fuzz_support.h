@@ -1,11 +1,13 @@
 /*
- * What every fuzz harness shares: the runtime brought up once, a failed
- * result rendered the way a client would read it and then released, and
- * the checks that stop a run (libFuzzer keeps the input that stopped it).
+ * What every fuzz harness shares: a failed result rendered the way a client
+ * would read it and then released, and the checks that stop a run
+ * (libFuzzer keeps the input that stopped it).  The runtime needs no
+ * activation: its tables build themselves on first use.
  *
- * A harness defines LLVMFuzzerTestOneInput and, when it needs more set-up
- * than the runtime, LLVMFuzzerInitialize.  Built with TARVEX_FUZZ it is a libFuzzer program;
- * otherwise replay_main.cpp runs it over the files of its corpus.
+ * A harness defines LLVMFuzzerTestOneInput only (set-up it needs is made on
+ * first use: replay_main.cpp calls nothing else).  Built with TARVEX_FUZZ
+ * it is a libFuzzer program; otherwise replay_main.cpp runs it over the
+ * files of its corpus.
  */
 #ifndef TARVEX_FUZZ_SUPPORT_H
 #define TARVEX_FUZZ_SUPPORT_H
@@ -35,14 +37,6 @@ inline void check(bool ok, const char *what, std::string_view detail = {})
 {
     if (!ok)
         fail(what, detail);
-}
-
-/* The runtime every parser reports through, activated once per process:
- * a harness calls it first thing for each input. */
-inline void activate_runtime()
-{
-    static const int rc = tarvex_module_activate(&tarvex_i_common_module);
-    check(rc == 0, "the runtime module did not activate");
 }
 
 /* The input as text, and as the C string a parser is handed: whatever

@@ -29,8 +29,6 @@ using tarvex_test::box_scratch;
 
 class BoxPacingStore : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { tarvex_module_activate(&tarvex_i_common_module); }
-    static void TearDownTestSuite() { tarvex_module_deactivate(&tarvex_i_common_module); }
     void TearDown() override
     {
         std::string ignored;
