@@ -25,31 +25,21 @@
 
 namespace tarvex_fuzz {
 
-/* Ends the run: the input broke a rule that holds for every input. */
-[[noreturn]] inline void fail(const char *what, std::string_view detail = {})
+/* Ends the run unless `ok`: the input broke a rule that holds for every
+ * input. */
+inline void check(bool ok, const char *what, std::string_view detail = {})
 {
+    if (ok)
+        return;
     fprintf(stderr, "fuzz check failed: %s%s%.*s\n", what, detail.empty() ? "" : ": ",
             static_cast<int>(detail.size()), detail.data());
     abort();
 }
 
-inline void check(bool ok, const char *what, std::string_view detail = {})
-{
-    if (!ok)
-        fail(what, detail);
-}
-
-/* The input as text, and as the C string a parser is handed: whatever
- * follows a NUL byte never reaches it. */
+/* The input as text. */
 inline std::string_view as_text(const uint8_t *data, size_t size)
 {
     return {reinterpret_cast<const char *>(data), size};
-}
-
-inline std::string c_text(const uint8_t *data, size_t size)
-{
-    std::string_view text = as_text(data, size);
-    return std::string(text.substr(0, text.find('\0')));
 }
 
 /* `text` cut at each `separator` into at most `count` fields; the last
