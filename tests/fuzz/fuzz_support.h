@@ -31,8 +31,8 @@ inline void check(bool ok, const char *what, std::string_view detail = {})
 {
     if (ok)
         return;
-    fprintf(stderr, "fuzz check failed: %s%s%.*s\n", what, detail.empty() ? "" : ": ",
-            static_cast<int>(detail.size()), detail.data());
+    fprintf(stderr, "fuzz check failed: %s%s%s\n", what, detail.empty() ? "" : ": ",
+            std::string(detail).c_str());
     abort();
 }
 
