@@ -28,10 +28,10 @@ TEST(BoxFrameDebug, TracedOperationsAndPrinters)
     ASSERT_EQ(tarvex_box_config_parse_json("{}", &rate), TARVEX_SUCCESS);
     tarvex_i_TARVEX_BOX_debug_printf("%s=%d\n", "plain", 5);
     tarvex_i_TARVEX_BOX_debug_time_printf("%s=%d\n", "stamped", 7);
-    const std::string prefix = "box: TRACE: " + std::to_string(getpid()) +
-                               ": tarvex_box_config_parse_json: ";
-    const std::string first = prefix + "enter\n" + prefix + "exit: result=TARVEX_SUCCESS\n" +
-                              "plain=5\n";
+    const std::string prefix =
+        "box: TRACE: " + std::to_string(getpid()) + ": tarvex_box_config_parse_json: ";
+    const std::string first =
+        prefix + "enter\n" + prefix + "exit: result=TARVEX_SUCCESS\n" + "plain=5\n";
     std::string text = scratch.debug_text();
     EXPECT_EQ(text.substr(0, first.size()), first) << text;
     EXPECT_NE(text.find("stamped=7\n", first.size()), std::string::npos) << text;
