@@ -1,11 +1,13 @@
 /*
- * What every fuzz harness shares: the runtime brought up once, a failed
- * result rendered the way a client would read it and then released, and
- * the checks that stop a run (libFuzzer keeps the input that stopped it).
+ * What every fuzz harness shares: a failed result rendered the way a client
+ * would read it and then released, and the checks that stop a run
+ * (libFuzzer keeps the input that stopped it).  The runtime needs no
+ * activation: its tables build themselves on first use.
  *
- * A harness defines LLVMFuzzerTestOneInput and, when it needs more set-up
- * than the runtime, LLVMFuzzerInitialize.  Built with TARVEX_FUZZ it is a libFuzzer program;
- * otherwise replay_main.cpp runs it over the files of its corpus.
+ * A harness defines LLVMFuzzerTestOneInput only (set-up it needs is made on
+ * first use: replay_main.cpp calls nothing else).  Built with TARVEX_FUZZ
+ * it is a libFuzzer program; otherwise replay_main.cpp runs it over the
+ * files of its corpus.
  */
 #ifndef TARVEX_FUZZ_SUPPORT_H
 #define TARVEX_FUZZ_SUPPORT_H
@@ -23,39 +25,21 @@
 
 namespace tarvex_fuzz {
 
-/* Ends the run: the input broke a rule that holds for every input. */
-[[noreturn]] inline void fail(const char *what, std::string_view detail = {})
+/* Ends the run unless `ok`: the input broke a rule that holds for every
+ * input. */
+inline void check(bool ok, const char *what, std::string_view detail = {})
 {
-    fprintf(stderr, "fuzz check failed: %s%s%.*s\n", what, detail.empty() ? "" : ": ",
-            static_cast<int>(detail.size()), detail.data());
+    if (ok)
+        return;
+    fprintf(stderr, "fuzz check failed: %s%s%s\n", what, detail.empty() ? "" : ": ",
+            std::string(detail).c_str());
     abort();
 }
 
-inline void check(bool ok, const char *what, std::string_view detail = {})
-{
-    if (!ok)
-        fail(what, detail);
-}
-
-/* The runtime every parser reports through, activated once per process:
- * a harness calls it first thing for each input. */
-inline void activate_runtime()
-{
-    static const int rc = tarvex_module_activate(&tarvex_i_common_module);
-    check(rc == 0, "the runtime module did not activate");
-}
-
-/* The input as text, and as the C string a parser is handed: whatever
- * follows a NUL byte never reaches it. */
+/* The input as text. */
 inline std::string_view as_text(const uint8_t *data, size_t size)
 {
     return {reinterpret_cast<const char *>(data), size};
-}
-
-inline std::string c_text(const uint8_t *data, size_t size)
-{
-    std::string_view text = as_text(data, size);
-    return std::string(text.substr(0, text.find('\0')));
 }
 
 /* `text` cut at each `separator` into at most `count` fields; the last

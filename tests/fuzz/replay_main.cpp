@@ -13,12 +13,9 @@
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
-extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int *argc, char ***argv);
 
 int main(int argc, char **argv)
 {
-    if (LLVMFuzzerInitialize != nullptr)
-        LLVMFuzzerInitialize(&argc, &argv);
     size_t replayed = 0;
     for (int i = 1; i < argc; i++)
         for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {

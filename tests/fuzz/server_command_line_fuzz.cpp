@@ -18,6 +18,7 @@
 #include <netinet/in.h>
 
 #include <cstring>
+#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -223,6 +224,11 @@ void epsv(const std::string &arg)
     taken(parse_epsv, arg, out);
 }
 
+void opts(const std::string &arg)
+{
+    check((parse_fact_list(arg) & ~63u) == 0, "an MLST fact beyond the known six");
+}
+
 void any_name(const std::string &arg)
 {
     std::string why;
@@ -245,29 +251,17 @@ void list(const std::string &arg)
         wildcard_match(a.path, arg);
 }
 
-/* The argument goes to the parser of its command. */
+/* The argument goes to the parser of its command; any other command's
+ * argument is a name. */
 void check_arguments(const std::string &line)
 {
+    static const std::map<std::string, void (*)(const std::string &)> parsers = {
+        {"REST", rest}, {"ALLO", allo}, {"CKSM", cksm}, {"PORT", port}, {"EPRT", eprt},
+        {"EPSV", epsv}, {"LIST", list}, {"NLST", list}, {"OPTS", opts},
+    };
     CommandLine command = split_command(line);
-    const std::string &verb = command.verb;
-    if (verb == "REST")
-        rest(command.arg);
-    else if (verb == "ALLO")
-        allo(command.arg);
-    else if (verb == "CKSM")
-        cksm(command.arg);
-    else if (verb == "PORT")
-        port(command.arg);
-    else if (verb == "EPRT")
-        eprt(command.arg);
-    else if (verb == "EPSV")
-        epsv(command.arg);
-    else if (verb == "LIST" || verb == "NLST")
-        list(command.arg);
-    else if (verb == "OPTS")
-        check((parse_fact_list(command.arg) & ~63u) == 0, "an MLST fact beyond the known six");
-    else
-        any_name(command.arg);
+    auto parser = parsers.find(command.verb);
+    (parser != parsers.end() ? parser->second : any_name)(command.arg);
 }
 
 } // namespace

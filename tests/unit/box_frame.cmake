@@ -1,12 +1,15 @@
 # Unit tests of the Box plug-in: module and table, debug log, box error and
-# answer translation, policy, credential, path variables, pacing, item
-# records, session caches, the session journal's file and the checksum
-# digest pipe.
+# answer translation, policy, credential, path variables, pacing and its
+# store (without a Redis server: a listener that hangs up stands for one
+# that cannot be used), the upload lock, item records, session caches, the
+# session journal's file and the checksum digest pipe.
 add_executable(box_frame_test
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_debug_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_error_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_session_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_frame_retry_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_pacing_store_test.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/box_upload_lock_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_item_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_namespace_cache_test.cpp
   ${CMAKE_CURRENT_LIST_DIR}/box_journal_file_test.cpp

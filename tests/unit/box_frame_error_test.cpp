@@ -33,16 +33,10 @@ std::string printable(tarvex_object_t *error)
     return result;
 }
 
-class BoxFrameError : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() { tarvex_module_activate(&tarvex_i_common_module); }
-    static void TearDownTestSuite() { tarvex_module_deactivate(&tarvex_i_common_module); }
-};
-
 /* Pairs without a key or a value are skipped and, as long as the first pair
  * prints, leave the sizing alone: none of these trips its check.  A present
  * but empty value after the first pair does. */
-TEST_F(BoxFrameError, PrintsOneQuotedLinePerPair)
+TEST(BoxFrameError, PrintsOneQuotedLinePerPair)
 {
     const struct { pairs info; const char *text; } cases[] = {
         {{{"Box-Error", "not_found"}, {"Box-Details", "x"}},
@@ -58,7 +52,7 @@ TEST_F(BoxFrameError, PrintsOneQuotedLinePerPair)
     EXPECT_DEATH(printable(box_error({{"A", "1"}, {"B", ""}}).get()), "strlen\\(msg\\) == len");
 }
 
-TEST_F(BoxFrameError, GetInfoFollowsTheCauseAndAddInfoMerges)
+TEST(BoxFrameError, GetInfoFollowsTheCauseAndAddInfoMerges)
 {
     object_ptr ftp(tarvex_gfs_ftp_response_error_construct(
                        nullptr, box_error({{"Box-Error", "old"}}).release(), 550, "X", nullptr),
@@ -127,7 +121,7 @@ void check(const translation &t)
     EXPECT_EQ(got, t.result);
 }
 
-TEST_F(BoxFrameError, TranslatesBoxAnswersByCodeAndStatus)
+TEST(BoxFrameError, TranslatesBoxAnswersByCodeAndStatus)
 {
     const translation cases[] = {
         {404, R"({"code":"not_found","context_info":{"errors":[{"name":"a.txt"}]}})", nullptr,

@@ -33,17 +33,6 @@ void expect_box_table(const tarvex_gfs_storage_iface_t *t)
                  t->realpath_func);
 }
 
-TEST(BoxFrameLoad, RegistersTheTableUnderBoxAndRemovesIt)
-{
-    tarvex_extension_set_search_path(TARVEX_BOX_LIB_DIR);
-    ASSERT_EQ(tarvex_module_activate(&tarvex_i_common_module), 0);
-    ASSERT_EQ(tarvex_extension_activate(plugin), 0) << tarvex_extension_last_error();
-    expect_box_table(registered_box());
-    EXPECT_EQ(tarvex_extension_deactivate(plugin), 0);
-    EXPECT_EQ(registered_box(), nullptr);
-    tarvex_module_deactivate(&tarvex_i_common_module);
-}
-
 int rest_activations = 0;
 int count_rest_activation() { return ++rest_activations, 0; }
 int succeed() { return 0; }
@@ -75,13 +64,15 @@ TEST(BoxFrameLoad, FailingRuntimeStillRegistersTheTable)
     EXPECT_EQ(registered_box(), nullptr);
 }
 
-/* The check the server runs on the policy file before any login: the
- * session's own verdict, with the place of the fault. */
-TEST(BoxFrameLoad, RegistersTheCheckOfItsPolicy)
+/* The table under "box", and the check the server runs on the policy file
+ * before any login: the session's own verdict, with the place of the fault.
+ * Both go with deactivation. */
+TEST(BoxFrameLoad, RegistersTheTableAndTheCheckOfItsPolicy)
 {
     tarvex_extension_set_search_path(TARVEX_BOX_LIB_DIR);
     ASSERT_EQ(tarvex_module_activate(&tarvex_i_common_module), 0);
     ASSERT_EQ(tarvex_extension_activate(plugin), 0) << tarvex_extension_last_error();
+    expect_box_table(registered_box());
     const tarvex_gfs_config_checker_t *checker = tarvex_gfs_config_checker_find("box", "config");
     ASSERT_NE(checker, nullptr);
     EXPECT_EQ(tarvex_gfs_config_checker_find("box", "creds"), nullptr);
@@ -117,6 +108,7 @@ TEST(BoxFrameLoad, RegistersTheCheckOfItsPolicy)
     }
     EXPECT_EQ(tarvex_extension_deactivate(plugin), 0);
     EXPECT_EQ(tarvex_gfs_config_checker_find("box", "config"), nullptr);
+    EXPECT_EQ(registered_box(), nullptr);
     tarvex_module_deactivate(&tarvex_i_common_module);
 }
 

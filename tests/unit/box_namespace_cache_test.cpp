@@ -38,10 +38,10 @@ TEST(BoxPathCache, KeysReplacementAndRelease)
     tarvex_i_box_destroy(box); /* both tables as start made them; the leak checker watches */
 }
 
-/* A listing takes new markers up to the page budget, and no marker twice
- * (the listing test against the emulator shows a repeat ending a listing;
- * the budget is far too many pages for it). */
-TEST(BoxListingMarkers, RepeatsAndThePageBudgetEndTheListing)
+/* A listing takes new markers up to the page budget: far too many pages
+ * for a test against the emulator, which pins the other end of a listing
+ * that would never end, a marker seen twice (box_session_listing_test). */
+TEST(BoxListingMarkers, ThePageBudgetEndsTheListing)
 {
     auto message = [](tarvex_result_t result) {
         tarvex_object_t *error = tarvex_error_get(result);
@@ -51,8 +51,6 @@ TEST(BoxListingMarkers, RepeatsAndThePageBudgetEndTheListing)
     };
     tarvex_box_listing_markers markers;
     EXPECT_EQ(markers.take("", "5"), TARVEX_SUCCESS);
-    EXPECT_EQ(message(markers.take("", "5")),
-              "Box repeated a listing marker; the listing of folder 5 was stopped.");
     for (size_t page = 1; page < tarvex_box_listing_markers::page_budget; page++)
         ASSERT_EQ(markers.take(std::to_string(page).c_str(), "5"), TARVEX_SUCCESS) << page;
     EXPECT_EQ(message(markers.take("one more", "5")),
