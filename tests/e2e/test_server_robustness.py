@@ -134,8 +134,8 @@ class BadInput(ServerTest):
             reply = c.cmd(line)
             self.assertTrue(reply.startswith(code), (line, reply))
             # No control character of the client's comes back.
-            self.assertIsNone(re.search(rb"[\x00-\x09\x0b-\x1f\x7f]|\xc2\x9b", reply.replace(b"\r\n", b"")),
-                              (line, reply))
+            text = reply.replace(b"\r\n", b"")
+            self.assertIsNone(re.search(rb"[\x00-\x1f\x7f]|\xc2\x9b", text), (line, reply))
         # Pipelined commands are answered in order.
         c.sock.sendall(b"MKD /pipe\r\nNOOP\r\nCKSM MD5 0 -1 /keep.txt\r\nSTAT\r\n"
                        b"CWD /pipe\r\nPWD\r\nRMD /pipe\r\nQUIT\r\n")
