@@ -13,8 +13,6 @@
 //   RETR   /async        data sent and the transfer finished from a thread of
 //                        the plug-in after the send function has returned
 //   RETR   /fail-mid     1 MiB sent, then a 451 error
-//   RETR   other         64 KiB of 'x'
-//   STOR   any path      counts the bytes; a later RETR /count returns it
 //   login  "refuse"      session start fails with a 530 of its own
 //   login  "stubborn"    session start ignores cancelling: sleeps 60 s, then
 //                        succeeds
@@ -32,10 +30,6 @@ namespace {
 int activate();
 int deactivate();
 const tarvex_version_t version = {0, 1, 0, 0};
-
-struct Session {
-    long long stored = 0;
-};
 
 tarvex_result_t ftp_error(int code, const char *cls, const char *msg, tarvex_object_t *cause = nullptr)
 {
@@ -58,12 +52,7 @@ void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *info)
         std::this_thread::sleep_for(std::chrono::seconds(60));
     tarvex_gridftp_server_set_checksum_support(op, "CAFE:1;");
     char home[] = "/home";
-    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, new Session, nullptr, home);
-}
-
-void destroy(void *arg)
-{
-    delete static_cast<Session *>(arg);
+    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, nullptr, nullptr, home);
 }
 
 tarvex_gridftp_server_control_stat_t entry(char *name, int mode, tarvex_off_t size)
@@ -110,7 +99,7 @@ void stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *info, void *)
         tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, batch.data(), 0);
         return;
     }
-    if (path == "/async" || path == "/fail-mid" || path == "/count" || path == "/plain") {
+    if (path == "/async" || path == "/fail-mid") {
         char *name = info->pathname;
         auto s = entry(name, 0100644, 65536);
         tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, &s, 1);
@@ -192,10 +181,9 @@ tarvex_result_t write_all(tarvex_gfs_operation_t op, Writer &w, int n)
     return TARVEX_SUCCESS;
 }
 
-void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
+void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *)
 {
     std::string path = info->pathname;
-    auto *s = static_cast<Session *>(arg);
     if (path == "/async") {
         std::thread([op] {
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -212,64 +200,10 @@ void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg
     Writer w;
     tarvex_mutex_init(&w.mu, nullptr);
     tarvex_cond_init(&w.cv, nullptr);
-    if (path == "/count") {
-        std::string text = std::to_string(s->stored) + "\n";
-        w.buf.assign(text.begin(), text.end());
-        tarvex_gridftp_server_finished_transfer(op, write_all(op, w, 1));
-        return;
-    }
     w.buf.assign(65536, 'x');
     tarvex_result_t r = write_all(op, w, path == "/fail-mid" ? 16 : 1);
     if (r == TARVEX_SUCCESS && path == "/fail-mid")
         r = ftp_error(451, "BACKEND_ERROR", "GridFTP-Error: the backend went away.");
-    tarvex_gridftp_server_finished_transfer(op, r);
-}
-
-struct Reader {
-    tarvex_mutex_t mu;
-    tarvex_cond_t cv;
-    bool done = false;
-    bool eof = false;
-    tarvex_result_t result = TARVEX_SUCCESS;
-    tarvex_size_t n = 0;
-};
-
-void read_cb(tarvex_gfs_operation_t, tarvex_result_t r, tarvex_byte_t *, tarvex_size_t n,
-             tarvex_off_t, bool eof, void *arg)
-{
-    auto *rd = static_cast<Reader *>(arg);
-    tarvex_mutex_lock(&rd->mu);
-    rd->result = r;
-    rd->n = n;
-    rd->eof = eof;
-    rd->done = true;
-    tarvex_cond_signal(&rd->cv);
-    tarvex_mutex_unlock(&rd->mu);
-}
-
-void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *, void *arg)
-{
-    auto *s = static_cast<Session *>(arg);
-    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-    std::vector<tarvex_byte_t> buf(100000);
-    Reader rd;
-    tarvex_mutex_init(&rd.mu, nullptr);
-    tarvex_cond_init(&rd.cv, nullptr);
-    long long total = 0;
-    tarvex_result_t r = TARVEX_SUCCESS;
-    while (r == TARVEX_SUCCESS && !rd.eof) {
-        rd.done = false;
-        r = tarvex_gridftp_server_register_read(op, buf.data(), buf.size(), read_cb, &rd);
-        if (r != TARVEX_SUCCESS)
-            break;
-        tarvex_mutex_lock(&rd.mu);
-        while (!rd.done)
-            tarvex_cond_wait(&rd.cv, &rd.mu);
-        tarvex_mutex_unlock(&rd.mu);
-        r = rd.result;
-        total += static_cast<long long>(rd.n);
-    }
-    s->stored = total;
     tarvex_gridftp_server_finished_transfer(op, r);
 }
 
@@ -285,7 +219,7 @@ tarvex_result_t realpath(const char *in, char **out, void *)
 const tarvex_gfs_storage_iface_t table = {
     TARVEX_GFS_DSI_DESCRIPTOR_SENDER | TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS |
         TARVEX_GFS_DSI_DESCRIPTOR_HAS_REALPATH,
-    start, destroy, nullptr, send, recv, nullptr, nullptr, nullptr, nullptr, command, stat,
+    start, nullptr, nullptr, send, nullptr, nullptr, nullptr, nullptr, nullptr, command, stat,
     nullptr, nullptr, realpath};
 
 } // namespace
