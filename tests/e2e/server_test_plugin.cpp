@@ -10,9 +10,10 @@
 //                        cancelled, as seen from its thread, then fails
 //   CKSM   /stubborn     ignores cancelling: sleeps 60 s, then "beef"
 //   CKSM   other         "cafe"
-//   RETR   /async        data sent and the transfer finished from a thread of
-//                        the plug-in after the send function has returned
-//   RETR   /fail-mid     1 MiB sent, then a 451 error
+//   RETR   /async        16 KiB sent and the transfer finished from a thread
+//                        of the plug-in after the send function has returned
+//   RETR   /fail-mid     1 MiB sent, then a 451 error (from the write's
+//                        completion, as is every transfer's end)
 //   login  "refuse"      session start fails with a 530 of its own
 //   login  "stubborn"    session start ignores cancelling: sleeps 60 s, then
 //                        succeeds
@@ -138,47 +139,30 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *)
     tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);
 }
 
-struct Writer {
-    std::vector<tarvex_byte_t> buf;
-    int pending = 0;
-    tarvex_result_t result = TARVEX_SUCCESS;
-    tarvex_mutex_t mu;
-    tarvex_cond_t cv;
-};
+// Marks a write after which the transfer fails (/fail-mid).
+char fail_after_write;
 
-void write_cb(tarvex_gfs_operation_t, tarvex_result_t r, tarvex_byte_t *, tarvex_size_t, void *arg)
+// The end of a send: its one write done, the transfer finishes with the
+// write's failure, else with /fail-mid's.
+void written(tarvex_gfs_operation_t op, tarvex_result_t r, tarvex_byte_t *buf, tarvex_size_t,
+             void *arg)
 {
-    auto *w = static_cast<Writer *>(arg);
-    tarvex_mutex_lock(&w->mu);
-    if (r != TARVEX_SUCCESS && w->result == TARVEX_SUCCESS)
-        w->result = r;
-    --w->pending;
-    tarvex_cond_signal(&w->cv);
-    tarvex_mutex_unlock(&w->mu);
+    delete[] buf;
+    if (r == TARVEX_SUCCESS && arg == &fail_after_write)
+        r = ftp_error(451, "BACKEND_ERROR", "GridFTP-Error: the backend went away.");
+    tarvex_gridftp_server_finished_transfer(op, r);
 }
 
-// Writes `n` copies of the buffer one after another, waiting for each.
-tarvex_result_t write_all(tarvex_gfs_operation_t op, Writer &w, int n)
+// Sends `n` bytes of `c` in one write; `written` finishes the transfer.
+void write_once(tarvex_gfs_operation_t op, tarvex_size_t n, char c, void *arg)
 {
-    for (int i = 0; i < n; ++i) {
-        tarvex_mutex_lock(&w.mu);
-        ++w.pending;
-        tarvex_mutex_unlock(&w.mu);
-        tarvex_result_t r = tarvex_gridftp_server_register_write(
-            op, w.buf.data(), w.buf.size(), static_cast<tarvex_off_t>(i * w.buf.size()), -1,
-            write_cb, &w);
-        tarvex_mutex_lock(&w.mu);
-        if (r != TARVEX_SUCCESS)
-            --w.pending;
-        while (w.pending > 0)
-            tarvex_cond_wait(&w.cv, &w.mu);
-        tarvex_mutex_unlock(&w.mu);
-        if (r != TARVEX_SUCCESS)
-            return r;
-        if (w.result != TARVEX_SUCCESS)
-            return w.result;
+    auto *buf = new tarvex_byte_t[n];
+    memset(buf, c, n);
+    tarvex_result_t r = tarvex_gridftp_server_register_write(op, buf, n, 0, -1, written, arg);
+    if (r != TARVEX_SUCCESS) {
+        delete[] buf;
+        tarvex_gridftp_server_finished_transfer(op, r);
     }
-    return TARVEX_SUCCESS;
 }
 
 void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *)
@@ -188,23 +172,12 @@ void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *)
         std::thread([op] {
             std::this_thread::sleep_for(std::chrono::milliseconds(200));
             tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-            Writer w;
-            tarvex_mutex_init(&w.mu, nullptr);
-            tarvex_cond_init(&w.cv, nullptr);
-            w.buf.assign(4096, 'a');
-            tarvex_gridftp_server_finished_transfer(op, write_all(op, w, 4));
+            write_once(op, 16384, 'a', nullptr);
         }).detach();
         return;
     }
     tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-    Writer w;
-    tarvex_mutex_init(&w.mu, nullptr);
-    tarvex_cond_init(&w.cv, nullptr);
-    w.buf.assign(65536, 'x');
-    tarvex_result_t r = write_all(op, w, path == "/fail-mid" ? 16 : 1);
-    if (r == TARVEX_SUCCESS && path == "/fail-mid")
-        r = ftp_error(451, "BACKEND_ERROR", "GridFTP-Error: the backend went away.");
-    tarvex_gridftp_server_finished_transfer(op, r);
+    write_once(op, 1 << 20, 'x', path == "/fail-mid" ? &fail_after_write : nullptr);
 }
 
 // "/link" is a link to "/home"; "/broken" cannot be resolved.
