@@ -1,8 +1,9 @@
 """What an operator sets and reads: the transfer log (--transfer-log,
 xferlog lines for uploads and downloads by curl and ftplib, failed
 transfers), logins from a password file with the login and logout lines of
-each session process, --require-tls, and a server started in the
-background, as init scripts start it.  Rotation (rename, SIGHUP)
+each session process and the TLS sessions a user's data connections may
+resume, --require-tls, and a server started in the background, as init
+scripts start it.  Rotation (rename, SIGHUP)
 is test_box_operator's, on the audit log the listener reopens in the same
 loop, and gridftp_server_xferlog_test's."""
 import ftplib
@@ -134,9 +135,17 @@ class TransferLog(ServerTest):
         self.assertEqual((got["user"], got["bytes"], got["status"]), ("gina", 6, "c"))
 
 
+PASSWORDS = {"alice": "wonderland", "bob": "builder"}
+
+
 class Accounts(ServerTest):
     """Logins from a password file, each session as its login's local
     account, and what standard error says of each session process.
+    With a password file, a data connection may also resume a TLS session
+    given to another control connection of the same user (clients that
+    pool connections share one session cache), even one still logging in;
+    another user's, or that of a connection that never logs in, does not
+    let it in.
     Configuration data from a command run per login ($TARVEX_USER) is
     test_box_credential's, where tarvex-box-credential is that command."""
 
@@ -149,7 +158,7 @@ class Accounts(ServerTest):
                  "locked:!%s" % make_hash("x"),
                  "bob:%s:%s" % (make_hash("builder"), "nobody" if cls.root_run else me),
                  "ghost:%s:no-such-account-here" % make_hash("boo")]
-        cls.server_args = {"passwd": "\n".join(lines) + "\n"}
+        cls.server_args = {"tls": True, "passwd": "\n".join(lines) + "\n"}
         super().setUpClass()
         os.chmod(cls.server.tmp, 0o755)
         if cls.root_run:
@@ -209,6 +218,52 @@ class Accounts(ServerTest):
                      if l.startswith(prefix)]
             self.assertEqual(lines, ["connection from 127.0.0.1"] + failed
                              + ["alice logged in", logout])
+
+    def control(self, ctx, user=None):
+        f = ResumingFTP_TLS(context=ctx, timeout=30)
+        f.connect("127.0.0.1", self.server.port)
+        f.auth()
+        f.sendcmd("PBSZ 0")
+        if user is not None:
+            f.login(user, PASSWORDS[user])
+        return f
+
+    def test_sessions_of_one_user(self):
+        with open(self.local("secret.bin"), "wb") as f:
+            f.write(b"alice's")
+        os.chmod(self.local("secret.bin"), 0o644)
+        # One context for every connection, as a client with one session
+        # cache has.
+        ctx = ssl.create_default_context(cafile=self.server.ca)
+        owner = self.control(ctx, "alice")
+        owner.prot_p()
+        # The other control connection's user, whether it has logged in
+        # before the data connection resumes its session (else it logs in
+        # while the server checks), and whether the data go out.
+        cases = (("alice", True, True), ("alice", False, True), ("bob", True, False),
+                 (None, True, False))
+        for who, first, admitted in cases:
+            other = self.control(ctx, who if first else None)
+            session = other.sock.session
+            self.assertTrue(session.has_ticket, who)
+            if who is None:
+                other.close()  # never logs in
+            host, port = owner.makepasv()
+            conn = socket.create_connection((host, port), timeout=30)
+            self.assertTrue(owner.sendcmd("RETR /secret.bin").startswith("150"))
+            conn = owner.context.wrap_socket(conn, server_hostname="127.0.0.1", session=session)
+            if not first:
+                other.login(who, PASSWORDS[who])
+            got = conn.recv(100)
+            conn.close()
+            if admitted:
+                self.assertEqual(got, b"alice's", (who, first))
+                self.assertTrue(owner.voidresp().startswith("226"))
+            else:
+                self.assertEqual(got, b"", who)
+                self.assertRaisesRegex(ftplib.error_temp, "^425 .*not resumed", owner.voidresp)
+            other.close()
+        owner.quit()
 
 
 class RequireTls(ServerTest):

@@ -47,18 +47,17 @@ class PluginContract(ServerTest):
                 reply = str(e)
             self.assertRegex(reply, "^" + want, cmd)
 
-    def test_streamed_listing(self):
+    def test_streamed_listings(self):
         names = self.f.nlst("/many")
         self.assertEqual(names, ["file%d" % i for i in range(1000)])
         facts = dict(self.f.mlsd("/many"))
         self.assertEqual(facts["file999"]["size"], "999")
-
-    def test_listing_failing_after_a_batch(self):
+        # One failing after a batch: the batch went out, then the error.
         lines = []
         with self.assertRaises(ftplib.error_temp) as cm:
             self.f.retrlines("NLST /fail-late", lines.append)
         self.assertIn("the listing broke off", str(cm.exception))
-        self.assertEqual(len(lines), 100)  # the first batch went out before the failure
+        self.assertEqual(len(lines), 100)
         self.assertEqual(self.f.pwd(), "/home")
 
     def test_abor_cancels_the_operation(self):
@@ -79,12 +78,11 @@ class PluginContract(ServerTest):
         self.assertRaises(EOFError, self.f.getresp)
         self.assertIn("did not stop within 1 s", self.server.read_log())
 
-    def test_transfer_finished_from_another_thread(self):
+    def test_transfers_finished_from_other_threads(self):
         out = io.BytesIO()
         self.f.retrbinary("RETR /async", out.write)
         self.assertEqual(out.getvalue(), b"a" * 16384)
-
-    def test_failure_after_data_went_out(self):
+        # A failure after data went out.
         out = io.BytesIO()
         with self.assertRaises(ftplib.error_temp) as cm:
             self.f.retrbinary("RETR /fail-mid", out.write)
