@@ -56,18 +56,16 @@ class TransferLog(ServerTest):
         super().tearDownClass()
         shutil.rmtree(cls.dir, ignore_errors=True)
 
-    def line_for(self, path, direction, path_in_log=None):
+    def line_for(self, path, direction):
         """The parsed line of the transfer of `path` in `direction`, once
         written (a session sends it after its reply)."""
-        want = path_in_log or path
-
         def find():
             for line in read_lines(self.xferlog):
                 f = fields(line)
-                if f["path"] == want and f["direction"] == direction:
+                if f["path"] == path and f["direction"] == direction:
                     return f
             return None
-        return wait_for(find, "the transfer log line of %s %s" % (direction, want))
+        return wait_for(find, "the transfer log line of %s %s" % (direction, path))
 
     def curl(self, *args):
         r = subprocess.run(["curl", "-sS", "--user", "carol:secret", "--max-time", "60"] +
