@@ -5,9 +5,9 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_posix)
   add_library(tarvex_gridftp_server_e2etest MODULE ${CMAKE_CURRENT_LIST_DIR}/server_test_plugin.cpp)
   target_link_libraries(tarvex_gridftp_server_e2etest PRIVATE tarvex_gridftp_server tarvex_common)
   set_target_properties(tarvex_gridftp_server_e2etest PROPERTIES PREFIX "lib")
-  foreach(suite test_server_clients test_server_ftplib test_server_robustness
-                test_server_accounts test_server_plugin_contract test_server_operator
-                test_server_docs test_server_replies)
+  foreach(suite test_server_ftplib test_server_robustness
+                test_server_plugin_contract test_server_operator
+                test_server_docs)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
       add_test(NAME e2e_${suite}
                COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}

@@ -10,11 +10,10 @@
 //                        cancelled, as seen from its thread, then fails
 //   CKSM   /stubborn     ignores cancelling: sleeps 60 s, then "beef"
 //   CKSM   other         "cafe"
-//   RETR   /async        data sent and the transfer finished from a thread of
-//                        the plug-in after the send function has returned
-//   RETR   /fail-mid     1 MiB sent, then a 451 error
-//   RETR   other         64 KiB of 'x'
-//   STOR   any path      counts the bytes; a later RETR /count returns it
+//   RETR   /async        16 KiB sent and the transfer finished from a thread
+//                        of the plug-in after the send function has returned
+//   RETR   /fail-mid     1 MiB sent, then a 451 error (from the write's
+//                        completion, as is every transfer's end)
 //   login  "refuse"      session start fails with a 530 of its own
 //   login  "stubborn"    session start ignores cancelling: sleeps 60 s, then
 //                        succeeds
@@ -32,10 +31,6 @@ namespace {
 int activate();
 int deactivate();
 const tarvex_version_t version = {0, 1, 0, 0};
-
-struct Session {
-    long long stored = 0;
-};
 
 tarvex_result_t ftp_error(int code, const char *cls, const char *msg, tarvex_object_t *cause = nullptr)
 {
@@ -58,12 +53,7 @@ void start(tarvex_gfs_operation_t op, tarvex_gfs_session_info_t *info)
         std::this_thread::sleep_for(std::chrono::seconds(60));
     tarvex_gridftp_server_set_checksum_support(op, "CAFE:1;");
     char home[] = "/home";
-    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, new Session, nullptr, home);
-}
-
-void destroy(void *arg)
-{
-    delete static_cast<Session *>(arg);
+    tarvex_gridftp_server_finished_session_start(op, TARVEX_SUCCESS, nullptr, nullptr, home);
 }
 
 tarvex_gridftp_server_control_stat_t entry(char *name, int mode, tarvex_off_t size)
@@ -110,7 +100,7 @@ void stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *info, void *)
         tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, batch.data(), 0);
         return;
     }
-    if (path == "/async" || path == "/fail-mid" || path == "/count" || path == "/plain") {
+    if (path == "/async" || path == "/fail-mid") {
         char *name = info->pathname;
         auto s = entry(name, 0100644, 65536);
         tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, &s, 1);
@@ -149,128 +139,45 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *)
     tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);
 }
 
-struct Writer {
-    std::vector<tarvex_byte_t> buf;
-    int pending = 0;
-    tarvex_result_t result = TARVEX_SUCCESS;
-    tarvex_mutex_t mu;
-    tarvex_cond_t cv;
-};
+// Marks a write after which the transfer fails (/fail-mid).
+char fail_after_write;
 
-void write_cb(tarvex_gfs_operation_t, tarvex_result_t r, tarvex_byte_t *, tarvex_size_t, void *arg)
+// The end of a send: its one write done, the transfer finishes with the
+// write's failure, else with /fail-mid's.
+void written(tarvex_gfs_operation_t op, tarvex_result_t r, tarvex_byte_t *buf, tarvex_size_t,
+             void *arg)
 {
-    auto *w = static_cast<Writer *>(arg);
-    tarvex_mutex_lock(&w->mu);
-    if (r != TARVEX_SUCCESS && w->result == TARVEX_SUCCESS)
-        w->result = r;
-    --w->pending;
-    tarvex_cond_signal(&w->cv);
-    tarvex_mutex_unlock(&w->mu);
-}
-
-// Writes `n` copies of the buffer one after another, waiting for each.
-tarvex_result_t write_all(tarvex_gfs_operation_t op, Writer &w, int n)
-{
-    for (int i = 0; i < n; ++i) {
-        tarvex_mutex_lock(&w.mu);
-        ++w.pending;
-        tarvex_mutex_unlock(&w.mu);
-        tarvex_result_t r = tarvex_gridftp_server_register_write(
-            op, w.buf.data(), w.buf.size(), static_cast<tarvex_off_t>(i * w.buf.size()), -1,
-            write_cb, &w);
-        tarvex_mutex_lock(&w.mu);
-        if (r != TARVEX_SUCCESS)
-            --w.pending;
-        while (w.pending > 0)
-            tarvex_cond_wait(&w.cv, &w.mu);
-        tarvex_mutex_unlock(&w.mu);
-        if (r != TARVEX_SUCCESS)
-            return r;
-        if (w.result != TARVEX_SUCCESS)
-            return w.result;
-    }
-    return TARVEX_SUCCESS;
-}
-
-void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *arg)
-{
-    std::string path = info->pathname;
-    auto *s = static_cast<Session *>(arg);
-    if (path == "/async") {
-        std::thread([op] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-            Writer w;
-            tarvex_mutex_init(&w.mu, nullptr);
-            tarvex_cond_init(&w.cv, nullptr);
-            w.buf.assign(4096, 'a');
-            tarvex_gridftp_server_finished_transfer(op, write_all(op, w, 4));
-        }).detach();
-        return;
-    }
-    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-    Writer w;
-    tarvex_mutex_init(&w.mu, nullptr);
-    tarvex_cond_init(&w.cv, nullptr);
-    if (path == "/count") {
-        std::string text = std::to_string(s->stored) + "\n";
-        w.buf.assign(text.begin(), text.end());
-        tarvex_gridftp_server_finished_transfer(op, write_all(op, w, 1));
-        return;
-    }
-    w.buf.assign(65536, 'x');
-    tarvex_result_t r = write_all(op, w, path == "/fail-mid" ? 16 : 1);
-    if (r == TARVEX_SUCCESS && path == "/fail-mid")
+    delete[] buf;
+    if (r == TARVEX_SUCCESS && arg == &fail_after_write)
         r = ftp_error(451, "BACKEND_ERROR", "GridFTP-Error: the backend went away.");
     tarvex_gridftp_server_finished_transfer(op, r);
 }
 
-struct Reader {
-    tarvex_mutex_t mu;
-    tarvex_cond_t cv;
-    bool done = false;
-    bool eof = false;
-    tarvex_result_t result = TARVEX_SUCCESS;
-    tarvex_size_t n = 0;
-};
-
-void read_cb(tarvex_gfs_operation_t, tarvex_result_t r, tarvex_byte_t *, tarvex_size_t n,
-             tarvex_off_t, bool eof, void *arg)
+// Sends `n` bytes of `c` in one write; `written` finishes the transfer.
+void write_once(tarvex_gfs_operation_t op, tarvex_size_t n, char c, void *arg)
 {
-    auto *rd = static_cast<Reader *>(arg);
-    tarvex_mutex_lock(&rd->mu);
-    rd->result = r;
-    rd->n = n;
-    rd->eof = eof;
-    rd->done = true;
-    tarvex_cond_signal(&rd->cv);
-    tarvex_mutex_unlock(&rd->mu);
+    auto *buf = new tarvex_byte_t[n];
+    memset(buf, c, n);
+    tarvex_result_t r = tarvex_gridftp_server_register_write(op, buf, n, 0, -1, written, arg);
+    if (r != TARVEX_SUCCESS) {
+        delete[] buf;
+        tarvex_gridftp_server_finished_transfer(op, r);
+    }
 }
 
-void recv(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *, void *arg)
+void send(tarvex_gfs_operation_t op, tarvex_gfs_transfer_info_t *info, void *)
 {
-    auto *s = static_cast<Session *>(arg);
-    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
-    std::vector<tarvex_byte_t> buf(100000);
-    Reader rd;
-    tarvex_mutex_init(&rd.mu, nullptr);
-    tarvex_cond_init(&rd.cv, nullptr);
-    long long total = 0;
-    tarvex_result_t r = TARVEX_SUCCESS;
-    while (r == TARVEX_SUCCESS && !rd.eof) {
-        rd.done = false;
-        r = tarvex_gridftp_server_register_read(op, buf.data(), buf.size(), read_cb, &rd);
-        if (r != TARVEX_SUCCESS)
-            break;
-        tarvex_mutex_lock(&rd.mu);
-        while (!rd.done)
-            tarvex_cond_wait(&rd.cv, &rd.mu);
-        tarvex_mutex_unlock(&rd.mu);
-        r = rd.result;
-        total += static_cast<long long>(rd.n);
+    std::string path = info->pathname;
+    if (path == "/async") {
+        std::thread([op] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+            write_once(op, 16384, 'a', nullptr);
+        }).detach();
+        return;
     }
-    s->stored = total;
-    tarvex_gridftp_server_finished_transfer(op, r);
+    tarvex_gridftp_server_begin_transfer(op, 0, nullptr);
+    write_once(op, 1 << 20, 'x', path == "/fail-mid" ? &fail_after_write : nullptr);
 }
 
 // "/link" is a link to "/home"; "/broken" cannot be resolved.
@@ -285,7 +192,7 @@ tarvex_result_t realpath(const char *in, char **out, void *)
 const tarvex_gfs_storage_iface_t table = {
     TARVEX_GFS_DSI_DESCRIPTOR_SENDER | TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS |
         TARVEX_GFS_DSI_DESCRIPTOR_HAS_REALPATH,
-    start, destroy, nullptr, send, recv, nullptr, nullptr, nullptr, nullptr, command, stat,
+    start, nullptr, nullptr, send, nullptr, nullptr, nullptr, nullptr, nullptr, command, stat,
     nullptr, nullptr, realpath};
 
 } // namespace

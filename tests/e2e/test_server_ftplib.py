@@ -1,14 +1,19 @@
 """Every command of the server through Python's ftplib, in the clear; the
 data connections in every mode once more over explicit TLS (AUTH TLS,
-PBSZ, PROT P)."""
+PBSZ, PROT P), where curl and lftp run too (their runs in the clear are
+test_box_transfers', as are wget's download and curl's resumed one: the
+clients speak to the server alike whatever its plug-in); every byte of
+theirs compared by SHA-256."""
 import ftplib
 import hashlib
 import io
 import os
+import shutil
 import socket
+import tempfile
 import unittest
 
-from harness import ServerTest, own_server
+from harness import ClientRuns, ServerTest, own_server, run, sha256_file, write_random
 
 
 def use_eprt(f):
@@ -60,55 +65,54 @@ class Session(ServerTest):
             f.write(data)
 
 
+# Replies walked in one login: (command, what the reply starts with, as a
+# regular expression).  How arguments are read is
+# gridftp_server_parse_test's.
+INFORMATION = [
+    ("SYST", "215 UNIX"), ("OPTS UTF8 ON", "200"), ("HELP", "214"), ("NOOP", "200"),
+    ("TYPE A", "200"), ("TYPE I", "200"), ("TYPE L 8", "200"), ("MODE S", "200"),
+    ("STRU F", "200"), ("TYPE E", "504"), ("TYPE L 7", "504"), ("MODE B", "504"),
+    ("STRU R", "504"), ("STAT", "211-(?s:.*)Logged in as anonymous"),
+]
+FOLDERS = [
+    ("MKD n1", '257 "/n1"'), ("MKD /n1/n2", "257"), ("CWD n1/n2", "250"),
+    ("PWD", '257 "/n1/n2"'), ("CDUP", "2"), ("PWD", '257 "/n1"'), ("CWD /no-such", "550"),
+]
+FILES = [
+    ("CWD /n1/file.txt", "550"), ("SIZE /n1//file.txt", "213 10$"),
+    ("SITE CHMOD 640 /n1/file.txt", "200"), ("SITE CHMOD 9x /n1/file.txt", "501"),
+    ("MDTM /n1/file.txt", r"213 \d{14}$"), ("CKSM ADLER32 0 -1 /n1/file.txt", "504"),
+    ("CKSM MD5 0 -1 /n1/none", "550"), ("RNFR /n1/file.txt", "350"),
+    ("RNTO /n1/n2/moved.txt", "250"), ("RNFR /n1/none", "550"), ("RNTO /n1/x", "503"),
+    ("RMD /n1", "550"),  # not empty
+]
+EMPTYING = [
+    ("SITE CHMOD 0 /n1/n2/moved.txt", "200"), ("DELE /n1/n2/moved.txt", "250"),
+    ("RMD /n1/n2", "250"), ("RMD /n1", "250"), ("DELE /n1", "550"),
+]
+
+
 class Ftplib(Session):
-    def test_information_commands(self):
-        self.assertTrue(self.f.sendcmd("SYST").startswith("215 UNIX"))
+    def walk(self, steps):
+        for cmd, want in steps:
+            try:
+                reply = self.f.sendcmd(cmd)
+            except ftplib.Error as e:
+                reply = str(e)
+            self.assertRegex(reply, "^" + want, cmd)
+
+    def test_commands_in_one_login(self):
         feat = self.f.sendcmd("FEAT")
         for word in ("EPSV", "MLST type*;size*;", "REST STREAM", "SIZE", "MDTM", "UTF8",
                      "CKSM MD5,SHA1", "SITE RDEL"):
             self.assertIn(word, feat)
         self.assertEqual(self.tls, "AUTH TLS" in feat)
-        self.assertTrue(self.f.sendcmd("OPTS UTF8 ON").startswith("200"))
-        self.assertTrue(self.f.sendcmd("HELP").startswith("214"))
-        self.assertTrue(self.f.sendcmd("NOOP").startswith("200"))
-        for cmd in ("TYPE A", "TYPE I", "MODE S", "STRU F"):
-            self.assertTrue(self.f.sendcmd(cmd).startswith("200"), cmd)
-        for cmd in ("TYPE E", "MODE B", "STRU R"):
-            self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, cmd)
-        status = self.f.sendcmd("STAT")
-        self.assertRegex(status, r"^211-")
-        self.assertIn("Logged in as anonymous", status)
-
-    def test_folders_and_names(self):
-        self.assertEqual(self.f.pwd(), "/")
-        self.assertEqual(self.f.mkd("n1"), "/n1")
-        self.f.mkd("/n1/n2")
-        self.f.cwd("n1/n2")
-        self.assertEqual(self.f.pwd(), "/n1/n2")
-        self.f.sendcmd("CDUP")
-        self.assertEqual(self.f.pwd(), "/n1")
-        # ".." never leads above the root, however many there are.
-        self.f.cwd("../../../..")
-        self.assertEqual(self.f.pwd(), "/")
-        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.cwd, "/no-such")
+        self.walk(INFORMATION + FOLDERS)
         self.put("n1/file.txt", b"0123456789")
-        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.cwd, "/n1/file.txt")
-        self.assertEqual(self.f.size("/n1//file.txt"), 10)
-        self.assertTrue(self.f.sendcmd("SITE CHMOD 640 /n1/file.txt").startswith("200"))
-        self.assertEqual(os.stat(self.local("n1/file.txt")).st_mode & 0o777, 0o640)
-        self.assertRaisesRegex(ftplib.error_perm, "^501", self.f.sendcmd, "SITE CHMOD 9x /n1/file.txt")
-        mdtm = self.f.sendcmd("MDTM /n1/file.txt")
-        self.assertRegex(mdtm, r"^213 \d{14}$")
-        self.f.rename("/n1/file.txt", "/n1/n2/moved.txt")
-        self.assertTrue(os.path.exists(self.local("n1/n2/moved.txt")))
-        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.rename, "/n1/none", "/n1/x")
-        self.assertRaisesRegex(ftplib.error_perm, "^503", self.f.sendcmd, "RNTO /n1/x")
-        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.rmd, "/n1")  # not empty
-        self.f.delete("/n1/n2/moved.txt")
-        self.f.rmd("/n1/n2")
-        self.f.rmd("/n1")
+        self.walk(FILES)
+        self.assertEqual(os.stat(self.local("n1/n2/moved.txt")).st_mode & 0o777, 0o640)
+        self.walk(EMPTYING)
         self.assertFalse(os.path.exists(self.local("n1")))
-        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.delete, "/n1")
 
     def test_listings(self):
         for i in range(250):  # more than two of the plug-in's batches
@@ -117,17 +121,13 @@ class Ftplib(Session):
         names = self.f.nlst("/many")
         self.assertEqual(sorted(names), sorted(["f%03d.txt" % i for i in range(250)] + ["sub"]))
         facts = dict(self.f.mlsd("/many"))
-        self.assertEqual(facts["."]["type"], "cdir")
-        self.assertEqual(facts["sub"]["type"], "dir")
-        self.assertEqual(facts["f123.txt"]["type"], "file")
+        # (How facts are written is gridftp_server_parse_test's.)
+        self.assertEqual((facts["."]["type"], facts["sub"]["type"]), ("cdir", "dir"))
         self.assertEqual(facts["f123.txt"]["size"], "123")
-        self.assertRegex(facts["f123.txt"]["modify"], r"^\d{14}$")
-        self.assertIn("r", facts["f123.txt"]["perm"])
         self.assertEqual(len({f["unique"] for f in facts.values()}), 252)
         lines = []
         self.f.retrlines("LIST -la /many", lines.append)
         self.assertEqual(len(lines), 251)
-        self.assertTrue(any(l.startswith("d") and l.endswith(" sub") for l in lines))
         one = []
         self.f.retrlines("LIST /many/f007.txt", one.append)
         self.assertEqual(len(one), 1)
@@ -142,59 +142,33 @@ class Ftplib(Session):
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "/no-such-folder")
 
     def test_wildcards_and_recursive_listings(self):
-        for rel in ("a.txt", "b.txt", "c.bin", ".h.txt", "x1.txt", "x[1].txt", "-dash.txt",
-                    "sub/d.txt", "sub/deep/e.txt"):
+        # (Which names a pattern matches is gridftp_server_parse_test's;
+        # clients' wildcards, LIST -R and unique facts test_box_clients'.)
+        for rel in ("a.txt", "c.bin", "x[1].txt", "sub/d.txt", "sub/deep/e.txt"):
             self.put("w/" + rel, rel.encode())
-        self.assertEqual(sorted(self.f.nlst("/w/*.txt")),
-                         ["/w/-dash.txt", "/w/a.txt", "/w/b.txt", "/w/x1.txt", "/w/x[1].txt"])
+        self.assertEqual(sorted(self.f.nlst("/w/*.txt")), ["/w/a.txt", "/w/x[1].txt"])
         self.f.cwd("/w")
-        self.assertEqual(sorted(self.f.nlst("?.bin")), ["c.bin"])
         self.assertEqual(sorted(self.f.nlst("sub/*")), ["sub/d.txt", "sub/deep"])
-        # A name that exists as written is not taken as a pattern, and a
-        # word that starts with '-' but is no set of options is a name.
+        # A name that exists as written is not taken as a pattern.
         self.assertEqual(self.f.nlst("x[1].txt"), ["x[1].txt"])
-        self.assertEqual(self.f.nlst("-dash.txt"), ["-dash.txt"])
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "*.none")
-        lines = []
-        self.f.retrlines("LIST -lR /w", lines.append)
-        self.assertEqual([l for l in lines if l.endswith(":")], ["/w/sub:", "/w/sub/deep:"])
-        self.assertTrue(lines[-1].endswith(" e.txt"), lines)
-        self.assertEqual(sum(1 for l in lines if l[:1] in ("-", "d")), 11)
         names = []
         self.f.retrlines("NLST -R", names.append)
         self.assertEqual(names[names.index("./sub/deep:") + 1:], ["e.txt"])
-        # One item, one unique fact, however it is asked for.
-        facts = dict(self.f.mlsd("/w"))
-        mlst = self.f.sendcmd("MLST /w/a.txt")
-        self.assertIn("unique=%s;" % facts["a.txt"]["unique"], mlst)
-        self.assertEqual(dict(self.f.mlsd("/w/sub"))["."]["unique"], facts["sub"]["unique"])
 
-    def test_ascii_mode_and_stou(self):
-        self.f.storlines("STOR /t.txt", io.BytesIO(b"one\r\ntwo\nthree\r\n"))
-        with open(self.local("t.txt"), "rb") as f:
-            self.assertEqual(f.read(), b"one\ntwo\nthree\n")
+    def test_ascii_mode(self):
+        # (Clients' ASCII uploads and STOU are test_box_clients'.)
+        self.put("t.txt", b"one\ntwo\nthree\n")
         self.f.sendcmd("TYPE A")
         self.assertEqual(self.f.size("/t.txt"), 14)  # the stored bytes
         self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, "REST 3")
-        conn = self.f.transfercmd("RETR /t.txt")
+        conn = self.f.transfercmd("RETR /t.txt")  # as sent, line ends and all
         got = b""
         while chunk := conn.recv(65536):
             got += chunk
         conn.close()
         self.f.voidresp()
         self.assertEqual(got, b"one\r\ntwo\r\nthree\r\n")
-        # STOU: a new name beside the one suggested, named in the 150 reply.
-        self.f.sendcmd("TYPE I")
-        said = []
-        send = self.f.sendcmd
-        self.f.sendcmd = lambda cmd: said.append(send(cmd)) or said[-1]
-        self.f.storbinary("STOU t.txt", io.BytesIO(b"\r\nunique"))
-        del self.f.sendcmd
-        self.assertRegex(said[-1], r"^150 FILE: t\.txt\.[0-9a-f]{8}$")
-        with open(self.local(said[-1][len("150 FILE: "):]), "rb") as f:
-            self.assertEqual(f.read(), b"\r\nunique")
-        with open(self.local("t.txt"), "rb") as f:
-            self.assertEqual(f.read(), b"one\ntwo\nthree\n")
 
     def test_transfers_in_every_data_mode(self):
         data = os.urandom(5 * 1024 * 1024 + 123)
@@ -234,21 +208,16 @@ class Ftplib(Session):
         self.f.storbinary("STOR /r.bin", io.BytesIO(b"Z" * 1000), rest=1000)
         with open(self.local("r.bin"), "rb") as f:
             self.assertEqual(f.read(), data[:1000] + b"Z" * 1000 + data[2000:])
-        self.assertRaisesRegex(ftplib.error_perm, "^501", self.f.sendcmd, "REST abc")
 
     def test_checksums(self):
         data = os.urandom(2 * 1024 * 1024 + 5)
         self.put("c.bin", data)
-        cases = [("MD5", 0, -1, hashlib.md5(data)), ("SHA1", 0, -1, hashlib.sha1(data)),
+        cases = [("MD5", 0, -1, hashlib.md5(data)),
                  ("md5", 100, 5000, hashlib.md5(data[100:5100])),
-                 ("SHA1", 1000, -1, hashlib.sha1(data[1000:])),
-                 ("MD5", 0, 0, hashlib.md5(b""))]
+                 ("SHA1", 1000, -1, hashlib.sha1(data[1000:]))]
         for alg, off, length, want in cases:
             resp = self.f.sendcmd("CKSM %s %d %d /c.bin" % (alg, off, length))
             self.assertEqual(resp, "213 " + want.hexdigest(), (alg, off, length))
-        self.assertRaisesRegex(ftplib.error_perm, "^504", self.f.sendcmd, "CKSM ADLER32 0 -1 /c.bin")
-        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.sendcmd, "CKSM MD5 0 -1 /none")
-        self.assertRaisesRegex(ftplib.error_perm, "^501", self.f.sendcmd, "CKSM MD5 x -1 /c.bin")
 
     def test_recursive_delete(self):
         for rel in ("rd/a.txt", "rd/b/c.txt", "rd/b/d/e.txt"):
@@ -256,24 +225,8 @@ class Ftplib(Session):
         os.symlink("/etc", self.local("rd/b/link"))
         self.assertTrue(self.f.sendcmd("SITE RDEL /rd").startswith("250"))
         self.assertFalse(os.path.exists(self.local("rd")))
-        self.assertTrue(os.path.exists("/etc/hostname") or os.path.isdir("/etc"))
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.sendcmd, "SITE RDEL /rd")
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.sendcmd, "SITE RDEL /")
-
-    def test_abort_during_download(self):
-        with open(self.local("abort.bin"), "wb") as f:
-            f.truncate(512 * 1024 * 1024)
-        conn = self.f.transfercmd("RETR /abort.bin")
-        self.assertTrue(conn.recv(65536))
-        self.assertIn("Transfer in progress: /abort.bin", self.f.sendcmd("STAT"))
-        self.assertEqual(self.f.sendcmd("NOOP"), "200 NOOP ok.")
-        resp = self.f.abort()
-        conn.close()
-        self.assertTrue(resp.startswith("426"), resp)
-        self.assertTrue(self.f.getresp().startswith("226"))
-        # The session goes on.
-        self.assertEqual(self.f.size("/abort.bin"), 512 * 1024 * 1024)
-        self.assertTrue(self.f.sendcmd("ABOR").startswith("225"))
 
     def test_paths_stay_inside_the_root(self):
         outside = os.path.join(self.server.tmp, "outside.txt")
@@ -281,9 +234,9 @@ class Ftplib(Session):
             f.write("secret")
         os.symlink(outside, self.local("escape"))
         os.symlink("/", self.local("escape-dir"))
-        for path in ("../outside.txt", "/../../outside.txt", "/a/../../outside.txt"):
+        # (How ".." is resolved is gridftp_server_parse_test's.)
+        for path in ("/a/../../outside.txt", "/escape"):
             self.assertRaisesRegex(ftplib.error_perm, "^550", fetch, self.f, path)
-        self.assertRaisesRegex(ftplib.error_perm, "^550", fetch, self.f, "/escape")
         # A link out of the root shows as the link itself, never its contents.
         self.assertNotIn("etc", self.f.nlst("/escape-dir"))
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.cwd, "/escape-dir")
@@ -311,9 +264,19 @@ class Ftplib(Session):
         f.quit()
 
 
-class FtplibTls(Session):
+class Tls(ClientRuns, Session):
     tls = True
     test_transfers_in_every_data_mode = Ftplib.test_transfers_in_every_data_mode
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        cls.work = tempfile.mkdtemp(prefix="tarvex-e2e-client-")
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.work, ignore_errors=True)
+        super().tearDownClass()
 
     def test_protection_commands(self):
         self.assertIn("AUTH TLS", self.f.sendcmd("FEAT"))
@@ -321,7 +284,78 @@ class FtplibTls(Session):
         self.assertTrue(self.f.sendcmd("PROT C").startswith("200"))
         self.assertRaisesRegex(ftplib.error_perm, "^536", self.f.sendcmd, "PROT S")
         self.assertRaisesRegex(ftplib.error_perm, "^503", self.f.sendcmd, "AUTH TLS")
+        plain = self.server.ftp()
+        self.assertRaisesRegex(ftplib.error_perm, "^504", plain.sendcmd, "AUTH KERBEROS")
+        plain.quit()
         self.f.sendcmd("PROT P")
+
+    def test_curl_resumes_an_upload(self):
+        # (curl's resumed download is test_box_transfers'.)
+        src = os.path.join(self.work, "resume.bin")
+        write_random(src, 1000000, seed=2)
+        # The server holds the first 400000 bytes; curl sends the rest (APPE).
+        with open(src, "rb") as f, open(self.local("up-resume.bin"), "wb") as g:
+            g.write(f.read(400000))
+        self.curl("-C", "-", "-T", src, self.server.url("/up-resume.bin"))
+        self.assertEqual(sha256_file(self.local("up-resume.bin")), sha256_file(src))
+
+    def test_curl_chains_an_upload_and_more_transfers_in_one_login(self):
+        # Over TLS as the README says: curl offers a session after an upload
+        # that TLS 1.3 cannot resume (it never read the new ticket).
+        src = os.path.join(self.work, "chain-src.bin")
+        write_random(src, 300000, seed=3)
+        out = os.path.join(self.work, "chain-out.bin")
+        login = ["--user", "anonymous:x", "--ssl-reqd", "--cacert", self.server.ca,
+                 "--tls-max", "1.2"]
+        r = run(["curl", "-sS", "--max-time", "120"] + login
+                + ["-T", src, self.server.url("/chain.bin"), "--next"] + login
+                + ["--list-only", self.server.url("/"), "--next"] + login
+                + ["-o", out, self.server.url("/chain.bin")])
+        self.assertEqual(r.returncode, 0, r.stderr + self.server.read_log())
+        self.assertIn("chain.bin", r.stdout.split())
+        self.assertEqual(sha256_file(out), sha256_file(src))
+
+    def test_curl_quote_commands(self):
+        with open(self.local("q-old.txt"), "w") as f:
+            f.write("rename me")
+        with open(self.local("q-gone.txt"), "w") as f:
+            f.write("delete me")
+        self.curl("-Q", "MKD /q-dir", "-Q", "RNFR /q-old.txt", "-Q", "RNTO /q-dir/q-new.txt",
+                  "-Q", "DELE /q-gone.txt", self.server.url("/"))
+        self.assertTrue(os.path.isdir(self.local("q-dir")))
+        with open(self.local("q-dir", "q-new.txt")) as f:
+            self.assertEqual(f.read(), "rename me")
+        self.assertFalse(os.path.exists(self.local("q-old.txt")))
+        self.assertFalse(os.path.exists(self.local("q-gone.txt")))
+        # A failing quote command fails the whole run with the server's reply.
+        r = self.curl("-Q", "DELE /no-such-file", self.server.url("/"), ok=False)
+        self.assertNotEqual(r.returncode, 0)
+        self.assertIn("550", r.stderr)
+
+    def test_lftp_mirror_round_trip(self):
+        tree = os.path.join(self.work, "tree")
+        files = {"a.bin": 1, "d1/b.bin": 2 * 1024 * 1024 + 3, "d1/d2/c.bin": 70000,
+                 "d1/d2/empty.bin": 0, "d3/e.txt": 12}
+        for i, (rel, size) in enumerate(files.items()):
+            os.makedirs(os.path.dirname(os.path.join(tree, rel)) or tree, exist_ok=True)
+            write_random(os.path.join(tree, rel), size, seed=10 + i)
+        os.chmod(os.path.join(tree, "d3/e.txt"), 0o604)
+        self.lftp("set ftp:use-allo yes; mirror -R %s /mirrored" % tree)
+        # lftp carries permissions over with SITE CHMOD.
+        self.assertEqual(os.stat(self.local("mirrored", "d3/e.txt")).st_mode & 0o777, 0o604)
+        for rel in files:
+            self.assertEqual(sha256_file(self.local("mirrored", rel)),
+                             sha256_file(os.path.join(tree, rel)), rel)
+        back = os.path.join(self.work, "back")
+        self.lftp("mirror /mirrored %s" % back)
+        for rel in files:
+            self.assertEqual(sha256_file(os.path.join(back, rel)),
+                             sha256_file(os.path.join(tree, rel)), rel)
+        # lftp announced each upload's size with ALLO; the server notes it.
+        self.assertRegex(self.server.read_log(), r"STOR /mirrored/d1/b\.bin .*\(ALLO %d\)"
+                         % files["d1/b.bin"])
+        self.lftp("rm -r /mirrored")
+        self.assertFalse(os.path.exists(self.local("mirrored")))
 
 
 if __name__ == "__main__":
