@@ -8,7 +8,7 @@ wget.  The server runs the shipped policy's "rename_replaces".  The
 plug-in's rules behind each command (paths, refusals, upload paths,
 retries, ranges) are pinned by the driver tests in tests/integration; here
 is what the clients make of them.  curl's quoted commands are in
-test_server_clients; uploads in parts are test_box_many_sessions' (lftp)
+test_server_ftplib; uploads in parts are test_box_many_sessions' (lftp)
 and test_box_faults'; curl over TLS is test_box_operator's."""
 import hashlib
 import os

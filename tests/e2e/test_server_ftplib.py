@@ -1,7 +1,8 @@
 """Every command of the server through Python's ftplib, in the clear; the
 data connections in every mode once more over explicit TLS (AUTH TLS,
 PBSZ, PROT P), where curl and lftp run too (their runs in the clear are
-test_box_transfers', as are wget's download and curl's resumed one: the
+test_box_clients' and test_box_many_sessions', as are wget's download and
+curl's resumed one: the
 clients speak to the server alike whatever its plug-in); every byte of
 theirs compared by SHA-256."""
 import ftplib
@@ -290,7 +291,7 @@ class Tls(ClientRuns, Session):
         self.f.sendcmd("PROT P")
 
     def test_curl_resumes_an_upload(self):
-        # (curl's resumed download is test_box_transfers'.)
+        # (curl's resumed download is test_box_clients'.)
         src = os.path.join(self.work, "resume.bin")
         write_random(src, 1000000, seed=2)
         # The server holds the first 400000 bytes; curl sends the rest (APPE).

@@ -2,7 +2,7 @@
 gives: error replies with cause chains, listings streamed in pauses and
 failing half-way, a transfer finished from another thread, a failure after
 data went out, refused session starts.  (Progress replies are
-test_box_transfers', from the Box plug-in; a store reaching its plug-in
+test_box_clients', from the Box plug-in; a store reaching its plug-in
 whole is every posix and Box upload.)"""
 import ftplib
 import io
