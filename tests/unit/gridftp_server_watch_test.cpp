@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,6 +19,7 @@
 #include <vector>
 
 #include "audit.h"
+#include "box_wait.h"
 #include "metrics.h"
 #include "metrics_http.h"
 #include "tarvex_gridftp_server.h"
@@ -108,11 +108,9 @@ TEST_F(MetricsTable, CountsOfManyProcessesAddUp)
 {
     constexpr int processes = 6;
     constexpr int rounds = 2000;
-    std::vector<pid_t> pids;
-    for (int p = 0; p < processes; ++p) {
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
+    std::vector<std::unique_ptr<tarvex_test::child>> children;
+    for (int p = 0; p < processes; ++p)
+        children.push_back(std::make_unique<tarvex_test::child>([p] {
             std::string own = "GET " + std::to_string(200 + p);
             for (int i = 0; i < rounds; ++i) {
                 // Through the library, as the plug-in reports.
@@ -121,15 +119,10 @@ TEST_F(MetricsTable, CountsOfManyProcessesAddUp)
                 tarvex_gridftp_server_metric_observe("storage_pacing_wait_seconds", "", 0.002);
                 metrics::add(metrics::Family::transfer_bytes, "upload", 1000);
             }
-            _exit(0);
-        }
-        pids.push_back(pid);
-    }
-    for (pid_t pid : pids) {
-        int status = 0;
-        ASSERT_EQ(waitpid(pid, &status, 0), pid);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
+            return 0;
+        }));
+    for (auto &child : children)
+        ASSERT_EQ(child->status(), 0);
     std::map<std::string, double> s = samples();
     EXPECT_EQ(s.at("tarvex_storage_requests_total{method=\"PUT\",code=\"201\"}"),
               processes * rounds);
