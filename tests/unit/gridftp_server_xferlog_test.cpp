@@ -103,7 +103,8 @@ TEST_F(XferlogLine, DurationInWholeSecondsAtLeastOne)
 }
 
 // Whatever a name holds, the line stays one line of 18 fields, and the
-// name's field reads back as the log escapes it.
+// name's field reads back as the log escapes it: spaces, the wide ones
+// included, on top of what every log field escapes (ServerLog.FieldsAreEscaped).
 TEST_F(XferlogLine, NamesStayOneField)
 {
     const struct {
@@ -112,9 +113,6 @@ TEST_F(XferlogLine, NamesStayOneField)
     } cases[] = {
         {"/a b/c  d.txt", "/a\\x20b/c\\x20\\x20d.txt"},
         {"/tab\there", "/tab\\x09here"},
-        {"/line\nbreak\r", "/line\\x0abreak\\x0d"},
-        {"/esc\x1b[31mred", "/esc\\x1b[31mred"},
-        {"/back\\slash", "/back\\\\slash"},
         {"/nb\xc2\xa0sp", "/nb\\xc2\\xa0sp"},
         {"/ideo\xe3\x80\x80sp", "/ideo\\xe3\\x80\\x80sp"},
         {"/ls\xe2\x80\xa8ps\xe2\x80\xa9", "/ls\\xe2\\x80\\xa8ps\\xe2\\x80\\xa9"},
@@ -123,8 +121,6 @@ TEST_F(XferlogLine, NamesStayOneField)
         {"/en\xe2\x80\x80q\xe2\x80\x8ah", "/en\\xe2\\x80\\x80q\\xe2\\x80\\x8ah"},
         {"/nn\xe2\x80\xafm\xe2\x81\x9fs", "/nn\\xe2\\x80\\xafm\\xe2\\x81\\x9fs"},
         {"/zw\xe2\x80\x8bsp", "/zw\xe2\x80\x8bsp"},
-        {"/c1\xc2\x85nel", "/c1\\xc2\\x85nel"},
-        {"/bad\xff\xc0\xafutf8", "/bad\\xff\\xc0\\xafutf8"},
         {"/caf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac", "/caf\xc3\xa9\\x20\xe6\x97\xa5\xe6\x9c\xac"},
         {"", "-"},
     };
