@@ -46,7 +46,6 @@ TEST(OperationCancel, FlagCurrentOperationAndRefusedRegistrations)
                       tarvex_off_t, bool, void *) {};
 
     EXPECT_FALSE(tarvex_gridftp_server_operation_cancelled(op));
-    EXPECT_FALSE(tarvex_gridftp_server_thread_cancelled());
     EXPECT_EQ(tarvex_gridftp_server_register_read(op, buffer, 4, read_cb, nullptr), TARVEX_SUCCESS);
     EXPECT_EQ(provider_registrations, 1);
 

@@ -1,8 +1,8 @@
 // The server's parsers of client input (command lines, REST, ALLO, CKSM,
 // PORT, EPRT, EPSV, MLST facts, LIST arguments and wildcards, paths), its
 // TYPE A line ends and its escaping of log fields.
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <netdb.h>
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -148,20 +148,13 @@ TEST(ServerParse, ChecksumArguments)
         EXPECT_EQ(parse_cksm(bad, a, why), 501) << bad;
 }
 
+// "host port" of an address, both in numbers.
 std::string address_of(const sockaddr_storage &sa)
 {
-    char host[INET6_ADDRSTRLEN] = "";
-    int port;
-    if (sa.ss_family == AF_INET) {
-        auto *s4 = reinterpret_cast<const sockaddr_in *>(&sa);
-        inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
-        port = ntohs(s4->sin_port);
-    } else {
-        auto *s6 = reinterpret_cast<const sockaddr_in6 *>(&sa);
-        inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
-        port = ntohs(s6->sin6_port);
-    }
-    return std::string(host) + " " + std::to_string(port);
+    char host[NI_MAXHOST] = "", port[NI_MAXSERV] = "";
+    getnameinfo(reinterpret_cast<const sockaddr *>(&sa), sizeof sa, host, sizeof host, port,
+                sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
+    return std::string(host) + " " + port;
 }
 
 TEST(ServerParse, DataAddresses)
