@@ -76,26 +76,18 @@ Parsed parse(std::vector<std::string> args)
     return p;
 }
 
+// One configuration file per test, rewritten for each case.
 class ServerConfigOptions : public ::testing::Test {
 protected:
     std::string write(const std::string &text)
     {
-        char name[] = "/tmp/tarvex-options-test-XXXXXX";
-        int fd = mkstemp(name);
-        EXPECT_GE(fd, 0);
-        close(fd);
-        std::ofstream(name) << text;
-        files_.push_back(name);
-        return name;
+        std::ofstream(path_, std::ios::trunc) << text;
+        return path_;
     }
-    void TearDown() override
-    {
-        for (const std::string &f : files_)
-            unlink(f.c_str());
-    }
+    void TearDown() override { unlink(path_.c_str()); }
 
 private:
-    std::vector<std::string> files_;
+    std::string path_ = testing::TempDir() + "tarvex-options-" + std::to_string(getpid());
 };
 
 TEST_F(ServerConfigOptions, TheCommandLineWinsOverTheFile)
