@@ -109,6 +109,7 @@ TEST_F(MetricsTable, CountsOfManyProcessesAddUp)
     constexpr int processes = 6;
     constexpr int rounds = 2000;
     std::vector<std::unique_ptr<tarvex_test::child>> children;
+    children.reserve(processes);
     for (int p = 0; p < processes; ++p)
         children.push_back(std::make_unique<tarvex_test::child>([p] {
             std::string own = "GET " + std::to_string(200 + p);
