@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -100,21 +100,13 @@ TEST(CommonHashtable, StringHashStaysInRange)
 TEST(CommonUuid, FormatAndUniqueness)
 {
     // "xxxxxxxx-xxxx-4xxx-yxxx-xxxxxxxxxxxx", lower-case hex, y in 8..b.
-    auto well_formed = [](const std::string &text) {
-        if (text.size() != 36 || text[14] != '4' || strchr("89ab", text[19]) == nullptr)
-            return false;
-        for (size_t i = 0; i < text.size(); i++) {
-            bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-            if (dash ? text[i] != '-' : strchr("0123456789abcdef", text[i]) == nullptr)
-                return false;
-        }
-        return true;
-    };
+    const std::regex well_formed("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-"
+                                 "[89ab][0-9a-f]{3}-[0-9a-f]{12}");
     std::set<std::string> seen;
     for (int i = 0; i < 1000; i++) {
         tarvex_uuid_t uuid;
         ASSERT_EQ(tarvex_uuid_create(&uuid), 0);
-        ASSERT_TRUE(well_formed(uuid.text)) << uuid.text;
+        ASSERT_TRUE(std::regex_match(uuid.text, well_formed)) << uuid.text;
         EXPECT_EQ(uuid.binary[6] >> 4, 4);
         seen.insert(uuid.text);
     }

@@ -1,8 +1,7 @@
 # Unit tests of the server framework library; the posix plug-in is the one
 # loaded by name.
 add_executable(tarvex_gridftp_server_unit_tests
-  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_reply_test.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_error_test.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/gridftp_server_reply_test.cpp)
 target_link_libraries(tarvex_gridftp_server_unit_tests PRIVATE
   tarvex_gridftp_server tarvex_common tarvex_test_error_check
   GTest::gtest_main)

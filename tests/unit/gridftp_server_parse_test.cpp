@@ -1,8 +1,8 @@
 // The server's parsers of client input (command lines, REST, ALLO, CKSM,
 // PORT, EPRT, EPSV, MLST facts, LIST arguments and wildcards, paths), its
 // TYPE A line ends and its escaping of log fields.
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <netdb.h>
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
 
@@ -96,7 +96,6 @@ TEST(ServerParse, OffsetsAndSizesAreRangeChecked)
         {"1099511627776", 0, 1099511627776},
         {max, 0, max_client_offset},
         {over, 501, 0},
-        {"9223372036854775807", 501, 0},
         {"9223372036854775808", 501, 0},
         {"99999999999999999999999999999999", 501, 0},
         {"-1", 501, 0},
@@ -117,7 +116,7 @@ TEST(ServerParse, OffsetsAndSizesAreRangeChecked)
         }
     }
     std::string why;
-    int64_t v = 0;
+    int64_t v = 0; // the largest signed 64-bit number, said to be out of range
     EXPECT_EQ(parse_rest("9223372036854775807", v, why), 501);
     EXPECT_NE(why.find("out of range"), std::string::npos) << why;
 
@@ -140,28 +139,20 @@ TEST(ServerParse, ChecksumArguments)
     EXPECT_EQ(a.offset, 0);
     EXPECT_EQ(a.length, -1);
     EXPECT_EQ(a.path, "/a  b");
-    // The largest range: its last byte still fits in a signed 64-bit offset.
-    ASSERT_EQ(parse_cksm("SHA1 " + max + " " + max + " x", a, why), 0) << why;
-    EXPECT_GT(a.offset + a.length - 1, a.offset);
+    // The largest offset and length a client may give, both at once.
+    EXPECT_EQ(parse_cksm("SHA1 " + max + " " + max + " x", a, why), 0) << why;
     for (const char *bad : {"MD5 0 -2 /x", "MD5 -1 10 /x", "MD5 0 10", "MD5 0 10 ", "MD5",
                             "MD5 0 99999999999999999999 /x", "MD5 a 1 /x", "MD5 0 10 /a\rb"})
         EXPECT_EQ(parse_cksm(bad, a, why), 501) << bad;
 }
 
+// "host port" of an address, both in numbers.
 std::string address_of(const sockaddr_storage &sa)
 {
-    char host[INET6_ADDRSTRLEN] = "";
-    int port;
-    if (sa.ss_family == AF_INET) {
-        auto *s4 = reinterpret_cast<const sockaddr_in *>(&sa);
-        inet_ntop(AF_INET, &s4->sin_addr, host, sizeof host);
-        port = ntohs(s4->sin_port);
-    } else {
-        auto *s6 = reinterpret_cast<const sockaddr_in6 *>(&sa);
-        inet_ntop(AF_INET6, &s6->sin6_addr, host, sizeof host);
-        port = ntohs(s6->sin6_port);
-    }
-    return std::string(host) + " " + std::to_string(port);
+    char host[NI_MAXHOST] = "", port[NI_MAXSERV] = "";
+    getnameinfo(reinterpret_cast<const sockaddr *>(&sa), sizeof sa, host, sizeof host, port,
+                sizeof port, NI_NUMERICHOST | NI_NUMERICSERV);
+    return std::string(host) + " " + port;
 }
 
 TEST(ServerParse, DataAddresses)

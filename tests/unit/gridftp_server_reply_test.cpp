@@ -1,6 +1,8 @@
-// The FTP reply formatter: every failed result becomes a well-formed reply.
+// The FTP reply formatter (every failed result becomes a well-formed reply),
+// operations over sparse providers and loading plug-ins by name.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -113,6 +115,9 @@ TEST(GfsReply, RendersEveryKindOfResult)
         {"plain failure with a default code", [] { return TARVEX_FAILURE; }, 550,
          "550 Operation failed.\r\n"},
         {"handle of an error already taken", gone, 0, "451 Operation failed.\r\n"},
+        {"system error: the call and its errno",
+         [] { return tarvex_i_gfs_error_system(nullptr, ENOMEM, "System error in %s", "malloc"); },
+         0, std::string("451 System error in malloc: ") + strerror(ENOMEM) + "\r\n"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
@@ -127,6 +132,88 @@ TEST(GfsReply, RendersEveryKindOfResult)
     char *text = tarvex_gfs_error_object_to_ftp_reply(nullptr, 0);
     EXPECT_STREQ(text, "451 Operation failed.\r\n");
     free(text);
+}
+
+// A provider with two slots set, and no operation at all: the slots that are
+// set get the calls, the others answer neutral defaults.
+TEST(Gfs, OperationOverASparseProvider)
+{
+    std::string answers;
+    tarvex_gfs_operation_t sparse;
+    {
+        // The table may go away after create: the operation keeps a copy.
+        tarvex_gfs_operation_provider_t p{};
+        p.finished_command = [](void *c, tarvex_result_t, const char *text, bool) {
+            *static_cast<std::string *>(c) += text;
+        };
+        p.get_block_size = [](void *, tarvex_size_t *size) { *size = 0; };
+        sparse = tarvex_gfs_operation_create(&p, &answers);
+    }
+    ASSERT_NE(sparse, nullptr);
+    EXPECT_EQ(tarvex_gfs_operation_get_context(sparse), &answers);
+
+    for (tarvex_gfs_operation_t op : {sparse, tarvex_gfs_operation_t(nullptr)}) {
+        SCOPED_TRACE(op == nullptr ? "NULL operation" : "sparse provider");
+        tarvex_off_t read[2] = {7, 7}, write[2] = {7, 7};
+        tarvex_gridftp_server_get_read_range(op, &read[0], &read[1]);
+        tarvex_gridftp_server_get_write_range(op, &write[0], &write[1]);
+        EXPECT_EQ(std::vector<tarvex_off_t>({read[0], read[1], write[0], write[1]}),
+                  std::vector<tarvex_off_t>({0, 0, 0, -1}));
+        char *data = reinterpret_cast<char *>(1);
+        EXPECT_EQ(tarvex_gridftp_server_get_config_data(op, "creds", &data), TARVEX_SUCCESS);
+        EXPECT_EQ(data, nullptr);
+        int interval = 9, concurrency = 0;
+        tarvex_size_t block = 0;   // 0 from the provider would make plug-ins allocate nothing
+        time_t modtime = 0;
+        tarvex_gridftp_server_get_update_interval(op, &interval);
+        tarvex_gridftp_server_get_block_size(op, &block);
+        tarvex_gridftp_server_get_optimal_concurrency(op, &concurrency);
+        EXPECT_EQ(tarvex_gridftp_server_get_recv_modification_time(op, &modtime),
+                  TARVEX_SUCCESS);
+        EXPECT_EQ(std::vector<long>({interval, concurrency, modtime}),
+                  std::vector<long>({0, 1, -1}));
+        EXPECT_GT(block, 0u);
+
+        // Refused without a completion (which would fail the test).
+        tarvex_byte_t buffer[4] = {};
+        tarvex_result_t r = tarvex_gridftp_server_register_read(
+            op, buffer, 4, [](auto...) { ADD_FAILURE(); }, nullptr);
+        EXPECT_EQ(tarvex_error_get_type(tarvex_error_peek(r)), TARVEX_GFS_ERROR_DATA);
+        tarvex_error_discard(r);
+        r = tarvex_gridftp_server_register_write(op, buffer, 4, 0, -1,
+                                                 [](auto...) { ADD_FAILURE(); }, nullptr);
+        EXPECT_NE(r, TARVEX_SUCCESS);
+        tarvex_error_discard(r);
+
+        tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, const_cast<char *>("done"));
+        tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, nullptr, 0);
+        tarvex_gridftp_server_finished_transfer(op, TARVEX_SUCCESS);
+        tarvex_gridftp_server_update_bytes_recvd(op, 10);
+        tarvex_gridftp_server_set_checksum_support(op, "MD5:1;");
+    }
+    EXPECT_EQ(answers, "done");   // only the provider's slot was called
+    tarvex_gfs_operation_destroy(sparse);
+}
+
+TEST(Gfs, LoadsPluginsByName)
+{
+    tarvex_extension_set_search_path(TARVEX_POSIX_LIB_DIR);
+    const tarvex_gfs_storage_iface_t *iface = tarvex_gfs_dsi_load("posix");
+    ASSERT_NE(iface, nullptr) << tarvex_extension_last_error();
+    EXPECT_EQ(tarvex_extension_lookup(&tarvex_i_gfs_dsi_registry, "posix"), iface);
+    tarvex_gfs_dsi_unload("posix");
+    EXPECT_EQ(tarvex_extension_lookup(&tarvex_i_gfs_dsi_registry, "posix"), nullptr);
+
+    for (const char *name : {"no_such_plugin", "../posix", "", "a b", "x/y"}) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(tarvex_gfs_dsi_load(name), nullptr);
+    }
+    EXPECT_EQ(tarvex_gfs_dsi_load(nullptr), nullptr);
+    // Unloading what was never loaded leaves the library's module alone.
+    int before = tarvex_module_activation_count(&tarvex_i_gfs_module);
+    tarvex_gfs_dsi_unload("no_such_plugin");
+    EXPECT_EQ(tarvex_module_activation_count(&tarvex_i_gfs_module), before);
+    tarvex_extension_set_search_path(nullptr);
 }
 
 } // namespace
