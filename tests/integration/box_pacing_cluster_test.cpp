@@ -239,64 +239,32 @@ TEST_F(BoxPacingCluster, NoSlotIsFurtherAwayThanTheLongestWait)
     tarvex_i_box_retry_state_destroy(&retry);
 }
 
-/* A password and a database of the URL are used; a wrong password is a
- * store that cannot be used, logged without the password, and the file
- * paces. */
-TEST_F(BoxPacingCluster, PasswordAndDatabase)
-{
-    redis_server redis("s3cret-word");
-    box_scratch scratch(TARVEX_BOX_WARN);
-    int rate = per_second;
-    std::string policy =
-        R"({"pacing_store": ")" + redis.url(":s3cret-word@", 3) + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
-    tarvex_box_retry_t retry{};
-    tarvex_i_box_retry_state_create("79", per_second, &retry);
-    tarvex_box_pacing_slot_t slot = tarvex_box_pace(&retry);
-    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::store);
-    redis_reply value = redis.command({"GET", "tarvex:box:pacing:79"}, 3);
-    ASSERT_NE(value, nullptr);
-    EXPECT_EQ(std::string(value->str, value->len), std::to_string(slot.stamp_us));
-    tarvex_i_box_retry_state_destroy(&retry);
-
-    policy = R"({"pacing_store": ")" + redis.url("default:not-it@", 3) + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
-    tarvex_i_box_retry_state_create("79", per_second, &retry);
-    slot = tarvex_box_pace(&retry);
-    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::file);
-    EXPECT_NE(slot.stamp_us, 0);
-    tarvex_i_box_retry_state_destroy(&retry);
-
-    // A database the store does not have: the file paces too.
-    policy = R"({"pacing_store": ")" + redis.url(":s3cret-word@", 99) + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
-    tarvex_i_box_retry_state_create("79", per_second, &retry);
-    EXPECT_EQ(tarvex_box_pace(&retry).source, tarvex_box_pacing_slot_t::file);
-    tarvex_i_box_retry_state_destroy(&retry);
-    std::string log = scratch.debug_text();
-    EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
-    EXPECT_NE(log.find("cannot be used (SELECT: "), std::string::npos) << log;
-    EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
-}
-
 /* A password written with %XX escapes, as a URL needs for "@", ":" and
- * "%", reaches the store decoded, and the pacing states open at once
- * share one connection.  Once that connection can no longer be written
- * to (as after a store that reset it), the next write raises SIGPIPE,
- * which must not end the process: the file paces instead. */
-TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
+ * "%", reaches the store decoded, the URL's database is used, and the
+ * pacing states open at once share one connection.  Once that connection
+ * can no longer be written to (as after a store that reset it), the next
+ * write raises SIGPIPE, which must not end the process: the file paces
+ * instead.  A wrong password, or a database the store does not have, is a
+ * store that cannot be used, logged without the password: the file paces. */
+TEST_F(BoxPacingCluster, PasswordDatabaseAndOneSharedConnection)
 {
     redis_server redis("p@ss:w%rd");
     box_scratch scratch(TARVEX_BOX_WARN);
     int rate = per_second;
-    std::string policy = R"({"pacing_store": ")" + redis.url(":p%40ss%3Aw%25rd@") + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    auto configure = [&](const std::string &userinfo, int db) {
+        const std::string policy = R"({"pacing_store": ")" + redis.url(userinfo, db) + "\"}";
+        ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    };
+    configure(":p%40ss%3Aw%25rd@", 3);
     tarvex_box_retry_t one{}, two{};
     tarvex_i_box_retry_state_create("80", rate, &one);
     tarvex_i_box_retry_state_create("81", rate, &two);
-    EXPECT_EQ(tarvex_box_pace(&one).source, tarvex_box_pacing_slot_t::store)
-        << scratch.debug_text();
+    tarvex_box_pacing_slot_t slot = tarvex_box_pace(&one);
+    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::store) << scratch.debug_text();
     EXPECT_EQ(tarvex_box_pace(&two).source, tarvex_box_pacing_slot_t::store);
+    redis_reply value = redis.command({"GET", "tarvex:box:pacing:80"}, 3);
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(std::string(value->str, value->len), std::to_string(slot.stamp_us));
     redis_reply clients = redis.command({"CLIENT", "LIST"});
     ASSERT_NE(clients, nullptr);
     std::string list(clients->str, clients->len);
@@ -314,6 +282,21 @@ TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
     EXPECT_EQ(tarvex_box_pace(&one).source, tarvex_box_pacing_slot_t::file);
     tarvex_i_box_retry_state_destroy(&two);
     tarvex_i_box_retry_state_destroy(&one);
+
+    for (const auto &[userinfo, db] : {std::pair{"default:not-it@", 3}, {":p%40ss%3Aw%25rd@", 99}}) {
+        SCOPED_TRACE(userinfo + std::to_string(db));
+        configure(userinfo, db);
+        tarvex_box_retry_t retry{};
+        tarvex_i_box_retry_state_create("79", per_second, &retry);
+        slot = tarvex_box_pace(&retry);
+        EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::file);
+        EXPECT_NE(slot.stamp_us, 0);
+        tarvex_i_box_retry_state_destroy(&retry);
+    }
+    std::string log = scratch.debug_text();
+    EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
+    EXPECT_NE(log.find("cannot be used (SELECT: "), std::string::npos) << log;
+    EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
 }
 
 } // namespace
