@@ -235,5 +235,14 @@ TEST_F(two_sessions, ListingsOlderThanTheTimeToLiveAreMadeAgain)
     }
 }
 
+TEST_F(two_sessions, BadCacheKeysRefuseTheLogIn)
+{
+    driver_.set_config("config", R"({"session_cache": "everyone"})");
+    EXPECT_EQ(start(), nullptr);
+    EXPECT_EQ(driver_.events(event_kind::session_start)[0].reply,
+              "500-INTERNAL_ERROR\r\n500 GridFTP-Error: Bad \"session_cache\" in collection "
+              "storage policy: it must be \"private\" or \"shared\".\r\n");
+}
+
 } // namespace
 } // namespace box_session_test
