@@ -11,18 +11,20 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 
 #include "box_session_support.h"
 #include "config.h"
 #include "path_cache.h"
 #include "path_resolve.h"
+#include "peak_memory.h"
 #include "tarvex_box_raii.h"
 
 namespace box_session_test {
 namespace {
 
 using tarvex_test::event_kind;
+using tarvex_test::reset_peak;
+using tarvex_test::status_kb;
 constexpr uint64_t mib = uint64_t{1024} * 1024;
 const std::string sessions = "/api/2.0/files/upload_sessions";
 
@@ -45,21 +47,6 @@ digests pattern_digests(uint64_t length)
     SHA1_Final(s, &sha);
     MD5_Final(m, &md5);
     return {hex(s, sizeof s), hex(m, sizeof m)};
-}
-
-/* Peak resident size in kB since reset_peak(), when the system allows. */
-bool reset_peak()
-{
-    std::ofstream out("/proc/self/clear_refs");
-    return static_cast<bool>(out << "5" << std::flush);
-}
-long status_kb(const std::string &field)
-{
-    std::ifstream in("/proc/self/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind(field + ":", 0) == 0)
-            return std::stol(line.substr(field.size() + 1));
-    return -1;
 }
 
 std::vector<log_entry> parts(const std::vector<log_entry> &log)
