@@ -102,7 +102,7 @@ TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
 {
     redis_server redis;
     box_scratch scratch;
-    pacing_hosts hosts(scratch.dir(), {4, 0, per_second, redis.url(), false,
+    pacing_hosts hosts(scratch.dir(), {4, 0, per_second, redis.url(),
                                        TARVEX_BOX_WARN | TARVEX_BOX_INFO});
     ASSERT_TRUE(hosts.go());
 
