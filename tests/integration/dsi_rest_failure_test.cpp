@@ -99,50 +99,48 @@ TEST_F(RestFailure, AResponseCallbackThatRefusesFailsTheRequest)
     tarvex_error_discard(result);
 }
 
+// Which callback throws, and how: each callback of the test below calls
+// raise_in() with its own name.
+struct Thrower {
+    const char *where;
+    std::function<void()> raise;
+};
+const Thrower *thrower = nullptr;
+
+tarvex_result_t raise_in(const std::string &where)
+{
+    if (where == thrower->where)
+        thrower->raise();
+    return TARVEX_SUCCESS;
+}
+
 // A callback written in C++ may throw: the exception stops at the client's
 // edge (it must never unwind through libcurl) and fails the request as a
 // callback error, and the thread's connection serves the next request.
 TEST_F(RestFailure, ExceptionsFromCallbacksFailTheRequest)
 {
-    struct Thrower {
-        const char *where;
-        std::function<void()> raise;
-    };
     const Thrower throwers[] = {
         {"response", [] { throw std::runtime_error("boom"); }},
         {"read", [] { throw std::bad_alloc(); }},
         {"write", [] { throw std::runtime_error("boom"); }},
         {"progress", [] { throw 42; }},
     };
-    static const Thrower *current = nullptr;
     for (const Thrower &t : throwers) {
         SCOPED_TRACE(t.where);
-        current = &t;
+        thrower = &t;
         std::string where = t.where;
         tarvex_dsi_rest_callbacks_t callbacks{};
         callbacks.response_callback = [](void *, int, const char *,
-                                         const tarvex_dsi_rest_key_array_t *) -> tarvex_result_t {
-            if (std::string(current->where) == "response")
-                current->raise();
-            return TARVEX_SUCCESS;
+                                         const tarvex_dsi_rest_key_array_t *) {
+            return raise_in("response");
         };
-        callbacks.data_read_callback = [](void *, void *, size_t) -> tarvex_result_t {
-            if (std::string(current->where) == "read")
-                current->raise();
-            return TARVEX_SUCCESS;
-        };
-        callbacks.data_write_callback = [](void *, char *, size_t,
-                                            size_t *written) -> tarvex_result_t {
+        callbacks.data_read_callback = [](void *, void *, size_t) { return raise_in("read"); };
+        callbacks.data_write_callback = [](void *, char *, size_t, size_t *written) {
             *written = 0;
-            if (std::string(current->where) == "write")
-                current->raise();
-            return TARVEX_SUCCESS;
+            return raise_in("write");
         };
-        callbacks.progress_callback = [](void *, uint64_t, uint64_t, uint64_t,
-                                          uint64_t) -> tarvex_result_t {
-            if (std::string(current->where) == "progress")
-                current->raise();
-            return TARVEX_SUCCESS;
+        callbacks.progress_callback = [](void *, uint64_t, uint64_t, uint64_t, uint64_t) {
+            return raise_in("progress");
         };
         tarvex_result_t result = tarvex_dsi_rest_request(
             "PUT", server->url("/bytes?n=1000").c_str(), nullptr, nullptr, &callbacks);
