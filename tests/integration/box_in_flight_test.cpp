@@ -239,20 +239,6 @@ TEST_F(in_flight_test, ARestartAfterAFailedPartCompletesTheFile)
     EXPECT_STREQ(stored->md5, md5_of(pattern(size)).c_str());
 }
 
-/* ABOR while parts are out: the store is answered with an error, nothing
- * is committed, and no part request is left running. */
-TEST_F(in_flight_test, AborLeavesNoPartRunning)
-{
-    tarvex_i_box_upload_parts_in_flight = 3;
-    emulator().config(R"({"bandwidth_bps":20000})");
-    tarvex_test::driver d;
-    d.cancel_after_bytes(3 * part_size + 1);
-    EXPECT_NE(store_pattern(d, "/d/abor.bin", 10 * part_size), "");
-    EXPECT_TRUE(settled("PUT", part_path));
-    for (const auto &e : take_requests())
-        EXPECT_EQ(e.path.find("/commit"), std::string::npos);
-}
-
 /* The download requests since the last call: the content request with
  * its "Range" ("C bytes=..."), and the ranges asked of the download link
  * as {first, last} (last -1: to the end) in the order asked. */
@@ -386,10 +372,20 @@ TEST_F(in_flight_test, ARangeThatCannotBeHadFailsTheTransfer)
         << reply;
 }
 
-/* ABOR while ranges are out: the transfer is answered with an error and
- * no range request is left running. */
-TEST_F(in_flight_test, AborLeavesNoRangeRunning)
+/* ABOR while parts or ranges are out: the transfer is answered with an
+ * error, a store commits nothing, and no part or range request is left
+ * running. */
+TEST_F(in_flight_test, AborLeavesNoRequestRunning)
 {
+    tarvex_i_box_upload_parts_in_flight = 3;
+    emulator().config(R"({"bandwidth_bps":20000})");
+    tarvex_test::driver d;
+    d.cancel_after_bytes(3 * part_size + 1);
+    EXPECT_NE(store_pattern(d, "/d/abor.bin", 10 * part_size), "");
+    EXPECT_TRUE(settled("PUT", part_path));
+    for (const auto &e : take_requests())
+        EXPECT_EQ(e.path.find("/commit"), std::string::npos);
+
     seed_file("/d/big.bin", 1052897);
     tarvex_i_box_download_streams = 3;
     emulator().config(R"({"bandwidth_bps":200000})");

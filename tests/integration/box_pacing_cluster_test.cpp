@@ -102,7 +102,7 @@ TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
 {
     redis_server redis;
     box_scratch scratch;
-    pacing_hosts hosts(scratch.dir(), {4, 0, per_second, redis.url(), false,
+    pacing_hosts hosts(scratch.dir(), {4, 0, per_second, redis.url(),
                                        TARVEX_BOX_WARN | TARVEX_BOX_INFO});
     ASSERT_TRUE(hosts.go());
 
@@ -153,7 +153,8 @@ TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
     }
 }
 
-/* The rule the server runs, seen from one process and through the keys. */
+/* The rule the server runs, seen from one process and through the keys,
+ * and the longest wait that bounds it. */
 TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
 {
     redis_server redis;
@@ -210,93 +211,50 @@ TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
 
     tarvex_i_box_retry_state_destroy(&retry);
     tarvex_i_box_retry_state_destroy(&upload);
-}
 
-/* No wait is longer than the longest wait, whatever the spacing: a
- * negative rate (stored as the policy gives it) makes a spacing of over an
- * hour. */
-TEST_F(BoxPacingCluster, NoSlotIsFurtherAwayThanTheLongestWait)
-{
-    redis_server redis;
-    box_scratch scratch;
-    int rate = per_second;
-    const std::string policy = R"({"pacing_store": ")" + redis.url() + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    /* No wait is longer than the longest wait, whatever the spacing: a
+     * negative rate (stored as the policy gives it) makes a spacing of over
+     * an hour. */
     const int saved = tarvex_i_box_max_delay;
     tarvex_i_box_max_delay = 1;
-    tarvex_box_retry_t retry{};
-    tarvex_i_box_retry_state_create("78", -1, &retry);
-    tarvex_box_pacing_slot_t first = tarvex_box_pace(&retry);
-    auto begun = std::chrono::steady_clock::now();
-    tarvex_box_pacing_slot_t second = tarvex_box_pace(&retry);
-    auto took = std::chrono::steady_clock::now() - begun;
+    tarvex_box_retry_t slow{};
+    tarvex_i_box_retry_state_create("78", -1, &slow);
+    EXPECT_EQ(tarvex_box_pace(&slow).waited_us, 0);
+    begun = std::chrono::steady_clock::now();
+    tarvex_box_pacing_slot_t held = tarvex_box_pace(&slow);
+    EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
     tarvex_i_box_max_delay = saved;
-
-    EXPECT_EQ(first.waited_us, 0);
-    EXPECT_EQ(second.source, tarvex_box_pacing_slot_t::store);
-    EXPECT_EQ(second.waited_us, 1000000);
-    EXPECT_GE(took, seconds(1));
-    tarvex_i_box_retry_state_destroy(&retry);
-}
-
-/* A password and a database of the URL are used; a wrong password is a
- * store that cannot be used, logged without the password, and the file
- * paces. */
-TEST_F(BoxPacingCluster, PasswordAndDatabase)
-{
-    redis_server redis("s3cret-word");
-    box_scratch scratch(TARVEX_BOX_WARN);
-    int rate = per_second;
-    std::string policy =
-        R"({"pacing_store": ")" + redis.url(":s3cret-word@", 3) + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
-    tarvex_box_retry_t retry{};
-    tarvex_i_box_retry_state_create("79", per_second, &retry);
-    tarvex_box_pacing_slot_t slot = tarvex_box_pace(&retry);
-    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::store);
-    redis_reply value = redis.command({"GET", "tarvex:box:pacing:79"}, 3);
-    ASSERT_NE(value, nullptr);
-    EXPECT_EQ(std::string(value->str, value->len), std::to_string(slot.stamp_us));
-    tarvex_i_box_retry_state_destroy(&retry);
-
-    policy = R"({"pacing_store": ")" + redis.url("default:not-it@", 3) + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
-    tarvex_i_box_retry_state_create("79", per_second, &retry);
-    slot = tarvex_box_pace(&retry);
-    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::file);
-    EXPECT_NE(slot.stamp_us, 0);
-    tarvex_i_box_retry_state_destroy(&retry);
-
-    // A database the store does not have: the file paces too.
-    policy = R"({"pacing_store": ")" + redis.url(":s3cret-word@", 99) + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
-    tarvex_i_box_retry_state_create("79", per_second, &retry);
-    EXPECT_EQ(tarvex_box_pace(&retry).source, tarvex_box_pacing_slot_t::file);
-    tarvex_i_box_retry_state_destroy(&retry);
-    std::string log = scratch.debug_text();
-    EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
-    EXPECT_NE(log.find("cannot be used (SELECT: "), std::string::npos) << log;
-    EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
+    EXPECT_EQ(held.source, tarvex_box_pacing_slot_t::store);
+    EXPECT_EQ(held.waited_us, 1000000);
+    tarvex_i_box_retry_state_destroy(&slow);
 }
 
 /* A password written with %XX escapes, as a URL needs for "@", ":" and
- * "%", reaches the store decoded, and the pacing states open at once
- * share one connection.  Once that connection can no longer be written
- * to (as after a store that reset it), the next write raises SIGPIPE,
- * which must not end the process: the file paces instead. */
-TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
+ * "%", reaches the store decoded, the URL's database is used, and the
+ * pacing states open at once share one connection.  Once that connection
+ * can no longer be written to (as after a store that reset it), the next
+ * write raises SIGPIPE, which must not end the process: the file paces
+ * instead.  A wrong password, or a database the store does not have, is a
+ * store that cannot be used, logged without the password: the file paces. */
+TEST_F(BoxPacingCluster, PasswordDatabaseAndOneSharedConnection)
 {
     redis_server redis("p@ss:w%rd");
     box_scratch scratch(TARVEX_BOX_WARN);
     int rate = per_second;
-    std::string policy = R"({"pacing_store": ")" + redis.url(":p%40ss%3Aw%25rd@") + "\"}";
-    ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    auto configure = [&](const std::string &userinfo, int db) {
+        const std::string policy = R"({"pacing_store": ")" + redis.url(userinfo, db) + "\"}";
+        ASSERT_EQ(tarvex_box_config_parse_json(policy.c_str(), &rate), TARVEX_SUCCESS);
+    };
+    configure(":p%40ss%3Aw%25rd@", 3);
     tarvex_box_retry_t one{}, two{};
     tarvex_i_box_retry_state_create("80", rate, &one);
     tarvex_i_box_retry_state_create("81", rate, &two);
-    EXPECT_EQ(tarvex_box_pace(&one).source, tarvex_box_pacing_slot_t::store)
-        << scratch.debug_text();
+    tarvex_box_pacing_slot_t slot = tarvex_box_pace(&one);
+    EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::store) << scratch.debug_text();
     EXPECT_EQ(tarvex_box_pace(&two).source, tarvex_box_pacing_slot_t::store);
+    redis_reply value = redis.command({"GET", "tarvex:box:pacing:80"}, 3);
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(std::string(value->str, value->len), std::to_string(slot.stamp_us));
     redis_reply clients = redis.command({"CLIENT", "LIST"});
     ASSERT_NE(clients, nullptr);
     std::string list(clients->str, clients->len);
@@ -314,6 +272,21 @@ TEST_F(BoxPacingCluster, EscapedPasswordAndOneSharedConnection)
     EXPECT_EQ(tarvex_box_pace(&one).source, tarvex_box_pacing_slot_t::file);
     tarvex_i_box_retry_state_destroy(&two);
     tarvex_i_box_retry_state_destroy(&one);
+
+    for (const auto &[userinfo, db] : {std::pair{"default:not-it@", 3}, {":p%40ss%3Aw%25rd@", 99}}) {
+        SCOPED_TRACE(userinfo + std::to_string(db));
+        configure(userinfo, db);
+        tarvex_box_retry_t retry{};
+        tarvex_i_box_retry_state_create("79", per_second, &retry);
+        slot = tarvex_box_pace(&retry);
+        EXPECT_EQ(slot.source, tarvex_box_pacing_slot_t::file);
+        EXPECT_NE(slot.stamp_us, 0);
+        tarvex_i_box_retry_state_destroy(&retry);
+    }
+    std::string log = scratch.debug_text();
+    EXPECT_NE(log.find("cannot be used (AUTH: WRONGPASS"), std::string::npos) << log;
+    EXPECT_NE(log.find("cannot be used (SELECT: "), std::string::npos) << log;
+    EXPECT_EQ(log.find("not-it"), std::string::npos) << log;
 }
 
 } // namespace

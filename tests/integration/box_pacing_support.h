@@ -6,7 +6,7 @@
  *   killed (and started again on the same port) by the test, with direct
  *   commands to look at or tamper with its keys;
  * - forked processes standing for hosts, each with a home of its own (so
- *   no pacing file is shared) or all in one, that take paced slots for one
+ *   no pacing file is shared), that take paced slots for one
  *   Box user and record each in memory shared with the test.
  */
 #ifndef TARVEX_TEST_BOX_PACING_SUPPORT_H
@@ -211,7 +211,6 @@ struct pacing_hosts_options {
     int calls = 200; /* per host; 0: until stopped */
     int per_second = 16;
     std::string store;     /* the policy's "pacing_store"; empty: none */
-    bool one_home = false; /* all processes on one host, sharing its files */
     unsigned debug_levels = 0; /* each host's log goes to log(host) */
 };
 
@@ -279,7 +278,7 @@ public:
 
     std::string home(int host) const
     {
-        return dir_ + "/host-" + std::to_string(options_.one_home ? 0 : host);
+        return dir_ + "/host-" + std::to_string(host);
     }
     std::string log(int host) const
     {

@@ -11,18 +11,20 @@
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 
 #include "box_session_support.h"
 #include "config.h"
 #include "path_cache.h"
 #include "path_resolve.h"
+#include "peak_memory.h"
 #include "tarvex_box_raii.h"
 
 namespace box_session_test {
 namespace {
 
 using tarvex_test::event_kind;
+using tarvex_test::reset_peak;
+using tarvex_test::status_kb;
 constexpr uint64_t mib = uint64_t{1024} * 1024;
 const std::string sessions = "/api/2.0/files/upload_sessions";
 
@@ -45,21 +47,6 @@ digests pattern_digests(uint64_t length)
     SHA1_Final(s, &sha);
     MD5_Final(m, &md5);
     return {hex(s, sizeof s), hex(m, sizeof m)};
-}
-
-/* Peak resident size in kB since reset_peak(), when the system allows. */
-bool reset_peak()
-{
-    std::ofstream out("/proc/self/clear_refs");
-    return static_cast<bool>(out << "5" << std::flush);
-}
-long status_kb(const std::string &field)
-{
-    std::ifstream in("/proc/self/status");
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind(field + ":", 0) == 0)
-            return std::stol(line.substr(field.size() + 1));
-    return -1;
 }
 
 std::vector<log_entry> parts(const std::vector<log_entry> &log)
@@ -339,16 +326,31 @@ TEST_F(upload_test, NewVersionLeavesTheOldBytesOnEveryFailure)
 
 /* Bytes stored as sent, in pieces of odd sizes, in one attempt whatever
  * happens; the answer's entry cached under the parent, with the time the
- * client asked for or Box's own. */
+ * client asked for or Box's own.  The data connection is opened
+ * (begin_transfer) before the first read: the server needs that to serve
+ * the reads.  Every byte read is reported to the server (its transfer log
+ * and progress count them), the one-byte last read too. */
 TEST_F(upload_test, OneRequestUpload)
 {
     std::string data;
-    for (int i = 0; i < 180000; i++)
+    for (int i = 0; i < 180001; i++)
         data += static_cast<char>((i * 7 + i / 256) & 0xFF);
     driver_.set_read_chunk(1000);
     driver_.set_recv_modification_time(1500000000);
     EXPECT_EQ(store("/d/new.bin", data, 0), "");
     EXPECT_EQ(emulator().content("/d/new.bin"), data);
+    auto events = driver_.events();
+    auto first = [&](event_kind kind) {
+        return std::find_if(events.begin(), events.end(),
+                            [&](const auto &e) { return e.kind == kind; });
+    };
+    ASSERT_NE(first(event_kind::begin_transfer), events.end());
+    EXPECT_LT(first(event_kind::begin_transfer), first(event_kind::bytes_received));
+    tarvex_off_t reported = 0;
+    for (const auto &e : events)
+        if (e.kind == event_kind::bytes_received)
+            reported += e.length;
+    EXPECT_EQ(reported, static_cast<tarvex_off_t>(data.size()));
     tarvex_box_path_info_t *entry = cached("/d/new.bin");
     ASSERT_NE(entry, nullptr);
     EXPECT_STREQ(entry->id, json_string_value(json_object_get(item("/d/new.bin").get(), "id")));
@@ -371,46 +373,16 @@ TEST_F(upload_test, OneRequestUpload)
     }
 }
 
-/* 100 MiB in 8 MiB parts: the session, 13 parts and the commit (the
- * emulator checks each one's range and digest), the MD5 property and the
- * cache record; and no more memory than about one part for all of it. */
-TEST_F(upload_test, HundredMebibytesInEightMebibyteParts)
-{
-    const uint64_t total = 100 * mib;
-    const digests want = pattern_digests(total);
-    driver_.set_record_progress(false);
-    bool measuring = reset_peak();
-#ifdef __SANITIZE_THREAD__
-    measuring = false; /* its shadow memory follows every byte touched */
-#endif
-    long rss_before = status_kb("VmRSS");
-    EXPECT_EQ(store_pattern(driver_, "/d/big.bin", total), "");
-    long growth_kb = status_kb("VmHWM") - rss_before;
-    auto log = take_requests();
-    EXPECT_EQ(only(log, "POST", sessions, "upload_sessions").size(), 1u);
-    EXPECT_EQ(parts(log).size(), 13u);
-    EXPECT_EQ(commits(log).size(), 1u);
-
-    tarvex_box_json_ptr stored = item("/d/big.bin");
-    EXPECT_STREQ(json_string_value(json_object_get(stored.get(), "sha1")), want.sha1.c_str());
-    json_t *props = json_object_get(
-        json_object_get(json_object_get(stored.get(), "metadata"), "global"), "properties");
-    EXPECT_STREQ(json_string_value(json_object_get(props, "tarvex-md5")), want.md5.c_str());
-    tarvex_box_path_info_t *entry = cached("/d/big.bin");
-    ASSERT_NE(entry, nullptr);
-    EXPECT_STREQ(entry->md5, want.md5.c_str());
-    EXPECT_FALSE(remembered("/d/big.bin"));
-    if (measuring) {
-        EXPECT_LT(growth_kb, 3 * 8 * 1024) << "peak resident growth, kB";
-    }
-}
-
-/* A broken store is remembered; a restart continues on a part boundary
- * only, and the file comes out whole.  Past the last part, nothing is sent;
- * a login that never began the upload cannot continue it. */
+/* Box's real sizes (8 MiB parts): a broken store is remembered; a restart
+ * continues on a part boundary only, and the file comes out whole, with
+ * its MD5 property and cache record, in no more memory than about one part
+ * (the emulator checks each part's range and digest, and the commit's).
+ * Past the last part, nothing is sent; a login that never began the upload
+ * cannot continue it. */
 TEST_F(upload_test, BrokenStoreRestartsAtAPartBoundary)
 {
     const uint64_t total = 60000000;
+    const digests want = pattern_digests(total);
     driver_.fail_receive_after(20000000, "data channel closed");
     EXPECT_NE(store_pattern(driver_, "/d/resume.bin", total).find("data channel closed"),
               std::string::npos);
@@ -426,14 +398,28 @@ TEST_F(upload_test, BrokenStoreRestartsAtAPartBoundary)
               "451 Operation failed.\r\n");
     EXPECT_TRUE(parts(take_requests()).empty());
 
+    restart.set_record_progress(false);
+    bool measuring = reset_peak();
+#ifdef __SANITIZE_THREAD__
+    measuring = false; /* its shadow memory follows every byte touched */
+#endif
+    long rss_before = status_kb("VmRSS");
     EXPECT_EQ(store_pattern(restart, "/d/resume.bin", total, 16777216), "");
+    long growth_kb = status_kb("VmHWM") - rss_before;
     log = take_requests();
     ASSERT_EQ(parts(log).size(), 6u);
     EXPECT_EQ(parts(log)[0].header("Content-Range"), "bytes 16777216-25165823/60000000");
     EXPECT_EQ(only(log, "POST", sessions).size(), 1u); /* the commit, no new session */
     EXPECT_STREQ(json_string_value(json_object_get(item("/d/resume.bin").get(), "sha1")),
-                 pattern_digests(total).sha1.c_str());
+                 want.sha1.c_str());
+    EXPECT_EQ(md5_property("/d/resume.bin"), want.md5);
+    tarvex_box_path_info_t *entry = cached("/d/resume.bin");
+    ASSERT_NE(entry, nullptr);
+    EXPECT_STREQ(entry->md5, want.md5.c_str());
     EXPECT_FALSE(remembered("/d/resume.bin"));
+    if (measuring) {
+        EXPECT_LT(growth_kb, 3 * 8 * 1024) << "peak resident growth, kB";
+    }
 
     EXPECT_EQ(store_pattern(unknown, "/d/never.bin", total, 16777216),
               "553 MULTI_PART_UPLOAD_NOT_FOUND\r\n");
@@ -512,28 +498,6 @@ TEST_F(upload_test, UnusableAnswersFromBox)
     auto log = take_requests();
     ASSERT_EQ(commits(log).size(), 1u);
     EXPECT_EQ(commits(log)[0].status, 400);
-}
-
-/* A one-request upload opens the data connection (begin_transfer) before
- * it reads: the server needs that to serve the reads.  Every byte read is
- * reported to the server (its transfer log and progress count them), the
- * one-byte last read of 33 + 33 + 33 + 1 too. */
-TEST_F(upload_test, OneRequestUploadBeginsBeforeItReads)
-{
-    driver_.set_read_chunk(33);
-    ASSERT_EQ(store_pattern(driver_, "/d/f.bin", 100), "");
-    auto events = driver_.events();
-    auto first = [&](event_kind kind) {
-        return std::find_if(events.begin(), events.end(),
-                            [&](const auto &e) { return e.kind == kind; });
-    };
-    ASSERT_NE(first(event_kind::begin_transfer), events.end());
-    EXPECT_LT(first(event_kind::begin_transfer), first(event_kind::bytes_received));
-    tarvex_off_t reported = 0;
-    for (const auto &e : events)
-        if (e.kind == event_kind::bytes_received)
-            reported += e.length;
-    EXPECT_EQ(reported, 100);
 }
 
 /* A restart after a failed commit, whose parts already went into that

@@ -10,10 +10,10 @@ using namespace dsi_rest_test;
 
 namespace {
 
-TEST(RestFailure, TransportFailuresAreClassified)
+class RestFailure : public ServerTest {};
+
+TEST_F(RestFailure, TransportFailuresAreClassified)
 {
-    ScriptServer server;
-    ASSERT_TRUE(server.running());
     struct Case {
         std::string url;
         uintptr_t idle_ms;
@@ -21,12 +21,12 @@ TEST(RestFailure, TransportFailuresAreClassified)
     };
     const Case cases[] = {
         {"http://127.0.0.1:1/x", 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // refused
-        {server.url("/stall?ms=0"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // dropped
+        {server->url("/stall?ms=0"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // dropped
         // a body cut short of its Content-Length
-        {server.url("/stall?ms=50&after=10"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT},
+        {server->url("/stall?ms=50&after=10"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT},
         // stalls before and inside the body, against the idle time-out
-        {server.url("/stall?ms=3000"), 300, TARVEX_DSI_REST_ERROR_TIMEOUT},
-        {server.url("/stall?ms=3000&after=100"), 300, TARVEX_DSI_REST_ERROR_TIMEOUT},
+        {server->url("/stall?ms=3000"), 300, TARVEX_DSI_REST_ERROR_TIMEOUT},
+        {server->url("/stall?ms=3000&after=100"), 300, TARVEX_DSI_REST_ERROR_TIMEOUT},
         {"ftp://127.0.0.1:1/x", 0, TARVEX_DSI_REST_ERROR_FATAL},
     };
     for (const Case &c : cases) {
@@ -38,7 +38,7 @@ TEST(RestFailure, TransportFailuresAreClassified)
     }
     // The message names the URL, never its query; without a credential in
     // the headers (a pre-signed link's own path may be one), its host only.
-    const std::string url = server.url("/stall?ms=0&sig=SECRET");
+    const std::string url = server->url("/stall?ms=0&sig=SECRET");
     const std::string path = url.substr(0, url.find('?'));
     const std::string origin = path.substr(0, path.find('/', strlen("http://")));
     for (bool credentialed : {true, false}) {
@@ -52,11 +52,11 @@ TEST(RestFailure, TransportFailuresAreClassified)
         EXPECT_EQ(message.find(credentialed ? "SECRET" : "/stall"), std::string::npos) << message;
     }
     // The thread's connection cache still works after all that.
-    EXPECT_EQ(Exchange({.url = server.url("/echo"), .idle_ms = 300}).result, TARVEX_SUCCESS);
+    EXPECT_EQ(Exchange({.url = server->url("/echo"), .idle_ms = 300}).result, TARVEX_SUCCESS);
     EXPECT_FALSE(tarvex_dsi_rest_error_is_retryable(TARVEX_FAILURE)); // not ours: final
 }
 
-TEST(RestFailure, BadArgumentsAreRefused)
+TEST_F(RestFailure, BadArgumentsAreRefused)
 {
     const Request requests[] = {
         {.url = ""},
@@ -74,16 +74,14 @@ TEST(RestFailure, BadArgumentsAreRefused)
 // A response callback that refuses the answer (the Box plug-in's status
 // check does) ends the request with a callback error that names the URL and
 // keeps the caller's own error as its cause.
-TEST(RestFailure, AResponseCallbackThatRefusesFailsTheRequest)
+TEST_F(RestFailure, AResponseCallbackThatRefusesFailsTheRequest)
 {
-    ScriptServer server;
-    ASSERT_TRUE(server.running());
     tarvex_dsi_rest_callbacks_t callbacks{};
     callbacks.response_callback = [](void *, int, const char *,
                                      const tarvex_dsi_rest_key_array_t *) -> tarvex_result_t {
         return tarvex_error_put(TARVEX_ERROR_CONSTRUCT(nullptr, nullptr, 7, "not this answer"));
     };
-    std::string url = server.url("/bytes?n=1000");
+    std::string url = server->url("/bytes?n=1000");
     tarvex_result_t result =
         tarvex_dsi_rest_request("GET", url.c_str(), nullptr, nullptr, &callbacks);
     const tarvex_object_t *error = tarvex_error_peek(result);
@@ -101,55 +99,51 @@ TEST(RestFailure, AResponseCallbackThatRefusesFailsTheRequest)
     tarvex_error_discard(result);
 }
 
+// Which callback throws, and how: each callback of the test below calls
+// raise_in() with its own name.
+struct Thrower {
+    const char *where;
+    std::function<void()> raise;
+};
+const Thrower *thrower = nullptr;
+
+tarvex_result_t raise_in(const std::string &where)
+{
+    if (where == thrower->where)
+        thrower->raise();
+    return TARVEX_SUCCESS;
+}
+
 // A callback written in C++ may throw: the exception stops at the client's
 // edge (it must never unwind through libcurl) and fails the request as a
 // callback error, and the thread's connection serves the next request.
-TEST(RestFailure, ExceptionsFromCallbacksFailTheRequest)
+TEST_F(RestFailure, ExceptionsFromCallbacksFailTheRequest)
 {
-    ScriptServer server;
-    ASSERT_TRUE(server.running());
-    struct Thrower {
-        const char *where;
-        std::function<void()> raise;
-    };
     const Thrower throwers[] = {
         {"response", [] { throw std::runtime_error("boom"); }},
         {"read", [] { throw std::bad_alloc(); }},
         {"write", [] { throw std::runtime_error("boom"); }},
         {"progress", [] { throw 42; }},
     };
-    static const Thrower *current = nullptr;
     for (const Thrower &t : throwers) {
         SCOPED_TRACE(t.where);
-        current = &t;
+        thrower = &t;
         std::string where = t.where;
         tarvex_dsi_rest_callbacks_t callbacks{};
         callbacks.response_callback = [](void *, int, const char *,
-                                         const tarvex_dsi_rest_key_array_t *) -> tarvex_result_t {
-            if (std::string(current->where) == "response")
-                current->raise();
-            return TARVEX_SUCCESS;
+                                         const tarvex_dsi_rest_key_array_t *) {
+            return raise_in("response");
         };
-        callbacks.data_read_callback = [](void *, void *, size_t) -> tarvex_result_t {
-            if (std::string(current->where) == "read")
-                current->raise();
-            return TARVEX_SUCCESS;
-        };
-        callbacks.data_write_callback = [](void *, char *, size_t,
-                                            size_t *written) -> tarvex_result_t {
+        callbacks.data_read_callback = [](void *, void *, size_t) { return raise_in("read"); };
+        callbacks.data_write_callback = [](void *, char *, size_t, size_t *written) {
             *written = 0;
-            if (std::string(current->where) == "write")
-                current->raise();
-            return TARVEX_SUCCESS;
+            return raise_in("write");
         };
-        callbacks.progress_callback = [](void *, uint64_t, uint64_t, uint64_t,
-                                          uint64_t) -> tarvex_result_t {
-            if (std::string(current->where) == "progress")
-                current->raise();
-            return TARVEX_SUCCESS;
+        callbacks.progress_callback = [](void *, uint64_t, uint64_t, uint64_t, uint64_t) {
+            return raise_in("progress");
         };
         tarvex_result_t result = tarvex_dsi_rest_request(
-            "PUT", server.url("/bytes?n=1000").c_str(), nullptr, nullptr, &callbacks);
+            "PUT", server->url("/bytes?n=1000").c_str(), nullptr, nullptr, &callbacks);
         const tarvex_object_t *error = tarvex_error_peek(result);
         ASSERT_NE(error, nullptr);
         std::string message = tarvex_error_get_message(error);
@@ -164,7 +158,7 @@ TEST(RestFailure, ExceptionsFromCallbacksFailTheRequest)
             EXPECT_EQ(message.find("boom") != std::string::npos, where != "progress") << message;
         }
         tarvex_error_discard(result);
-        EXPECT_EQ(Exchange({.url = server.url("/echo")}).text("method"), "GET");
+        EXPECT_EQ(Exchange({.url = server->url("/echo")}).text("method"), "GET");
     }
 
     // The complete callback comes last: its exception cannot change the
@@ -173,7 +167,7 @@ TEST(RestFailure, ExceptionsFromCallbacksFailTheRequest)
     callbacks.complete_callback = [](void *, tarvex_result_t) {
         throw std::runtime_error("late");
     };
-    EXPECT_EQ(tarvex_dsi_rest_request("GET", server.url("/echo").c_str(), nullptr, nullptr,
+    EXPECT_EQ(tarvex_dsi_rest_request("GET", server->url("/echo").c_str(), nullptr, nullptr,
                                       &callbacks),
               TARVEX_SUCCESS);
 }

@@ -1,9 +1,8 @@
 // The limits on JSON answers: size (announced or streamed), nesting and
 // number of values; what is refused is never kept whole, and the limit
 // comes from the call or the environment.
-#include <fstream>
-
 #include "dsi_rest_fixture.h"
+#include "peak_memory.h"
 
 using namespace dsi_rest_test;
 
@@ -75,14 +74,8 @@ TEST_F(RestJsonLimit, AHugeAnswerStopsAtTheLimitAndMemoryStaysFlat)
 {
     const size_t limit = TARVEX_DSI_REST_JSON_LIMIT_DEFAULT;
     ASSERT_EQ(tarvex_dsi_rest_json_limit(), limit);
-    bool measured = static_cast<bool>(std::ofstream("/proc/self/clear_refs") << "5" << std::flush);
-    auto status_kb = [](const std::string &field) {
-        std::ifstream in("/proc/self/status");
-        for (std::string line; std::getline(in, line);)
-            if (line.rfind(field + ":", 0) == 0)
-                return std::stol(line.substr(field.size() + 1));
-        return -1L;
-    };
+    using tarvex_test::status_kb;
+    bool measured = tarvex_test::reset_peak();
     long before_kb = status_kb("VmRSS");
     Exchange huge({.url = json_url("string", 64u << 20, true)});
     long growth_kb = status_kb("VmHWM") - before_kb;

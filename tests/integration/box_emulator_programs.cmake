@@ -1,0 +1,19 @@
+# The plug-in's operations against the Box emulator, a test program each
+# ("box_calls.calls_test.AttemptsOfEachCall"):
+#   box_calls      the shape and pacing state of every request, attempt
+#                  budgets, the commit's back-off, the checksum's fall-backs;
+#   box_command    make folder, delete, rename, checksums, metadata properties;
+#   box_download   RETR: ranges, retries, failures, a streamed large file;
+#   box_in_flight  parts of an upload session and ranges of a download in
+#                  flight at once;
+#   box_upload     STOR and its restarts: one-request uploads, upload
+#                  sessions with parts, commits.
+foreach(name box_calls box_command box_download box_in_flight box_upload)
+  add_executable(tarvex_${name}_tests ${CMAKE_CURRENT_LIST_DIR}/${name}_test.cpp)
+  target_link_libraries(tarvex_${name}_tests PRIVATE tarvex_box_legacy_digests
+    tarvex_test_box_session_support tarvex_test_error_check GTest::gtest_main)
+  gtest_discover_tests(tarvex_${name}_tests
+    TEST_PREFIX "${name}."
+    PROPERTIES LABELS integration
+    DISCOVERY_TIMEOUT 60)
+endforeach()
