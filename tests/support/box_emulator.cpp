@@ -202,14 +202,11 @@ long BoxEmulator::request(const std::string &method, const std::string &path,
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, collect);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer);
-    struct curl_slist *headers = curl_slist_append(nullptr, "Content-Type: application/json");
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
     if (method == "POST") {
         curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
         curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
     }
     CURLcode rc = curl_easy_perform(curl);
-    curl_slist_free_all(headers);
     if (rc != CURLE_OK)
         fail(method + " " + path + ": " + curl_easy_strerror(rc));
     long status = 0;

@@ -246,8 +246,7 @@ tarvex_box_session_t *session_test::start(const std::string &user_id)
 
 void session_test::script_page(const std::string &id, const std::string &page)
 {
-    emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + id +
-                     R"(/items$","count":1,"status":200,"body":)" + page + "}");
+    fault("GET", "^/2.0/folders/" + id + "/items$", 1, R"("status":200,"body":)" + page);
 }
 
 } // namespace box_session_test
