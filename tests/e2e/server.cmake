@@ -9,14 +9,12 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_posix)
                 test_server_plugin_contract test_server_operator
                 test_server_docs)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
-      add_test(NAME e2e_${suite}
-               COMMAND ${Python3_EXECUTABLE} -m unittest -v ${suite}
-               WORKING_DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR})
-      set_tests_properties(e2e_${suite} PROPERTIES
-        LABELS e2e
-        COST 100
-        TIMEOUT 900
-        ENVIRONMENT "TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>;TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_posix>;PYTHONDONTWRITEBYTECODE=1;PYTHONPATH=${TARVEX_SOURCE_ROOT}/tests/support;TARVEX_BUILD_DIR=${CMAKE_BINARY_DIR};TARVEX_CMAKE=${CMAKE_COMMAND};TARVEX_BOX_CREDENTIAL=$<TARGET_FILE:tarvex-box-credential>")
+      tarvex_python_test(${suite} PREFIX e2e_ LABEL e2e
+        ENV TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>
+            TARVEX_LIB_DIR=$<TARGET_FILE_DIR:tarvex_gridftp_server_posix>
+            TARVEX_BUILD_DIR=${CMAKE_BINARY_DIR} TARVEX_CMAKE=${CMAKE_COMMAND}
+            TARVEX_BOX_CREDENTIAL=$<TARGET_FILE:tarvex-box-credential>
+        PROPERTIES COST 100 TIMEOUT 900)
     endif()
   endforeach()
 endif()

@@ -9,11 +9,7 @@
 #   box_upload     STOR and its restarts: one-request uploads, upload
 #                  sessions with parts, commits.
 foreach(name box_calls box_command box_download box_in_flight box_upload)
-  add_executable(tarvex_${name}_tests ${CMAKE_CURRENT_LIST_DIR}/${name}_test.cpp)
-  target_link_libraries(tarvex_${name}_tests PRIVATE tarvex_box_legacy_digests
-    tarvex_test_box_session_support tarvex_test_error_check GTest::gtest_main)
-  gtest_discover_tests(tarvex_${name}_tests
-    TEST_PREFIX "${name}."
-    PROPERTIES LABELS integration
-    DISCOVERY_TIMEOUT 60)
+  tarvex_gtest(tarvex_${name}_tests PREFIX ${name}. LABEL integration
+    SOURCES ${name}_test.cpp
+    LIBRARIES tarvex_box_legacy_digests tarvex_test_box_session_support)
 endforeach()

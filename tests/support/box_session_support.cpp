@@ -4,8 +4,8 @@
 #include <openssl/sha.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <memory>
+#include <regex>
 
 #include "box_scratch.h"
 #include "command.h"
@@ -84,15 +84,12 @@ std::string take_reply(tarvex_result_t result)
 
 strings listings()
 {
-    const std::string head = "/2.0/folders/", tail = "/items";
+    static const std::regex listing("/2\\.0/folders/(.+)/items");
     strings folders;
-    for (const auto &e : take_requests()) {
-        const std::string &p = e.path;
-        size_t id_size = p.size() - std::min(p.size(), head.size() + tail.size());
-        bool listing = e.method == "GET" && id_size > 0 && p.rfind(head, 0) == 0 &&
-                       p.compare(head.size() + id_size, std::string::npos, tail) == 0;
-        folders.push_back(listing ? p.substr(head.size(), id_size) : "");
-    }
+    std::smatch id;
+    for (const auto &e : take_requests())
+        folders.push_back(e.method == "GET" && std::regex_match(e.path, id, listing) ? id[1].str()
+                                                                                     : "");
     return folders;
 }
 
@@ -115,8 +112,7 @@ std::vector<log_entry> only(const std::vector<log_entry> &log, const std::string
 {
     std::vector<log_entry> out;
     for (const auto &e : log)
-        if (e.method == method && e.path.rfind(start, 0) == 0 && e.path.size() >= end.size() &&
-            e.path.compare(e.path.size() - end.size(), end.size(), end) == 0)
+        if (e.method == method && e.path.starts_with(start) && e.path.ends_with(end))
             out.push_back(e);
     return out;
 }
@@ -250,8 +246,7 @@ tarvex_box_session_t *session_test::start(const std::string &user_id)
 
 void session_test::script_page(const std::string &id, const std::string &page)
 {
-    emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/)" + id +
-                     R"(/items$","count":1,"status":200,"body":)" + page + "}");
+    fault("GET", "^/2.0/folders/" + id + "/items$", 1, R"("status":200,"body":)" + page);
 }
 
 } // namespace box_session_test

@@ -51,14 +51,6 @@ std::optional<std::string> copy_text(const char *s)
     return std::string(s);
 }
 
-stat_entry copy_entry(const tarvex_gridftp_server_control_stat_t &in)
-{
-    stat_entry e;
-    e.mode = in.mode;
-    e.name = copy_text(in.name);
-    return e;
-}
-
 // What a registered read or write of a cancelled operation completes with.
 const char cancelled_text[] = "the operation was cancelled";
 
@@ -121,7 +113,6 @@ struct driver::shared : script, recorded {
     // the client's data: the write range's offset (what has been handed
     // over is `received`)
     tarvex_off_t recv_base = 0;
-    int next_op = 1;
     uint64_t moved = 0; // bytes moved by the running call (cancel_after)
 
     void add(event e)
@@ -186,7 +177,6 @@ struct driver::shared : script, recorded {
 
 struct driver::operation_state {
     std::shared_ptr<shared> s;
-    int id;
     tarvex_gfs_operation_t op = nullptr;
 
     std::mutex m;
@@ -200,7 +190,7 @@ struct driver::operation_state {
     bool stopping = false;
     std::thread worker;
 
-    operation_state(std::shared_ptr<shared> shared_state, int number);
+    explicit operation_state(std::shared_ptr<shared> shared_state);
     ~operation_state();
 
     void answer(tarvex_result_t r, void *arg = nullptr)
@@ -284,58 +274,51 @@ state *st(void *ctx)
     return static_cast<state *>(ctx);
 }
 
-event make_event(state *o, event_kind kind, tarvex_result_t result = TARVEX_SUCCESS)
+event make_event(event_kind kind, tarvex_result_t result = TARVEX_SUCCESS,
+                 const char *text = nullptr)
 {
     event e;
     e.kind = kind;
-    e.op = o->id;
     e.result = result;
     e.reply = ftp_reply(result);
+    e.text = copy_text(text);
     return e;
 }
 
 void p_finished_session_start(void *ctx, tarvex_result_t result, void *session_arg,
                               const char *username, const char *)
 {
-    event e = make_event(st(ctx), event_kind::session_start, result);
-    e.text = copy_text(username);
-    st(ctx)->s->add(std::move(e));
+    st(ctx)->s->add(make_event(event_kind::session_start, result, username));
     st(ctx)->answer(result, session_arg);
 }
 
 void p_finished_stat(void *ctx, tarvex_result_t result,
-                     tarvex_gridftp_server_control_stat_t *stat_array, int stat_count,
-                     bool partial)
+                     tarvex_gridftp_server_control_stat_t *stat_array, int stat_count, bool partial)
 {
-    event e = make_event(st(ctx), partial ? event_kind::stat_partial : event_kind::stat,
-                         result);
+    event e = make_event(partial ? event_kind::stat_partial : event_kind::stat, result);
     for (int i = 0; stat_array != nullptr && i < stat_count; i++)
-        e.entries.push_back(copy_entry(stat_array[i]));
+        e.entries.push_back({stat_array[i].mode, copy_text(stat_array[i].name)});
     st(ctx)->s->add(std::move(e));
     if (!partial)
         st(ctx)->answer(result);
 }
 
-void p_finished_command(void *ctx, tarvex_result_t result, const char *response,
-                        bool intermediate)
+void p_finished_command(void *ctx, tarvex_result_t result, const char *response, bool intermediate)
 {
-    event e = make_event(st(ctx),
-                         intermediate ? event_kind::command_intermediate : event_kind::command,
-                         result);
-    e.text = copy_text(response);
-    st(ctx)->s->add(std::move(e));
+    st(ctx)->s->add(make_event(
+        intermediate ? event_kind::command_intermediate : event_kind::command, result, response));
     if (!intermediate)
         st(ctx)->answer(result);
 }
 
 void p_begin_transfer(void *ctx, int, void *)
 {
-    st(ctx)->s->add(make_event(st(ctx), event_kind::begin_transfer));
+    st(ctx)->s->add(make_event(event_kind::begin_transfer));
 }
 
 void p_finished_transfer(void *ctx, tarvex_result_t result)
 {
-    st(ctx)->s->add(make_event(st(ctx), event_kind::finished_transfer, result));
+    st(ctx)->s->add(make_event(event_kind::finished_transfer, result));
     st(ctx)->answer(result);
 }
 
@@ -396,25 +379,25 @@ tarvex_result_t p_register_write(void *ctx, tarvex_gfs_operation_t op, tarvex_by
     return TARVEX_SUCCESS;
 }
 
-void p_update_bytes_recvd(void *ctx, tarvex_off_t length)
+void add_progress(void *ctx, event_kind kind, tarvex_off_t offset, tarvex_off_t length)
 {
     auto &s = *st(ctx)->s;
     if (!s.progress_recorded())
         return;
-    event e = make_event(st(ctx), event_kind::bytes_received);
+    event e = make_event(kind);
+    e.offset = offset;
     e.length = length;
     s.add(std::move(e));
 }
 
+void p_update_bytes_recvd(void *ctx, tarvex_off_t length)
+{
+    add_progress(ctx, event_kind::bytes_received, 0, length);
+}
+
 void p_update_bytes_written(void *ctx, tarvex_off_t offset, tarvex_off_t length)
 {
-    auto &s = *st(ctx)->s;
-    if (!s.progress_recorded())
-        return;
-    event e = make_event(st(ctx), event_kind::bytes_written);
-    e.offset = offset;
-    e.length = length;
-    s.add(std::move(e));
+    add_progress(ctx, event_kind::bytes_written, offset, length);
 }
 
 tarvex_result_t p_get_config_data(void *ctx, const char *key, char **data)
@@ -432,9 +415,7 @@ tarvex_result_t p_get_config_data(void *ctx, const char *key, char **data)
 
 void p_set_checksum_support(void *ctx, const char *cksm_str)
 {
-    event e = make_event(st(ctx), event_kind::checksum_support);
-    e.text = copy_text(cksm_str);
-    st(ctx)->s->add(std::move(e));
+    st(ctx)->s->add(make_event(event_kind::checksum_support, TARVEX_SUCCESS, cksm_str));
 }
 
 void p_get_update_interval(void *ctx, int *interval)
@@ -483,8 +464,8 @@ const tarvex_gfs_operation_provider_t driver_provider = {
 
 } // namespace
 
-driver::operation_state::operation_state(std::shared_ptr<shared> shared_state, int number)
-    : s(std::move(shared_state)), id(number)
+driver::operation_state::operation_state(std::shared_ptr<shared> shared_state)
+    : s(std::move(shared_state))
 {
     op = tarvex_gfs_operation_create(&driver_provider, this);
 }
@@ -576,17 +557,15 @@ bool driver::cancel()
 template <typename Call>
 tarvex_result_t driver::run(bool present, Call &&call, void **session_arg)
 {
-    int number;
     std::chrono::milliseconds timeout;
     {
         std::lock_guard lock(s_->m);
-        number = s_->next_op++;
         timeout = s_->timeout;
         s_->last_result = TARVEX_FAILURE;
     }
     if (!present)
         return TARVEX_FAILURE;
-    auto o = std::make_unique<operation_state>(s_, number);
+    auto o = std::make_unique<operation_state>(s_);
     if (o->op == nullptr)
         return TARVEX_FAILURE;
     {

@@ -98,7 +98,6 @@ struct stat_entry {
 
 struct event {
     event_kind kind;
-    int op = 0; /* operation number, from 1 */
     tarvex_result_t result = TARVEX_SUCCESS;
     std::string reply;               /* the result as an FTP reply, rendered
                                         during the call; "" for success */
