@@ -6,6 +6,7 @@
  * ARefusalBoxExplainsIsNeverRetried, box_download_test's
  * AnswersOfTheContentRequestAndTheDownload).
  */
+#include <map>
 #include <vector>
 
 #include "box_scratch.h"
@@ -13,6 +14,7 @@
 #include "get_folder_items.h"
 #include "request.h"
 #include "retry.h"
+#include "tarvex_gridftp_server.h"
 
 namespace box_session_test {
 namespace {
@@ -63,9 +65,23 @@ TEST_F(request_test, RetryAfterDelaysTheNextAttempt)
         fault("GET", "^/2.0/folders/0/items", 1,
               R"("status":429,"headers":{"Retry-After":")" + std::string(seconds) +
                   R"("},"body":null)");
+    /* What the attempts report to the server's metrics. */
+    static std::map<std::string, double> counted;
+    static const tarvex_gfs_metrics_sink_t sink = {
+        [](void *, const char *name, const char *labels, double amount) {
+            counted[std::string(name) + " " + labels] += amount;
+        },
+        nullptr};
+    tarvex_gfs_metrics_set_sink(&sink, nullptr);
     request_.attempts = 4;
     ASSERT_EQ(tarvex_box_request(session_, &request_), TARVEX_SUCCESS);
+    tarvex_gfs_metrics_set_sink(nullptr, nullptr);
     tarvex_i_box_wait = saved;
+    EXPECT_EQ(counted, (std::map<std::string, double>{{"storage_requests GET 429", 3},
+                                                      {"storage_requests GET 200", 1},
+                                                      {"storage_retries ", 3},
+                                                      {"storage_throttled ", 3},
+                                                      {"storage_retry_after_seconds ", 27}}));
     EXPECT_EQ(request_.attempts_made, 4);
     EXPECT_EQ(waited, (std::vector<unsigned>{2, 25}));
     const std::string debug = scratch_.debug_text();

@@ -159,7 +159,7 @@ TEST_F(RestTrace, HeadersShownCredentialsHidden)
 {
     std::string on = traced(server->url("/echo"), "TRACE");
     EXPECT_NE(on.find("> Authorization: <hidden>"), std::string::npos) << on;
-    EXPECT_NE(on.find("> Host: 127.0.0.1"), std::string::npos) << on;
+    EXPECT_NE(on.find("> GET /echo HTTP/1.1\n"), std::string::npos) << on;
     EXPECT_EQ(on.find("s3cret"), std::string::npos) << on;
     EXPECT_EQ(traced(server->url("/echo"), "ERROR"), "");
 }

@@ -196,6 +196,19 @@ TEST(ServerOptions, EveryTcpPortAndNoMore)
             EXPECT_NE(p.err.find("--pasv-range"), std::string::npos) << r.range << ": " << p.err;
         }
     }
+    // The metrics listener: a numeric IPv4 address, or an IPv6 one in
+    // brackets, and a port.
+    for (const auto &[listen, valid] : std::initializer_list<std::pair<const char *, bool>>{
+             {"127.0.0.1:0", true},
+             {"[::1]:9100", true},
+             {"[zz]:9100", false},
+             {"::1:9100", false},
+             {"localhost:9100", false},
+             {"127.0.0.1:65536", false}}) {
+        Parsed p = parse({"--dsi", "posix", "--anonymous-map", "--port", "2811",
+                          "--metrics-listen", listen});
+        EXPECT_EQ(p.rc, valid ? 0 : -1) << listen << ": " << p.err;
+    }
 }
 
 // A configuration command whose output is cut off (too large here; one that
