@@ -158,6 +158,8 @@ class Reload(BoxTest):
         write(policy, '{"user_api_rate_limit": 100')
         self.reload("configuration not read again, the old one stays: %s:1:" % policy)
         self.assertEqual(self.list_root(ca_b).returncode, 0, self.diagnostics())
+        # One SIGHUP, one reading, however many logins come after it.
+        self.assertEqual(self.server.read_log().count("configuration not read again"), 1)
         write(policy, json.dumps({"user_api_rate_limit": 100}))
         self.write_conf("idle-timeout = soon")
         self.reload('the old one stays: %s:5: idle-timeout: bad value "soon"' % self.conf)
