@@ -139,7 +139,7 @@ TEST_F(RestRequest, KeepAliveReusesOneConnectionPerThread)
 std::string traced(const std::string &url, const char *levels)
 {
     std::string file = make_temp_dir() + "/trace";
-    tarvex_module_deactivate(&tarvex_i_dsi_rest_module);
+    EXPECT_EQ(tarvex_module_deactivate(&tarvex_i_dsi_rest_module), 0);
     setenv("TARVEX_DSI_REST_DEBUG", (std::string(levels) + "," + file).c_str(), 1);
     EXPECT_EQ(tarvex_module_activate(&tarvex_i_dsi_rest_module), 0);
     EXPECT_EQ(Exchange({.url = url, .headers = {{"Authorization", "Bearer s3cret"}}}).result,
