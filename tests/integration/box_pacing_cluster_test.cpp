@@ -188,6 +188,11 @@ TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
     EXPECT_EQ(upload_slot.waited_us, 0);
     value = redis.command({"GET", key + "u"});
     EXPECT_EQ(std::string(value->str, value->len), std::to_string(upload_slot.stamp_us));
+    /* The script went once and is named by its digest since. */
+    redis_reply stats = redis.command({"INFO", "commandstats"});
+    const std::string calls(stats->str, stats->len);
+    EXPECT_NE(calls.find("cmdstat_evalsha:calls=3,"), std::string::npos) << calls;
+    EXPECT_EQ(calls.find("cmdstat_eval:"), std::string::npos) << calls;
 
     /* A stamp an hour ahead is what a server clock set back leaves: it
      * holds nobody back. */
