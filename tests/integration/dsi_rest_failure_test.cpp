@@ -97,6 +97,19 @@ TEST_F(RestFailure, AResponseCallbackThatRefusesFailsTheRequest)
     EXPECT_EQ(std::string(tarvex_error_get_message(cause)), "not this answer");
     EXPECT_FALSE(tarvex_dsi_rest_error_is_retryable(result));
     tarvex_error_discard(result);
+
+    // A write callback that claims more bytes than its buffer holds is
+    // refused before anything reads past the buffer.
+    callbacks = {};
+    callbacks.data_write_callback = [](void *, char *, size_t room, size_t *written) {
+        *written = room + 1;
+        return TARVEX_SUCCESS;
+    };
+    result = tarvex_dsi_rest_request("PUT", url.c_str(), nullptr, nullptr, &callbacks);
+    ASSERT_NE(tarvex_error_peek(result), nullptr);
+    message = tarvex_error_get_message(tarvex_error_peek(result));
+    EXPECT_EQ(message.rfind("The write callback overran its buffer: ", 0), 0u) << message;
+    tarvex_error_discard(result);
 }
 
 // Which callback throws, and how: each callback of the test below calls
