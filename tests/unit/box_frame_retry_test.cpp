@@ -117,6 +117,31 @@ TEST(BoxFrameRetry, ACallWaitsForTheLockAndKeepsItsDistanceFromTheStampMadeMeanw
     tarvex_i_box_retry_state_destroy(&held);
 }
 
+/* Opening a pacing record, first or not, leaves its lock free: a process
+ * that opened one and makes no call holds no other process's call back. */
+TEST(BoxFrameRetry, OpeningARecordHoldsNobodyBack)
+{
+    box_scratch scratch;
+    auto call_elsewhere = [] {
+        child caller([] {
+            tarvex_box_retry_t retry{};
+            tarvex_i_box_retry_state_create("idle", 16, &retry);
+            return retry.fd != -1 && tarvex_i_box_retry_state_lock(&retry, true) == TARVEX_SUCCESS
+                       ? 0
+                       : 1;
+        });
+        return caller.status();
+    };
+    tarvex_box_retry_t first{}, second{};
+    tarvex_i_box_retry_state_create("idle", 16, &first); /* makes the file */
+    ASSERT_NE(first.fd, -1);
+    EXPECT_EQ(call_elsewhere(), 0);
+    tarvex_i_box_retry_state_create("idle", 16, &second); /* finds it made */
+    EXPECT_EQ(call_elsewhere(), 0);
+    tarvex_i_box_retry_state_destroy(&second);
+    tarvex_i_box_retry_state_destroy(&first);
+}
+
 /* A file that is not a record (cut short, or grown by something else) is
  * brought to the record's size with its stamp cleared: a stamp of garbage
  * could hold every request back for years. */
