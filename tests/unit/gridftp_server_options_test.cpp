@@ -126,6 +126,7 @@ TEST_F(ServerConfigOptions, MistakesNameTheFileLineAndKey)
         {"config = /etc/other.conf\n", "1: config: only on the command line"},
         {"check-config = true\n", "1: check-config: only on the command line"},
         {"config-file = config\n", "1: config-file: bad value \"config\""},
+        {"x", "1: expected \"key = value\""}, // a read of one byte is not the end
     };
     for (const Case &c : cases) {
         std::string conf = write(c.text);
