@@ -189,11 +189,23 @@ tarvex_result_t realpath(const char *in, char **out, void *)
     return TARVEX_SUCCESS;
 }
 
-const tarvex_gfs_storage_iface_t table = {
-    TARVEX_GFS_DSI_DESCRIPTOR_SENDER | TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS |
-        TARVEX_GFS_DSI_DESCRIPTOR_HAS_REALPATH,
-    start, nullptr, nullptr, send, nullptr, nullptr, nullptr, nullptr, nullptr, command, stat,
-    nullptr, nullptr, realpath};
+const tarvex_gfs_storage_iface_t table = {TARVEX_GFS_DSI_DESCRIPTOR_SENDER |
+                                              TARVEX_GFS_DSI_DESCRIPTOR_SERIAL_OPERATIONS |
+                                              TARVEX_GFS_DSI_DESCRIPTOR_HAS_REALPATH,
+                                          start,
+                                          nullptr,
+                                          nullptr,
+                                          send,
+                                          nullptr,
+                                          nullptr,
+                                          nullptr,
+                                          nullptr,
+                                          nullptr,
+                                          command,
+                                          stat,
+                                          nullptr,
+                                          nullptr,
+                                          realpath};
 
 } // namespace
 

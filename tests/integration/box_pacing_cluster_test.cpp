@@ -102,8 +102,8 @@ TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
 {
     redis_server redis;
     box_scratch scratch;
-    pacing_hosts hosts(scratch.dir(), {4, 0, per_second, redis.url(),
-                                       TARVEX_BOX_WARN | TARVEX_BOX_INFO});
+    pacing_hosts hosts(scratch.dir(),
+                       {4, 0, per_second, redis.url(), TARVEX_BOX_WARN | TARVEX_BOX_INFO});
     ASSERT_TRUE(hosts.go());
 
     /* Calls of `host` that began at or after `since` and came from
@@ -278,7 +278,8 @@ TEST_F(BoxPacingCluster, PasswordDatabaseAndOneSharedConnection)
     tarvex_i_box_retry_state_destroy(&two);
     tarvex_i_box_retry_state_destroy(&one);
 
-    for (const auto &[userinfo, db] : {std::pair{"default:not-it@", 3}, {":p%40ss%3Aw%25rd@", 99}}) {
+    for (const auto &[userinfo, db] :
+         {std::pair{"default:not-it@", 3}, {":p%40ss%3Aw%25rd@", 99}}) {
         SCOPED_TRACE(userinfo + std::to_string(db));
         configure(userinfo, db);
         tarvex_box_retry_t retry{};

@@ -210,7 +210,7 @@ struct pacing_hosts_options {
     int hosts = 4;
     int calls = 200; /* per host; 0: until stopped */
     int per_second = 16;
-    std::string store;     /* the policy's "pacing_store"; empty: none */
+    std::string store;         /* the policy's "pacing_store"; empty: none */
     unsigned debug_levels = 0; /* each host's log goes to log(host) */
 };
 
@@ -276,10 +276,7 @@ public:
         return well;
     }
 
-    std::string home(int host) const
-    {
-        return dir_ + "/host-" + std::to_string(host);
-    }
+    std::string home(int host) const { return dir_ + "/host-" + std::to_string(host); }
     std::string log(int host) const
     {
         std::ifstream in(dir_ + "/host-" + std::to_string(host) + ".log", std::ios::binary);

@@ -20,7 +20,7 @@ TEST_F(RestFailure, TransportFailuresAreClassified)
         int type;
     };
     const Case cases[] = {
-        {"http://127.0.0.1:1/x", 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // refused
+        {"http://127.0.0.1:1/x", 0, TARVEX_DSI_REST_ERROR_TRANSPORT},     // refused
         {server->url("/stall?ms=0"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT}, // dropped
         // a body cut short of its Content-Length
         {server->url("/stall?ms=50&after=10"), 0, TARVEX_DSI_REST_ERROR_TRANSPORT},
@@ -180,9 +180,9 @@ TEST_F(RestFailure, ExceptionsFromCallbacksFailTheRequest)
     callbacks.complete_callback = [](void *, tarvex_result_t) {
         throw std::runtime_error("late");
     };
-    EXPECT_EQ(tarvex_dsi_rest_request("GET", server->url("/echo").c_str(), nullptr, nullptr,
-                                      &callbacks),
-              TARVEX_SUCCESS);
+    EXPECT_EQ(
+        tarvex_dsi_rest_request("GET", server->url("/echo").c_str(), nullptr, nullptr, &callbacks),
+        TARVEX_SUCCESS);
 }
 
 TEST(RestTls, VerifiesAgainstTheConfiguredCa)

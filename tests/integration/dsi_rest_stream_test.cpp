@@ -74,11 +74,9 @@ TEST_F(RestStream, UploadSendsTheOperationsData)
         bool fail_reads = false;
     };
     const Case cases[] = {
-        {0, SIZE_MAX, -1},
-        {3 * 1024 * 1024 + 7, SIZE_MAX, -1},
+        {0, SIZE_MAX, -1},           {3 * 1024 * 1024 + 7, SIZE_MAX, -1},
         {1000000, 4096, -1}, // short reads: many completions per buffer
-        {1000000, SIZE_MAX, 300000},
-        {10000, SIZE_MAX, -1, true},
+        {1000000, SIZE_MAX, 300000}, {10000, SIZE_MAX, -1, true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.size);

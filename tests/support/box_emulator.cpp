@@ -250,7 +250,8 @@ std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
     std::vector<LogEntry> entries;
     size_t index;
     json_t *e;
-    json_array_foreach(doc.get(), index, e) {
+    json_array_foreach(doc.get(), index, e)
+    {
         LogEntry entry;
         entry.method = string_of(json_object_get(e, "method"));
         entry.path = string_of(json_object_get(e, "path"));
@@ -314,7 +315,8 @@ std::vector<BoxEmulator::TreeEntry> BoxEmulator::tree()
     std::vector<TreeEntry> entries;
     size_t index;
     json_t *e;
-    json_array_foreach(doc.get(), index, e) {
+    json_array_foreach(doc.get(), index, e)
+    {
         TreeEntry entry;
         entry.path = string_of(json_object_get(e, "path"));
         entry.type = string_of(json_object_get(e, "type"));

@@ -80,7 +80,8 @@ TEST(BoxFrameSession, PolicyKeys)
     auto count = [&](const char *key, const char *range) {
         return bad + key + in + "a whole number from " + range + ".";
     };
-    const struct { const char *policy; const char *settings; std::string failure; } cases[] = {
+    const struct { const char *policy; const char *settings; std::string failure;
+    } cases[] = {
         {"{}", "", ""},
         {R"({"user_api_rate_limit": 0})", "", ""},
         {R"({"user_api_rate_limit": 40, "other": [1]})", "rate=40", ""},

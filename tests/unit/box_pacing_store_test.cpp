@@ -60,7 +60,8 @@ protected:
 
 TEST_F(BoxPacingStore, WhatThePolicyMayName)
 {
-    const struct { const char *value; const char *refusal; } cases[] = {
+    const struct { const char *value; const char *refusal;
+    } cases[] = {
         {nullptr, nullptr},
         {"null", nullptr},
         {R"("redis://127.0.0.1")", nullptr},

@@ -199,15 +199,15 @@ TEST(ServerOptions, EveryTcpPortAndNoMore)
     }
     // The metrics listener: a numeric IPv4 address, or an IPv6 one in
     // brackets, and a port.
-    for (const auto &[listen, valid] : std::initializer_list<std::pair<const char *, bool>>{
-             {"127.0.0.1:0", true},
-             {"[::1]:9100", true},
-             {"[zz]:9100", false},
-             {"::1:9100", false},
-             {"localhost:9100", false},
-             {"127.0.0.1:65536", false}}) {
-        Parsed p = parse({"--dsi", "posix", "--anonymous-map", "--port", "2811",
-                          "--metrics-listen", listen});
+    for (const auto &[listen, valid] :
+         std::initializer_list<std::pair<const char *, bool>>{{"127.0.0.1:0", true},
+                                                              {"[::1]:9100", true},
+                                                              {"[zz]:9100", false},
+                                                              {"::1:9100", false},
+                                                              {"localhost:9100", false},
+                                                              {"127.0.0.1:65536", false}}) {
+        Parsed p = parse(
+            {"--dsi", "posix", "--anonymous-map", "--port", "2811", "--metrics-listen", listen});
         EXPECT_EQ(p.rc, valid ? 0 : -1) << listen << ": " << p.err;
     }
 }

@@ -80,11 +80,11 @@ TEST(GfsReply, RendersEveryKindOfResult)
     const std::vector<reply_case> cases = {
         {"class word only", [] { return ftp(500, "NOT_IMPLEMETED", nullptr); }, 0,
          "500 NOT_IMPLEMETED\r\n"},
-        {"class and message", [] { return ftp(550, "PATH_NOT_FOUND", "GridFTP-Path: /a/b"); },
-         0, "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: /a/b\r\n"},
+        {"class and message", [] { return ftp(550, "PATH_NOT_FOUND", "GridFTP-Path: /a/b"); }, 0,
+         "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: /a/b\r\n"},
         {"multi-line message and a cause chain",
-         [] { return ftp(451, "FAILED", "first\nsecond", generic("outer", generic("inner"))); },
-         0, "451-FAILED\r\n451-first\r\n451-second\r\n451-outer\r\n451 inner\r\n"},
+         [] { return ftp(451, "FAILED", "first\nsecond", generic("outer", generic("inner"))); }, 0,
+         "451-FAILED\r\n451-first\r\n451-second\r\n451-outer\r\n451 inner\r\n"},
         {"cause printed over several lines",
          [] { return ftp(550, "PATH_NOT_FOUND", "GridFTP-Path: /x", pairs_error(0)); }, 0,
          "550-PATH_NOT_FOUND\r\n550-GridFTP-Path: /x\r\n550-Box-Error: \"not_found\"\r\n"
@@ -97,10 +97,10 @@ TEST(GfsReply, RendersEveryKindOfResult)
          "451 ODD\r\n"},
         {"generic error", [] { return tarvex_error_put(generic("Failed cache update!")); }, 0,
          "451 Failed cache update!\r\n"},
-        {"generic error with a default code", [] { return tarvex_error_put(generic("x")); },
-         530, "530 x\r\n"},
-        {"invalid default code falls back to 451",
-         [] { return tarvex_error_put(generic("y")); }, 1000, "451 y\r\n"},
+        {"generic error with a default code", [] { return tarvex_error_put(generic("x")); }, 530,
+         "530 x\r\n"},
+        {"invalid default code falls back to 451", [] { return tarvex_error_put(generic("y")); },
+         1000, "451 y\r\n"},
         {"wrapped FTP error: the outer error decides the code",
          [] {
              return tarvex_error_put(generic(
@@ -109,8 +109,12 @@ TEST(GfsReply, RendersEveryKindOfResult)
          },
          0, "451-wrapper\r\n451 m\r\n"},
         {"control characters and blank lines dropped",
-         [] { return ftp(550, "K\x01", "a\tb\x1b[0mc\r\n\r\n   \n\x7f" "d\xff\xc3\xa9\r"); }, 0,
-         "550-K\r\n550-ab[0mc\r\n550 d\xc3\xa9\r\n"},
+         [] {
+             return ftp(550, "K\x01",
+                        "a\tb\x1b[0mc\r\n\r\n   \n\x7f"
+                        "d\xff\xc3\xa9\r");
+         },
+         0, "550-K\r\n550-ab[0mc\r\n550 d\xc3\xa9\r\n"},
         {"plain failure", [] { return TARVEX_FAILURE; }, 0, "451 Operation failed.\r\n"},
         {"plain failure with a default code", [] { return TARVEX_FAILURE; }, 550,
          "550 Operation failed.\r\n"},
@@ -163,13 +167,12 @@ TEST(Gfs, OperationOverASparseProvider)
         EXPECT_EQ(tarvex_gridftp_server_get_config_data(op, "creds", &data), TARVEX_SUCCESS);
         EXPECT_EQ(data, nullptr);
         int interval = 9, concurrency = 0;
-        tarvex_size_t block = 0;   // 0 from the provider would make plug-ins allocate nothing
+        tarvex_size_t block = 0; // 0 from the provider would make plug-ins allocate nothing
         time_t modtime = 0;
         tarvex_gridftp_server_get_update_interval(op, &interval);
         tarvex_gridftp_server_get_block_size(op, &block);
         tarvex_gridftp_server_get_optimal_concurrency(op, &concurrency);
-        EXPECT_EQ(tarvex_gridftp_server_get_recv_modification_time(op, &modtime),
-                  TARVEX_SUCCESS);
+        EXPECT_EQ(tarvex_gridftp_server_get_recv_modification_time(op, &modtime), TARVEX_SUCCESS);
         EXPECT_EQ(std::vector<long>({interval, concurrency, modtime}),
                   std::vector<long>({0, 1, -1}));
         EXPECT_GT(block, 0u);
@@ -180,8 +183,8 @@ TEST(Gfs, OperationOverASparseProvider)
             op, buffer, 4, [](auto...) { ADD_FAILURE(); }, nullptr);
         EXPECT_EQ(tarvex_error_get_type(tarvex_error_peek(r)), TARVEX_GFS_ERROR_DATA);
         tarvex_error_discard(r);
-        r = tarvex_gridftp_server_register_write(op, buffer, 4, 0, -1,
-                                                 [](auto...) { ADD_FAILURE(); }, nullptr);
+        r = tarvex_gridftp_server_register_write(
+            op, buffer, 4, 0, -1, [](auto...) { ADD_FAILURE(); }, nullptr);
         EXPECT_NE(r, TARVEX_SUCCESS);
         tarvex_error_discard(r);
 
@@ -191,7 +194,7 @@ TEST(Gfs, OperationOverASparseProvider)
         tarvex_gridftp_server_update_bytes_recvd(op, 10);
         tarvex_gridftp_server_set_checksum_support(op, "MD5:1;");
     }
-    EXPECT_EQ(answers, "done");   // only the provider's slot was called
+    EXPECT_EQ(answers, "done"); // only the provider's slot was called
     tarvex_gfs_operation_destroy(sparse);
 }
 

@@ -117,7 +117,9 @@ TEST_F(XferlogLine, NamesStayOneField)
         {"/ideo\xe3\x80\x80sp", "/ideo\\xe3\\x80\\x80sp"},
         {"/ls\xe2\x80\xa8ps\xe2\x80\xa9", "/ls\\xe2\\x80\\xa8ps\\xe2\\x80\\xa9"},
         // Each wide space Python splits on, and a zero-width space it keeps.
-        {"/og\xe1\x9a\x80" "am", "/og\\xe1\\x9a\\x80am"},
+        {"/og\xe1\x9a\x80"
+         "am",
+         "/og\\xe1\\x9a\\x80am"},
         {"/en\xe2\x80\x80q\xe2\x80\x8ah", "/en\\xe2\\x80\\x80q\\xe2\\x80\\x8ah"},
         {"/nn\xe2\x80\xafm\xe2\x81\x9fs", "/nn\\xe2\\x80\\xafm\\xe2\\x81\\x9fs"},
         {"/zw\xe2\x80\x8bsp", "/zw\xe2\x80\x8bsp"},
