@@ -418,6 +418,16 @@ class ServerTest(unittest.TestCase):
     def local(self, *parts):
         return os.path.join(self.server.root, *parts)
 
+    def walk(self, steps):
+        """Sends each (command, reply pattern) of `steps` on the test's
+        login `self.f`; the reply, or the refusal, must match."""
+        for cmd, want in steps:
+            try:
+                reply = self.f.sendcmd(cmd)
+            except ftplib.Error as e:
+                reply = str(e)
+            self.assertRegex(reply, "^" + want, cmd)
+
 
 # -- credentials -------------------------------------------------------------
 
