@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include <memory>
-#include <regex>
 
 #include "box_scratch.h"
 #include "command.h"
@@ -84,12 +83,15 @@ std::string take_reply(tarvex_result_t result)
 
 strings listings()
 {
-    static const std::regex listing("/2\\.0/folders/(.+)/items");
+    const std::string head = "/2.0/folders/", tail = "/items";
     strings folders;
-    std::smatch id;
-    for (const auto &e : take_requests())
-        folders.push_back(e.method == "GET" && std::regex_match(e.path, id, listing) ? id[1].str()
-                                                                                     : "");
+    for (const auto &e : take_requests()) {
+        const std::string &p = e.path;
+        bool listing = e.method == "GET" && p.size() > head.size() + tail.size() &&
+                       p.starts_with(head) && p.ends_with(tail);
+        folders.push_back(listing ? p.substr(head.size(), p.size() - head.size() - tail.size())
+                                  : "");
+    }
     return folders;
 }
 

@@ -11,5 +11,6 @@ tarvex_gtest(tarvex_common_unit_tests PREFIX common. LABEL unit
   SOURCES common_error_test.cpp common_module_test.cpp common_debug_test.cpp
           common_util_test.cpp
   LIBRARIES tarvex_common tarvex_common_internal
+  INCLUDES ${TARVEX_SOURCE_ROOT}/tests/support
   DEFINITIONS TARVEX_TEST_EXT_DIR="${CMAKE_CURRENT_BINARY_DIR}/common-fixtures"
   DEPENDS tarvex_test_ext)
