@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -158,6 +159,8 @@ struct Request {
     std::vector<const char *> desired = {};
     uintptr_t idle_ms = 0;                                // 0: no idle time-out
     tarvex_dsi_rest_gridftp_op_arg_t *download = nullptr; // else the body is read as JSON
+    tarvex_dsi_rest_progress_t progress = nullptr;        // in place of the idle time-out's
+    void *progress_arg = nullptr;
 };
 
 /* One request made with the stock callbacks, and what came of it. */
@@ -192,6 +195,10 @@ struct Exchange {
         if (r.idle_ms != 0) {
             callbacks.progress_callback = tarvex_dsi_rest_progress_idle_timeout;
             callbacks.progress_callback_arg = reinterpret_cast<void *>(r.idle_ms);
+        }
+        if (r.progress != nullptr) {
+            callbacks.progress_callback = r.progress;
+            callbacks.progress_callback_arg = r.progress_arg;
         }
         result = tarvex_dsi_rest_request(r.method, r.url.c_str(), query.or_null(),
                                          headers.or_null(), &callbacks);
@@ -254,6 +261,8 @@ public:
     size_t chunk = SIZE_MAX;
     int fail_write = -1; // the n-th write (from 0) fails
     bool fail_reads = false;
+    bool stall_reads = false;         // reads complete only when the FakeOp goes
+    std::atomic<bool> stalled{false}; // a stalled read is waiting
 
     std::atomic<uint64_t> written = 0, recvd = 0; // as reported by update_bytes_*
     std::mutex mutex;                              // guards what follows
@@ -263,6 +272,11 @@ public:
     tarvex_gfs_operation_t op = tarvex_gfs_operation_create(provider(), this);
     ~FakeOp()
     {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            going_ = true;
+        }
+        gone_.notify_all();
         for (auto &thread : threads_)
             thread.join();
         tarvex_gfs_operation_destroy(op);
@@ -301,6 +315,11 @@ private:
         f->position_ += n;
         bool fail = f->fail_reads;
         f->threads_.emplace_back([=] {
+            if (f->stall_reads) {
+                std::unique_lock<std::mutex> stall(f->mutex);
+                f->stalled = true;
+                f->gone_.wait(stall, [f] { return f->going_; });
+            }
             // Bytes of a file into a data buffer: no string to terminate.
             // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
             memcpy(buffer, f->source.data() + offset, n);
@@ -334,6 +353,8 @@ private:
 
     size_t position_ = 0; // of the next read
     std::vector<std::thread> threads_;
+    bool going_ = false;
+    std::condition_variable gone_;
 };
 
 /* Lower-case hex SHA-1, as the server's log and /sink give it. */

@@ -101,4 +101,28 @@ TEST_F(RestStream, UploadSendsTheOperationsData)
     }
 }
 
+// While the request waits on a stalled data channel, curl's thread waits
+// with it, so only the client itself asks the progress callback, once a
+// second; a refusal then ends the request as the progress callback's
+// failure, not as the read that was waiting.
+TEST_F(RestStream, ProgressCallbackMayEndAWaitOnTheDataChannel)
+{
+    FakeOp op;
+    op.source = pattern(0, 1000);
+    op.stall_reads = true;
+    tarvex_dsi_rest_gridftp_op_arg_t arg{op.op, 0, -1, false};
+    Exchange ex({.method = "PUT",
+                 .url = server->url("/sink"),
+                 .writer = tarvex_dsi_rest_write_gridftp_op,
+                 .writer_arg = &arg,
+                 .progress = [](void *stalled, uint64_t, uint64_t, uint64_t, uint64_t) {
+                     return *static_cast<std::atomic<bool> *>(stalled) ? test_failure("stop")
+                                                                       : TARVEX_SUCCESS;
+                 },
+                 .progress_arg = &op.stalled});
+    EXPECT_EQ(ex.error_type(), TARVEX_DSI_REST_ERROR_CALLBACK);
+    EXPECT_EQ(ex.message().rfind("The progress callback failed", 0), 0u) << ex.message();
+    EXPECT_EQ(ex.cause(), "stop");
+}
+
 } // namespace
