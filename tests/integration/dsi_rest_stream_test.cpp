@@ -111,14 +111,14 @@ TEST_F(RestStream, ProgressCallbackMayEndAWaitOnTheDataChannel)
     op.source = pattern(0, 1000);
     op.stall_reads = true;
     tarvex_dsi_rest_gridftp_op_arg_t arg{op.op, 0, -1, false};
+    auto refuse_while_stalled = [](void *stalled, uint64_t, uint64_t, uint64_t, uint64_t) {
+        return *static_cast<std::atomic<bool> *>(stalled) ? test_failure("stop") : TARVEX_SUCCESS;
+    };
     Exchange ex({.method = "PUT",
                  .url = server->url("/sink"),
                  .writer = tarvex_dsi_rest_write_gridftp_op,
                  .writer_arg = &arg,
-                 .progress = [](void *stalled, uint64_t, uint64_t, uint64_t, uint64_t) {
-                     return *static_cast<std::atomic<bool> *>(stalled) ? test_failure("stop")
-                                                                       : TARVEX_SUCCESS;
-                 },
+                 .progress = refuse_while_stalled,
                  .progress_arg = &op.stalled});
     EXPECT_EQ(ex.error_type(), TARVEX_DSI_REST_ERROR_CALLBACK);
     EXPECT_EQ(ex.message().rfind("The progress callback failed", 0), 0u) << ex.message();
