@@ -121,6 +121,15 @@ def reply_of(call, *args):
         return str(e)
 
 
+def login_cut_at_deadline(test, port, user):
+    """A login the server cuts at its login deadline: 421, then the end."""
+    f = ftplib.FTP(timeout=60)
+    f.connect("127.0.0.1", port)
+    test.assertRaisesRegex(ftplib.error_temp, "^421 Login time exceeded", f.login, user, "x")
+    test.assertRaises(EOFError, f.getresp)
+    f.close()
+
+
 def tear_down(sock):
     """Ends a connection with a TCP reset: the peer sees no end of data."""
     sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
