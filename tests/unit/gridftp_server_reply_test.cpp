@@ -1,5 +1,5 @@
-// The FTP reply formatter (every failed result becomes a well-formed reply),
-// operations over sparse providers and loading plug-ins by name.
+// The FTP reply formatter (every failed result becomes a well-formed reply)
+// and loading plug-ins by name.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -89,8 +89,6 @@ TEST(GfsReply, RendersEveryKindOfResult)
          [] { return ftp(550, "PATH_NOT_FOUND", "GridFTP-Path: /x", pairs_error(0)); }, 0,
          "550-PATH_NOT_FOUND\r\n550-GridFTP-Path: /x\r\n550-Box-Error: \"not_found\"\r\n"
          "550 Box-Details: \"no such item\"\r\n"},
-        {"empty class word is left out", [] { return ftp(553, "", "only text"); }, 0,
-         "553 only text\r\n"},
         {"nothing to say at all", [] { return ftp(550, nullptr, nullptr); }, 0,
          "550 Operation failed.\r\n"},
         {"code out of range takes the default", [] { return ftp(42, "ODD", nullptr); }, 0,
@@ -115,7 +113,6 @@ TEST(GfsReply, RendersEveryKindOfResult)
                         "d\xff\xc3\xa9\r");
          },
          0, "550-K\r\n550-ab[0mc\r\n550 d\xc3\xa9\r\n"},
-        {"plain failure", [] { return TARVEX_FAILURE; }, 0, "451 Operation failed.\r\n"},
         {"plain failure with a default code", [] { return TARVEX_FAILURE; }, 550,
          "550 Operation failed.\r\n"},
         {"handle of an error already taken", gone, 0, "451 Operation failed.\r\n"},
@@ -136,66 +133,6 @@ TEST(GfsReply, RendersEveryKindOfResult)
     char *text = tarvex_gfs_error_object_to_ftp_reply(nullptr, 0);
     EXPECT_STREQ(text, "451 Operation failed.\r\n");
     free(text);
-}
-
-// A provider with two slots set, and no operation at all: the slots that are
-// set get the calls, the others answer neutral defaults.
-TEST(Gfs, OperationOverASparseProvider)
-{
-    std::string answers;
-    tarvex_gfs_operation_t sparse;
-    {
-        // The table may go away after create: the operation keeps a copy.
-        tarvex_gfs_operation_provider_t p{};
-        p.finished_command = [](void *c, tarvex_result_t, const char *text, bool) {
-            *static_cast<std::string *>(c) += text;
-        };
-        p.get_block_size = [](void *, tarvex_size_t *size) { *size = 0; };
-        sparse = tarvex_gfs_operation_create(&p, &answers);
-    }
-    ASSERT_NE(sparse, nullptr);
-    EXPECT_EQ(tarvex_gfs_operation_get_context(sparse), &answers);
-
-    for (tarvex_gfs_operation_t op : {sparse, tarvex_gfs_operation_t(nullptr)}) {
-        SCOPED_TRACE(op == nullptr ? "NULL operation" : "sparse provider");
-        tarvex_off_t read[2] = {7, 7}, write[2] = {7, 7};
-        tarvex_gridftp_server_get_read_range(op, &read[0], &read[1]);
-        tarvex_gridftp_server_get_write_range(op, &write[0], &write[1]);
-        EXPECT_EQ(std::vector<tarvex_off_t>({read[0], read[1], write[0], write[1]}),
-                  std::vector<tarvex_off_t>({0, 0, 0, -1}));
-        char *data = reinterpret_cast<char *>(1);
-        EXPECT_EQ(tarvex_gridftp_server_get_config_data(op, "creds", &data), TARVEX_SUCCESS);
-        EXPECT_EQ(data, nullptr);
-        int interval = 9, concurrency = 0;
-        tarvex_size_t block = 0; // 0 from the provider would make plug-ins allocate nothing
-        time_t modtime = 0;
-        tarvex_gridftp_server_get_update_interval(op, &interval);
-        tarvex_gridftp_server_get_block_size(op, &block);
-        tarvex_gridftp_server_get_optimal_concurrency(op, &concurrency);
-        EXPECT_EQ(tarvex_gridftp_server_get_recv_modification_time(op, &modtime), TARVEX_SUCCESS);
-        EXPECT_EQ(std::vector<long>({interval, concurrency, modtime}),
-                  std::vector<long>({0, 1, -1}));
-        EXPECT_GT(block, 0u);
-
-        // Refused without a completion (which would fail the test).
-        tarvex_byte_t buffer[4] = {};
-        tarvex_result_t r = tarvex_gridftp_server_register_read(
-            op, buffer, 4, [](auto...) { ADD_FAILURE(); }, nullptr);
-        EXPECT_EQ(tarvex_error_get_type(tarvex_error_peek(r)), TARVEX_GFS_ERROR_DATA);
-        tarvex_error_discard(r);
-        r = tarvex_gridftp_server_register_write(
-            op, buffer, 4, 0, -1, [](auto...) { ADD_FAILURE(); }, nullptr);
-        EXPECT_NE(r, TARVEX_SUCCESS);
-        tarvex_error_discard(r);
-
-        tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, const_cast<char *>("done"));
-        tarvex_gridftp_server_finished_stat(op, TARVEX_SUCCESS, nullptr, 0);
-        tarvex_gridftp_server_finished_transfer(op, TARVEX_SUCCESS);
-        tarvex_gridftp_server_update_bytes_recvd(op, 10);
-        tarvex_gridftp_server_set_checksum_support(op, "MD5:1;");
-    }
-    EXPECT_EQ(answers, "done"); // only the provider's slot was called
-    tarvex_gfs_operation_destroy(sparse);
 }
 
 TEST(Gfs, LoadsPluginsByName)
