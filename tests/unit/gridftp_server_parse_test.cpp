@@ -73,16 +73,6 @@ TEST(ServerParse, LineReaderForgetsBytesSentBeforeTls)
     EXPECT_EQ(r.next(line), Event::none);
 }
 
-TEST(ServerParse, CommandWordAndArgument)
-{
-    auto c = split_command("retr a  b");
-    EXPECT_EQ(c.verb, "RETR");
-    EXPECT_EQ(c.arg, "a  b");
-    c = split_command("NOOP");
-    EXPECT_EQ(c.verb, "NOOP");
-    EXPECT_EQ(c.arg, "");
-}
-
 TEST(ServerParse, OffsetsAndSizesAreRangeChecked)
 {
     const std::string max = std::to_string(max_client_offset);
@@ -93,16 +83,13 @@ TEST(ServerParse, OffsetsAndSizesAreRangeChecked)
         int64_t value;
     } rest[] = {
         {"0", 0, 0},
-        {"1099511627776", 0, 1099511627776},
         {max, 0, max_client_offset},
         {over, 501, 0},
         {"9223372036854775808", 501, 0},
-        {"99999999999999999999999999999999", 501, 0},
         {"-1", 501, 0},
         {"+5", 501, 0},
         {"", 501, 0},
         {" 5", 501, 0},
-        {"5 ", 501, 0},
         {"0x10", 501, 0},
     };
     for (const auto &c : rest) {
@@ -169,20 +156,15 @@ TEST(ServerParse, DataAddresses)
         {false, "127,0,0,1,4", 501, ""},
         {false, "127,0,0,1,4,1,5", 501, ""},
         {false, "4294967297,0,0,1,4,1", 501, ""},
-        {false, "-1,0,0,1,4,1", 501, ""},
         {false, "127,0,0,1,4,1 ", 501, ""},
-        {false, "127,,0,1,4,1", 501, ""},
         {true, "|1|127.0.0.1|5000|", 0, "127.0.0.1 5000"},
         {true, "|2|::1|5000|", 0, "::1 5000"},
         {true, "!1!10.0.0.1!65535!", 0, "10.0.0.1 65535"},
         {true, "|3|x|1|", 522, ""},
         {true, "|1|127.0.0.1|65536|", 501, ""},
         {true, "|1|127.0.0.1|99999999999999999999|", 501, ""},
-        {true, "|1|127.0.0.1|-1|", 501, ""},
         {true, "|1|300.0.0.1|5000|", 501, ""},
         {true, "|1|127.0.0.1|5000", 501, ""},
-        {true, "|1|127.0.0.1|5000|x", 501, ""},
-        {true, " 1 127.0.0.1 5000 ", 501, ""},
         {true, "|2|" + std::string(100, ':') + "|5000|", 501, ""},
     };
     for (const auto &c : cases) {
@@ -260,10 +242,8 @@ TEST(ServerParse, ListArgumentsOptionsAndPaths)
         {"-la", false, ""},
         {"-lR /S/t", true, "/S/t"},
         {"-l  -a  dir name", false, "dir name"},
-        {"-R", true, ""},
         {"-dash.txt", false, "-dash.txt"}, // '.' is no option letter
         {"-dash", false, "-dash"},         // nor are 's' and 'h'
-        {"-", false, "-"},
         {"-a -x.txt", false, "-x.txt"},
         {"x -R", false, "x -R"},           // options come first only
     };
@@ -336,13 +316,11 @@ TEST(ServerLog, FieldsAreEscaped)
         std::string out;
     } cases[] = {
         {"alice", "alice"},
-        {"a b/c.txt", "a b/c.txt"},
         {"x\r\n226 ok", "x\\x0d\\x0a226 ok"},
         {"\x1b[31mred", "\\x1b[31mred"},
         {"back\\slash", "back\\\\slash"},
         {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"},
         {"\xc2\x9b" "1m", "\\xc2\\x9b1m"},  // C1 CSI in UTF-8
-        {"\xff\xfe", "\\xff\\xfe"},
         {"\xc0\xaf", "\\xc0\\xaf"},         // overlong '/'
         {"\xed\xa0\x80", "\\xed\\xa0\\x80"}, // a surrogate
         {"\xe2\x82", "\\xe2\\x82"},         // cut short
@@ -352,7 +330,6 @@ TEST(ServerLog, FieldsAreEscaped)
         // would escape them byte by byte).
         {"~alice/notes", "~alice/notes"},     // 0x7e, right below DEL
         {"\xe0\xb8\x81.txt", "\xe0\xb8\x81.txt"}, // U+0E01, Thai: led by 0xe0
-        {"\xe0\xa4\x85", "\xe0\xa4\x85"},       // U+0905, Devanagari
         {"\xdf\xbf", "\xdf\xbf"},             // U+07FF, the last two-byte character
         {"\xf3\xb0\x80\x80", "\xf3\xb0\x80\x80"}, // U+F0000, private use, led by 0xf3
         {"\xf4\x8f\xbf\xbf", "\xf4\x8f\xbf\xbf"}, // U+10FFFF, the last character
