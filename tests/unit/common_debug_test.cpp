@@ -55,15 +55,12 @@ TEST(CommonDebug, Grammar)
         bool thread_ids;
     } cases[] = {
         {nullptr, 0, 0, stream::none, false},
-        {"", 0, 0, stream::none, false},
         {"0,/tmp/never-opened.log", 0, 0, stream::none, false},
         {"ALL", 31, 0, stream::standard_error, false},
-        {"all|TRACE", 31, 0, stream::standard_error, false},
         {"trace|Error", 17, 0, stream::standard_error, false},
         {" WARN | bogus ", 8, 0, stream::standard_error, false},
         {"bogus", 0, 0, stream::none, false},
         {"12", 12, 0, stream::standard_error, false},
-        {"0x1F", 31, 0, stream::standard_error, false},
         {"31,-,ERROR,yes", 31, 16, stream::standard_error, true},
         {"31,,4,0", 31, 4, stream::standard_error, false},
         {"1,/nonexistent-dir/x.log", 1, 0, stream::standard_error, false},
