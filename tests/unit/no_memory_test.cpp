@@ -1,26 +1,20 @@
-/* Out of memory inside C entry points of the runtime and of the Box
- * plug-in: each answers with its failure value instead of letting
- * std::bad_alloc unwind into its C callers.  This program replaces the
- * global operator new, which every library it loads then uses too, and
- * makes it throw while a test holds a no_memory guard. */
+/* Out of memory inside C entry points of the Box plug-in: each answers
+ * with its failure value instead of letting std::bad_alloc unwind into its
+ * C callers.  This program replaces the global operator new, which every
+ * library it loads then uses too, and makes it throw while a test holds a
+ * no_memory guard. */
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <new>
 
-#include "box_wait.h"
 #include "config.h"
 #include "destroy.h"
 #include "path_cache.h"
 #include "path_resolve.h"
 #include "tarvex_box_common.h"
-#include "tarvex_debug.h"
 #include "tarvex_error.h"
-#include "tarvex_extension.h"
-#include "tarvex_module.h"
 
 namespace {
 
@@ -32,9 +26,6 @@ struct no_memory {
     no_memory(const no_memory &) = delete;
     no_memory &operator=(const no_memory &) = delete;
 };
-
-/* Longer than any string kept without an allocation. */
-constexpr const char *long_symbol = "a_symbol_name_well_beyond_the_small_string_size";
 
 } // namespace
 
@@ -105,97 +96,6 @@ void operator delete[](void *block, const std::nothrow_t &) noexcept
 #pragma GCC diagnostic pop
 
 namespace {
-
-TEST(NoMemory, DebugSettingsTurnNothingOn)
-{
-    {
-        no_memory guard;
-        EXPECT_EQ(tarvex_debug_parse_levels("ERROR|WARN", "ERROR WARN"), 0u);
-    }
-    EXPECT_EQ(tarvex_debug_parse_levels("ERROR|WARN", "ERROR WARN"), 3u);
-
-    setenv("TARVEX_NO_MEMORY_DEBUG", "ERROR,-,ERROR,1", 1);
-    tarvex_debug_handle_t handle{};
-    {
-        no_memory guard;
-        EXPECT_NE(tarvex_debug_init("TARVEX_NO_MEMORY_DEBUG", "ERROR WARN", &handle), 0);
-    }
-    EXPECT_EQ(handle.levels, 0u);
-    EXPECT_EQ(handle.file, nullptr);
-    EXPECT_EQ(tarvex_debug_init("TARVEX_NO_MEMORY_DEBUG", "ERROR WARN", &handle), 0);
-    EXPECT_EQ(handle.levels, 1u);
-    tarvex_debug_close(&handle);
-}
-
-int activations = 0;
-int count_activation()
-{
-    ++activations;
-    return 0;
-}
-
-TEST(NoMemory, AModuleThatCannotBeRecordedIsNotActivated)
-{
-    tarvex_module_descriptor_t module = {"no_memory", count_activation, nullptr,
-                                         nullptr,     nullptr,          nullptr, nullptr};
-    {
-        no_memory guard;
-        EXPECT_EQ(tarvex_module_activate(&module), -1);
-    }
-    EXPECT_EQ(activations, 0);
-    EXPECT_EQ(tarvex_module_activation_count(&module), 0);
-    EXPECT_EQ(tarvex_module_activate(&module), 0);
-    EXPECT_EQ(activations, 1);
-    EXPECT_EQ(tarvex_module_deactivate(&module), 0);
-}
-
-TEST(NoMemory, RegistriesAndExtensionsAnswerWithoutAllocating)
-{
-    tarvex_extension_registry_t registry{};
-    int datum = 0;
-    ASSERT_EQ(tarvex_extension_registry_add(&registry, long_symbol, nullptr, &datum), 0);
-    {
-        no_memory guard;
-        /* A lookup compares the name as it comes: found without a copy. */
-        EXPECT_EQ(tarvex_extension_lookup(&registry, long_symbol), &datum);
-        EXPECT_EQ(tarvex_extension_registry_module(&registry, long_symbol), nullptr);
-        EXPECT_EQ(tarvex_extension_lookup(&registry, "an_other_name_beyond_the_small_size"),
-                  nullptr);
-        EXPECT_EQ(tarvex_extension_deactivate(long_symbol), -1);
-        tarvex_extension_set_search_path("/a/search/path/beyond/the/small/string/size");
-        EXPECT_EQ(tarvex_extension_activate(long_symbol), -1);
-        EXPECT_STREQ(tarvex_extension_last_error(), "out of memory");
-    }
-    EXPECT_EQ(tarvex_extension_registry_remove(&registry, long_symbol), &datum);
-    tarvex_extension_set_search_path(nullptr);
-}
-
-/* The table is made on its first use: in a fresh copy of this program,
- * which has not used it, a put without memory fails and frees the error
- * it was given. */
-TEST(NoMemory, AnErrorTableThatCannotBeMadeRefusesTheError)
-{
-    if (getenv("TARVEX_NO_MEMORY_FRESH") != nullptr) {
-        tarvex_object_t *error = tarvex_error_construct_error(nullptr, nullptr, 1, "test",
-                                                              "fresh", 1, "%s", "lost");
-        tarvex_result_t result;
-        {
-            no_memory guard;
-            result = tarvex_error_put(error);
-        }
-        bool refused = error != nullptr && result == TARVEX_FAILURE &&
-                       tarvex_error_peek(result) == nullptr;
-        _exit(refused ? 0 : 1);
-    }
-    tarvex_test::child fresh([] {
-        setenv("TARVEX_NO_MEMORY_FRESH", "1", 1);
-        execl("/proc/self/exe", "tarvex_no_memory_tests",
-              "--gtest_filter=NoMemory.AnErrorTableThatCannotBeMadeRefusesTheError",
-              static_cast<char *>(nullptr));
-        return 127;
-    });
-    EXPECT_EQ(fresh.status(), 0);
-}
 
 TEST(NoMemory, BoxPolicyAndPathWalkFailWithAnError)
 {
