@@ -1,13 +1,10 @@
-// The debug variable grammar and the debug line format.
+// The debug variable grammar.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <unistd.h>
 
-#include "full_match.h"
 #include "tarvex_common.h"
 
 namespace {
@@ -19,14 +16,6 @@ enum class stream { none, standard_error, file };
 std::string temp_path(const std::string &name)
 {
     return testing::TempDir() + "tarvex-debug-" + std::to_string(getpid()) + "-" + name;
-}
-
-std::string slurp(const std::string &path)
-{
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 // Sets the variable (nullptr: unset) and reads it into a handle.
@@ -86,35 +75,4 @@ TEST(CommonDebug, Grammar)
     unlink(expanded.c_str());
     EXPECT_NE(tarvex_debug_init(nullptr, kNames, nullptr), 0);
     EXPECT_EQ(tarvex_debug_parse_levels("INFO|ALL", "A B"), 3u);
-}
-
-TEST(CommonDebug, FileModesAndLineFormat)
-{
-    std::string path = temp_path("lines.log");
-    std::string pid = std::to_string(getpid());
-    {
-        std::ofstream(path) << "old line\n";
-    }
-    // Appending keeps what was there; '#' starts the file afresh.
-    tarvex_debug_handle_t handle = init_with(("1," + path).c_str());
-    tarvex_debug_printf(&handle, 1, "box", "TRACE", "kept %d", 1);
-    tarvex_debug_printf(&handle, 2, "box", "DEBUG", "level off\n");
-    tarvex_debug_close(&handle);
-    EXPECT_EQ(slurp(path), "old line\nbox: TRACE: " + pid + ": kept 1\n");
-
-    handle = init_with(("3,#" + path + ",DEBUG,1").c_str());
-    tarvex_debug_printf(&handle, 1, "box", "TRACE", "plain\n");
-    tarvex_debug_printf(&handle, 2, "box", "DEBUG", "stamped\n");
-    tarvex_debug_close(&handle);
-    std::string tid = std::to_string(static_cast<unsigned long>(tarvex_thread_self()));
-    std::string text = slurp(path);
-    // The second line stamped: "<tid>:<seconds>.<nine digits>::box: DEBUG: ..."
-    EXPECT_TRUE(full_match(text, tid + "::box: TRACE: " + pid + ": plain\n" + tid +
-                                     ":[0-9]+\\.[0-9]{9}::box: DEBUG: " + pid + ": stamped\n"))
-        << text;
-
-    // A closed handle writes nothing.
-    tarvex_debug_printf(&handle, 1, "box", "TRACE", "after close\n");
-    EXPECT_EQ(slurp(path), text);
-    unlink(path.c_str());
 }
