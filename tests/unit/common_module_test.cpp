@@ -22,8 +22,8 @@ int counting_deactivate()
     deactivations++;
     return 0;
 }
-tarvex_module_descriptor_t counted = {"counted", counting_activate, counting_deactivate,
-                                      nullptr,   nullptr,           nullptr, nullptr};
+tarvex_module_descriptor_t counted = {
+    "counted", counting_activate, counting_deactivate, nullptr, nullptr, nullptr, nullptr};
 
 } // namespace
 
