@@ -1,10 +1,10 @@
-# Unit tests of the Box plug-in: module and table, debug log, box error and
-# answer translation, policy, credential, path variables, pacing and its
+# Unit tests of the Box plug-in: module and table, the translation of Box's
+# error answers, policy, credential, path variables, pacing and its
 # store (without a Redis server: a listener that hangs up stands for one
-# that cannot be used), the upload lock, item records, session caches, the
+# that cannot be used), the upload lock, item records, listing markers, the
 # session journal's file and the checksum digest pipe.
 tarvex_gtest(box_frame_test LABEL unit
-  SOURCES box_frame_debug_test.cpp box_frame_error_test.cpp box_frame_session_test.cpp
+  SOURCES box_frame_error_test.cpp box_frame_session_test.cpp
           box_frame_retry_test.cpp box_pacing_store_test.cpp box_upload_lock_test.cpp
           box_namespace_item_test.cpp box_namespace_cache_test.cpp
           box_journal_file_test.cpp box_digest_pipe_test.cpp

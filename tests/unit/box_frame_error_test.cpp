@@ -1,14 +1,10 @@
 /*
- * The box error (printable form, lookup through a chain, merge rules) and
- * the translation of Box's error answers.
+ * The translation of Box's error answers into FTP errors and retry advice.
  */
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "error.h"
 #include "tarvex_box_common.h"
@@ -16,64 +12,7 @@
 
 namespace {
 
-using pairs = std::vector<tarvex_dsi_rest_key_value_t>;
 using object_ptr = std::unique_ptr<tarvex_object_t, void (*)(tarvex_object_t *)>;
-
-object_ptr box_error(pairs info)
-{
-    tarvex_dsi_rest_key_array_t array = {info.size(), info.data()};
-    return object_ptr(tarvex_box_error_construct(nullptr, nullptr, &array), tarvex_object_free);
-}
-
-std::string printable(tarvex_object_t *error)
-{
-    char *text = tarvex_error_print_one(error);
-    std::string result = text ? text : "<none>";
-    free(text);
-    return result;
-}
-
-/* Pairs without a key or a value are skipped and, as long as the first pair
- * prints, leave the sizing alone: none of these trips its check.  A present
- * but empty value after the first pair does. */
-TEST(BoxFrameError, PrintsOneQuotedLinePerPair)
-{
-    const struct { pairs info; const char *text; } cases[] = {
-        {{{"Box-Error", "not_found"}, {"Box-Details", "x"}},
-         "Box-Error: \"not_found\"\nBox-Details: \"x\""},
-        {{{"K", "a\"b\\c\r\nd"}}, "K: \"a\\\"b\\\\c\\r\\nd\""},
-        {{}, ""},
-        {{{"A", "1"}, {"B", nullptr}, {"C", "3"}}, "A: \"1\"\nC: \"3\""},
-        {{{"A", "1"}, {nullptr, "2"}, {"", ""}}, "A: \"1\""},
-    };
-    for (const auto &c : cases)
-        EXPECT_EQ(printable(box_error(c.info).get()), c.text);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(printable(box_error({{"A", "1"}, {"B", ""}}).get()), "strlen\\(msg\\) == len");
-}
-
-TEST(BoxFrameError, GetInfoFollowsTheCauseAndAddInfoMerges)
-{
-    object_ptr ftp(tarvex_gfs_ftp_response_error_construct(
-                       nullptr, box_error({{"Box-Error", "old"}}).release(), 550, "X", nullptr),
-                   tarvex_object_free);
-    tarvex_object_t *error = tarvex_error_get_cause(ftp.get());
-    EXPECT_STREQ(tarvex_box_error_get_info(ftp.get(), "Box-Error"), "old");
-    EXPECT_EQ(tarvex_box_error_get_info(ftp.get(), "Box-Path"), nullptr);
-
-    /* One new key is appended, an existing key keeps its value. */
-    pairs one = {{"Box-Error", "new"}, {"Box-Path", "/p"}}, two = {{"A", "1"}, {"B", "2"}};
-    tarvex_dsi_rest_key_array_t with_one = {2, one.data()}, with_two = {2, two.data()};
-    tarvex_box_error_add_info(error, &with_one);
-    EXPECT_EQ(printable(error), "Box-Error: \"old\"\nBox-Path: \"/p\"");
-    /* Two new keys in one call are rolled back. */
-    tarvex_box_error_add_info(error, &with_two);
-    EXPECT_EQ(static_cast<tarvex_dsi_rest_key_array_t *>(
-                  tarvex_object_get_instance_data(error, TARVEX_BOX_ERROR_TYPE))->count, 2u);
-    EXPECT_EQ(printable(error), "Box-Error: \"old\"\nBox-Path: \"/p\"");
-}
-
-/* ---- translation ---- */
 
 struct translation {
     int status;

@@ -94,14 +94,6 @@ private:
     T *data_;
 };
 
-/* Whether `pid` is in the middle of the system call `number`. */
-inline bool in_syscall(pid_t pid, long number)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/syscall");
-    long current = -1;
-    return bool(in >> current) && current == number;
-}
-
 /* Whether `pid` waits for a record lock that someone else holds. */
 inline bool waiting_for_lock(pid_t pid)
 {
