@@ -85,7 +85,7 @@ void queue_slot(Pipeline &p, std::deque<Slot *> &queue, Slot *slot)
 // once the last buffer is in, that thread may return and destroy the
 // pipeline, its condition variable with it, as soon as the lock is free, so
 // a notify after unlocking could touch freed memory (ThreadSanitizer saw it
-// in PosixCancel, in 5 runs of 12; none of 12 since).
+// in a cancelled store, in 5 runs of 12; none of 12 since).
 void write_done(tarvex_gfs_operation_t, tarvex_result_t result, tarvex_byte_t *, tarvex_size_t,
                 void *arg)
 {
