@@ -207,11 +207,6 @@ def unit_command(unit_text):
     return shlex.split(m.group(1).replace("$$", "$"))
 
 
-def unit_setting(unit_text, key):
-    m = re.search(r"^%s=(.*)$" % re.escape(key), unit_text, re.M)
-    return m.group(1).strip() if m else None
-
-
 def lintian_findings(deb):
     """lintian's errors and warnings on the package file, one line each
     ("E: PACKAGE: TAG [details]")."""
