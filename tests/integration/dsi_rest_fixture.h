@@ -15,7 +15,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -156,7 +155,6 @@ struct Request {
     Pairs query = {}, headers = {};
     tarvex_dsi_rest_data_write_t writer = nullptr;
     void *writer_arg = nullptr;
-    std::vector<const char *> desired = {};
     uintptr_t idle_ms = 0;                                // 0: no idle time-out
     tarvex_dsi_rest_gridftp_op_arg_t *download = nullptr; // else the body is read as JSON
     tarvex_dsi_rest_progress_t progress = nullptr;        // in place of the idle time-out's
@@ -170,16 +168,11 @@ struct Exchange {
     int status = 0;
     uint64_t uploaded = 0, downloaded = 0;
     json_t *json = nullptr;
-    std::map<std::string, std::string> wanted; // desired header -> value ("" = absent)
 
     explicit Exchange(const Request &r)
     {
         KeyArray query(r.query), headers(r.headers);
-        std::vector<tarvex_dsi_rest_key_value_t> want;
-        for (const char *key : r.desired)
-            want.push_back({key, nullptr});
         tarvex_dsi_rest_response_arg_t record{};
-        record.desired_headers = {want.size(), want.data()};
         tarvex_dsi_rest_callbacks_t callbacks{};
         callbacks.response_callback = tarvex_dsi_rest_response;
         callbacks.response_callback_arg = &record;
@@ -205,8 +198,6 @@ struct Exchange {
         status = record.response_code;
         uploaded = record.request_bytes_uploaded;
         downloaded = record.response_bytes_downloaded;
-        for (auto &pair : want)
-            wanted[pair.key] = pair.value != nullptr ? pair.value : "";
         tarvex_dsi_rest_response_arg_clear(&record);
     }
     /* The exchange owns its result: the error, if any, goes with it. */
