@@ -183,11 +183,6 @@ class CredentialHelperTest(EmulatorCase):
             with open(self.state_file(user), "wb") as f:
                 f.write(copy)
 
-        def other_secret(user):
-            doc = dict(self.stored(user), client_secret="changed")
-            with open(self.state_file(user), "w") as f:
-                json.dump(doc, f)
-
         def fault(status, body=None):
             doc = {"path_regex": "^/oauth2/token$", "status": status}
             if body is not None:
@@ -203,7 +198,6 @@ class CredentialHelperTest(EmulatorCase):
         # it is written.
         echo = fault(400, {"error": "invalid_grant", "error_description": "unknown SECRET-1"})
         cases = [("spent", spend, (), "invalid_grant; .*spent or revoked"),
-                 ("client", other_secret, (), "invalid_client"),
                  ("box-down", fault(503), (), "answered HTTP 503"),
                  ("echo", echo, (), "refused the grant: invalid_grant; the refresh token is spent"),
                  ("odd-code", fault(400, {"error": "SECRET-2 was refused"}), (),
@@ -239,11 +233,9 @@ class CredentialHelperTest(EmulatorCase):
             os.replace(self.state_file(), os.path.join(folder, "real.json"))
             os.symlink("real.json", self.state_file())
 
-        cases = [("mode 0644", put(mode=0o644), "has mode 0644"),
-                 ("mode 0660", put(mode=0o660), "has mode 0660"),
+        cases = [("mode 0640", put(mode=0o640), "has mode 0640"),
                  ("folder 0777", lambda: os.chmod(folder, 0o777), "others must not write"),
                  ("symlink", link, "is a symbolic link"),
-                 ("not JSON", put(b"{"), "bad state file"),
                  ("no refresh token", put(json.dumps(dict(json.loads(good), refresh_token=None))
                                           .encode()), "bad state file.*refresh_token")]
         if os.geteuid() == 0:
@@ -326,10 +318,7 @@ class CredentialHelperTest(EmulatorCase):
                   "client file .*: not JSON \\(line 1, column 7\\)"),
                  (("--enrol", "carol", "--client", self.client, "--refresh-token", "x"), 2,
                   "--refresh-token is gone: .*ps.*--refresh-token-file"),
-                 ((), 2, "name exactly one USER"),
-                 (("--renew", "--enrol", "alice"), 2, "exclude each other"),
-                 (("--enrol", "carol", "--client", self.client), 2, "--enrol needs"),
-                 (("--refresh-token-file", token, "alice"), 2, "go with --enrol")]
+                 (("--renew", "--enrol", "alice"), 2, "exclude each other")]
         if os.geteuid() == 0:
             # Kept for root, the credential would be refused to the service
             # at the first login.

@@ -195,18 +195,13 @@ class AnswerSchemaTest(EmulatorCase):
         cases = [("GET", "/2.0/folders/%s/items?offset=1&limit=1" % d, None, None, 200),
                  ("POST", "/2.0/folders", {"name": "SUB", "parent": {"id": d}}, None, 409),
                  ("POST", "/api/2.0/files/content", *upload_body("F.TXT", d, b"x"), 409),
-                 ("POST", "/api/2.0/files/upload_sessions",
-                  {"folder_id": d, "file_size": 1, "file_name": "f.txt"}, None, 409),
                  ("DELETE", "/2.0/folders/%s" % d, None, None, 400),
-                 ("GET", "/2.0/files/999999", None, None, 404),
                  ("GET", "/2.0/folders/999999/items", None, None, 404),
                  ("PUT", "/2.0/files/%s" % f, {"name": "bad/name", "parent": {"id": d}}, None, 400),
                  ("POST", props, {"tarvex-md5": "00"}, None, 201),
                  ("POST", props, {"tarvex-md5": "00"}, None, 409),
                  ("POST", "/api/2.0/files/%s/content" % f, *upload_body("f.txt", None, b"2"), 200),
-                 ("GET", "/2.0/files/%s/versions" % f, None, None, 200),
-                 ("POST", "/api/2.0/files/%s/upload_sessions" % f,
-                  {"file_size": 1, "file_name": "sub"}, None, 409)]
+                 ("GET", "/2.0/files/%s/versions" % f, None, None, 200)]
         for method, url, body, headers, status in cases:
             with self.subTest(method + " " + url, status=status):
                 self.check(method, url, body, headers, status)
@@ -232,7 +227,6 @@ class AnswerSchemaTest(EmulatorCase):
               box_subject_id="78", **client)
         self.check("POST", "/oauth2/revoke",
                    urlencode(dict(token=first["refresh_token"], **client)).encode(), form, 200)
-        self.check("GET", "/2.0/users/me", None, None, 200)
         self.check("GET", "/2.0/users/me?fields=id,max_upload_size", None, None, 200)
         d = self.emu.seed({"path": "/d/f.txt", "content": "x"})["/d"]
         self.check("OPTIONS", "/2.0/files/content",
