@@ -104,17 +104,6 @@ public:
                 requests.push_back(lines[i]);
         return requests;
     }
-    /* Waits until the server has closed connection `conn` (at most 10 s). */
-    bool wait_closed(int conn) const
-    {
-        for (int i = 0; i < 1000; i++) {
-            for (const LogLine &line : log())
-                if (line.method.empty() && line.conn == conn)
-                    return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
-    }
     std::string url(const std::string &path) const
     {
         return scheme_ + "://127.0.0.1:" + std::to_string(port_) + path;

@@ -1,5 +1,5 @@
-// Requests against the scripted server: methods, bodies, query and header
-// handling, JSON answers; the trace, and a cancelled operation's request.
+// Requests against the scripted server: methods, JSON bodies both ways, the
+// query; the trace, and a cancelled operation's request.
 #include <cstdlib>
 #include <sstream>
 
@@ -42,23 +42,6 @@ TEST_F(RestRequest, MethodsCarryJsonBothWaysAndAnEncodedQuery)
         EXPECT_EQ(ex.uploaded, ex.text("body").size());
     }
     json_decref(doc);
-}
-
-TEST_F(RestRequest, JsonReaderOnEmptyAndInvalidBodies)
-{
-    Exchange empty({.url = server->url("/status?code=200")});
-    EXPECT_EQ(empty.result, TARVEX_SUCCESS);
-    EXPECT_EQ(empty.json, nullptr);
-
-    Exchange invalid({.url = server->url("/status?code=200&body=<html>")});
-    EXPECT_EQ(invalid.error_type(), TARVEX_DSI_REST_ERROR_CALLBACK);
-    EXPECT_FALSE(invalid.retryable());
-    EXPECT_EQ(invalid.json, nullptr);
-
-    // The status of an error answer matters more than its (HTML) page.
-    Exchange error_page({.url = server->url("/status?code=503&body=<html>")});
-    EXPECT_EQ(error_page.result, TARVEX_SUCCESS);
-    EXPECT_EQ(error_page.status, 503);
 }
 
 // The debug stream of one request with a bearer token, TRACE on or off.

@@ -103,31 +103,4 @@ TEST_F(RestResend, ADroppedRequestOnAKeptAliveConnectionIsSentOnce)
     }
 }
 
-// The classic case: the server closed the idle connection after its last
-// answer.  The next request notices before sending and goes out once, on a
-// new connection, and succeeds.
-TEST_F(RestResend, AConnectionClosedAfterTheLastAnswerIsReplacedBeforeSending)
-{
-    for (Kind kind : all_kinds) {
-        SCOPED_TRACE(int(kind));
-        size_t mark = server->log().size();
-        ASSERT_EQ(Exchange({.url = server->url("/echo?close=1")}).result, TARVEX_SUCCESS);
-        auto warm = server->requests_since(mark);
-        ASSERT_EQ(warm.size(), 1u);
-        ASSERT_TRUE(server->wait_closed(warm[0].conn));
-
-        mark = server->log().size();
-        uint64_t connections = tarvex_dsi_rest_connections_opened();
-        Body body(kind);
-        Exchange ex = body.send(server->url("/sink"));
-        ASSERT_EQ(ex.result, TARVEX_SUCCESS);
-        EXPECT_EQ(ex.status, 201);
-        EXPECT_EQ(ex.text("sha1"), sha1_hex(body.expected));
-        auto seen = server->requests_since(mark);
-        ASSERT_EQ(seen.size(), 1u);
-        EXPECT_NE(seen[0].conn, warm[0].conn);
-        EXPECT_EQ(tarvex_dsi_rest_connections_opened(), connections + 1);
-    }
-}
-
 } // namespace
