@@ -286,10 +286,6 @@ class CredentialHelperTest(EmulatorCase):
                                                      "max_upload_size": 1}})
         self.assertFailsCleanly(self.helper("svc"), "token for user 99 instead of 77")
         self.assertEqual(self.snapshot("svc"), before)
-        r = self.helper("--enrol", "nobody", "--account", ACCOUNT, "--client", self.client,
-                        "--box-user-id", "78")
-        self.assertFailsCleanly(r, "invalid_grant.*act as user 78")
-        self.assertFalse(os.path.exists(self.state_file("nobody")))
 
     def test_settings_and_bad_invocations(self):
         self.enrol()

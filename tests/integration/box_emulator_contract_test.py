@@ -233,15 +233,6 @@ class AnswerSchemaTest(EmulatorCase):
                    {"name": "g.txt", "size": 5, "parent": {"id": d}}, None, 200)
         self.check("OPTIONS", "/2.0/files/content",
                    {"name": "f.txt", "size": 5, "parent": {"id": d}}, None, 409)
-        self.emu.control("POST", "tokens", {"revoke": "test-token"})
-        self.emu.control("POST", "oauth", {"refresh_tokens": [
-            {"refresh_token": "r1", "client_id": "app", "user_id": "77"}]})
-        small = token(200, grant_type="refresh_token", refresh_token="r1", **client)
-        self.emu.control("POST", "tokens", {"token": "test-token"})
-        status, doc, _ = self.emu.json("OPTIONS", "/2.0/files/content",
-                                       {"name": "g.txt", "size": 11, "parent": {"id": d}},
-                                       token=small["access_token"])
-        self.assertEqual((status, doc["code"]), (413, "file_size_limit_exceeded"))
 
 
 if __name__ == "__main__":
