@@ -289,13 +289,6 @@ class CredentialHelperTest(EmulatorCase):
 
     def test_settings_and_bad_invocations(self):
         self.enrol()
-        settings = self.write_file("settings.json", json.dumps(
-            {"state_dir": self.state_dir, "token_url": self.emu.base + "/oauth2/token",
-             "api_base": self.emu.base + "/"}), 0o644)
-        r = subprocess.run([HELPER, "--config", settings, "alice"], capture_output=True,
-                           text=True, timeout=60)
-        self.assertEqual(r.returncode, 0, r.stderr)
-        self.assertEqual(json.loads(r.stdout)["sub"], "77")
         typo = self.write_file("typo.json", '{"token_uri": "https://example.com/"}')
         open_client = self.write_file("open-client.json", json.dumps(CLIENT), 0o644)
         token = self.write_file("token", "x\n")

@@ -75,8 +75,6 @@ TEST_F(RestJsonLimit, TheEnvironmentSetsTheLimitUnlessACallDid)
     const Case cases[] = {
         {"1K", 0, 1024},
         {" 16M ", 0, 16u << 20},
-        {"2g", 0, size_t(2) << 30},
-        {"2000", 0, 2000},
         {"9", 0, 9},
         {"12x", 0, TARVEX_DSI_REST_JSON_LIMIT_DEFAULT}, // not a count: ignored
         {"0", 0, TARVEX_DSI_REST_JSON_LIMIT_DEFAULT},
