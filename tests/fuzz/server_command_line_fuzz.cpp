@@ -77,13 +77,6 @@ void check_line(const std::string &line)
     }
 }
 
-/* Decimal digits without the leading zeros a client may add. */
-std::string canonical_number(std::string_view digits)
-{
-    size_t first = digits.find_first_not_of('0');
-    return first == std::string_view::npos ? "0" : std::string(digits.substr(first));
-}
-
 /* A refusal comes with 501 or 522 and a text that fits in a reply line. */
 void check_refusal(int code, const std::string &why)
 {
@@ -114,7 +107,6 @@ void rest(const std::string &arg)
     if (!taken(parse_rest, arg, offset))
         return;
     check_offset(offset, "a REST offset out of range");
-    check(std::to_string(offset) == canonical_number(arg), "a REST offset read wrongly", arg);
 }
 
 void allo(const std::string &arg)

@@ -93,8 +93,6 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         flags = self.pkg_config("--cflags", "--libs", "tarvex-dsi-rest")
         run(["cc", "-std=c11", "-Wall", "-Wextra", "-Werror", "-pedantic", "-o",
              os.path.join(self.work, "rest"), source] + flags)
-        self.assertEqual(self.pkg_config("--variable=plugindir", "tarvex-gridftp-server"),
-                         [self.tree.root + self.tree.prefix + "/lib/tarvex"])
 
     def test_unit_runs_the_installed_programs_with_existing_options(self):
         with open(self.tree.path("lib", "systemd", "system", UNIT)) as f:

@@ -173,16 +173,6 @@ TEST_F(RestFailure, ExceptionsFromCallbacksFailTheRequest)
         tarvex_error_discard(result);
         EXPECT_EQ(Exchange({.url = server->url("/echo")}).text("method"), "GET");
     }
-
-    // The complete callback comes last: its exception cannot change the
-    // result any more, and is dropped.
-    tarvex_dsi_rest_callbacks_t callbacks{};
-    callbacks.complete_callback = [](void *, tarvex_result_t) {
-        throw std::runtime_error("late");
-    };
-    EXPECT_EQ(
-        tarvex_dsi_rest_request("GET", server->url("/echo").c_str(), nullptr, nullptr, &callbacks),
-        TARVEX_SUCCESS);
 }
 
 TEST(RestTls, VerifiesAgainstTheConfiguredCa)

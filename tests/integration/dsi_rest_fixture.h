@@ -45,10 +45,9 @@ inline std::string make_temp_dir()
 }
 
 /* One line of the scripted server's log: a request once its body was read,
- * or (method "") the end of connection `conn`. */
+ * or (method "") the end of a connection. */
 struct LogLine {
     std::string method, path, body_sha1;
-    int conn = 0;
     uint64_t body_length = 0;
 };
 
@@ -87,8 +86,6 @@ public:
                 return std::string(value != nullptr ? value : "");
             };
             LogLine entry{str("method"), str("path"), str("body_sha1")};
-            json_t *closed = json_object_get(line, "closed");
-            entry.conn = int(json_integer_value(closed ? closed : json_object_get(line, "conn")));
             entry.body_length = uint64_t(json_integer_value(json_object_get(line, "body_length")));
             lines.push_back(entry);
             json_decref(line);
