@@ -186,7 +186,6 @@ class AnswerSchemaTest(EmulatorCase):
                 answers[name] = self.check(entry["method"], url, body,
                                            {k: v for k, v in headers.items() if v},
                                            entry["response"])
-        self.assertEqual(self.emu.control("GET", "content?path=/s"), data)
 
     def test_error_and_other_answers(self):
         ids = self.emu.seed({"path": "/d/f.txt", "content": "hello"}, {"path": "/d/sub/g.bin"})
