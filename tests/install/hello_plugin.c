@@ -1,8 +1,8 @@
 /*
  * A storage plug-in as an outside author writes it: C11, built with only
  * the installed headers and the flags of the installed pkg-config file,
- * loaded by the installed server.  It serves one folder, "/", holding one
- * file, "hello.txt".
+ * loaded by the installed server.  Whatever path it is asked about is the
+ * folder "/" holding one file, "hello.txt".
  */
 #define _XOPEN_SOURCE 700 /* S_IFDIR and S_IFREG */
 
@@ -38,13 +38,6 @@ static void hello_stat(tarvex_gfs_operation_t op, tarvex_gfs_stat_info_t *info, 
 {
     tarvex_gridftp_server_control_stat_t entry;
     (void)session;
-    if (strcmp(info->pathname, "/") != 0) {
-        tarvex_object_t *error = tarvex_gfs_ftp_response_error_construct(
-            &tarvex_gridftp_server_hello_module, NULL, 550, "PATH_NOT_FOUND",
-            "GridFTP-Path: %s: no such file or folder", info->pathname);
-        tarvex_gridftp_server_finished_stat(op, tarvex_error_put(error), NULL, 0);
-        return;
-    }
     memset(&entry, 0, sizeof entry);
     entry.nlink = 1;
     entry.mtime = entry.atime = entry.ctime = 1700000000;

@@ -13,7 +13,6 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "support"))
@@ -207,11 +206,6 @@ def unit_command(unit_text):
     return shlex.split(m.group(1).replace("$$", "$"))
 
 
-def unit_setting(unit_text, key):
-    m = re.search(r"^%s=(.*)$" % re.escape(key), unit_text, re.M)
-    return m.group(1).strip() if m else None
-
-
 def lintian_findings(deb):
     """lintian's errors and warnings on the package file, one line each
     ("E: PACKAGE: TAG [details]")."""
@@ -219,21 +213,3 @@ def lintian_findings(deb):
     if r.returncode not in (0, 1):  # 1: it found an error
         raise AssertionError("lintian failed (%d):\n%s" % (r.returncode, r.stderr))
     return [line for line in r.stdout.splitlines() if re.match(r"[EW]: ", line)]
-
-
-def listed_lintian_warnings():
-    """The warnings the README accepts, each on a line of its own with its
-    reason: "- `TAG`: why"."""
-    with open(os.path.join(SOURCE, "README.md"), encoding="utf-8") as f:
-        text = f.read()
-    section = text.split("\n## Installing\n", 1)[1].split("\n## ", 1)[0]
-    return set(re.findall(r"^- lintian warning `([a-z0-9-]+)`: \S", section, re.M))
-
-
-def timed(what, call):
-    """call(), printing how long it took (ctest -V shows it)."""
-    start = time.monotonic()
-    try:
-        return call()
-    finally:
-        print("%s: %.1f s" % (what, time.monotonic() - start), file=sys.stderr)

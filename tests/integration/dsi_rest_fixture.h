@@ -15,7 +15,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -46,10 +45,9 @@ inline std::string make_temp_dir()
 }
 
 /* One line of the scripted server's log: a request once its body was read,
- * or (method "") the end of connection `conn`. */
+ * or (method "") the end of a connection. */
 struct LogLine {
     std::string method, path, body_sha1;
-    int conn = 0;
     uint64_t body_length = 0;
 };
 
@@ -88,8 +86,6 @@ public:
                 return std::string(value != nullptr ? value : "");
             };
             LogLine entry{str("method"), str("path"), str("body_sha1")};
-            json_t *closed = json_object_get(line, "closed");
-            entry.conn = int(json_integer_value(closed ? closed : json_object_get(line, "conn")));
             entry.body_length = uint64_t(json_integer_value(json_object_get(line, "body_length")));
             lines.push_back(entry);
             json_decref(line);
@@ -104,17 +100,6 @@ public:
             if (!lines[i].method.empty())
                 requests.push_back(lines[i]);
         return requests;
-    }
-    /* Waits until the server has closed connection `conn` (at most 10 s). */
-    bool wait_closed(int conn) const
-    {
-        for (int i = 0; i < 1000; i++) {
-            for (const LogLine &line : log())
-                if (line.method.empty() && line.conn == conn)
-                    return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return false;
     }
     std::string url(const std::string &path) const
     {
@@ -156,7 +141,6 @@ struct Request {
     Pairs query = {}, headers = {};
     tarvex_dsi_rest_data_write_t writer = nullptr;
     void *writer_arg = nullptr;
-    std::vector<const char *> desired = {};
     uintptr_t idle_ms = 0;                                // 0: no idle time-out
     tarvex_dsi_rest_gridftp_op_arg_t *download = nullptr; // else the body is read as JSON
     tarvex_dsi_rest_progress_t progress = nullptr;        // in place of the idle time-out's
@@ -170,16 +154,11 @@ struct Exchange {
     int status = 0;
     uint64_t uploaded = 0, downloaded = 0;
     json_t *json = nullptr;
-    std::map<std::string, std::string> wanted; // desired header -> value ("" = absent)
 
     explicit Exchange(const Request &r)
     {
         KeyArray query(r.query), headers(r.headers);
-        std::vector<tarvex_dsi_rest_key_value_t> want;
-        for (const char *key : r.desired)
-            want.push_back({key, nullptr});
         tarvex_dsi_rest_response_arg_t record{};
-        record.desired_headers = {want.size(), want.data()};
         tarvex_dsi_rest_callbacks_t callbacks{};
         callbacks.response_callback = tarvex_dsi_rest_response;
         callbacks.response_callback_arg = &record;
@@ -205,8 +184,6 @@ struct Exchange {
         status = record.response_code;
         uploaded = record.request_bytes_uploaded;
         downloaded = record.response_bytes_downloaded;
-        for (auto &pair : want)
-            wanted[pair.key] = pair.value != nullptr ? pair.value : "";
         tarvex_dsi_rest_response_arg_clear(&record);
     }
     /* The exchange owns its result: the error, if any, goes with it. */

@@ -1,6 +1,5 @@
-// Requests against the scripted server: methods, bodies, query and header
-// handling, redirects, JSON answers, connection reuse; the trace, the idle
-// time-out against a slow body, and a cancelled operation's request.
+// Requests against the scripted server: methods, JSON bodies both ways, the
+// query; the trace, and a cancelled operation's request.
 #include <cstdlib>
 #include <sstream>
 
@@ -12,23 +11,7 @@ namespace {
 
 class RestRequest : public ServerTest {};
 class RestTrace : public ServerTest {};
-class RestIdle : public ServerTest {};
 class RestCancel : public ServerTest {};
-
-// A writer of unknown length, 3 bytes a call: curl sends it chunked unless
-// told a size.
-struct Chunks {
-    std::string data;
-    size_t position = 0;
-};
-tarvex_result_t chunk_writer(void *arg, char *buffer, size_t length, size_t *written)
-{
-    auto *c = static_cast<Chunks *>(arg);
-    *written = std::min<size_t>({length, 3, c->data.size() - c->position});
-    memcpy(buffer, c->data.data() + c->position, *written);
-    c->position += *written;
-    return TARVEX_SUCCESS;
-}
 
 TEST_F(RestRequest, MethodsCarryJsonBothWaysAndAnEncodedQuery)
 {
@@ -61,80 +44,6 @@ TEST_F(RestRequest, MethodsCarryJsonBothWaysAndAnEncodedQuery)
     json_decref(doc);
 }
 
-TEST_F(RestRequest, EmptyHeaderValueRemovesItAndContentLengthSizesTheBody)
-{
-    struct Case {
-        Pairs headers;
-        bool chunked;
-        const char *gone;
-    };
-    const Case cases[] = {
-        {{}, true, "Content-Length"},
-        {{{"Content-Length", "11"}, {"Transfer-Encoding", ""}}, false, "Transfer-Encoding"},
-        {{{"Accept", ""}}, true, "Accept"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.gone);
-        Chunks body{"hello world"};
-        Exchange ex({.method = "POST", .url = server->url("/echo"), .headers = c.headers,
-                     .writer = chunk_writer, .writer_arg = &body});
-        ASSERT_EQ(ex.result, TARVEX_SUCCESS);
-        EXPECT_EQ(ex.text("body"), "hello world");
-        EXPECT_EQ(json_is_true(json_object_get(ex.json, "chunked")), c.chunked);
-        EXPECT_EQ(ex.echoed("Content-Length"), c.chunked ? "-" : "11");
-        EXPECT_EQ(ex.echoed(c.gone), "-");
-    }
-}
-
-TEST_F(RestRequest, RedirectReachesTheCallerWithItsHeaders)
-{
-    Exchange ex({.url = server->url("/status?code=302&h.Location=http://127.0.0.1:1/dl"
-                                    "&h.retry-AFTER=+5+"),
-                 .desired = {"Retry-After", "LOCATION", "X-Missing"}});
-    ASSERT_EQ(ex.result, TARVEX_SUCCESS);
-    EXPECT_EQ(ex.status, 302);
-    EXPECT_EQ(ex.wanted["LOCATION"], "http://127.0.0.1:1/dl");
-    EXPECT_EQ(ex.wanted["Retry-After"], "5");
-    EXPECT_EQ(ex.wanted["X-Missing"], "");
-}
-
-TEST_F(RestRequest, JsonReaderOnEmptyAndInvalidBodies)
-{
-    Exchange empty({.url = server->url("/status?code=200")});
-    EXPECT_EQ(empty.result, TARVEX_SUCCESS);
-    EXPECT_EQ(empty.json, nullptr);
-
-    Exchange invalid({.url = server->url("/status?code=200&body=<html>")});
-    EXPECT_EQ(invalid.error_type(), TARVEX_DSI_REST_ERROR_CALLBACK);
-    EXPECT_FALSE(invalid.retryable());
-    EXPECT_EQ(invalid.json, nullptr);
-
-    // The status of an error answer matters more than its (HTML) page.
-    Exchange error_page({.url = server->url("/status?code=503&body=<html>")});
-    EXPECT_EQ(error_page.result, TARVEX_SUCCESS);
-    EXPECT_EQ(error_page.status, 503);
-}
-
-TEST_F(RestRequest, KeepAliveReusesOneConnectionPerThread)
-{
-    tarvex_dsi_rest_close_connections();
-    uint64_t before = tarvex_dsi_rest_connections_opened();
-    for (int i = 0; i < 100; i++)
-        ASSERT_EQ(Exchange({.method = i % 2 ? "GET" : "DELETE", .url = server->url("/echo")})
-                      .result,
-                  TARVEX_SUCCESS);
-    EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 1u);
-    std::thread([&] {
-        EXPECT_EQ(Exchange({.url = server->url("/echo")}).result, TARVEX_SUCCESS);
-    }).join();
-    EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 2u);
-    // Closed between requests (a reload or a thread's end relies on it),
-    // the next request opens a new one.
-    tarvex_dsi_rest_close_connections();
-    ASSERT_EQ(Exchange({.url = server->url("/echo")}).result, TARVEX_SUCCESS);
-    EXPECT_EQ(tarvex_dsi_rest_connections_opened() - before, 3u);
-}
-
 // The debug stream of one request with a bearer token, TRACE on or off.
 std::string traced(const std::string &url, const char *levels)
 {
@@ -162,36 +71,6 @@ TEST_F(RestTrace, HeadersShownCredentialsHidden)
     EXPECT_NE(on.find("> GET /echo HTTP/1.1\n"), std::string::npos) << on;
     EXPECT_EQ(on.find("s3cret"), std::string::npos) << on;
     EXPECT_EQ(traced(server->url("/echo"), "ERROR"), "");
-}
-
-// One byte a call, each after `gap` (the pace of the slow source).
-struct Trickle {
-    size_t left;
-    std::chrono::milliseconds gap;
-};
-tarvex_result_t trickle_writer(void *arg, char *buffer, size_t length, size_t *written)
-{
-    auto *t = static_cast<Trickle *>(arg);
-    *written = 0;
-    if (t->left == 0 || length == 0)
-        return TARVEX_SUCCESS;
-    std::this_thread::sleep_for(t->gap); // the source is slow, not stalled
-    buffer[0] = 'x';
-    *written = 1;
-    t->left--;
-    return TARVEX_SUCCESS;
-}
-
-// The idle time-out ends a stalled exchange, not a slow one: a request body
-// that trickles in from a slow source for longer than the limit, a byte at
-// a time, is sent whole.
-TEST_F(RestIdle, SlowBodyOutlastsTheIdleLimit)
-{
-    Trickle slow{30, std::chrono::milliseconds(50)}; // 1.5 s against 500 ms
-    Exchange ex({.method = "PUT", .url = server->url("/echo"),
-                 .writer = trickle_writer, .writer_arg = &slow, .idle_ms = 500});
-    EXPECT_EQ(ex.result, TARVEX_SUCCESS) << ex.message();
-    EXPECT_EQ(ex.text("body"), std::string(30, 'x'));
 }
 
 // A request made for a cancelled server operation ends at once with a

@@ -16,11 +16,8 @@ TEST_F(RestStream, DownloadLandsAtItsOffsets)
         size_t range_first; // not 0: a ranged answer (206)
     };
     // Sizes around the operation's 256 KiB buffers.
-    const Case cases[] = {{0, 0, 0},
-                          {1, 0, 0},
-                          {size_t{256} * 1024, 0, 0},
-                          {5 * 1024 * 1024 + 123, 1000, 0},
-                          {size_t{3} * 1024 * 1024, 100, 100}};
+    const Case cases[] = {
+        {0, 0, 0}, {5 * 1024 * 1024 + 123, 1000, 0}, {size_t{3} * 1024 * 1024, 100, 100}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.size);
         FakeOp op;
@@ -58,7 +55,6 @@ TEST_F(RestStream, ErrorPagesAndFailedWritesNeverCountAsData)
     EXPECT_EQ(cut.error_type(), TARVEX_DSI_REST_ERROR_CALLBACK);
     EXPECT_FALSE(cut.retryable());
     EXPECT_EQ(cut.cause(), "data channel closed");
-    EXPECT_EQ(cut.completed, cut.result);
     EXPECT_FALSE(cut_arg.eof);
 }
 
@@ -74,9 +70,10 @@ TEST_F(RestStream, UploadSendsTheOperationsData)
         bool fail_reads = false;
     };
     const Case cases[] = {
-        {0, SIZE_MAX, -1},           {3 * 1024 * 1024 + 7, SIZE_MAX, -1},
-        {1000000, 4096, -1}, // short reads: many completions per buffer
-        {1000000, SIZE_MAX, 300000}, {10000, SIZE_MAX, -1, true},
+        {0, SIZE_MAX, -1},
+        {3 * 1024 * 1024 + 7, 4096, -1}, // short reads: many completions per buffer
+        {1000000, SIZE_MAX, 300000},
+        {10000, SIZE_MAX, -1, true},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.size);
