@@ -154,16 +154,6 @@ class BoxClients(BoxTest):
                     "cd /S/t/sub\nget d.txt\nquit\n")
         self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
 
-    # -- facts -------------------------------------------------------------------
-
-    def test_unique_facts(self):
-        # (What Box's refusals read like is box_command_test's.)
-        f = self.ftp()
-        self.addCleanup(f.close)
-        facts = dict(f.mlsd("/S/t"))
-        self.assertIn("unique=%s;" % facts["a.txt"]["unique"], f.sendcmd("MLST /S/t/a.txt"))
-        self.assertEqual(dict(f.mlsd("/S/t/sub"))["."]["unique"], facts["sub"]["unique"])
-
     # -- downloads, checksums and errors -----------------------------------------
 
     def test_curl_resumes_a_download_and_wget_gets(self):

@@ -45,18 +45,6 @@ class StartChecks(unittest.TestCase):
         command = [SERVER, "--config", os.path.join(self.dir, "server.conf")] + list(args)
         return subprocess.run(command, capture_output=True, text=True, timeout=60)
 
-    def test_a_usable_configuration_is_described(self):
-        self.conf("tls-cert = " + self.cert, "tls-key = " + self.key, "require-tls = true")
-        r = self.server("--check-config")
-        self.assertEqual((r.returncode, r.stderr), (0, ""))
-        for line in ("  line 6: tls-cert = " + self.cert,
-                     "password file %s: 1 login(s)" % self.passwd,
-                     "TLS certificate %s: subject /CN=localhost" % self.cert,
-                     'configuration data "config" (%s): checked by the plug-in, usable'
-                     % self.policy,
-                     "the configuration is usable"):
-            self.assertIn(line, r.stdout)
-
     def test_problems_name_their_file_line_and_key(self):
         # Each case breaks a fresh set of files: (lines for the file, message).
         # A bad value in the file is gridftp_server_options_test's; the
