@@ -1,10 +1,8 @@
 """Every command of the server through Python's ftplib, in the clear; the
 data connections in every mode once more over explicit TLS (AUTH TLS,
-PBSZ, PROT P), where curl and lftp run too (their runs in the clear are
-test_box_clients' and test_box_many_sessions', as are wget's download and
-curl's resumed one: the
-clients speak to the server alike whatever its plug-in); every byte of
-theirs compared by SHA-256."""
+PBSZ, PROT P), where curl resumes an upload (the clients' other runs are
+test_box_clients' and test_box_many_sessions': the clients speak to the
+server alike whatever its plug-in); every byte compared by SHA-256."""
 import ftplib
 import hashlib
 import io
@@ -247,31 +245,6 @@ class Tls(ClientRuns, Session):
             g.write(f.read(400000))
         self.curl("-C", "-", "-T", src, self.server.url("/up-resume.bin"))
         self.assertEqual(sha256_file(self.local("up-resume.bin")), sha256_file(src))
-
-    def test_lftp_mirror_round_trip(self):
-        tree = os.path.join(self.work, "tree")
-        files = {"a.bin": 1, "d1/b.bin": 2 * 1024 * 1024 + 3, "d1/d2/c.bin": 70000,
-                 "d1/d2/empty.bin": 0, "d3/e.txt": 12}
-        for i, (rel, size) in enumerate(files.items()):
-            os.makedirs(os.path.dirname(os.path.join(tree, rel)) or tree, exist_ok=True)
-            write_random(os.path.join(tree, rel), size, seed=10 + i)
-        os.chmod(os.path.join(tree, "d3/e.txt"), 0o604)
-        self.lftp("set ftp:use-allo yes; mirror -R %s /mirrored" % tree)
-        # lftp carries permissions over with SITE CHMOD.
-        self.assertEqual(os.stat(self.local("mirrored", "d3/e.txt")).st_mode & 0o777, 0o604)
-        for rel in files:
-            self.assertEqual(sha256_file(self.local("mirrored", rel)),
-                             sha256_file(os.path.join(tree, rel)), rel)
-        back = os.path.join(self.work, "back")
-        self.lftp("mirror /mirrored %s" % back)
-        for rel in files:
-            self.assertEqual(sha256_file(os.path.join(back, rel)),
-                             sha256_file(os.path.join(tree, rel)), rel)
-        # lftp announced each upload's size with ALLO; the server notes it.
-        self.assertRegex(self.server.read_log(), r"STOR /mirrored/d1/b\.bin .*\(ALLO %d\)"
-                         % files["d1/b.bin"])
-        self.lftp("rm -r /mirrored")
-        self.assertFalse(os.path.exists(self.local("mirrored")))
 
 
 if __name__ == "__main__":

@@ -1,24 +1,21 @@
 """What an operator sets and reads: the transfer log (--transfer-log: failed
 transfers marked incomplete; the line's layout is
 gridftp_server_xferlog_test's), logins from a password file, each session
-as its local account, and the TLS sessions a user's data connections may
-resume, --require-tls, and a server started in the background, as init
-scripts start it.  Rotation (rename, SIGHUP)
-is test_box_operator's, on the audit log the listener reopens in the same
+as its local account, the TLS sessions a user's data connections may
+resume, and --require-tls.  Rotation (rename, SIGHUP) is
+test_box_operator's, on the audit log the listener reopens in the same
 loop, and gridftp_server_xferlog_test's."""
 import ftplib
 import io
 import os
 import pwd
 import shutil
-import signal
 import socket
 import ssl
-import subprocess
 import tempfile
 import unittest
 
-from harness import LIBDIR, SERVER, ResumingFTP_TLS, ServerTest, make_hash, process_gone, wait_for
+from harness import ResumingFTP_TLS, ServerTest, make_hash, wait_for
 
 
 def read_lines(path):
@@ -227,48 +224,6 @@ class RequireTls(ServerTest):
         f.storbinary("STOR /secure.txt", io.BytesIO(b"secret"))
         self.assertEqual(f.nlst("/"), ["secure.txt"])
         f.quit()
-
-
-class Detached(unittest.TestCase):
-    def test_the_command_returns_and_the_server_serves(self):
-        """Without --foreground the command returns (0) once the server has
-        gone to the background, in a session of its own (no terminal's
-        hang-up reaches it), where it answers clients.  Started as a
-        process group's leader, as a shell with job control starts it: such
-        a process cannot make a session itself, only a child of it can."""
-        tmp = tempfile.mkdtemp(prefix="tarvex-e2e-detach-")
-        self.addCleanup(shutil.rmtree, tmp, True)
-        port_file = os.path.join(tmp, "port")
-        with open(os.path.join(tmp, "server.log"), "wb") as log:
-            # The daemon keeps its standard error: a pipe would never end.
-            r = subprocess.run([SERVER, "--port", "0", "--bind", "127.0.0.1", "--dsi", "posix",
-                                "--dsi-path", LIBDIR, "--anonymous-map", "--port-file", port_file],
-                               stdin=subprocess.DEVNULL, stdout=log, stderr=log, timeout=60,
-                               process_group=0)
-        self.assertEqual(r.returncode, 0)
-
-        def daemon():
-            """The server once it listens, its forks gone: the port file is
-            written after them."""
-            if not os.path.exists(port_file):
-                return None
-            found = []
-            for pid in filter(str.isdigit, os.listdir("/proc")):
-                try:
-                    with open("/proc/%s/cmdline" % pid, "rb") as f:
-                        if port_file.encode() in f.read() and not process_gone(int(pid)):
-                            found.append(int(pid))
-                except OSError:
-                    pass
-            return found[0] if len(found) == 1 else None
-        pid = wait_for(daemon, "the server in the background")
-        self.addCleanup(wait_for, lambda: process_gone(pid), "the server to end")
-        self.addCleanup(os.kill, pid, signal.SIGTERM)
-        self.assertNotEqual(os.getsid(pid), os.getsid(0))
-        with open(port_file) as f:
-            port = int(f.read())
-        with socket.create_connection(("127.0.0.1", port), timeout=30) as c:
-            self.assertTrue(c.recv(1024).startswith(b"220"))
 
 
 if __name__ == "__main__":
