@@ -2,8 +2,7 @@
 drive it: classic ftp (tnftp) with wildcards and ASCII mode both ways,
 lftp's recursive listing, its upload to a temporary name and its reading
 of checksum progress, ftp-upload's temporary names (rename over the file,
-and STOU) over active data connections, curl's resumed download and its
-reading of a multi-line error, and wget.  The server runs the shipped
+and STOU) over active data connections, curl's resumed download, and wget.  The server runs the shipped
 policy's "rename_replaces".  The plug-in's rules behind each command
 (paths, refusals, upload paths, retries, ranges) are pinned by the driver
 tests in tests/integration; here is what the clients make of them.
@@ -13,10 +12,9 @@ import hashlib
 import os
 import re
 import shutil
-import time
 import unittest
 
-from harness import MIB, TOKEN, BoxServer, BoxTest, credential, pattern, run, sha256, sha256_file
+from harness import MIB, BoxTest, pattern, run, sha256, sha256_file
 
 CLIENTS = ("tnftp", "ftp-upload", "wget")
 
@@ -159,20 +157,6 @@ class BoxClients(BoxTest):
         self.assertEqual(counts, sorted(counts))
         self.assertLessEqual(counts[-1], 60001)
 
-    def test_curl_reads_a_multi_line_error(self):
-        # A user whose uploads may not exceed 1000 bytes.
-        server = BoxServer(self.emu, creds=credential(TOKEN, time.time() + 86400, max_upload=1000))
-        self.addCleanup(server.stop)
-        src = os.path.join(self.dir, "quota.bin")
-        self.write_local("quota.bin", b"q" * 5000)
-        r = self.curl("-v", "-Q", "ALLO 5000", "-T", src, server.url("/q.bin"), ok=False,
-                      server=server)
-        self.assertEqual(r.returncode, 25, r.stderr)   # "Failed FTP upload"
-        self.assertEqual([l[2:] for l in r.stderr.splitlines() if l.startswith("< 451")],
-                         ["451-QUOTA_EXCEEDED", '451-Box-Path: "/q.bin"',
-                          '451-Box-Upload-Size: "5000"', '451-Box-Max-Upload-Size: "1000"',
-                          '451 Box-Error: "Upload size is too large."'])
-        self.assertNotIn("/q.bin", self.paths())
 
 
 if __name__ == "__main__":

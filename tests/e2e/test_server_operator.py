@@ -85,21 +85,6 @@ class TransferLog(ServerTest):
         small = self.line_for("/small.bin", "i")
         self.assertEqual((small["bytes"], small["status"]), (1000, "c"))
 
-    def test_login_kept_across_auth_tls(self):
-        """A client that logs in first and secures the connection after:
-        the session keeps its login's name."""
-        ctx = ssl.create_default_context(cafile=self.server.ca)
-        f = ResumingFTP_TLS(context=ctx, timeout=30)
-        f.connect("127.0.0.1", self.server.port)
-        f.login("gina", "x", secure=False)
-        f.auth()
-        f.prot_p()
-        f.storbinary("STOR /late-tls.bin", io.BytesIO(b"secret"))
-        f.quit()
-        got = self.line_for("/late-tls.bin", "i")
-        self.assertEqual((got["user"], got["bytes"], got["status"]), ("gina", 6, "c"))
-
-
 PASSWORDS = {"alice": "wonderland", "bob": "builder"}
 
 
