@@ -1,5 +1,5 @@
 # End-to-end runs of the Box plug-in: real FTP clients (curl, lftp, wget,
-# Python's ftplib, tnftp, ncftp, ftp-upload, wput, yafc, rclone) against
+# Python's ftplib, tnftp, ftp-upload, rclone) against
 # tarvex-gridftp-server --dsi box, which talks to the Box emulator; both on
 # 127.0.0.1.  The suites that renew a token mid-session use
 # tarvex-box-credential as the server's credential helper.

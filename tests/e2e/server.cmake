@@ -6,8 +6,7 @@ if(TARGET tarvex-gridftp-server AND TARGET tarvex_gridftp_server_posix)
   target_link_libraries(tarvex_gridftp_server_e2etest PRIVATE tarvex_gridftp_server tarvex_common)
   set_target_properties(tarvex_gridftp_server_e2etest PROPERTIES PREFIX "lib")
   foreach(suite test_server_ftplib test_server_robustness
-                test_server_plugin_contract test_server_operator
-                test_server_docs)
+                test_server_plugin_contract test_server_operator)
     if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${suite}.py)
       tarvex_python_test(${suite} PREFIX e2e_ LABEL e2e
         ENV TARVEX_SERVER_BIN=$<TARGET_FILE:tarvex-gridftp-server>

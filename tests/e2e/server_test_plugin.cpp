@@ -6,8 +6,6 @@
 //   stat   /fail-late    a listing that fails after one batch
 //   stat   other         not found, as an FTP response error whose cause
 //                        chain adds lines to the reply
-//   CKSM   /until-cancel waits (up to 60 s) until its operation is
-//                        cancelled, as seen from its thread, then fails
 //   CKSM   /stubborn     ignores cancelling: sleeps 60 s, then "beef"
 //   CKSM   other         "cafe"
 //   RETR   /async        16 KiB sent and the transfer finished from a thread
@@ -120,17 +118,8 @@ void command(tarvex_gfs_operation_t op, tarvex_gfs_command_info_t *info, void *)
         return;
     }
     std::string path = info->pathname;
-    if (path == "/until-cancel" || path == "/stubborn") {
-        bool heeds = path == "/until-cancel";
-        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (std::chrono::steady_clock::now() < until &&
-               !(heeds && tarvex_gridftp_server_thread_cancelled()))
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (heeds) {
-            tarvex_gridftp_server_finished_command(
-                op, ftp_error(451, "CANCELLED", "GridFTP-Error: stopped."), nullptr);
-            return;
-        }
+    if (path == "/stubborn") {
+        std::this_thread::sleep_for(std::chrono::seconds(60));
         char sum[] = "beef";
         tarvex_gridftp_server_finished_command(op, TARVEX_SUCCESS, sum);
         return;

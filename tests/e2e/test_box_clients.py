@@ -1,25 +1,22 @@
 """The FTP clients of a Debian system on Box, each run once as its users
-drive it: classic ftp (tnftp) with wildcards and ASCII mode, ncftp's
-wildcards and recursive listing, lftp's recursive listing, its upload to a
-temporary name and its reading of checksum progress, ftp-upload's temporary
-names (rename over the file, and STOU), wput's ASCII uploads, yafc after a
-cd, curl's resumed download and its reading of a multi-line error, and
-wget.  The server runs the shipped policy's "rename_replaces".  The
-plug-in's rules behind each command (paths, refusals, upload paths,
-retries, ranges) are pinned by the driver tests in tests/integration; here
-is what the clients make of them.  curl's quoted commands are in
-test_server_ftplib; uploads in parts are test_box_many_sessions' (lftp)
-and test_box_faults'; curl over TLS is test_box_operator's."""
+drive it: classic ftp (tnftp) with wildcards and ASCII mode both ways,
+lftp's recursive listing, its upload to a temporary name and its reading
+of checksum progress, ftp-upload's temporary names (rename over the file,
+and STOU) over active data connections, curl's resumed download, and wget.  The server runs the shipped
+policy's "rename_replaces".  The plug-in's rules behind each command
+(paths, refusals, upload paths, retries, ranges) are pinned by the driver
+tests in tests/integration; here is what the clients make of them.
+Uploads in parts are test_box_many_sessions' (lftp) and test_box_faults';
+curl over TLS is test_box_operator's."""
 import hashlib
 import os
 import re
 import shutil
-import time
 import unittest
 
-from harness import MIB, TOKEN, BoxServer, BoxTest, credential, pattern, run, sha256, sha256_file
+from harness import MIB, BoxTest, pattern, run, sha256, sha256_file
 
-CLIENTS = ("tnftp", "ncftpget", "ncftpls", "ftp-upload", "wput", "yafc", "wget")
+CLIENTS = ("tnftp", "ftp-upload", "wget")
 
 
 def seed_tree(emu):
@@ -52,7 +49,7 @@ class BoxClients(BoxTest):
         seed_tree(self.emu)
         name = self.id().rsplit(".", 1)[1]
         self.dir = self.local(name)
-        # The clients' own files (~/.ncftp, yafc's bookmarks) go elsewhere.
+        # The clients' own files (their histories and settings) go elsewhere.
         self.home = self.local(name + "-home")
         os.makedirs(self.dir)
         os.makedirs(self.home)
@@ -66,9 +63,6 @@ class BoxClients(BoxTest):
     def tnftp(self, *commands):
         script = "user anonymous x\nprompt\n" + "\n".join(commands) + "\nquit\n"
         return self.client(["tnftp", "-n", "-v", "127.0.0.1", str(self.server.port)], script)
-
-    def ncftp_login(self):
-        return ["-P", str(self.server.port), "-u", "anonymous", "-p", "x"]
 
     def ftp_upload(self, *args):
         return self.client(["ftp-upload", "-h", "127.0.0.1:%d" % self.server.port,
@@ -109,24 +103,11 @@ class BoxClients(BoxTest):
         self.tnftp("cd /S/t", "mget -dash.txt")
         self.assertEqual(self.local_bytes("-dash.txt"), b"dash\n")
 
-    def test_ncftpget_wildcard_and_wput_ascii(self):
-        self.client(["ncftpget"] + self.ncftp_login() + ["127.0.0.1", ".", "/S/t/sub/*.txt"])
-        self.assertEqual(os.listdir(self.dir), ["d.txt"])
-        self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
-        # wput sends .txt files in ASCII mode unasked.
-        self.write_local("w.txt", b"three\r\nfour\r\n")
-        self.client(["wput", "-nc", "w.txt",
-                     "ftp://anonymous:x@127.0.0.1:%d/S/t/w.txt" % self.server.port])
-        self.assertEqual(self.stored("/S/t/w.txt"), b"three\nfour\n")
-
     # -- recursive listings ---------------------------------------------------
 
-    def test_recursive_listing_in_lftp_and_ncftpls(self):
+    def test_recursive_listing_in_lftp(self):
         out = self.lftp("ls -R /S/t").stdout
-        self.assertIn("/S/t/sub/deep:", out)
         self.assertRegex(out, r"(?s)/S/t/sub:.* d\.txt\n.*/S/t/sub/deep:\n.* e\.txt\n")
-        out = self.client(["ncftpls"] + self.ncftp_login() + ["-R", "ftp://127.0.0.1/S/t/"])
-        self.assertRegex(out, r"(?s)\./sub:.* d\.txt\n.*\./sub/deep:\n.* e\.txt\n")
 
     # -- uploads under a temporary name ----------------------------------------
 
@@ -145,24 +126,6 @@ class BoxClients(BoxTest):
         self.assertEqual(self.stored("/S/t/c.bin"), b"new c")
         self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub",
                                                "x1.tmp", "x2.tmp"])
-
-    # -- yafc -------------------------------------------------------------------
-
-    def test_yafc_gets_a_file_after_cd(self):
-        self.client(["yafc", "-n", "-q", "-W", self.home,
-                     "ftp://anonymous:x@127.0.0.1:%d" % self.server.port],
-                    "cd /S/t/sub\nget d.txt\nquit\n")
-        self.assertEqual(self.local_bytes("d.txt"), b"delta\n")
-
-    # -- facts -------------------------------------------------------------------
-
-    def test_unique_facts(self):
-        # (What Box's refusals read like is box_command_test's.)
-        f = self.ftp()
-        self.addCleanup(f.close)
-        facts = dict(f.mlsd("/S/t"))
-        self.assertIn("unique=%s;" % facts["a.txt"]["unique"], f.sendcmd("MLST /S/t/a.txt"))
-        self.assertEqual(dict(f.mlsd("/S/t/sub"))["."]["unique"], facts["sub"]["unique"])
 
     # -- downloads, checksums and errors -----------------------------------------
 
@@ -194,20 +157,6 @@ class BoxClients(BoxTest):
         self.assertEqual(counts, sorted(counts))
         self.assertLessEqual(counts[-1], 60001)
 
-    def test_curl_reads_a_multi_line_error(self):
-        # A user whose uploads may not exceed 1000 bytes.
-        server = BoxServer(self.emu, creds=credential(TOKEN, time.time() + 86400, max_upload=1000))
-        self.addCleanup(server.stop)
-        src = os.path.join(self.dir, "quota.bin")
-        self.write_local("quota.bin", b"q" * 5000)
-        r = self.curl("-v", "-Q", "ALLO 5000", "-T", src, server.url("/q.bin"), ok=False,
-                      server=server)
-        self.assertEqual(r.returncode, 25, r.stderr)   # "Failed FTP upload"
-        self.assertEqual([l[2:] for l in r.stderr.splitlines() if l.startswith("< 451")],
-                         ["451-QUOTA_EXCEEDED", '451-Box-Path: "/q.bin"',
-                          '451-Box-Upload-Size: "5000"', '451-Box-Max-Upload-Size: "1000"',
-                          '451 Box-Error: "Upload size is too large."'])
-        self.assertNotIn("/q.bin", self.paths())
 
 
 if __name__ == "__main__":

@@ -1,9 +1,8 @@
 """What an administrator expects of the server beside FTP, through --dsi box
 against the Box emulator: TLS as clients meet it (implicit FTPS with curl's
-ftps:// URLs; explicit TLS 1.3 uploads by clients that end their data
-connections without close_notify, Debian's ftp-ssl and Python closing
-without unwrap(), and --tls-strict-eof; rclone's pooled TLS connections
-are test_box_many_sessions'), the audit log of the changes clients make
+ftps:// URLs; explicit TLS 1.3 uploads by a client that ends its data
+connections without close_notify, and --tls-strict-eof; rclone's pooled
+TLS connections are test_box_many_sessions'), the audit log of the changes clients make
 (rotated with SIGHUP), and the Prometheus metrics page, scraped after
 clients worked and checked with promtool (a stalled scraper is
 gridftp_server_watch_test's)."""
@@ -14,14 +13,11 @@ import os
 import pwd
 import shutil
 import signal
-import socket
 import ssl
 import subprocess
-import tempfile
 import unittest
 
-from harness import (BoxServer, BoxTest, CredentialHelper, ResumingFTP_TLS, make_hash, reply_of,
-                     run, sha256, wait_for, write_random)
+from harness import BoxServer, BoxTest, make_hash, reply_of, run, sha256, wait_for
 
 
 def port_file_value(path):
@@ -58,23 +54,11 @@ class Tls(BoxTest):
     def start_server(cls, extra=(), **kw):
         cls.servers += 1
         port_file = os.path.join(cls.work, "implicit-port-%d" % cls.servers)
-        log = os.path.join(cls.work, "xfer-%d.log" % cls.servers)
         server = super().start_server(
-            extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file,
-                   "--transfer-log", log] + list(extra), **kw)
+            extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file]
+            + list(extra), **kw)
         server.implicit_port = port_file_value(port_file)
-        server.transfer_log = log
         return server
-
-    def transfer_log(self, server, lines=0):
-        """The transfer log's lines, once it has at least `lines`."""
-        def read():
-            got = []
-            if os.path.exists(server.transfer_log):
-                with open(server.transfer_log) as f:
-                    got = f.read().splitlines()
-            return got if len(got) >= lines else None
-        return wait_for(lambda: read() is not None, "transfer log lines") and read()
 
     def url(self, path):
         return "ftps://anonymous:x@127.0.0.1:%d%s" % (self.server.implicit_port, path)
@@ -94,51 +78,7 @@ class Tls(BoxTest):
             self.assertEqual(sha256(b.read()), sha256(data))
         self.assertFiles({"/in": "folder", "/in/c.bin": data})
 
-    def test_tls_from_the_first_byte_and_protected_data(self):
-        # A client speaking FTP in the clear gets no greeting.
-        with socket.create_connection(("127.0.0.1", self.server.implicit_port), 30) as plain:
-            plain.sendall(b"USER anonymous\r\n" + b"\0" * 512)
-            try:
-                got = plain.recv(4096)
-            except ConnectionResetError:
-                got = b""   # the end, before all that was sent was read
-        self.assertFalse(got.startswith(b"220"), got)
-        # One that never asks PBSZ or PROT gets its data over TLS.
-        self.emu.seed({"path": "/s.bin", "size": 100000})
-        ctx = ssl.create_default_context(cafile=self.server.ca)
-        f = ResumingFTP_TLS(context=ctx, timeout=30)
-        f.host = "127.0.0.1"
-        f.sock = ctx.wrap_socket(socket.create_connection((f.host, self.server.implicit_port), 30),
-                                 server_hostname=f.host)
-        f.file = f.sock.makefile("r", encoding="latin-1")
-        f.af = f.sock.family
-        f.welcome = f.getresp()
-        self.addCleanup(f.close)
-        f.login("anonymous", "x")   # no AUTH on a TLS socket
-        self.assertIn("Data connections protected", f.sendcmd("STAT"))
-        f._prot_p = True   # as the server has it, unasked
-        got = bytearray()
-        self.assertEqual(f.retrbinary("RETR /s.bin", got.extend), "226 Transfer complete.")
-        self.assertEqual(sha256(bytes(got)), sha256(self.emu.content("/s.bin")))
-
-    def test_ftp_ssl_uploads(self):
-        if shutil.which("ftp-ssl") is None:
-            self.skipTest("ftp-ssl is not installed")
-        src = self.local("f.bin")
-        write_random(src, 3 << 20, seed=7)
-        with open(src, "rb") as f:
-            data = f.read()
-        script = "user anonymous x\nbinary\n" + "".join(
-            "put f.bin /f%d.bin\n" % i for i in range(8)) + "quit\n"
-        r = subprocess.run(["ftp-ssl", "-n", "-p", "-v", "-z", "secure",
-                            "-z", "cacert=" + self.server.ca, "127.0.0.1", str(self.server.port)],
-                           input=script, capture_output=True, text=True, cwd=self.work,
-                           timeout=300)
-        self.assertEqual(r.stdout.count("226 Transfer complete"), 8, r.stdout + self.diagnostics())
-        self.assertFiles({"/f%d.bin" % i: data for i in range(8)})
-
     def test_python_closing_without_unwrap(self):
-        logged = len(self.transfer_log(self.server))
         f = tls13_login(self.server)
         data = os.urandom(1 << 20)
         for i in range(24):
@@ -152,10 +92,6 @@ class Tls(BoxTest):
         log = self.server.read_log()
         self.assertRegex(log, r"STOR /p23\.bin .*\(end unconfirmed: no TLS close_notify\)")
         self.assertRegex(log, r"STOR /clean\.bin from 0: \d+ bytes in \d+ ms\n")
-        lines = self.transfer_log(self.server, logged + 25)
-        self.assertTrue(lines[-2].endswith(" /p23.bin b _ i a anonymous ftp 0 * c end-unconfirmed"),
-                        lines[-2])
-        self.assertTrue(lines[-1].endswith(" * c"), lines[-1])
 
     def test_strict_eof(self):
         server = self.start_server(extra=["--tls-strict-eof"])
@@ -168,7 +104,6 @@ class Tls(BoxTest):
         self.assertTrue(f.storbinary("STOR /clean.bin", io.BytesIO(data)).startswith("226"))
         f.quit()
         self.assertFiles({"/sized.bin": data, "/clean.bin": data})
-        self.assertEqual(self.transfer_log(server, 3)[0][-2:], " i")
 
 
 def samples(page):
@@ -206,8 +141,7 @@ class Operator(BoxTest):
         lines = wait_for(read, "%d audit lines" % count)
         out = []
         for line in lines:
-            when, host, user, command, p, second, code, text = line.split(" ", 7)
-            self.assertRegex(when, r"^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d{4}$")
+            _, host, user, command, p, second, code, text = line.split(" ", 7)
             self.assertEqual((host, user), ("127.0.0.1", "anonymous"))
             out.append((command, p, second, code, text))
         return out
@@ -218,26 +152,21 @@ class Operator(BoxTest):
         f.mkd("/a")
         reply_of(f.mkd, "/no/a")
         f.rename("/a", "/my docs")
-        self.store(f, "/my docs/f.txt", b"x" * 10)
-        f.delete("/my docs/f.txt")
         reply_of(f.delete, "/missing")
         f.mkd("/t")
-        f.mkd("/t/u")
         f.sendcmd("SITE RDEL /t")
         f.rmd("/my docs")
-        lines = self.audit_lines(9)
+        lines = self.audit_lines(7)
         self.assertEqual([l[:4] for l in lines], [
             ("MKD", "/a", "-", "257"),
             ("MKD", "/no/a", "-", "553"),
             ("RNTO", "/a", "/my\\x20docs", "250"),
-            ("DELE", "/my\\x20docs/f.txt", "-", "250"),
             ("DELE", "/missing", "-", "550"),
             ("MKD", "/t", "-", "257"),
-            ("MKD", "/t/u", "-", "257"),
             ("SITE_RDEL", "/t", "-", "250"),
             ("RMD", "/my\\x20docs", "-", "250"),
         ])
-        self.assertIn("PATH_NOT_FOUND", lines[4][4])
+        self.assertIn("PATH_NOT_FOUND", lines[3][4])
         self.assertFiles({})
 
         # Rotation: renamed, SIGHUP, and the next change is in the new file.
@@ -248,8 +177,7 @@ class Operator(BoxTest):
                  "the server to reopen its audit log")
         f.mkd("/after")
         self.assertEqual([l[:2] for l in self.audit_lines(1)], [("MKD", "/after")])
-        self.assertEqual(len(self.audit_lines(9, rotated)), 9)
-
+        self.assertEqual(len(self.audit_lines(7, rotated)), 7)
 
     def scrape(self, port):
         conn = http.client.HTTPConnection("127.0.0.1", port, timeout=30)
@@ -266,26 +194,15 @@ class Operator(BoxTest):
     def test_counts_of_sessions_transfers_and_box(self):
         port_file = os.path.join(self.work, "metrics-port")
         me = pwd.getpwuid(os.geteuid()).pw_name
-        # A credential that the plug-in takes at a session's start and
-        # wants renewed 2 s later, at the latest; a renewed one lasts.
-        creds = CredentialHelper(self.emu, tempfile.mkdtemp(dir=self.work), lifetime=102)
-        server = BoxServer(self.emu, creds=creds,
-                           passwd="alice:%s:%s\n" % (make_hash("secret"), me),
+        server = BoxServer(self.emu, passwd="alice:%s:%s\n" % (make_hash("secret"), me),
                            extra=["--metrics-listen", "127.0.0.1:0",
                                   "--metrics-port-file", port_file])
         self.addCleanup(server.stop)
         metrics_port = port_file_value(port_file)
-        creds.issue()
         bad = ftplib.FTP(timeout=60)
         bad.connect("127.0.0.1", server.port)
         self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))
         bad.close()
-        # Box asks the folder's creation to wait 4 s: the token is due
-        # for renewal after that.
-        busy = {"status": 429, "headers": {"Retry-After": "4"},
-                "body": {"type": "error", "status": 429, "code": "rate_limit_exceeded",
-                         "message": "Request rate limit exceeded", "request_id": "e2e"}}
-        self.emu.fault(dict(busy, method="POST", path_regex="/folders$"))
         f = server.ftp("alice", "secret")
         data = os.urandom(300000)
         f.mkd("/m")
@@ -294,8 +211,6 @@ class Operator(BoxTest):
         f.retrbinary("RETR /m/up.bin", got.extend)
         self.assertEqual(bytes(got), data)
         f.quit()
-        posts = [e["status"] for e in self.requests("POST", "/folders")]
-        self.assertEqual(posts, [429, 201])
 
         page = wait_for(lambda: (lambda p: p if samples(p)["tarvex_sessions_open"] == 0 else None)(
             self.scrape(metrics_port)), "the sessions to end")
@@ -308,51 +223,20 @@ class Operator(BoxTest):
                                % direction], 1)
             self.assertEqual(s['tarvex_transfer_bytes_total{direction="%s"}' % direction],
                              len(data))
-        # The plug-in's counts against the emulator's log (less the
-        # credential helper's calls to the emulator's control interface).
+        # The plug-in's counts against the emulator's log (less the test's
+        # calls to the emulator's control interface).
         log = [e for e in self.emu.log() if not e["path"].startswith("/_emulator/")]
         for method in ("GET", "POST", "PUT"):
             for status in {e["status"] for e in log if e["method"] == method}:
                 want = sum(1 for e in log if (e["method"], e["status"]) == (method, status))
                 self.assertEqual(s['tarvex_storage_requests_total{method="%s",code="%d"}'
                                    % (method, status)], want, (method, status))
-        self.assertEqual(s["tarvex_storage_throttled_total"], 1)
-        self.assertEqual(s["tarvex_storage_retries_total"], 1)
-        self.assertEqual(s["tarvex_storage_retry_after_seconds_total"], 4)
-        self.assertEqual(s["tarvex_storage_token_renewals_total"], 1)
-        self.assertEqual(s["tarvex_storage_token_renewal_failures_total"], 0)
-        self.assertGreater(s["tarvex_storage_pacing_wait_seconds_count"], 0)
-        self.assertEqual(s["tarvex_storage_pacing_wait_seconds_count"],
-                         s['tarvex_storage_pacing_wait_seconds_bucket{le="+Inf"}'])
 
         if shutil.which("promtool") is None:
             self.skipTest("promtool is not installed (scripts/install-deps installs it)")
         r = subprocess.run(["promtool", "check", "metrics"], input=page, capture_output=True,
                            text=True, timeout=60)
         self.assertEqual((r.returncode, r.stdout + r.stderr), (0, ""))
-
-
-
-class AlertingRules(unittest.TestCase):
-    """The README's and the manual page's example rules: the same, and
-    loaded by promtool."""
-
-    def test_documented_rules_load(self):
-        if shutil.which("promtool") is None:
-            self.skipTest("promtool is not installed (scripts/install-deps installs it)")
-        root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-        with open(os.path.join(root, "README.md"), encoding="utf-8") as f:
-            readme = f.read().split("```yaml\n", 1)[1].split("```", 1)[0]
-        with open(os.path.join(root, "doc", "tarvex-gridftp-server.8"), encoding="utf-8") as f:
-            page = f.read().split("Two alerting rules", 1)[1]
-        page = page.split(".EX\n", 1)[1].split(".EE", 1)[0].replace("\\-", "-")
-        self.assertEqual(page, readme)
-        with tempfile.NamedTemporaryFile("w", suffix=".yml") as f:
-            f.write(readme)
-            f.flush()
-            r = run(["promtool", "check", "rules", f.name], timeout=60)
-        self.assertEqual(r.returncode, 0, r.stdout + r.stderr)
-        self.assertIn("SUCCESS: 2 rules found", r.stdout)
 
 
 if __name__ == "__main__":

@@ -1,28 +1,21 @@
-"""What an operator sets and reads: the transfer log (--transfer-log,
-xferlog lines for uploads and downloads by curl and ftplib, failed
-transfers), logins from a password file with the login and logout lines of
-each session process and the TLS sessions a user's data connections may
-resume, --require-tls, and a server started in the background, as init
-scripts start it.  Rotation (rename, SIGHUP)
-is test_box_operator's, on the audit log the listener reopens in the same
+"""What an operator sets and reads: the transfer log (--transfer-log: failed
+transfers marked incomplete; the line's layout is
+gridftp_server_xferlog_test's), logins from a password file, each session
+as its local account, the TLS sessions a user's data connections may
+resume, and --require-tls.  Rotation (rename, SIGHUP) is
+test_box_operator's, on the audit log the listener reopens in the same
 loop, and gridftp_server_xferlog_test's."""
 import ftplib
 import io
 import os
 import pwd
 import shutil
-import signal
 import socket
 import ssl
-import subprocess
 import tempfile
-import time
 import unittest
 
-from harness import (LIBDIR, SERVER, ResumingFTP_TLS, ServerTest, make_hash, process_gone,
-                     session_pids, wait_for, write_random)
-
-XFER_TIME = "%a %b %d %H:%M:%S %Y"
+from harness import ResumingFTP_TLS, ServerTest, make_hash, wait_for
 
 
 def read_lines(path):
@@ -37,10 +30,8 @@ def fields(line):
     """An xferlog line as a dict of its fields."""
     w = line.split()
     assert len(w) == 18, line
-    return {"time": " ".join(w[0:5]), "seconds": int(w[5]), "host": w[6],
-            "bytes": int(w[7]), "path": w[8], "type": w[9], "action": w[10],
-            "direction": w[11], "mode": w[12], "user": w[13], "service": w[14],
-            "auth": w[15], "auth_user": w[16], "status": w[17]}
+    return {"bytes": int(w[7]), "path": w[8], "direction": w[11], "user": w[13],
+            "status": w[17]}
 
 
 class TransferLog(ServerTest):
@@ -66,30 +57,6 @@ class TransferLog(ServerTest):
                     return f
             return None
         return wait_for(find, "the transfer log line of %s %s" % (direction, path))
-
-    def curl(self, *args):
-        r = subprocess.run(["curl", "-sS", "--user", "carol:secret", "--max-time", "60"] +
-                           list(args), capture_output=True, timeout=120)
-        self.assertEqual(r.returncode, 0, r.stderr.decode() + self.server.read_log())
-        return r.stdout
-
-    def test_curl_upload_and_download(self):
-        src = os.path.join(self.dir, "report q1.bin")
-        write_random(src, 300000, seed=1)
-        before = time.time()
-        self.curl("-T", src, self.server.url("/report%20q1.bin"))
-        data = self.curl(self.server.url("/report%20q1.bin"))
-        after = time.time()
-        self.assertEqual(len(data), 300000)
-        for direction in ("i", "o"):
-            f = self.line_for("/report\\x20q1.bin", direction)
-            logged = time.mktime(time.strptime(f["time"], XFER_TIME))
-            # whole seconds, local time
-            self.assertTrue(int(before) <= logged <= after + 1, (before, f["time"], after))
-            self.assertGreaterEqual(f["seconds"], 1)
-            self.assertEqual((f["host"], f["bytes"], f["type"], f["action"], f["mode"],
-                              f["user"], f["service"], f["auth"], f["auth_user"], f["status"]),
-                             ("127.0.0.1", 300000, "b", "_", "a", "carol", "ftp", "0", "*", "c"))
 
     def test_failed_transfers_are_incomplete(self):
         with open(os.path.join(self.server.root, "big.bin"), "wb") as fh:
@@ -117,21 +84,6 @@ class TransferLog(ServerTest):
         self.assertLess(aborted["bytes"], 512 << 20)
         small = self.line_for("/small.bin", "i")
         self.assertEqual((small["bytes"], small["status"]), (1000, "c"))
-
-    def test_login_kept_across_auth_tls(self):
-        """A client that logs in first and secures the connection after:
-        the session keeps its login's name."""
-        ctx = ssl.create_default_context(cafile=self.server.ca)
-        f = ResumingFTP_TLS(context=ctx, timeout=30)
-        f.connect("127.0.0.1", self.server.port)
-        f.login("gina", "x", secure=False)
-        f.auth()
-        f.prot_p()
-        f.storbinary("STOR /late-tls.bin", io.BytesIO(b"secret"))
-        f.quit()
-        got = self.line_for("/late-tls.bin", "i")
-        self.assertEqual((got["user"], got["bytes"], got["status"]), ("gina", 6, "c"))
-
 
 PASSWORDS = {"alice": "wonderland", "bob": "builder"}
 
@@ -169,7 +121,7 @@ class Accounts(ServerTest):
 
     def test_passwords(self):
         cases = [("alice", "wonderland", True), ("alice", "Wonderland", False),
-                 ("alice", "", False), ("nobody-here", "x", False), ("locked", "x", False)]
+                 ("nobody-here", "x", False), ("locked", "x", False)]
         if self.root_run:
             cases.append(("ghost", "boo", False))  # no such local account
         for user, password, ok in cases:
@@ -194,28 +146,6 @@ class Accounts(ServerTest):
         f.quit()
         st = os.stat(os.path.join(self.server.root, "owned.txt"))
         self.assertEqual((st.st_uid, st.st_gid), (self.nobody.pw_uid, self.nobody.pw_gid))
-
-    def test_session_log_lines(self):
-        """Log-ins, log-outs and failed logins, each with the session's own
-        process id."""
-        earlier = set(session_pids(self.server, "connection from 127.0.0.1"))
-        f = self.connect()
-        self.assertRaisesRegex(ftplib.error_perm, "^530", f.login, "alice", "wrong")
-        f.login("alice", "wonderland")
-        f.quit()
-        f = self.server.ftp("alice", "wonderland")
-        f.sock.close()  # no QUIT
-        f.file.close()
-        for end, failed in (("QUIT", ["failed login for alice"]), ("connection closed", [])):
-            logout = "alice logged out (%s)" % end
-            pid = wait_for(lambda: set(session_pids(self.server, logout)) - earlier,
-                           "the logout line").pop()
-            self.assertNotEqual(pid, self.server.proc.pid)
-            prefix = "tarvex-gridftp-server[%d]: " % pid
-            lines = [l[len(prefix):] for l in self.server.read_log().splitlines()
-                     if l.startswith(prefix)]
-            self.assertEqual(lines, ["connection from 127.0.0.1"] + failed
-                             + ["alice logged in", logout])
 
     def control(self, ctx, user=None):
         f = ResumingFTP_TLS(context=ctx, timeout=30)
@@ -279,48 +209,6 @@ class RequireTls(ServerTest):
         f.storbinary("STOR /secure.txt", io.BytesIO(b"secret"))
         self.assertEqual(f.nlst("/"), ["secure.txt"])
         f.quit()
-
-
-class Detached(unittest.TestCase):
-    def test_the_command_returns_and_the_server_serves(self):
-        """Without --foreground the command returns (0) once the server has
-        gone to the background, in a session of its own (no terminal's
-        hang-up reaches it), where it answers clients.  Started as a
-        process group's leader, as a shell with job control starts it: such
-        a process cannot make a session itself, only a child of it can."""
-        tmp = tempfile.mkdtemp(prefix="tarvex-e2e-detach-")
-        self.addCleanup(shutil.rmtree, tmp, True)
-        port_file = os.path.join(tmp, "port")
-        with open(os.path.join(tmp, "server.log"), "wb") as log:
-            # The daemon keeps its standard error: a pipe would never end.
-            r = subprocess.run([SERVER, "--port", "0", "--bind", "127.0.0.1", "--dsi", "posix",
-                                "--dsi-path", LIBDIR, "--anonymous-map", "--port-file", port_file],
-                               stdin=subprocess.DEVNULL, stdout=log, stderr=log, timeout=60,
-                               process_group=0)
-        self.assertEqual(r.returncode, 0)
-
-        def daemon():
-            """The server once it listens, its forks gone: the port file is
-            written after them."""
-            if not os.path.exists(port_file):
-                return None
-            found = []
-            for pid in filter(str.isdigit, os.listdir("/proc")):
-                try:
-                    with open("/proc/%s/cmdline" % pid, "rb") as f:
-                        if port_file.encode() in f.read() and not process_gone(int(pid)):
-                            found.append(int(pid))
-                except OSError:
-                    pass
-            return found[0] if len(found) == 1 else None
-        pid = wait_for(daemon, "the server in the background")
-        self.addCleanup(wait_for, lambda: process_gone(pid), "the server to end")
-        self.addCleanup(os.kill, pid, signal.SIGTERM)
-        self.assertNotEqual(os.getsid(pid), os.getsid(0))
-        with open(port_file) as f:
-            port = int(f.read())
-        with socket.create_connection(("127.0.0.1", port), timeout=30) as c:
-            self.assertTrue(c.recv(1024).startswith(b"220"))
 
 
 if __name__ == "__main__":
