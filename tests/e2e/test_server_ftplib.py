@@ -69,7 +69,7 @@ class Session(ServerTest):
 # gridftp_server_parse_test's.
 INFORMATION = [
     ("SYST", "215 UNIX"), ("OPTS UTF8 ON", "200"), ("HELP", "214"), ("NOOP", "200"),
-    ("TYPE A", "200"), ("TYPE I", "200"), ("TYPE L 8", "200"), ("MODE S", "200"),
+    ("TYPE A", "200"), ("REST 3", "504"), ("TYPE I", "200"), ("TYPE L 8", "200"), ("MODE S", "200"),
     ("STRU F", "200"), ("TYPE E", "504"), ("TYPE L 7", "504"), ("MODE B", "504"),
     ("STRU R", "504"), ("STAT", "211-(?s:.*)Logged in as anonymous"),
 ]
@@ -128,6 +128,11 @@ class Ftplib(Session):
         stat = self.f.sendcmd("STAT /many/sub")
         self.assertRegex(stat, r"(?s)^213-.* inner\.txt.*\n213 ")
         self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "/no-such-folder")
+        # A name that exists as written is not taken as a pattern; a pattern
+        # that matches nothing is 550, as for a missing name.
+        self.put("w/x[1].txt", b"")
+        self.assertEqual(self.f.nlst("/w/x[1].txt"), ["/w/x[1].txt"])
+        self.assertRaisesRegex(ftplib.error_perm, "^550", self.f.nlst, "/w/*.none")
 
     def test_transfers_in_every_data_mode(self):
         data = os.urandom(5 * 1024 * 1024 + 123)
