@@ -9,10 +9,8 @@
 #include "box_session_support.h"
 #include "box_wait.h"
 #include "config.h"
-#include "metadata.h"
 #include "path_cache.h"
 #include "path_resolve.h"
-#include "tarvex_box_raii.h"
 
 namespace box_session_test {
 namespace {
@@ -270,26 +268,6 @@ TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
     EXPECT_EQ(cached("/d/new.txt"), nullptr);
     ASSERT_NE(cached("/d/old.txt"), nullptr);
     EXPECT_EQ(std::string(cached("/d/old.txt")->id), ids_["/d/new.txt"]);
-}
-
-/* Created on a file or a folder, then patched: one request each (their
- * shapes on a file: box_calls_test.cpp), and Box keeps the value. */
-TEST_F(command_test, MetadataPropertiesAreCreatedThenPatched)
-{
-    for (const std::string path : {"/f.txt", "/e"}) {
-        tarvex_box_path_info_t *info = nullptr;
-        ASSERT_EQ(tarvex_box_path_resolve(session_, path.c_str(), &info, nullptr), TARVEX_SUCCESS);
-        take_requests();
-        for (const char *value : {"one", "two"}) {
-            ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", value),
-                      TARVEX_SUCCESS);
-            EXPECT_TRUE(info->has_metadata);
-            EXPECT_NE(emulator().item(path).find(R"("tarvex-md5":")" + std::string(value)),
-                      std::string::npos)
-                << emulator().item(path);
-        }
-        EXPECT_EQ(take_requests().size(), 2u);
-    }
 }
 
 TEST_F(command_test, ChecksumsAnsweredFromWhatIsKnown)

@@ -184,33 +184,6 @@ TEST_F(in_flight_test, PartsInFlightLeaveTheRecordOneAtATimeWould)
     EXPECT_EQ(puts[1], puts[0]);
 }
 
-/* A part cut off mid-body is sent again while the others go on; the file
- * is whole, and the commit goes once every part has been answered. */
-TEST_F(in_flight_test, APartCutOffIsSentAgain)
-{
-    const uint64_t size = 6 * part_size;
-    tarvex_i_box_upload_parts_in_flight = 3;
-    emulator().fault(R"({"method":"PUT","header_regex":{"content-range":"^bytes 16384-"},)"
-                     R"("cut_body_after":1000})");
-    tarvex_test::driver d;
-    EXPECT_EQ(store_pattern(d, "/d/cut.bin", size), "");
-    auto log = take_requests();
-    double last_part = 0, commit = 0;
-    int tries = 0;
-    for (const auto &e : log) {
-        if (e.method == "PUT")
-            last_part = std::max(last_part, e.ended);
-        if (e.method == "PUT" && e.header("Content-Range").rfind("bytes 16384-", 0) == 0)
-            tries++;
-        if (e.path.size() > 7 && e.path.compare(e.path.size() - 7, 7, "/commit") == 0)
-            commit = e.started;
-    }
-    EXPECT_EQ(tries, 2);
-    EXPECT_GE(commit, last_part);
-    EXPECT_TRUE(emulator().content("/d/cut.bin") == pattern(size));
-    EXPECT_FALSE(remembered("/d/cut.bin"));
-}
-
 /* A part that fails all its attempts fails the store; the record keeps
  * the parts before it (whatever came of those after), so that a restart
  * at its boundary sends the rest and the file comes out whole. */
@@ -370,29 +343,6 @@ TEST_F(in_flight_test, ARangeThatCannotBeHadFailsTheTransfer)
     std::string reply = retrieve("/d/big.bin");
     EXPECT_NE(reply.find("The file changed on Box while it was being sent"), std::string::npos)
         << reply;
-}
-
-/* ABOR while parts or ranges are out: the transfer is answered with an
- * error, a store commits nothing, and no part or range request is left
- * running. */
-TEST_F(in_flight_test, AborLeavesNoRequestRunning)
-{
-    tarvex_i_box_upload_parts_in_flight = 3;
-    emulator().config(R"({"bandwidth_bps":20000})");
-    tarvex_test::driver d;
-    d.cancel_after_bytes(3 * part_size + 1);
-    EXPECT_NE(store_pattern(d, "/d/abor.bin", 10 * part_size), "");
-    EXPECT_TRUE(settled("PUT", part_path));
-    for (const auto &e : take_requests())
-        EXPECT_EQ(e.path.find("/commit"), std::string::npos);
-
-    seed_file("/d/big.bin", 1052897);
-    tarvex_i_box_download_streams = 3;
-    emulator().config(R"({"bandwidth_bps":200000})");
-    driver_.cancel_after_bytes(150000);
-    EXPECT_NE(retrieve("/d/big.bin"), "");
-    EXPECT_TRUE(settled("GET", download_path));
-    EXPECT_LT(emulator().concurrency("GET", download_path).count, 9);
 }
 
 } // namespace
