@@ -2,10 +2,8 @@
  * Pacing across hosts through a Redis server of the test's own: processes
  * standing for hosts, each with its own home (so no pacing file is
  * shared), keep one spacing between all their requests for a Box user
- * through the store; a store killed
- * mid-run is ridden out on each host's files and taken up again when it is
- * back; the slot rule the server runs, key by key; and the store's URL
- * with its password and database.
+ * through the store; the slot rule the server runs, key by key; and the
+ * store's URL with its password and database.
  */
 #include <gtest/gtest.h>
 
@@ -31,14 +29,6 @@ constexpr int64_t spacing_us = 1000000 / per_second;
 
 /* Calls per host: the spacing checked does not depend on their number. */
 constexpr int calls_per_host = 40;
-
-int count(const std::string &text, const std::string &needle)
-{
-    int found = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-        found++;
-    return found;
-}
 
 class BoxPacingCluster : public ::testing::Test {
 protected:
@@ -93,64 +83,6 @@ TEST_F(BoxPacingCluster, FourHostsKeepOneSpacingThroughTheStore)
     const double floor = double(4 * calls) / per_second;
     printf("through the store: %d calls in %.2f s, floor %.2f s, ratio %.3f\n", 4 * calls,
            took, floor, took / floor);
-}
-
-/* Killed mid-run, the store is ridden out on each host's files from the
- * next request on, with one line in each host's log; once it is back,
- * every host takes its slots from it again. */
-TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
-{
-    redis_server redis;
-    box_scratch scratch;
-    pacing_hosts hosts(scratch.dir(),
-                       {4, 0, per_second, redis.url(), TARVEX_BOX_WARN | TARVEX_BOX_INFO});
-    ASSERT_TRUE(hosts.go());
-
-    /* Calls of `host` that began at or after `since` and came from
-     * `source`. */
-    auto calls_since = [&](int host, int64_t since, int64_t source) {
-        int found = 0;
-        for (int i = 0; i < hosts.made(host); i++)
-            found += hosts.call(host, i).started_us >= since &&
-                     hosts.call(host, i).source == source;
-        return found;
-    };
-    auto every_host = [&](auto condition) {
-        return eventually([&] {
-            for (int h = 0; h < 4; h++)
-                if (!condition(h))
-                    return false;
-            return true;
-        });
-    };
-
-    ASSERT_TRUE(every_host(
-        [&](int h) { return calls_since(h, 0, tarvex_box_pacing_slot_t::store) >= 2; }));
-    redis.kill_now();
-    const int64_t killed = wall_us();
-    ASSERT_TRUE(every_host([&](int h) {
-        return calls_since(h, killed, tarvex_box_pacing_slot_t::file) >= 2;
-    }));
-    const int64_t restarting = wall_us();
-    redis.restart();
-    ASSERT_TRUE(every_host([&](int h) {
-        return calls_since(h, restarting, tarvex_box_pacing_slot_t::store) >= 1;
-    }));
-    hosts.stop();
-    ASSERT_TRUE(hosts.finished(seconds(60)));
-
-    for (int h = 0; h < 4; h++) {
-        /* No call that ran wholly while the store was away waited for it. */
-        for (int i = 0; i < hosts.made(h); i++) {
-            const pacing_call &call = hosts.call(h, i);
-            if (call.started_us >= killed && call.ended_us < restarting) {
-                EXPECT_EQ(call.source, tarvex_box_pacing_slot_t::file) << h << " " << i;
-            }
-        }
-        std::string log = hosts.log(h);
-        EXPECT_EQ(count(log, "cannot be used"), 1) << log;
-        EXPECT_EQ(count(log, "/0 answers again"), 1) << log;
-    }
 }
 
 /* The rule the server runs, seen from one process and through the keys,
