@@ -129,30 +129,6 @@ TEST_P(both_modes, AnotherSessionsChanges)
 
 INSTANTIATE_TEST_SUITE_P(modes, both_modes, ::testing::Values("shared", "private"));
 
-/* Two connections of a client make the same folder at once: with the
- * shared cache the one Box answers 409 finds the folder made by the other
- * and succeeds (here the other is the emulator's seed, unseen by the
- * session); the private cache reports the refusal. */
-TEST_F(two_sessions, AFolderMadeMeanwhileIsWhatMkdAskedFor)
-{
-    const struct { const char *mode, *path, *seeded, *reply; } rows[] = {
-        {"shared", "/m", R"({"path":"/m","type":"folder"})", ""},
-        {"shared", "/f", R"({"path":"/f","content":"x"})", "553-PATH_EXISTS\r\n"},
-        {"private", "/p", R"({"path":"/p","type":"folder"})", "553-PATH_EXISTS\r\n"},
-    };
-    for (const auto &r : rows) {
-        driver_.set_config("config", std::string(R"({"session_cache":")") + r.mode + "\"}");
-        tarvex_box_session_t *box = start();
-        ASSERT_NE(box, nullptr);
-        seed(std::string("[") + r.seeded + "]");
-        EXPECT_EQ(command(driver_, box, TARVEX_GFS_CMD_MKD, r.path).substr(0, strlen(r.reply)),
-                  r.reply)
-            << r.mode << " " << r.path;
-        driver_.destroy(&box_table, box);
-        session_ = nullptr;
-    }
-}
-
 /* The ring holds 256 changes: one more than B can read, and B drops its
  * whole cache.  The changes are of a path B has nothing cached for. */
 TEST_F(two_sessions, FallingBehindTheRingDropsTheWholeCache)
@@ -233,15 +209,6 @@ TEST_F(two_sessions, ListingsOlderThanTheTimeToLiveAreMadeAgain)
         EXPECT_EQ(see(session_, "/d/new.txt"), r.found) << r.after_s;
         EXPECT_EQ(listings(), r.listed) << r.after_s;
     }
-}
-
-TEST_F(two_sessions, BadCacheKeysRefuseTheLogIn)
-{
-    driver_.set_config("config", R"({"session_cache": "everyone"})");
-    EXPECT_EQ(start(), nullptr);
-    EXPECT_EQ(driver_.events(event_kind::session_start)[0].reply,
-              "500-INTERNAL_ERROR\r\n500 GridFTP-Error: Bad \"session_cache\" in collection "
-              "storage policy: it must be \"private\" or \"shared\".\r\n");
 }
 
 } // namespace

@@ -14,17 +14,6 @@ namespace {
 using tarvex_test::event_kind;
 namespace fs = std::filesystem;
 
-TEST_F(session_test, LoginRefusedWhenRootListingIsUnauthorised)
-{
-    emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/0/items","count":1,
-                         "status":401,"body":null})");
-    EXPECT_EQ(start(), nullptr);
-    auto starts = driver_.events(event_kind::session_start);
-    ASSERT_EQ(starts.size(), 1u);
-    EXPECT_EQ(starts[0].reply, "550 PERMISSION_DENIED\r\n");
-    EXPECT_EQ(take_requests().size(), 1u); /* nothing says a retry would help */
-}
-
 /* A session start makes "$HOME/.tarvex" (private) when it is missing, and
  * below it the pacing files named after the Box user id. */
 TEST_F(session_test, LoginListsRootOnceAndCreatesPacingFiles)
