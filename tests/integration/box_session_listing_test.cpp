@@ -61,8 +61,7 @@ protected:
  * neither shown nor counted. */
 TEST_F(listing_test, BatchesOfAHundredWithTheFolderFirst)
 {
-    auto ids = seed("[" + files("/l250", 250) + "," + files("/l99", 99) + "," +
-                    R"({"path":"/u","type":"folder"}])");
+    auto ids = seed("[" + files("/l250", 250) + "," + R"({"path":"/u","type":"folder"}])");
     ASSERT_NE(start(), nullptr);
     std::string page;
     for (int i = 0; i < 99; i++)
@@ -73,7 +72,7 @@ TEST_F(listing_test, BatchesOfAHundredWithTheFolderFirst)
     script_page(ids["/u"], R"({"entries":[)" + page + "]}");
 
     const struct { const char *folder; int items; std::vector<size_t> batches; } rows[] = {
-        {"/l250", 250, {100, 100, 51}}, {"/l99", 99, {100, 0}}, {"/u", 99, {100, 0}}};
+        {"/l250", 250, {100, 100, 51}}, {"/u", 99, {100, 0}}};
     for (const auto &r : rows) {
         list(r.folder);
         EXPECT_EQ(batches_, r.batches) << r.folder;

@@ -412,8 +412,6 @@ TEST_F(upload_test, UnusableAnswersFromBox)
         {R"("POST","path_regex":"sessions$","status":201,
             "body":{"part_size":1024,"total_parts":3})",
          "Failed to parse session info!", 3000},
-        {R"("POST","path_regex":"sessions$","status":201,"body":"<html>")",
-         "Invalid JSON in response body", 3000},
         {R"("PUT","path_regex":"sessions/[^/]+$","status":200,"body":null)",
          "System error in malloc", 3000},
         {R"("PUT","path_regex":"sessions/[^/]+$","status":200,"body":{})",
