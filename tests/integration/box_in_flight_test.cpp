@@ -47,8 +47,7 @@ protected:
         tarvex_error_discard(tarvex_box_path_resolve(session_, "/d/x", &entry, nullptr));
         /* Anything above one part goes in parts of 16 KiB; more than
          * 200000 bytes to the end of a file in ranges of 64 to 128 KiB. */
-        tarvex_i_box_chunked_minimum = static_cast<int>(part_size);
-        emulator().config(R"({"part_size":16384,"min_session_size":0})");
+        small_parts(static_cast<int>(part_size), static_cast<int>(part_size));
         tarvex_i_box_streams_minimum = 200000;
         tarvex_i_box_stream_range_min = 65536;
         tarvex_i_box_stream_range_max = 131072;
@@ -58,7 +57,6 @@ protected:
     {
         tarvex_i_box_upload_parts_in_flight = 1;
         tarvex_i_box_download_streams = 1;
-        tarvex_i_box_chunked_minimum = saved_minimum_;
         tarvex_i_box_streams_minimum = saved_streams_minimum_;
         tarvex_i_box_stream_range_min = saved_range_min_;
         tarvex_i_box_stream_range_max = saved_range_max_;
@@ -79,7 +77,6 @@ protected:
         relist("/d");
     }
 
-    int saved_minimum_ = tarvex_i_box_chunked_minimum;
     int64_t saved_streams_minimum_ = tarvex_i_box_streams_minimum;
     int64_t saved_range_min_ = tarvex_i_box_stream_range_min;
     int64_t saved_range_max_ = tarvex_i_box_stream_range_max;

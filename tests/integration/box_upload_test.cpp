@@ -42,19 +42,6 @@ protected:
                   TARVEX_SUCCESS);
         take_requests();
     }
-    void TearDown() override
-    {
-        tarvex_i_box_chunked_minimum = saved_minimum_;
-        tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
-        session_test::TearDown();
-    }
-    /* Anything above `minimum` bytes goes in parts of `part_size`. */
-    void small_parts(int minimum, int part_size)
-    {
-        tarvex_i_box_chunked_minimum = minimum;
-        emulator().config(R"({"part_size":)" + std::to_string(part_size) +
-                          R"(,"min_session_size":0})");
-    }
     using session_test::store;
     std::string store(const std::string &path, const std::string &data, tarvex_off_t alloc_size)
     {
@@ -82,7 +69,6 @@ protected:
     }
 
     std::map<std::string, std::string> ids_;
-    int saved_minimum_ = tarvex_i_box_chunked_minimum;
 };
 
 /* The limit is inclusive; above it the store is refused with the four
