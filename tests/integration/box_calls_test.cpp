@@ -67,16 +67,13 @@ protected:
         session_->user_upload_retry.store = &upload_;
         tarvex_i_box_wait = record_wait;
         waits.clear();
-        tarvex_i_box_chunked_minimum = 2048;
-        emulator().config(R"({"part_size":1024,"min_session_size":0})");
+        small_parts(2048, 1024);
     }
     void TearDown() override
     {
         session_->user_retry.store = nullptr;
         session_->user_upload_retry.store = nullptr;
         tarvex_i_box_wait = saved_wait_;
-        tarvex_i_box_chunked_minimum = saved_minimum_;
-        tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
         session_test::TearDown();
     }
 
@@ -155,7 +152,6 @@ protected:
     std::map<size_t, std::string> slots_;
     recording_pacer api_{"api", &slots_, &mutex_}, upload_{"upload", &slots_, &mutex_};
     void (*saved_wait_)(unsigned) = tarvex_i_box_wait;
-    int saved_minimum_ = tarvex_i_box_chunked_minimum;
 };
 
 

@@ -9,10 +9,8 @@
 #include "box_session_support.h"
 #include "box_wait.h"
 #include "config.h"
-#include "metadata.h"
 #include "path_cache.h"
 #include "path_resolve.h"
-#include "tarvex_box_raii.h"
 
 namespace box_session_test {
 namespace {
@@ -80,11 +78,6 @@ TEST_F(command_test, MakeFolder)
     ASSERT_NE(cached("/d/new"), nullptr);
     EXPECT_EQ(cached("/d/new")->type, TARVEX_BOX_FOLDER);
     EXPECT_NE(emulator().item("/d/new"), "");
-
-    /* The new folder is known: resolving below it asks Box for nothing
-     * but its (empty) listing. */
-    EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/new/deeper"), "");
-    EXPECT_EQ(take_requests().size(), 2u);
 
     /* A name Box refuses, and one that is not UTF-8, change nothing. */
     EXPECT_EQ(command(TARVEX_GFS_CMD_MKD, "/d/" + std::string(1000, 'n')).substr(0, 24),
@@ -175,7 +168,6 @@ TEST_F(command_test, Rename)
         {"/d/none/in", "/d", "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /d/none\r\n"},
         {"/x", "/", "550-PERMISSION_DENIED\r\n550 GridFTP-Path: /\r\n"},
         {"/x", "/nope", "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/nope\"\r\n"},
-        {"/nowhere/a.txt", "/d/a.txt", "553-NOT_A_DIRECTORY\r\n553 GridFTP-Path: /nowhere\r\n"},
     };
     for (const auto &r : refusals)
         EXPECT_EQ(command(TARVEX_GFS_CMD_RNTO, r.to, r.from), r.reply) << r.from << " to " << r.to;
@@ -270,26 +262,6 @@ TEST_F(command_test, RenameOntoAFileReplacesItWhenThePolicySaysSo)
     EXPECT_EQ(cached("/d/new.txt"), nullptr);
     ASSERT_NE(cached("/d/old.txt"), nullptr);
     EXPECT_EQ(std::string(cached("/d/old.txt")->id), ids_["/d/new.txt"]);
-}
-
-/* Created on a file or a folder, then patched: one request each (their
- * shapes on a file: box_calls_test.cpp), and Box keeps the value. */
-TEST_F(command_test, MetadataPropertiesAreCreatedThenPatched)
-{
-    for (const std::string path : {"/f.txt", "/e"}) {
-        tarvex_box_path_info_t *info = nullptr;
-        ASSERT_EQ(tarvex_box_path_resolve(session_, path.c_str(), &info, nullptr), TARVEX_SUCCESS);
-        take_requests();
-        for (const char *value : {"one", "two"}) {
-            ASSERT_EQ(tarvex_i_box_set_metadata(session_, info, "tarvex-md5", value),
-                      TARVEX_SUCCESS);
-            EXPECT_TRUE(info->has_metadata);
-            EXPECT_NE(emulator().item(path).find(R"("tarvex-md5":")" + std::string(value)),
-                      std::string::npos)
-                << emulator().item(path);
-        }
-        EXPECT_EQ(take_requests().size(), 2u);
-    }
 }
 
 TEST_F(command_test, ChecksumsAnsweredFromWhatIsKnown)

@@ -3,7 +3,7 @@
 #   box_calls      the shape and pacing state of every request, attempt
 #                  budgets, the commit's back-off, the checksum's fall-backs;
 #   box_command    make folder, delete, rename, checksums, metadata properties;
-#   box_download   RETR: ranges, retries, failures, a streamed large file;
+#   box_download   RETR: ranges, retries, failures;
 #   box_in_flight  parts of an upload session and ranges of a download in
 #                  flight at once;
 #   box_upload     STOR and its restarts: one-request uploads, upload

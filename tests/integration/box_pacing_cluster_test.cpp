@@ -2,10 +2,8 @@
  * Pacing across hosts through a Redis server of the test's own: processes
  * standing for hosts, each with its own home (so no pacing file is
  * shared), keep one spacing between all their requests for a Box user
- * through the store; a store killed
- * mid-run is ridden out on each host's files and taken up again when it is
- * back; the slot rule the server runs, key by key; and the store's URL
- * with its password and database.
+ * through the store; the slot rule the server runs, key by key; and the
+ * store's URL with its password and database.
  */
 #include <gtest/gtest.h>
 
@@ -31,14 +29,6 @@ constexpr int64_t spacing_us = 1000000 / per_second;
 
 /* Calls per host: the spacing checked does not depend on their number. */
 constexpr int calls_per_host = 40;
-
-int count(const std::string &text, const std::string &needle)
-{
-    int found = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1))
-        found++;
-    return found;
-}
 
 class BoxPacingCluster : public ::testing::Test {
 protected:
@@ -95,64 +85,6 @@ TEST_F(BoxPacingCluster, FourHostsKeepOneSpacingThroughTheStore)
            took, floor, took / floor);
 }
 
-/* Killed mid-run, the store is ridden out on each host's files from the
- * next request on, with one line in each host's log; once it is back,
- * every host takes its slots from it again. */
-TEST_F(BoxPacingCluster, AKilledStoreIsRiddenOutOnFilesAndTakenUpAgain)
-{
-    redis_server redis;
-    box_scratch scratch;
-    pacing_hosts hosts(scratch.dir(),
-                       {4, 0, per_second, redis.url(), TARVEX_BOX_WARN | TARVEX_BOX_INFO});
-    ASSERT_TRUE(hosts.go());
-
-    /* Calls of `host` that began at or after `since` and came from
-     * `source`. */
-    auto calls_since = [&](int host, int64_t since, int64_t source) {
-        int found = 0;
-        for (int i = 0; i < hosts.made(host); i++)
-            found += hosts.call(host, i).started_us >= since &&
-                     hosts.call(host, i).source == source;
-        return found;
-    };
-    auto every_host = [&](auto condition) {
-        return eventually([&] {
-            for (int h = 0; h < 4; h++)
-                if (!condition(h))
-                    return false;
-            return true;
-        });
-    };
-
-    ASSERT_TRUE(every_host(
-        [&](int h) { return calls_since(h, 0, tarvex_box_pacing_slot_t::store) >= 2; }));
-    redis.kill_now();
-    const int64_t killed = wall_us();
-    ASSERT_TRUE(every_host([&](int h) {
-        return calls_since(h, killed, tarvex_box_pacing_slot_t::file) >= 2;
-    }));
-    const int64_t restarting = wall_us();
-    redis.restart();
-    ASSERT_TRUE(every_host([&](int h) {
-        return calls_since(h, restarting, tarvex_box_pacing_slot_t::store) >= 1;
-    }));
-    hosts.stop();
-    ASSERT_TRUE(hosts.finished(seconds(60)));
-
-    for (int h = 0; h < 4; h++) {
-        /* No call that ran wholly while the store was away waited for it. */
-        for (int i = 0; i < hosts.made(h); i++) {
-            const pacing_call &call = hosts.call(h, i);
-            if (call.started_us >= killed && call.ended_us < restarting) {
-                EXPECT_EQ(call.source, tarvex_box_pacing_slot_t::file) << h << " " << i;
-            }
-        }
-        std::string log = hosts.log(h);
-        EXPECT_EQ(count(log, "cannot be used"), 1) << log;
-        EXPECT_EQ(count(log, "/0 answers again"), 1) << log;
-    }
-}
-
 /* The rule the server runs, seen from one process and through the keys,
  * and the longest wait that bounds it. */
 TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
@@ -203,17 +135,6 @@ TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
     EXPECT_EQ(after_clock.waited_us, 0);
     EXPECT_LT(after_clock.stamp_us, second.stamp_us + 3600LL * 1000000);
 
-    /* A flushed script cache costs nothing but sending the script. */
-    redis.command({"SCRIPT", "FLUSH"});
-    EXPECT_EQ(tarvex_box_pace(&retry).source, tarvex_box_pacing_slot_t::store);
-
-    /* A Retry-After still holds this process alone, before its slot. */
-    auto begun = std::chrono::steady_clock::now();
-    tarvex_i_box_retry_delay(1, &retry);
-    EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
-    value = redis.command({"GET", key});
-    EXPECT_GT(std::stoll(std::string(value->str, value->len)), after_clock.stamp_us);
-
     tarvex_i_box_retry_state_destroy(&retry);
     tarvex_i_box_retry_state_destroy(&upload);
 
@@ -225,7 +146,7 @@ TEST_F(BoxPacingCluster, TheSlotRuleAndItsKeys)
     tarvex_box_retry_t slow{};
     tarvex_i_box_retry_state_create("78", -1, &slow);
     EXPECT_EQ(tarvex_box_pace(&slow).waited_us, 0);
-    begun = std::chrono::steady_clock::now();
+    auto begun = std::chrono::steady_clock::now();
     tarvex_box_pacing_slot_t held = tarvex_box_pace(&slow);
     EXPECT_GE(std::chrono::steady_clock::now() - begun, seconds(1));
     tarvex_i_box_max_delay = saved;

@@ -2,9 +2,8 @@
  * For the tests and the benchmark of pacing across hosts:
  *
  * - a Redis server of the test's own for the shared pacing store: on a
- *   free loopback port, with no persistence, in a scratch directory,
- *   killed (and started again on the same port) by the test, with direct
- *   commands to look at or tamper with its keys;
+ *   free loopback port, with no persistence, in a scratch directory, with
+ *   direct commands to look at or tamper with its keys;
  * - forked processes standing for hosts, each with a home of its own (so
  *   no pacing file is shared), that take paced slots for one
  *   Box user and record each in memory shared with the test.
@@ -23,9 +22,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -108,15 +105,6 @@ public:
             waitpid(pid_, nullptr, 0);
         }
         pid_ = -1;
-    }
-
-    /* Back on the same port, empty. */
-    void restart()
-    {
-        kill_now();
-        start();
-        if (pid_ <= 0)
-            throw std::runtime_error("redis-server did not start again on its port");
     }
 
     /* One command on a connection of its own (logged in and in `db`);
@@ -208,10 +196,10 @@ struct pacing_call {
 
 struct pacing_hosts_options {
     int hosts = 4;
-    int calls = 200; /* per host; 0: until stopped */
+    int calls = 200; /* per host */
     int per_second = 16;
     std::string store;         /* the policy's "pacing_store"; empty: none */
-    unsigned debug_levels = 0; /* each host's log goes to log(host) */
+    unsigned debug_levels = 0; /* each host logs to host-N.log in the directory */
 };
 
 /*
@@ -225,7 +213,7 @@ public:
     static constexpr int max_hosts = 8;
 
     pacing_hosts(const std::string &dir, pacing_hosts_options options)
-        : options_(std::move(options)), dir_(dir), control_(3 + max_hosts),
+        : options_(std::move(options)), dir_(dir), control_(2 + max_hosts),
           calls_(size_t{capacity} * max_hosts)
     {
         if (options_.hosts > max_hosts)
@@ -242,7 +230,6 @@ public:
         store(release, 1);
         return true;
     }
-    void stop() { store(stopping, 1); }
 
     int made(int host) const { return load(made_0 + host); }
     const pacing_call &call(int host, int i) const { return calls_[host * capacity + i]; }
@@ -256,20 +243,18 @@ public:
         return every;
     }
 
-    /* Waits up to `timeout` for every host to make its calls (when it
-     * has a number of them: else stop() first); true when all of them
-     * ended well. */
+    /* Waits up to `timeout` for every host to make its calls; true when
+     * all of them ended well. */
     bool finished(std::chrono::milliseconds timeout)
     {
-        if (options_.calls != 0)
-            eventually(
-                [&] {
-                    for (int h = 0; h < options_.hosts; h++)
-                        if (made(h) < options_.calls)
-                            return false;
-                    return true;
-                },
-                timeout);
+        eventually(
+            [&] {
+                for (int h = 0; h < options_.hosts; h++)
+                    if (made(h) < options_.calls)
+                        return false;
+                return true;
+            },
+            timeout);
         bool well = true;
         for (auto &host : hosts_)
             well = host->status() == 0 && well;
@@ -277,16 +262,9 @@ public:
     }
 
     std::string home(int host) const { return dir_ + "/host-" + std::to_string(host); }
-    std::string log(int host) const
-    {
-        std::ifstream in(dir_ + "/host-" + std::to_string(host) + ".log", std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
 
 private:
-    enum { ready, release, stopping, made_0 };
+    enum { ready, release, made_0 };
 
     int load(int i) const
     {
@@ -317,9 +295,7 @@ private:
         std::atomic_ref<int>(control_[ready]).fetch_add(1);
         if (!eventually([&] { return load(release) == 1; }))
             return 3;
-        for (int i = 0; i < capacity; i++) {
-            if (options_.calls != 0 ? i == options_.calls : load(stopping) == 1)
-                break;
+        for (int i = 0; i < options_.calls && i < capacity; i++) {
             auto begun = std::chrono::steady_clock::now();
             int64_t started = wall_us();
             tarvex_box_pacing_slot_t slot = tarvex_box_pace(&retry);

@@ -1,8 +1,7 @@
 /*
- * The shared Box request loop against the emulator: the trace of each
- * attempt, and the waits between attempts on 429.  The attempts each call
- * makes (dropped connections) are box_calls_test's AttemptsOfEachCall; an
- * explained refusal is tried once (box_command_test's
+ * The shared Box request loop against the emulator: the waits between
+ * attempts on 429.  The attempts each call makes (dropped connections)
+ * are box_calls_test's AttemptsOfEachCall; an explained refusal is tried once (box_command_test's
  * ARefusalBoxExplainsIsNeverRetried, box_download_test's
  * AnswersOfTheContentRequestAndTheDownload).
  */
@@ -11,7 +10,6 @@
 
 #include "box_scratch.h"
 #include "box_session_support.h"
-#include "get_folder_items.h"
 #include "request.h"
 #include "retry.h"
 #include "tarvex_gridftp_server.h"
@@ -43,14 +41,6 @@ protected:
     tarvex_box_request_t request_{};
     std::string url_;
 };
-
-/* Each attempt's "API CALL!" line names the operation making the call. */
-TEST_F(request_test, AttemptsAreTracedUnderTheCallingOperation)
-{
-    ASSERT_EQ(tarvex_box_get_folder_items(session_, "0", "/", nullptr, nullptr), TARVEX_SUCCESS);
-    EXPECT_NE(scratch_.debug_text().find(": tarvex_box_get_folder_items: API CALL!\n"),
-              std::string::npos);
-}
 
 /* Box's Retry-After is waited before the next attempt, up to the
  * policy's longest wait; a 429 with neither body nor Retry-After is tried

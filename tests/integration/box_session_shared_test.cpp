@@ -46,11 +46,9 @@ protected:
         std::string ignored;
         tarvex_box_pacing_store_configure(nullptr, &ignored);
     }
-    /* Starts A (this fixture's driver) and B under `policy`. */
-    void start_both(const std::string &policy)
+    /* Starts B (other_) under `policy`, as start() does A. */
+    void start_other(const std::string &policy)
     {
-        driver_.set_config("config", policy);
-        ASSERT_NE(start(), nullptr);
         other_.set_config("config", policy);
         other_.set_answer_timeout(answer_timeout);
         other_.set_config("creds", R"({"access_token":"test-token","token_expiry":)"
@@ -58,16 +56,14 @@ protected:
                                    R"("max_upload":53687091200})");
         b_ = static_cast<tarvex_box_session_t *>(other_.start(&box_table, "alice"));
         ASSERT_NE(b_, nullptr) << other_.events(event_kind::session_start)[0].reply;
-        take_requests();
     }
-    std::string command(driver &d, tarvex_box_session_t *box, tarvex_gfs_command_type_t type,
-                        const std::string &path, const std::string &from = "")
+    /* Starts A (this fixture's driver) and B under `policy`. */
+    void start_both(const std::string &policy)
     {
-        tarvex_gfs_command_info_t info{};
-        info.command = type;
-        info.pathname = const_cast<char *>(path.c_str());
-        info.from_pathname = const_cast<char *>(from.c_str());
-        return take_reply(d.command(&box_table, box, info));
+        driver_.set_config("config", policy);
+        ASSERT_NE(start(), nullptr);
+        start_other(policy);
+        take_requests();
     }
     std::string store(driver &d, tarvex_box_session_t *box, const std::string &path,
                       const std::string &data)
@@ -98,11 +94,11 @@ TEST_P(both_modes, AnotherSessionsChanges)
     ASSERT_EQ(see(b_, "/e/x.txt"), "file");
     listings();
     /* A MKD of a folder that is there asks Box nothing and tells nobody. */
-    ASSERT_EQ(command(driver_, session_, TARVEX_GFS_CMD_MKD, "/d"), "");
+    ASSERT_EQ(command(TARVEX_GFS_CMD_MKD, "/d"), "");
     EXPECT_EQ(see(b_, "/d/f0.txt"), "file");
     EXPECT_EQ(listings(), strings{});
 
-    ASSERT_EQ(command(driver_, session_, TARVEX_GFS_CMD_MKD, "/n"), "");
+    ASSERT_EQ(command(TARVEX_GFS_CMD_MKD, "/n"), "");
     take_requests();
     EXPECT_EQ(see(b_, "/n"), shared ? "folder" : "missing");
     /* Only the root was changed: /d stays listed in B. */
@@ -118,40 +114,16 @@ TEST_P(both_modes, AnotherSessionsChanges)
     EXPECT_EQ(store(other_, b_, "/d/a.txt", "from B").empty(), shared);
     EXPECT_EQ(emulator().content("/d/a.txt"), shared ? "from B" : "from A");
 
-    ASSERT_EQ(command(driver_, session_, TARVEX_GFS_CMD_RNTO, "/d/f1.txt", "/d/f0.txt"), "");
+    ASSERT_EQ(command(TARVEX_GFS_CMD_RNTO, "/d/f1.txt", "/d/f0.txt"), "");
     EXPECT_EQ(see(b_, "/d/f0.txt"), shared ? "missing" : "file");
     EXPECT_EQ(see(b_, "/d/f1.txt"), shared ? "file" : "missing");
 
-    ASSERT_EQ(command(driver_, session_, TARVEX_GFS_CMD_SITE_RDEL, "/e"), "");
+    ASSERT_EQ(command(TARVEX_GFS_CMD_SITE_RDEL, "/e"), "");
     EXPECT_EQ(see(b_, "/e/x.txt"), shared ? "missing" : "file");
     EXPECT_EQ(see(b_, "/e"), shared ? "missing" : "folder");
 }
 
 INSTANTIATE_TEST_SUITE_P(modes, both_modes, ::testing::Values("shared", "private"));
-
-/* Two connections of a client make the same folder at once: with the
- * shared cache the one Box answers 409 finds the folder made by the other
- * and succeeds (here the other is the emulator's seed, unseen by the
- * session); the private cache reports the refusal. */
-TEST_F(two_sessions, AFolderMadeMeanwhileIsWhatMkdAskedFor)
-{
-    const struct { const char *mode, *path, *seeded, *reply; } rows[] = {
-        {"shared", "/m", R"({"path":"/m","type":"folder"})", ""},
-        {"shared", "/f", R"({"path":"/f","content":"x"})", "553-PATH_EXISTS\r\n"},
-        {"private", "/p", R"({"path":"/p","type":"folder"})", "553-PATH_EXISTS\r\n"},
-    };
-    for (const auto &r : rows) {
-        driver_.set_config("config", std::string(R"({"session_cache":")") + r.mode + "\"}");
-        tarvex_box_session_t *box = start();
-        ASSERT_NE(box, nullptr);
-        seed(std::string("[") + r.seeded + "]");
-        EXPECT_EQ(command(driver_, box, TARVEX_GFS_CMD_MKD, r.path).substr(0, strlen(r.reply)),
-                  r.reply)
-            << r.mode << " " << r.path;
-        driver_.destroy(&box_table, box);
-        session_ = nullptr;
-    }
-}
 
 /* The ring holds 256 changes: one more than B can read, and B drops its
  * whole cache.  The changes are of a path B has nothing cached for. */
@@ -191,17 +163,13 @@ TEST_F(two_sessions, SessionsOnTwoHostsMeetThroughTheStore)
     driver_.set_config("config", policy);
     ASSERT_NE(start(), nullptr);
     tarvex_i_box_retry_path = host_b.retry_path().c_str();
-    other_.set_config("config", policy);
-    other_.set_config("creds", R"({"access_token":"test-token","token_expiry":)"
-                               R"("2099-01-01T00:00:00.000000+00:00","sub":"4242",)"
-                               R"("max_upload":53687091200})");
-    b_ = static_cast<tarvex_box_session_t *>(other_.start(&box_table, "alice"));
+    start_other(policy);
     tarvex_i_box_retry_path = saved;
     ASSERT_NE(b_, nullptr);
     ASSERT_EQ(see(b_, "/d/f0.txt"), "file");
 
-    ASSERT_EQ(command(driver_, session_, TARVEX_GFS_CMD_MKD, "/n"), "");
-    ASSERT_EQ(command(driver_, session_, TARVEX_GFS_CMD_DELE, "/d/f0.txt"), "");
+    ASSERT_EQ(command(TARVEX_GFS_CMD_MKD, "/n"), "");
+    ASSERT_EQ(command(TARVEX_GFS_CMD_DELE, "/d/f0.txt"), "");
     EXPECT_TRUE(tarvex_test::eventually([&] { return see(b_, "/n") == "folder"; },
                                         std::chrono::seconds(30)));
     EXPECT_EQ(see(b_, "/d/f0.txt"), "missing");
@@ -233,15 +201,6 @@ TEST_F(two_sessions, ListingsOlderThanTheTimeToLiveAreMadeAgain)
         EXPECT_EQ(see(session_, "/d/new.txt"), r.found) << r.after_s;
         EXPECT_EQ(listings(), r.listed) << r.after_s;
     }
-}
-
-TEST_F(two_sessions, BadCacheKeysRefuseTheLogIn)
-{
-    driver_.set_config("config", R"({"session_cache": "everyone"})");
-    EXPECT_EQ(start(), nullptr);
-    EXPECT_EQ(driver_.events(event_kind::session_start)[0].reply,
-              "500-INTERNAL_ERROR\r\n500 GridFTP-Error: Bad \"session_cache\" in collection "
-              "storage policy: it must be \"private\" or \"shared\".\r\n");
 }
 
 } // namespace

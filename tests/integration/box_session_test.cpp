@@ -14,17 +14,6 @@ namespace {
 using tarvex_test::event_kind;
 namespace fs = std::filesystem;
 
-TEST_F(session_test, LoginRefusedWhenRootListingIsUnauthorised)
-{
-    emulator().fault(R"({"method":"GET","path_regex":"^/2.0/folders/0/items","count":1,
-                         "status":401,"body":null})");
-    EXPECT_EQ(start(), nullptr);
-    auto starts = driver_.events(event_kind::session_start);
-    ASSERT_EQ(starts.size(), 1u);
-    EXPECT_EQ(starts[0].reply, "550 PERMISSION_DENIED\r\n");
-    EXPECT_EQ(take_requests().size(), 1u); /* nothing says a retry would help */
-}
-
 /* A session start makes "$HOME/.tarvex" (private) when it is missing, and
  * below it the pacing files named after the Box user id. */
 TEST_F(session_test, LoginListsRootOnceAndCreatesPacingFiles)
@@ -59,11 +48,9 @@ protected:
     }
     tarvex_result_t resolve(const char *path)
     {
-        unwritten_.name = const_cast<char *>("<unwritten>"); /* an output left alone */
-        entry_ = parent_ = &unwritten_;
-        return tarvex_box_path_resolve(session_, path, &entry_, &parent_);
+        entry_ = nullptr;
+        return tarvex_box_path_resolve(session_, path, &entry_, nullptr);
     }
-    std::string parent_name() { return parent_ ? parent_->name : "<none>"; }
     /* Makes the cache believe `path` now lives in another folder. */
     void make_stale(const char *path)
     {
@@ -73,34 +60,8 @@ protected:
     }
 
     std::map<std::string, std::string> ids_;
-    tarvex_box_path_info_t unwritten_ = {};
-    tarvex_box_path_info_t *entry_ = nullptr, *parent_ = nullptr;
+    tarvex_box_path_info_t *entry_ = nullptr;
 };
-
-TEST_F(resolve_test, ListsEachFolderOnceAndNeverTheRoot)
-{
-    ASSERT_EQ(resolve("/"), TARVEX_SUCCESS);
-    EXPECT_STREQ(entry_->id, "0");
-    EXPECT_EQ(parent_, nullptr);
-    ASSERT_EQ(resolve("/a/b"), TARVEX_SUCCESS);
-    EXPECT_STREQ(entry_->id, ids_["/a/b"].c_str());
-    EXPECT_EQ(parent_name(), "/a");
-    EXPECT_EQ(listings(), strings{ids_["/a"]});
-    ASSERT_EQ(resolve("/a/b"), TARVEX_SUCCESS);
-    EXPECT_EQ(listings(), strings{});
-
-    /* Names missing from listed folders need no request. */
-    const struct { const char *path, *parent; } rows[] = {
-        {"/a/missing", "/a"}, {"/missing", "/"}, {"/x/y", "<none>"}, {"/a//b", "<none>"},
-        {"a/b", "<none>"}};
-    for (const auto &r : rows) {
-        EXPECT_EQ(take_reply(resolve(r.path)),
-                  "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"" + std::string(r.path) + "\"\r\n");
-        EXPECT_EQ(entry_, nullptr) << r.path;
-        EXPECT_EQ(parent_name(), r.parent) << r.path;
-    }
-    EXPECT_EQ(listings(), strings{});
-}
 
 /* An entry whose parent id no longer matches is dropped and its folder
  * listed again. */

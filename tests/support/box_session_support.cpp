@@ -43,6 +43,9 @@ class environment : public ::testing::Environment {
 [[maybe_unused]] ::testing::Environment *const registered =
     ::testing::AddGlobalTestEnvironment(new environment);
 
+/* Box's own threshold, which small_parts() lowers for one test. */
+const int default_chunked_minimum = tarvex_i_box_chunked_minimum;
+
 } // namespace
 
 const tarvex_gfs_storage_iface_t box_table = [] {
@@ -217,6 +220,12 @@ bool session_test::remembered(const std::string &path)
     return tarvex_box_upload_state_query(&session_->upload_state, path.c_str()) != nullptr;
 }
 
+void session_test::small_parts(int minimum, int part_size)
+{
+    tarvex_i_box_chunked_minimum = minimum;
+    emulator().config(R"({"part_size":)" + std::to_string(part_size) + R"(,"min_session_size":0})");
+}
+
 void session_test::SetUp()
 {
     emulator().reset();
@@ -228,6 +237,8 @@ void session_test::TearDown()
 {
     if (session_ != nullptr)
         driver_.destroy(&box_table, session_);
+    tarvex_i_box_chunked_minimum = default_chunked_minimum;
+    tarvex_i_box_replace = TARVEX_BOX_REPLACE_DELETE_FIRST;
 }
 
 std::map<std::string, std::string> session_test::seed(const std::string &entries)

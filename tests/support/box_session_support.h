@@ -95,6 +95,9 @@ protected:
     /* The cached folder `path` is listed again when next resolved (the
      * test seeded more into it after it was listed). */
     void relist(const std::string &path);
+    /* Stores of more than `minimum` bytes go in parts of `part_size`
+     * (Box's own: 50 MiB and 8 MiB), until the test ends. */
+    void small_parts(int minimum, int part_size);
 
     tarvex_test::driver driver_;
     tarvex_box_session_t *session_ = nullptr;

@@ -39,9 +39,8 @@
  * Sent data (what register_write hands the driver) goes to a sink: by
  * default in memory, assembled at the given offsets (holes read as zero
  * bytes) with a log of (offset, length) writes; or, for huge transfers, a
- * digest sink that keeps only a running digest and a byte count and checks
- * that every write starts where the previous one ended.  Each send() starts
- * with an empty sink.
+ * counting sink that keeps only the byte count.  Each send() starts with an
+ * empty sink.
  *
  * Unscripted calls get the defaults of driver::script, and read ranges
  * (0, 0) once the queue is empty (nothing more wanted), write ranges
@@ -66,7 +65,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -116,12 +114,6 @@ std::string ftp_reply(tarvex_result_t result, int default_code = 0);
  * byte at offset i is (i % 251). */
 std::string pattern(uint64_t length, uint64_t start = 0);
 
-/* The digest the digest sink keeps (64-bit FNV-1a, independent of how the
- * data was split into writes), of a byte string and of `length` bytes of
- * generated content from offset `start`. */
-uint64_t digest(std::string_view data);
-uint64_t pattern_digest(uint64_t length, uint64_t start = 0);
-
 class driver {
 public:
     driver();
@@ -158,7 +150,7 @@ public:
     void set_recv_modification_time(time_t modtime) { edit()->modtime = modtime; }
     void set_update_interval(int seconds) { edit()->update_interval = seconds; }
     void set_block_size(tarvex_size_t block_size) { edit()->block_size = block_size; }
-    /* Use the digest sink from now on (call before sending). */
+    /* Use the counting sink from now on (call before sending). */
     void use_digest_sink() { edit()->digest_sink = true; }
     /* Record bytes_received / bytes_written events (default true). */
     void set_record_progress(bool record) { edit()->record_progress = record; }
@@ -214,12 +206,8 @@ public:
     {
         return view()->writes;
     }
-    /* Digest of the bytes sent (in-memory sink: of sent_data()). */
-    uint64_t sent_digest() const;
     /* Bytes received by register_write calls. */
     uint64_t sent_bytes() const { return view()->sent_count; }
-    /* First ordering fault of the digest sink ("" when none). */
-    std::string sink_error() const { return view()->sink_error; }
     /* Bytes handed to the plug-in through register_read by the last recv. */
     uint64_t received_bytes() const { return view()->received; }
 
@@ -238,7 +226,7 @@ public:
         time_t modtime = -1;
         int update_interval = 0;
         tarvex_size_t block_size = 262144;
-        bool digest_sink = false;
+        bool digest_sink = false; /* the counting sink */
         bool record_progress = true;
         std::chrono::milliseconds timeout{30000};
         std::optional<uint64_t> cancel_after;
@@ -250,7 +238,6 @@ public:
         std::string sent;
         std::vector<std::pair<tarvex_off_t, tarvex_size_t>> writes;
         uint64_t sent_count = 0;
-        std::string sink_error;
         uint64_t received = 0;
     };
 
