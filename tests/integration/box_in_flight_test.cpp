@@ -151,6 +151,21 @@ TEST_F(in_flight_test, ARestartAfterAFailedPartCompletesTheFile)
     EXPECT_STREQ(stored->md5, md5_of(pattern(size)).c_str());
 }
 
+/* A store the client aborts with parts in flight ends them all and never
+ * commits: a commit of the parts sent so far would put a truncated file in
+ * place of the user's. */
+TEST_F(in_flight_test, AnAbortedStoreIsNeverCommitted)
+{
+    tarvex_i_box_upload_parts_in_flight = 3;
+    emulator().config(R"({"bandwidth_bps":20000})");
+    tarvex_test::driver d;
+    d.cancel_after_bytes(3 * part_size + 1);
+    EXPECT_NE(store_pattern(d, "/d/abor.bin", 10 * part_size), "");
+    EXPECT_TRUE(settled("PUT", part_path));
+    for (const auto &e : take_requests())
+        EXPECT_EQ(e.path.find("/commit"), std::string::npos) << e.path;
+}
+
 /* The download requests since the last call: the content request with
  * its "Range" ("C bytes=..."), and the ranges asked of the download link
  * as {first, last} (last -1: to the end) in the order asked. */
