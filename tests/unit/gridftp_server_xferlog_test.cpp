@@ -251,21 +251,4 @@ TEST_F(XferlogFile, ConcurrentSendersAndRotationLoseNoLine)
     EXPECT_NE(std::find(new_lines.begin(), new_lines.end(), "after the rotation"), new_lines.end());
 }
 
-// A reopen that fails (the folder is gone) keeps the old file: no line is
-// dropped for it.
-TEST_F(XferlogFile, FailedReopenKeepsWritingTheOldFile)
-{
-    std::string sub = dir_ + "/logs";
-    ASSERT_EQ(mkdir(sub.c_str(), 0700), 0);
-    TransferLog log;
-    std::string err;
-    ASSERT_TRUE(log.open(sub + "/xferlog", err)) << err;
-    ASSERT_EQ(rename(sub.c_str(), (sub + ".old").c_str()), 0);
-    EXPECT_FALSE(log.reopen(err));
-    EXPECT_NE(err.find("logs/xferlog"), std::string::npos) << err;
-    log.send("still here\n");
-    log.drain();
-    EXPECT_EQ(file_lines(sub + ".old/xferlog"), std::vector<std::string>{"still here"});
-}
-
 } // namespace
