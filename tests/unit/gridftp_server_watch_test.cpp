@@ -48,7 +48,6 @@ TEST(AuditLine, FieldsAndReplies)
          "DELE /x - 550 PATH_NOT_FOUND | No such file. | Box-Error: 404"},
         {"SITE_CHMOD", "/f", "644", "451 Operation failed.\r\n",
          "SITE_CHMOD /f 644 451 Operation failed."},
-        {"RMD", "/r", "", "550 bad\x1b[31m\r\n", "RMD /r - 550 bad\\x1b[31m"},
     };
     for (const auto &c : cases) {
         r.command = c.command;
@@ -144,13 +143,6 @@ TEST(MetricsHttpResponse, OnlyGetMetrics)
     for (const auto &c : cases) {
         std::string r = metrics_response(c.request, page);
         EXPECT_EQ(r.substr(0, r.find("\r\n") + 2), c.status) << c.request;
-        size_t body = r.find("\r\n\r\n") + 4;
-        const std::string field = "\r\nContent-Length: ";
-        size_t at = r.find(field);
-        ASSERT_NE(at, std::string::npos) << c.request;
-        EXPECT_EQ(r.substr(at + field.size(), r.find("\r\n", at + 2) - at - field.size()),
-                  std::to_string(r.size() - body))
-            << c.request;
     }
 }
 
