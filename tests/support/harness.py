@@ -258,9 +258,6 @@ class Emulator(Process):
         return self.control("GET", "concurrency",
                             query=urlencode({"method": method, "path_regex": path_regex}))
 
-    def item(self, path):
-        return self.control("GET", "item", query="path=" + quote(path, safe="/"))
-
     def content(self, path):
         return self.control("GET", "content", query="path=" + quote(path, safe="/"))
 
@@ -457,31 +454,6 @@ class CredentialCommands:
             return []
         with open(self.calls) as f:
             return f.read().split()
-
-
-class CredentialHelper(CredentialCommands):
-    """Credentials the test hands out through the server's creds and
-    renew-creds commands: issue() registers two tokens with the emulator,
-    the first valid there for `emulator_lifetime` seconds (None: forever),
-    and writes the credentials the commands print: the first expiring
-    `lifetime` seconds after issue(), the renewed one a day after."""
-    tokens = ("e2e-token-1", "e2e-token-2")
-
-    def __init__(self, emulator, folder, lifetime, emulator_lifetime=None):
-        self.emulator = emulator
-        self.lifetime = lifetime
-        self.emulator_lifetime = emulator_lifetime
-        self.files = [os.path.join(folder, name) for name in ("creds.json", "renewed.json")]
-        self.set_commands(os.path.join(folder, "credential-calls"),
-                          *("env -u LD_PRELOAD cat " + shlex.quote(p) for p in self.files))
-
-    def issue(self):
-        """Call right before the login, for the lifetimes to count from it."""
-        lifetimes = ((self.emulator_lifetime, self.lifetime), (None, 86400))
-        for token, path, (on_box, expiry) in zip(self.tokens, self.files, lifetimes):
-            self.emulator.control("POST", "tokens", {"token": token, "expires_in": on_box})
-            with open(path, "w") as f:
-                f.write(credential(token, time.time() + expiry))
 
 
 class BoxCredentialTool(CredentialCommands):
