@@ -204,12 +204,3 @@ def unit_command(unit_text):
     if m is None:
         raise AssertionError("no ExecStart= in the unit")
     return shlex.split(m.group(1).replace("$$", "$"))
-
-
-def lintian_findings(deb):
-    """lintian's errors and warnings on the package file, one line each
-    ("E: PACKAGE: TAG [details]")."""
-    r = run(["lintian", "--tag-display-limit", "0", deb], check=False, timeout=600)
-    if r.returncode not in (0, 1):  # 1: it found an error
-        raise AssertionError("lintian failed (%d):\n%s" % (r.returncode, r.stderr))
-    return [line for line in r.stdout.splitlines() if re.match(r"[EW]: ", line)]
