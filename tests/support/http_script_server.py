@@ -15,10 +15,6 @@
                         bytes in all), "arrays" ([[],[],...], N bytes) or
                         "nest" (N arrays inside each other); chunked without
                         a Content-Length when asked
-Any route with close=1 in its query closes the connection after answering,
-without saying so ("Connection: close" is not sent), as a server does with
-an idle kept-alive connection.
-
 Options: --port-file PATH (written once listening), --tls-cert PEM
 --tls-key PEM (serve HTTPS), --log-file PATH (one JSON line per request,
 written once its body has been read and before it is answered: method,
@@ -110,9 +106,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             getattr(self, "route_" + url.path.strip("/"))(url, query, body, chunked)
         except (BrokenPipeError, ConnectionResetError):
             self.close_connection = True  # the client gave up on a long answer
-        if "close" in query:
-            self.wfile.flush()
-            self.close_connection = True
 
     do_GET = do_PUT = do_POST = do_DELETE = route
 
