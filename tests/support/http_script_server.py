@@ -3,8 +3,8 @@
 
   /echo                 200, JSON: method, raw query, headers,
                         body (latin-1 text), whether the body came chunked
-  /status?code=N&h.K=V&body=T
-                        status N with headers K: V and body T
+  /status?code=N&body=T
+                        status N with body T
   /bytes?n=N            N bytes where byte i is i % 251; honours "bytes=a-"
   /sink                 201, JSON: length and sha1 of the body
   /stall?ms=M&after=P   sends the head and P bytes of a longer body (P
@@ -88,10 +88,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             parts.append(self.rfile.read(size))
             self.rfile.readline()
 
-    def answer(self, code, body=b"", headers=()):
+    def answer(self, code, body=b""):
         self.send_response(code)
-        for key, value in headers:
-            self.send_header(key, value)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
@@ -116,8 +114,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             "body": body.decode("latin-1"), "chunked": chunked}).encode())
 
     def route_status(self, url, query, body, chunked):
-        headers = [(k[2:], v[0]) for k, v in query.items() if k.startswith("h.")]
-        self.answer(int(query["code"][0]), query.get("body", [""])[0].encode(), headers)
+        self.answer(int(query["code"][0]), query.get("body", [""])[0].encode())
 
     def route_bytes(self, url, query, body, chunked):
         size = int(query["n"][0])
