@@ -193,14 +193,3 @@ def serve_box_from(tree, check):
             server.stop()
         emu.stop()
         shutil.rmtree(work, ignore_errors=True)
-
-
-def unit_command(unit_text):
-    """The ExecStart= command of a unit as the program receives it: the
-    continuation lines joined, systemd's "$$" a "$", split as systemd
-    splits it (which for this unit's quoting is the shell's)."""
-    text = re.sub(r"\\\n", " ", unit_text)
-    m = re.search(r"^ExecStart=(.*)$", text, re.M)
-    if m is None:
-        raise AssertionError("no ExecStart= in the unit")
-    return shlex.split(m.group(1).replace("$$", "$"))

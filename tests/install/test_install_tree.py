@@ -1,18 +1,16 @@
 """cmake --install into a scratch DESTDIR, then everything from the installed
 tree alone: its layout, its programs and plug-ins finding their libraries
 there, the installed server serving Box through the installed plug-in and
-credential helper, a plug-in built against the installed headers and
-pkg-config file, and the systemd unit's command."""
+credential helper, and a plug-in built against the installed headers and
+pkg-config file."""
 import os
-import re
 import shutil
 import tempfile
 import unittest
 
-from install_support import (BUILD, HERE, UNIT, clean_environment, curl, dynamic_section,
-                             elf_files, expected_files, install_build, installed_server,
-                             listed_names, resolved_libraries, run,
-                             serve_box_from, unit_command)
+from install_support import (BUILD, HERE, curl, dynamic_section, elf_files, expected_files,
+                             install_build, installed_server, listed_names,
+                             resolved_libraries, run, serve_box_from)
 
 
 class TreeChecks:
@@ -82,28 +80,6 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         listing = curl(server, "/")
         self.assertEqual(listed_names(listing), ["hello.txt"])
         self.assertEqual(listing.split()[4], "12")
-
-    def test_unit_runs_the_installed_programs_with_existing_options(self):
-        with open(self.tree.path("lib", "systemd", "system", UNIT)) as f:
-            command = unit_command(f.read())
-        self.assertEqual(command[0], self.tree.prefix + "/bin/tarvex-gridftp-server")
-        conf = "/etc/tarvex/tarvex-gridftp-server.conf"
-        self.assertEqual(command[command.index("--config") + 1], conf)
-        with open(self.tree.system_path(conf)) as f:
-            settings = [line.split("=", 1) for line in f
-                        if line.strip() and not line.lstrip().startswith("#")]
-        settings = [(k.strip(), v.strip()) for k, v in settings]
-        helpers = [v.split("=", 1)[1] for k, v in settings if k == "config-command"]
-        self.assertEqual(len(helpers), 2)
-        for helper in helpers:
-            self.assertTrue(helper.startswith(self.tree.prefix + "/bin/tarvex-box-credential "),
-                            helper)
-            self.assertTrue(helper.endswith('"${TARVEX_USER}"'), helper)
-        usage = run([self.tree.bin("tarvex-gridftp-server"), "--help"],
-                    env=clean_environment()).stdout
-        known = set(re.findall(r"--[a-z-]+", usage))
-        self.assertEqual([a for a in command if a.startswith("--") and a not in known], [])
-        self.assertEqual([k for k, v in settings if "--" + k not in known], [])
 
 
 if __name__ == "__main__":
