@@ -437,30 +437,12 @@ class ServerTest(unittest.TestCase):
 
 # -- credentials -------------------------------------------------------------
 
-class CredentialCommands:
-    """The server's creds and renew-creds commands (`args` for it), each
-    noting its key in a calls file before it runs."""
-
-    def set_commands(self, calls, creds, renew_creds):
-        self.calls = calls
-        self.args = []
-        for key, command in (("creds", creds), ("renew-creds", renew_creds)):
-            self.args += ["--config-command",
-                          "%s=echo %s >> %s; %s" % (key, key, shlex.quote(calls), command)]
-
-    def call_log(self):
-        """The keys the server asked for, in order."""
-        if not os.path.exists(self.calls):
-            return []
-        with open(self.calls) as f:
-            return f.read().split()
-
-
-class BoxCredentialTool(CredentialCommands):
+class BoxCredentialTool:
     """tarvex-box-credential (`program`) as the server's creds and
-    renew-creds commands, keeping its state under `folder` and asking the
-    emulator's token endpoint and API, TLS verified with the emulator's CA.
-    Every call the server makes is noted in the calls file first."""
+    renew-creds commands (`args` for it), keeping its state under `folder`
+    and asking the emulator's token endpoint and API, TLS verified with the
+    emulator's CA.  Every call the server makes is noted in a calls file
+    before it runs."""
     client = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
     first_refresh_token = "r-e2e-first"
 
@@ -472,9 +454,19 @@ class BoxCredentialTool(CredentialCommands):
                          "--token-url", emulator.base + "/oauth2/token",
                          "--api-base", emulator.base]
         helper = " ".join(shlex.quote(a) for a in [self.program] + self.settings)
-        command = 'env -u LD_PRELOAD %s %s"$TARVEX_USER"'
-        self.set_commands(os.path.join(folder, "credential-calls"), command % (helper, ""),
-                          command % (helper, "--renew "))
+        self.calls = os.path.join(folder, "credential-calls")
+        self.args = []
+        command = '%s=echo %s >> %s; env -u LD_PRELOAD %s %s"$TARVEX_USER"'
+        for key, renew in (("creds", ""), ("renew-creds", "--renew ")):
+            self.args += ["--config-command",
+                          command % (key, key, shlex.quote(self.calls), helper, renew)]
+
+    def call_log(self):
+        """The keys the server asked for, in order."""
+        if not os.path.exists(self.calls):
+            return []
+        with open(self.calls) as f:
+            return f.read().split()
 
     def enrol_new_user(self, user, first_lifetime=None, env=None):
         """Makes the application and a Box user on the emulator, then
@@ -528,7 +520,7 @@ def preload(program):
 class BoxServer(Server):
     """tarvex-gridftp-server --dsi box against `emulator`, with a home
     folder of its own (the plug-in's pacing files live there).  `creds`:
-    the credential's text, or CredentialCommands; `env`: changes to ours
+    the credential's text, or a BoxCredentialTool; `env`: changes to ours
     (None removes a variable); `base_env`: the environment they change."""
 
     def __init__(self, emulator, tls=False, policy=None, creds=None, extra=(), env=None,
@@ -543,7 +535,7 @@ class BoxServer(Server):
         changes = {"TARVEX_BOX_API_BASE": emulator.base, "TARVEX_BOX_UPLOAD_BASE": emulator.base,
                    "TARVEX_DSI_REST_CA_FILE": emulator.ca, "HOME": self.home,
                    "TARVEX_TEST_HOME": self.home, "LD_PRELOAD": preload(program or SERVER)}
-        if isinstance(creds, CredentialCommands):
+        if isinstance(creds, BoxCredentialTool):
             args += creds.args
         else:
             creds_file = os.path.join(self.work, "creds.json")
