@@ -153,8 +153,3 @@ class BoxClients(BoxTest):
         self.assertTrue(counts, "no progress reply")
         self.assertEqual(counts, sorted(counts))
         self.assertLessEqual(counts[-1], 60001)
-
-
-
-if __name__ == "__main__":
-    unittest.main()

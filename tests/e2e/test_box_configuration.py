@@ -144,7 +144,3 @@ class Reload(BoxTest):
         self.write_conf("idle-timeout = soon")
         self.reload('the old one stays: %s:5: idle-timeout: bad value "soon"' % self.conf)
         self.assertEqual(self.list_root(ca_b).returncode, 0, self.diagnostics())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -129,7 +129,3 @@ class CredentialHelperSession(BoxTest):
         self.assertIn("tarvex-box-credential: anonymous: %s has mode 0644" % path, log)
         self.assertIn("session start for anonymous failed: 451 CONFIGURATION_ERROR: "
                       'Configuration data "creds" is not available.', log)
-
-
-if __name__ == "__main__":
-    unittest.main()

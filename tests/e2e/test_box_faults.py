@@ -9,7 +9,6 @@ in tests/integration."""
 import os
 import re
 import time
-import unittest
 
 from harness import (MIB, BoxTest, login_cut_at_deadline, pattern,
                      process_gone, reply_of, session_pids, sha256, tear_down, wait_for,
@@ -103,7 +102,3 @@ class Faults(BoxTest):
         g = self.ftp()     # the server goes on
         self.addCleanup(g.close)
         self.assertEqual(g.sendcmd("NOOP"), "200 NOOP ok.")
-
-
-if __name__ == "__main__":
-    unittest.main()

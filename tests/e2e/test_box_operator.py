@@ -15,7 +15,6 @@ import shutil
 import signal
 import ssl
 import subprocess
-import unittest
 
 from harness import BoxServer, BoxTest, make_hash, reply_of, run, sha256, wait_for
 
@@ -229,7 +228,3 @@ class Operator(BoxTest):
         r = subprocess.run(["promtool", "check", "metrics"], input=page, capture_output=True,
                            text=True, timeout=60)
         self.assertEqual((r.returncode, r.stdout + r.stderr), (0, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,7 +6,6 @@ how many requests go at once and what each asks for is pinned by the
 integration tests (box_in_flight, box_session)."""
 import hashlib
 import os
-import unittest
 
 from harness import MIB, BoxTest, pattern, sha256, sha256_file
 
@@ -50,7 +49,3 @@ class DistantBox(BoxTest):
                                 for line in r.stdout.split()), names)
         pages = [e for e in self.requests("GET", "/items") if "limit" in e["query"]]
         self.assertEqual([e["query"]["limit"] for e in pages[-2:]], [["1000"], ["1000"]])
-
-
-if __name__ == "__main__":
-    unittest.main()

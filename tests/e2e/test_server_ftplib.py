@@ -8,7 +8,6 @@ import hashlib
 import io
 import os
 import socket
-import unittest
 
 from harness import ClientRuns, ServerTest, own_server, sha256_file, write_random
 
@@ -231,7 +230,3 @@ class Tls(ClientRuns, Session):
             g.write(f.read(400000))
         self.curl("-C", "-", "-T", src, self.server.url("/up-resume.bin"))
         self.assertEqual(sha256_file(self.local("up-resume.bin")), sha256_file(src))
-
-
-if __name__ == "__main__":
-    unittest.main()

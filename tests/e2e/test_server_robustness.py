@@ -408,7 +408,3 @@ class DataConnections(ServerTest):
         c.close()
         f = self.server.ftp(tls=True)
         f.quit()
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -73,7 +73,3 @@ class DebianPackage(TreeChecks, unittest.TestCase):
                         for d, _, names in os.walk(self.tree.system_path("/etc")) for n in names)
         self.assertEqual(conffiles, in_etc)
         self.assertEqual(sorted(CONFIG_FILES), in_etc)
-
-
-if __name__ == "__main__":
-    unittest.main()

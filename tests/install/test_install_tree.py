@@ -80,7 +80,3 @@ class InstalledTree(TreeChecks, unittest.TestCase):
         listing = curl(server, "/")
         self.assertEqual(listed_names(listing), ["hello.txt"])
         self.assertEqual(listing.split()[4], "12")
-
-
-if __name__ == "__main__":
-    unittest.main()
