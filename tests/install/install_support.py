@@ -116,14 +116,11 @@ def elf_files(tree):
     return files
 
 
-def dynamic_section(path):
-    """(soname or None, [runpath entries], [needed])."""
+def runpath(path):
+    """The ELF file's RUNPATH (or RPATH) entries."""
     out = run(["readelf", "-d", "-W", path]).stdout
-    soname = re.search(r"\(SONAME\).*\[(.*)\]", out)
-    runpath = re.search(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", out)
-    return (soname.group(1) if soname else None,
-            runpath.group(1).split(":") if runpath else [],
-            re.findall(r"\(NEEDED\).*\[(.*)\]", out))
+    found = re.search(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", out)
+    return found.group(1).split(":") if found else []
 
 
 def resolved_libraries(path):
@@ -137,21 +134,19 @@ def resolved_libraries(path):
     return found
 
 
-def clean_environment(extra=None):
+def clean_environment():
     """The environment without anything that could point a program at
     libraries or plug-ins other than the installed ones."""
-    env = {k: v for k, v in os.environ.items()
-           if k not in ("LD_LIBRARY_PATH", "LD_PRELOAD", "TARVEX_EXTENSION_PATH")
-           and not k.startswith("TARVEX_BOX_") and not k.startswith("TARVEX_DSI_REST_")}
-    env.update(extra or {})
-    return env
+    return {k: v for k, v in os.environ.items()
+            if k not in ("LD_LIBRARY_PATH", "LD_PRELOAD", "TARVEX_EXTENSION_PATH")
+            and not k.startswith("TARVEX_BOX_") and not k.startswith("TARVEX_DSI_REST_")}
 
 
-def installed_server(tree, env=None, **kw):
+def installed_server(tree, **kw):
     """The tree's tarvex-gridftp-server on 127.0.0.1, any free port, with
     its default plug-in path (no --dsi-path unless given in `extra`)."""
     return Server(program=tree.bin("tarvex-gridftp-server"), config_file=False,
-                  env=clean_environment() if env is None else env, **kw)
+                  env=clean_environment(), **kw)
 
 
 def curl(server, path, *args):

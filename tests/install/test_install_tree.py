@@ -8,9 +8,9 @@ import shutil
 import tempfile
 import unittest
 
-from install_support import (BUILD, HERE, curl, dynamic_section, elf_files, expected_files,
-                             install_build, installed_server, listed_names,
-                             resolved_libraries, run, serve_box_from)
+from install_support import (BUILD, HERE, curl, elf_files, expected_files, install_build,
+                             installed_server, listed_names, resolved_libraries, run,
+                             runpath, serve_box_from)
 
 
 class TreeChecks:
@@ -25,9 +25,8 @@ class TreeChecks:
         lib = os.path.realpath(self.tree.lib())
         for path in elf_files(self.tree):
             with self.subTest(file=os.path.basename(path)):
-                _, runpath, _ = dynamic_section(path)
                 # $ORIGIN only: nothing of the build folder or its machine.
-                self.assertEqual([p for p in runpath if not p.startswith("$ORIGIN")], [])
+                self.assertEqual([p for p in runpath(path) if not p.startswith("$ORIGIN")], [])
                 found = resolved_libraries(path)
                 self.assertEqual([n for n, p in found.items() if p is None], [])
                 ours = {n: os.path.dirname(os.path.realpath(p)) for n, p in found.items()

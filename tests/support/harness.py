@@ -656,9 +656,6 @@ class BoxTest(ClientRuns, unittest.TestCase):
     def paths(self):
         return {e["path"] for e in self.emu.tree()}
 
-    def md5_property(self, path):
-        return {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
-
     def store(self, f, path, data, allo=True):
         """STOR through ftplib, announced with ALLO; the reply text."""
         if allo:
