@@ -151,8 +151,6 @@ class BadInput(ServerTest):
         lines = []
         f.retrlines("LIST /names", lines.append)
         self.assertEqual([l.split()[-1] for l in lines], ["fine.txt"], lines)
-        self.assertEqual(f.nlst("/names"), ["fine.txt"])
-        self.assertEqual([n for n, _ in f.mlsd("/names")], [".", "fine.txt"])
         self.assertEqual(f.sendcmd("STAT /names").count("fine.txt"), 1)
         self.assertNotIn("forged", f.sendcmd("STAT /names"))
         f.quit()
