@@ -16,16 +16,7 @@ import signal
 import ssl
 import subprocess
 
-from harness import BoxServer, BoxTest, make_hash, reply_of, run, sha256, wait_for
-
-
-def port_file_value(path):
-    def read():
-        if not os.path.exists(path):
-            return None
-        with open(path) as f:
-            return f.read().strip()
-    return int(wait_for(read, "the port file " + path))
+from harness import BoxServer, BoxTest, make_hash, port_in, reply_of, run, sha256, wait_for
 
 
 def tls13_login(server):
@@ -56,7 +47,7 @@ class Tls(BoxTest):
         server = super().start_server(
             extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file]
             + list(extra), **kw)
-        server.implicit_port = port_file_value(port_file)
+        server.implicit_port = wait_for(lambda: port_in(port_file), "the implicit TLS port")
         return server
 
     def url(self, path):
@@ -197,7 +188,7 @@ class Operator(BoxTest):
                            extra=["--metrics-listen", "127.0.0.1:0",
                                   "--metrics-port-file", port_file])
         self.addCleanup(server.stop)
-        metrics_port = port_file_value(port_file)
+        metrics_port = wait_for(lambda: port_in(port_file), "the metrics port")
         bad = ftplib.FTP(timeout=60)
         bad.connect("127.0.0.1", server.port)
         self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))

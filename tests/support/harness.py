@@ -136,6 +136,15 @@ def tear_down(sock):
     sock.close()
 
 
+def port_in(path):
+    """The port a program wrote to the file `path`; None until it has."""
+    if not os.path.exists(path):
+        return None
+    with open(path) as f:
+        text = f.read().strip()
+    return int(text) if text.isdigit() else None
+
+
 class Process:
     """A program started in a scratch folder of its own that writes its
     port to a file once it listens; its output goes to a log."""
@@ -150,11 +159,7 @@ class Process:
         def port():
             if self.proc.poll() is not None:
                 raise RuntimeError(what + " exited:\n" + self.read_log())
-            if not os.path.exists(port_file):
-                return None
-            with open(port_file) as f:
-                text = f.read().strip()
-            return int(text) if text.isdigit() else None
+            return port_in(port_file)
         try:
             self.port = wait_for(port, what + " to listen", timeout=120)
         except BaseException:
