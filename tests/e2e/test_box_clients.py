@@ -68,9 +68,6 @@ class BoxClients(BoxTest):
         return self.client(["ftp-upload", "-h", "127.0.0.1:%d" % self.server.port,
                             "-u", "anonymous", "--password", "x", "-d", "/S/t"] + list(args))
 
-    def stored(self, path):
-        return self.emu.content(path)
-
     def names(self, folder):
         return sorted(p[len(folder):] for p in self.paths()
                       if p.startswith(folder) and "/" not in p[len(folder):])
@@ -95,7 +92,7 @@ class BoxClients(BoxTest):
         self.assertEqual(self.local_bytes("a.txt"), b"alpha\n")
         self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin",
                                                "lines.txt", "sub"])
-        self.assertEqual(self.stored("/S/t/lines.txt"), b"one\ntwo\n")
+        self.assertEqual(self.emu.content("/S/t/lines.txt"), b"one\ntwo\n")
         self.assertEqual(self.local_bytes("bin.txt"), b"one\ntwo\n")
         self.assertEqual(self.local_bytes("text.txt"), b"one\ntwo\n")
         # A name that starts with '-' is that file, not ls options.
@@ -114,16 +111,16 @@ class BoxClients(BoxTest):
     def test_temporary_names_in_lftp_and_ftp_upload(self):
         self.write_local("a.txt", b"new alpha\n")
         self.lftp("set xfer:use-temp-file yes; lcd %s; cd /S/t; put a.txt" % self.dir)
-        self.assertEqual(self.stored("/S/t/a.txt"), b"new alpha\n")
+        self.assertEqual(self.emu.content("/S/t/a.txt"), b"new alpha\n")
 
         self.write_local("b.txt", b"new beta\n")
         self.ftp_upload("--tmp-format", "tmp.%s", "b.txt")
-        self.assertEqual(self.stored("/S/t/b.txt"), b"new beta\n")
+        self.assertEqual(self.emu.content("/S/t/b.txt"), b"new beta\n")
 
         # STOU: a unique name beside the file, then the rename over it.
         self.write_local("c.bin", b"new c")
         self.ftp_upload("--tmp-samedir", "c.bin")
-        self.assertEqual(self.stored("/S/t/c.bin"), b"new c")
+        self.assertEqual(self.emu.content("/S/t/c.bin"), b"new c")
         self.assertEqual(self.names("/S/t/"), ["-dash.txt", "a.txt", "b.txt", "c.bin", "sub",
                                                "x1.tmp", "x2.tmp"])
 
@@ -156,8 +153,3 @@ class BoxClients(BoxTest):
         self.assertTrue(counts, "no progress reply")
         self.assertEqual(counts, sorted(counts))
         self.assertLessEqual(counts[-1], 60001)
-
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -126,8 +126,6 @@ class Reload(BoxTest):
         self.use_certificate(self.tls_b)
         self.write_conf("idle-timeout = 600")
         self.reload("configuration read again: idle-timeout: 900 -> 600")
-        self.assertIn("configuration read again: TLS certificate: subject /CN=localhost",
-                      self.server.read_log())
         r = self.list_root(ca_b)
         self.assertEqual(r.returncode, 0, r.stderr + self.diagnostics())
         self.assertNotEqual(self.list_root(ca_a).returncode, 0)   # the old certificate is gone
@@ -144,7 +142,3 @@ class Reload(BoxTest):
         self.write_conf("idle-timeout = soon")
         self.reload('the old one stays: %s:5: idle-timeout: bad value "soon"' % self.conf)
         self.assertEqual(self.list_root(ca_b).returncode, 0, self.diagnostics())
-
-
-if __name__ == "__main__":
-    unittest.main()

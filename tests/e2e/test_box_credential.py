@@ -76,9 +76,8 @@ class CredentialHelperSession(BoxTest):
     def test_session_renews_through_the_helper_and_logs_no_secret(self):
         secrets = self.secrets()
         first = secrets["access token"]
-        # Every level of the plug-in's and the REST client's debug output:
-        # the trace shows every header line of every exchange, the
-        # credential headers with their values hidden.
+        # Every level of the plug-in's and the REST client's debug output
+        # (how the trace hides credential headers is the RestTrace unit's).
         server, logs = self.start_logging_server("ALL", "ALL")
         self.emu.seed({"path": "/keep/a.txt", "content": "hello"})
         f = server.ftp()
@@ -106,10 +105,6 @@ class CredentialHelperSession(BoxTest):
         self.assertIn("/after", self.paths())
         self.assertNoSecrets(logs, dict(secrets, **{"second " + k: v
                                                      for k, v in renewal.items()}))
-        with open(logs["REST client debug"]) as trace:
-            text = trace.read()
-        self.assertIn("> POST /2.0/folders?", text)
-        self.assertIn("> Authorization: <hidden>", text)
 
     def test_a_credential_the_helper_refuses_is_not_available(self):
         # Each cause the helper names is pinned by box_credential_test; here
@@ -129,7 +124,3 @@ class CredentialHelperSession(BoxTest):
         self.assertIn("tarvex-box-credential: anonymous: %s has mode 0644" % path, log)
         self.assertIn("session start for anonymous failed: 451 CONFIGURATION_ERROR: "
                       'Configuration data "creds" is not available.', log)
-
-
-if __name__ == "__main__":
-    unittest.main()

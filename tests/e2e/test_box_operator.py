@@ -2,8 +2,8 @@
 against the Box emulator: TLS as clients meet it (implicit FTPS with curl's
 ftps:// URLs; explicit TLS 1.3 uploads by a client that ends its data
 connections without close_notify, and --tls-strict-eof; rclone's pooled
-TLS connections are test_box_many_sessions'), the audit log of the changes clients make
-(rotated with SIGHUP), and the Prometheus metrics page, scraped after
+TLS connections are test_box_many_sessions'), the audit log of the changes
+clients make (rotated with SIGHUP), and the Prometheus metrics page, scraped after
 clients worked and checked with promtool (a stalled scraper is
 gridftp_server_watch_test's)."""
 import ftplib
@@ -15,18 +15,8 @@ import shutil
 import signal
 import ssl
 import subprocess
-import unittest
 
-from harness import BoxServer, BoxTest, make_hash, reply_of, run, sha256, wait_for
-
-
-def port_file_value(path):
-    def read():
-        if not os.path.exists(path):
-            return None
-        with open(path) as f:
-            return f.read().strip()
-    return int(wait_for(read, "the port file " + path))
+from harness import BoxServer, BoxTest, make_hash, port_in, reply_of, run, sha256, wait_for
 
 
 def tls13_login(server):
@@ -57,7 +47,7 @@ class Tls(BoxTest):
         server = super().start_server(
             extra=["--implicit-tls-port", "0", "--implicit-tls-port-file", port_file]
             + list(extra), **kw)
-        server.implicit_port = port_file_value(port_file)
+        server.implicit_port = wait_for(lambda: port_in(port_file), "the implicit TLS port")
         return server
 
     def url(self, path):
@@ -191,14 +181,14 @@ class Operator(BoxTest):
         finally:
             conn.close()
 
-    def test_counts_of_sessions_transfers_and_box(self):
+    def test_counts_of_sessions_and_transfers(self):
         port_file = os.path.join(self.work, "metrics-port")
         me = pwd.getpwuid(os.geteuid()).pw_name
         server = BoxServer(self.emu, passwd="alice:%s:%s\n" % (make_hash("secret"), me),
                            extra=["--metrics-listen", "127.0.0.1:0",
                                   "--metrics-port-file", port_file])
         self.addCleanup(server.stop)
-        metrics_port = port_file_value(port_file)
+        metrics_port = wait_for(lambda: port_in(port_file), "the metrics port")
         bad = ftplib.FTP(timeout=60)
         bad.connect("127.0.0.1", server.port)
         self.assertTrue(reply_of(bad.login, "alice", "wrong").startswith("530"))
@@ -223,21 +213,9 @@ class Operator(BoxTest):
                                % direction], 1)
             self.assertEqual(s['tarvex_transfer_bytes_total{direction="%s"}' % direction],
                              len(data))
-        # The plug-in's counts against the emulator's log (less the test's
-        # calls to the emulator's control interface).
-        log = [e for e in self.emu.log() if not e["path"].startswith("/_emulator/")]
-        for method in ("GET", "POST", "PUT"):
-            for status in {e["status"] for e in log if e["method"] == method}:
-                want = sum(1 for e in log if (e["method"], e["status"]) == (method, status))
-                self.assertEqual(s['tarvex_storage_requests_total{method="%s",code="%d"}'
-                                   % (method, status)], want, (method, status))
 
         if shutil.which("promtool") is None:
             self.skipTest("promtool is not installed (scripts/install-deps installs it)")
         r = subprocess.run(["promtool", "check", "metrics"], input=page, capture_output=True,
                            text=True, timeout=60)
         self.assertEqual((r.returncode, r.stdout + r.stderr), (0, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

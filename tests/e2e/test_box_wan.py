@@ -4,9 +4,7 @@ asks for parts in flight, download streams and pages of 1000 items.  Each
 key with a client that uses it, the bytes compared with what Box holds;
 how many requests go at once and what each asks for is pinned by the
 integration tests (box_in_flight, box_session)."""
-import hashlib
 import os
-import unittest
 
 from harness import MIB, BoxTest, pattern, sha256, sha256_file
 
@@ -30,8 +28,6 @@ class DistantBox(BoxTest):
         src = self.local_file("up.bin", SIZE, seed=16)
         self.lftp("set ftp:use-allo true; put %s -o /up.bin" % src)
         self.assertEqual(sha256(self.emu.content("/up.bin")), sha256_file(src))
-        with open(src, "rb") as f:
-            self.assertEqual(self.md5_property("/up.bin"), hashlib.md5(f.read()).hexdigest())
         self.assertGreater(self.emu.concurrency("PUT", PARTS)["peak"], 1)
 
     def test_curl_get_in_streams(self):
@@ -50,7 +46,3 @@ class DistantBox(BoxTest):
                                 for line in r.stdout.split()), names)
         pages = [e for e in self.requests("GET", "/items") if "limit" in e["query"]]
         self.assertEqual([e["query"]["limit"] for e in pages[-2:]], [["1000"], ["1000"]])
-
-
-if __name__ == "__main__":
-    unittest.main()

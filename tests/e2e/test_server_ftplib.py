@@ -7,10 +7,7 @@ import ftplib
 import hashlib
 import io
 import os
-import shutil
 import socket
-import tempfile
-import unittest
 
 from harness import ClientRuns, ServerTest, own_server, sha256_file, write_random
 
@@ -41,11 +38,6 @@ def fetch(f, path, rest=None):
 class Session(ServerTest):
     """A login per test, in the clear or over TLS."""
     tls = False
-
-    @classmethod
-    def setUpClass(cls):
-        cls.server_args = {"tls": cls.tls}
-        super().setUpClass()
 
     def setUp(self):
         self.f = self.server.ftp(tls=self.tls)
@@ -215,17 +207,8 @@ class Ftplib(Session):
 
 class Tls(ClientRuns, Session):
     tls = True
+    server_args = {"tls": True}
     test_transfers_in_every_data_mode = Ftplib.test_transfers_in_every_data_mode
-
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        cls.work = tempfile.mkdtemp(prefix="tarvex-e2e-client-")
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.work, ignore_errors=True)
-        super().tearDownClass()
 
     def test_protection_commands(self):
         self.assertIn("AUTH TLS", self.f.sendcmd("FEAT"))
@@ -240,14 +223,10 @@ class Tls(ClientRuns, Session):
 
     def test_curl_resumes_an_upload(self):
         # (curl's resumed download is test_box_clients'.)
-        src = os.path.join(self.work, "resume.bin")
+        src = os.path.join(self.server.tmp, "resume.bin")
         write_random(src, 1000000, seed=2)
         # The server holds the first 400000 bytes; curl sends the rest (APPE).
         with open(src, "rb") as f, open(self.local("up-resume.bin"), "wb") as g:
             g.write(f.read(400000))
         self.curl("-C", "-", "-T", src, self.server.url("/up-resume.bin"))
         self.assertEqual(sha256_file(self.local("up-resume.bin")), sha256_file(src))
-
-
-if __name__ == "__main__":
-    unittest.main()

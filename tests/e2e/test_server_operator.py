@@ -13,7 +13,6 @@ import shutil
 import socket
 import ssl
 import tempfile
-import unittest
 
 from harness import ResumingFTP_TLS, ServerTest, make_hash, wait_for
 
@@ -209,7 +208,3 @@ class RequireTls(ServerTest):
         f.storbinary("STOR /secure.txt", io.BytesIO(b"secret"))
         self.assertEqual(f.nlst("/"), ["secure.txt"])
         f.quit()
-
-
-if __name__ == "__main__":
-    unittest.main()

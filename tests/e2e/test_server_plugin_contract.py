@@ -109,7 +109,3 @@ class StartUp(unittest.TestCase):
                                capture_output=True, text=True, timeout=30)
             self.assertEqual(r.returncode, 2, args)
             self.assertTrue(r.stderr.startswith("tarvex-gridftp-server: "), (args, r.stderr))
-
-
-if __name__ == "__main__":
-    unittest.main()

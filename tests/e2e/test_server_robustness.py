@@ -10,10 +10,9 @@ import threading
 import time
 import unittest
 
-from harness import ServerTest, own_server, process_gone, session_pids, wait_for
+from harness import ServerTest, own_server, process_gone, session_pids, tear_down, wait_for
 
 HUGE = 1 << 40  # a sparse file this big costs nothing to make, hours to hash
-RESET = b"\x01\x00\x00\x00\x00\x00\x00\x00"  # SO_LINGER of 0 s: close() resets
 
 
 class Raw:
@@ -152,8 +151,6 @@ class BadInput(ServerTest):
         lines = []
         f.retrlines("LIST /names", lines.append)
         self.assertEqual([l.split()[-1] for l in lines], ["fine.txt"], lines)
-        self.assertEqual(f.nlst("/names"), ["fine.txt"])
-        self.assertEqual([n for n, _ in f.mlsd("/names")], [".", "fine.txt"])
         self.assertEqual(f.sendcmd("STAT /names").count("fine.txt"), 1)
         self.assertNotIn("forged", f.sendcmd("STAT /names"))
         f.quit()
@@ -180,17 +177,6 @@ class BadInput(ServerTest):
             reply = c.store(path, b"abc", before)
             self.assertTrue(reply.startswith(code), (path, before, reply))
             self.assertEqual(read_file(self.local(path[1:])), content, (path, before))
-
-    def test_many_connections_dropped(self):
-        for i in range(1000):
-            s = socket.create_connection(("127.0.0.1", self.server.port), timeout=10)
-            if i % 3 == 1:
-                s.sendall(b"USER anonymous\r\nPASS")
-            elif i % 3 == 2:
-                s.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
-            s.close()
-        # Sessions end as their clients vanish; a login soon works again.
-        wait_for(lambda: logged_in(self.server), "a login after the flood")
 
     def test_crashed_session_leaves_listener_up(self):
         c = Raw(self.server).login(b"crasher")
@@ -401,8 +387,7 @@ class DataConnections(ServerTest):
             self.assertIn(f.makepasv()[1], range(40100, 40120))
         conn = f.transfercmd("RETR /drop.bin")
         conn.recv(1000)
-        conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
-        conn.close()  # a reset, mid-transfer
+        tear_down(conn)  # a reset, mid-transfer
         with self.assertRaises(ftplib.error_temp) as cm:
             f.voidresp()
         self.assertIn("426", str(cm.exception))
@@ -421,7 +406,3 @@ class DataConnections(ServerTest):
         c.close()
         f = self.server.ftp(tls=True)
         f.quit()
-
-
-if __name__ == "__main__":
-    unittest.main()

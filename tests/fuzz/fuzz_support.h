@@ -5,9 +5,12 @@
  * activation: its tables build themselves on first use.
  *
  * A harness defines LLVMFuzzerTestOneInput only (set-up it needs is made on
- * first use: replay_main.cpp calls nothing else).  Built with TARVEX_FUZZ
- * it is a libFuzzer program; otherwise replay_main.cpp runs it over the
- * files of its corpus.
+ * first use: the replay's main() calls nothing else).  Built with
+ * TARVEX_FUZZ it is a libFuzzer program; otherwise (TARVEX_FUZZ_REPLAY)
+ * the main() below runs it over the files of the folders named on its
+ * command line.  The ordinary builds (plain and sanitized) replay the
+ * checked-in corpora this way, so an input that once broke a parser keeps
+ * being tried.
  */
 #ifndef TARVEX_FUZZ_SUPPORT_H
 #define TARVEX_FUZZ_SUPPORT_H
@@ -16,6 +19,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -112,5 +118,34 @@ inline void check_error_table_empty()
 }
 
 } // namespace tarvex_fuzz
+
+#ifdef TARVEX_FUZZ_REPLAY
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
+
+int main(int argc, char **argv)
+{
+    size_t replayed = 0;
+    for (int i = 1; i < argc; i++)
+        for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
+            std::ifstream in(entry.path(), std::ios::binary);
+            if (!in) {
+                fprintf(stderr, "cannot read %s\n", entry.path().c_str());
+                return 1;
+            }
+            // A copy of exactly the input's size, so that AddressSanitizer
+            // sees a read past its end as libFuzzer's own buffer would show.
+            std::vector<uint8_t> input((std::istreambuf_iterator<char>(in)),
+                                       std::istreambuf_iterator<char>());
+            LLVMFuzzerTestOneInput(input.data(), input.size());
+            replayed++;
+        }
+    if (replayed == 0) {
+        fprintf(stderr, "usage: %s FOLDER...: no input found\n", argv[0]);
+        return 2;
+    }
+    printf("replayed %zu inputs\n", replayed);
+    return 0;
+}
+#endif
 
 #endif

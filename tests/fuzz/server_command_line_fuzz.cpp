@@ -101,20 +101,13 @@ void check_offset(int64_t value, const char *what)
     check(value >= 0 && value <= max_client_offset, what, std::to_string(value));
 }
 
-void rest(const std::string &arg)
+/* REST's offset and ALLO's size. */
+template <auto parse>
+void offset(const std::string &arg)
 {
-    int64_t offset = -7;
-    if (!taken(parse_rest, arg, offset))
-        return;
-    check_offset(offset, "a REST offset out of range");
-}
-
-void allo(const std::string &arg)
-{
-    int64_t size = -7;
-    if (!taken(parse_allo, arg, size))
-        return;
-    check_offset(size, "an ALLO size out of range");
+    int64_t value = -7;
+    if (taken(parse, arg, value))
+        check_offset(value, "a REST offset or ALLO size out of range");
 }
 
 void cksm(const std::string &arg)
@@ -187,8 +180,9 @@ void list(const std::string &arg)
 void check_arguments(const std::string &line)
 {
     static const std::map<std::string, void (*)(const std::string &)> parsers = {
-        {"REST", rest}, {"ALLO", allo}, {"CKSM", cksm}, {"PORT", port}, {"EPRT", eprt},
-        {"EPSV", epsv}, {"LIST", list}, {"NLST", list}, {"OPTS", opts},
+        {"REST", offset<parse_rest>}, {"ALLO", offset<parse_allo>}, {"CKSM", cksm},
+        {"PORT", port}, {"EPRT", eprt}, {"EPSV", epsv}, {"LIST", list}, {"NLST", list},
+        {"OPTS", opts},
     };
     CommandLine command = split_command(line);
     auto parser = parsers.find(command.verb);

@@ -116,14 +116,11 @@ def elf_files(tree):
     return files
 
 
-def dynamic_section(path):
-    """(soname or None, [runpath entries], [needed])."""
+def runpath(path):
+    """The ELF file's RUNPATH (or RPATH) entries."""
     out = run(["readelf", "-d", "-W", path]).stdout
-    soname = re.search(r"\(SONAME\).*\[(.*)\]", out)
-    runpath = re.search(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", out)
-    return (soname.group(1) if soname else None,
-            runpath.group(1).split(":") if runpath else [],
-            re.findall(r"\(NEEDED\).*\[(.*)\]", out))
+    found = re.search(r"\((?:RUNPATH|RPATH)\).*\[(.*)\]", out)
+    return found.group(1).split(":") if found else []
 
 
 def resolved_libraries(path):
@@ -137,21 +134,19 @@ def resolved_libraries(path):
     return found
 
 
-def clean_environment(extra=None):
+def clean_environment():
     """The environment without anything that could point a program at
     libraries or plug-ins other than the installed ones."""
-    env = {k: v for k, v in os.environ.items()
-           if k not in ("LD_LIBRARY_PATH", "LD_PRELOAD", "TARVEX_EXTENSION_PATH")
-           and not k.startswith("TARVEX_BOX_") and not k.startswith("TARVEX_DSI_REST_")}
-    env.update(extra or {})
-    return env
+    return {k: v for k, v in os.environ.items()
+            if k not in ("LD_LIBRARY_PATH", "LD_PRELOAD", "TARVEX_EXTENSION_PATH")
+            and not k.startswith("TARVEX_BOX_") and not k.startswith("TARVEX_DSI_REST_")}
 
 
-def installed_server(tree, env=None, **kw):
+def installed_server(tree, **kw):
     """The tree's tarvex-gridftp-server on 127.0.0.1, any free port, with
     its default plug-in path (no --dsi-path unless given in `extra`)."""
     return Server(program=tree.bin("tarvex-gridftp-server"), config_file=False,
-                  env=clean_environment() if env is None else env, **kw)
+                  env=clean_environment(), **kw)
 
 
 def curl(server, path, *args):
@@ -193,23 +188,3 @@ def serve_box_from(tree, check):
             server.stop()
         emu.stop()
         shutil.rmtree(work, ignore_errors=True)
-
-
-def unit_command(unit_text):
-    """The ExecStart= command of a unit as the program receives it: the
-    continuation lines joined, systemd's "$$" a "$", split as systemd
-    splits it (which for this unit's quoting is the shell's)."""
-    text = re.sub(r"\\\n", " ", unit_text)
-    m = re.search(r"^ExecStart=(.*)$", text, re.M)
-    if m is None:
-        raise AssertionError("no ExecStart= in the unit")
-    return shlex.split(m.group(1).replace("$$", "$"))
-
-
-def lintian_findings(deb):
-    """lintian's errors and warnings on the package file, one line each
-    ("E: PACKAGE: TAG [details]")."""
-    r = run(["lintian", "--tag-display-limit", "0", deb], check=False, timeout=600)
-    if r.returncode not in (0, 1):  # 1: it found an error
-        raise AssertionError("lintian failed (%d):\n%s" % (r.returncode, r.stderr))
-    return [line for line in r.stdout.splitlines() if re.match(r"[EW]: ", line)]

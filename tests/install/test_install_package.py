@@ -1,14 +1,13 @@
 """The Debian package: cpack -G DEB of the build into a scratch folder, read
-back with dpkg-deb.  Its control fields and scripts, lintian's view of it,
-and its contents unpacked and run as the installed tree is (the same
-checks)."""
+back with dpkg-deb.  Its control fields and conffiles, and its contents
+unpacked and run as the installed tree is (the same checks)."""
 import os
 import shutil
 import sys
 import tempfile
 import unittest
 
-from install_support import BUILD, CONFIG_FILES, CPACK, VERSION, Tree, lintian_findings, run
+from install_support import BUILD, CONFIG_FILES, CPACK, VERSION, Tree, run
 from test_install_tree import TreeChecks
 
 PACKAGE = "tarvex-gridftp-server"
@@ -63,14 +62,9 @@ class DebianPackage(TreeChecks, unittest.TestCase):
         # makes the account with adduser, which nothing links.
         self.assertIn("adduser", self.field("Depends"))
 
-    def test_maintainer_scripts_and_conffiles(self):
+    def test_conffiles(self):
         control = os.path.join(self.work, "control")
         run(["dpkg-deb", "-e", self.deb, control])
-        for script in ("postinst", "prerm", "postrm"):
-            with self.subTest(script=script):
-                path = os.path.join(control, script)
-                self.assertEqual(os.stat(path).st_mode & 0o777, 0o755)
-                run(["sh", "-n", path])
         with open(os.path.join(control, "conffiles")) as f:
             conffiles = sorted(f.read().split())
         # Exactly the files under /etc, which dpkg keeps when an operator
@@ -79,16 +73,3 @@ class DebianPackage(TreeChecks, unittest.TestCase):
                         for d, _, names in os.walk(self.tree.system_path("/etc")) for n in names)
         self.assertEqual(conffiles, in_etc)
         self.assertEqual(sorted(CONFIG_FILES), in_etc)
-
-    def test_lintian_finds_no_error(self):
-        if shutil.which("lintian") is None:
-            print("SKIPPED LOUDLY: lintian is not installed; the package is unchecked",
-                  file=sys.stderr)
-            self.skipTest("lintian is not installed")
-        findings = lintian_findings(self.deb)
-        print("\n".join(["lintian:"] + findings), file=sys.stderr)
-        self.assertEqual([f for f in findings if f.startswith("E:")], [])
-
-
-if __name__ == "__main__":
-    unittest.main()

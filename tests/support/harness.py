@@ -136,6 +136,15 @@ def tear_down(sock):
     sock.close()
 
 
+def port_in(path):
+    """The port a program wrote to the file `path`; None until it has."""
+    if not os.path.exists(path):
+        return None
+    with open(path) as f:
+        text = f.read().strip()
+    return int(text) if text.isdigit() else None
+
+
 class Process:
     """A program started in a scratch folder of its own that writes its
     port to a file once it listens; its output goes to a log."""
@@ -150,11 +159,7 @@ class Process:
         def port():
             if self.proc.poll() is not None:
                 raise RuntimeError(what + " exited:\n" + self.read_log())
-            if not os.path.exists(port_file):
-                return None
-            with open(port_file) as f:
-                text = f.read().strip()
-            return int(text) if text.isdigit() else None
+            return port_in(port_file)
         try:
             self.port = wait_for(port, what + " to listen", timeout=120)
         except BaseException:
@@ -257,9 +262,6 @@ class Emulator(Process):
         path the regex finds, the most open at once, open now, in all."""
         return self.control("GET", "concurrency",
                             query=urlencode({"method": method, "path_regex": path_regex}))
-
-    def item(self, path):
-        return self.control("GET", "item", query="path=" + quote(path, safe="/"))
 
     def content(self, path):
         return self.control("GET", "content", query="path=" + quote(path, safe="/"))
@@ -440,55 +442,12 @@ class ServerTest(unittest.TestCase):
 
 # -- credentials -------------------------------------------------------------
 
-class CredentialCommands:
-    """The server's creds and renew-creds commands (`args` for it), each
-    noting its key in a calls file before it runs."""
-
-    def set_commands(self, calls, creds, renew_creds):
-        self.calls = calls
-        self.args = []
-        for key, command in (("creds", creds), ("renew-creds", renew_creds)):
-            self.args += ["--config-command",
-                          "%s=echo %s >> %s; %s" % (key, key, shlex.quote(calls), command)]
-
-    def call_log(self):
-        """The keys the server asked for, in order."""
-        if not os.path.exists(self.calls):
-            return []
-        with open(self.calls) as f:
-            return f.read().split()
-
-
-class CredentialHelper(CredentialCommands):
-    """Credentials the test hands out through the server's creds and
-    renew-creds commands: issue() registers two tokens with the emulator,
-    the first valid there for `emulator_lifetime` seconds (None: forever),
-    and writes the credentials the commands print: the first expiring
-    `lifetime` seconds after issue(), the renewed one a day after."""
-    tokens = ("e2e-token-1", "e2e-token-2")
-
-    def __init__(self, emulator, folder, lifetime, emulator_lifetime=None):
-        self.emulator = emulator
-        self.lifetime = lifetime
-        self.emulator_lifetime = emulator_lifetime
-        self.files = [os.path.join(folder, name) for name in ("creds.json", "renewed.json")]
-        self.set_commands(os.path.join(folder, "credential-calls"),
-                          *("env -u LD_PRELOAD cat " + shlex.quote(p) for p in self.files))
-
-    def issue(self):
-        """Call right before the login, for the lifetimes to count from it."""
-        lifetimes = ((self.emulator_lifetime, self.lifetime), (None, 86400))
-        for token, path, (on_box, expiry) in zip(self.tokens, self.files, lifetimes):
-            self.emulator.control("POST", "tokens", {"token": token, "expires_in": on_box})
-            with open(path, "w") as f:
-                f.write(credential(token, time.time() + expiry))
-
-
-class BoxCredentialTool(CredentialCommands):
+class BoxCredentialTool:
     """tarvex-box-credential (`program`) as the server's creds and
-    renew-creds commands, keeping its state under `folder` and asking the
-    emulator's token endpoint and API, TLS verified with the emulator's CA.
-    Every call the server makes is noted in the calls file first."""
+    renew-creds commands (`args` for it), keeping its state under `folder`
+    and asking the emulator's token endpoint and API, TLS verified with the
+    emulator's CA.  Every call the server makes is noted in a calls file
+    before it runs."""
     client = {"client_id": "e2e-app", "client_secret": "e2e-app-secret-5f1c"}
     first_refresh_token = "r-e2e-first"
 
@@ -500,9 +459,19 @@ class BoxCredentialTool(CredentialCommands):
                          "--token-url", emulator.base + "/oauth2/token",
                          "--api-base", emulator.base]
         helper = " ".join(shlex.quote(a) for a in [self.program] + self.settings)
-        command = 'env -u LD_PRELOAD %s %s"$TARVEX_USER"'
-        self.set_commands(os.path.join(folder, "credential-calls"), command % (helper, ""),
-                          command % (helper, "--renew "))
+        self.calls = os.path.join(folder, "credential-calls")
+        self.args = []
+        command = '%s=echo %s >> %s; env -u LD_PRELOAD %s %s"$TARVEX_USER"'
+        for key, renew in (("creds", ""), ("renew-creds", "--renew ")):
+            self.args += ["--config-command",
+                          command % (key, key, shlex.quote(self.calls), helper, renew)]
+
+    def call_log(self):
+        """The keys the server asked for, in order."""
+        if not os.path.exists(self.calls):
+            return []
+        with open(self.calls) as f:
+            return f.read().split()
 
     def enrol_new_user(self, user, first_lifetime=None, env=None):
         """Makes the application and a Box user on the emulator, then
@@ -556,7 +525,7 @@ def preload(program):
 class BoxServer(Server):
     """tarvex-gridftp-server --dsi box against `emulator`, with a home
     folder of its own (the plug-in's pacing files live there).  `creds`:
-    the credential's text, or CredentialCommands; `env`: changes to ours
+    the credential's text, or a BoxCredentialTool; `env`: changes to ours
     (None removes a variable); `base_env`: the environment they change."""
 
     def __init__(self, emulator, tls=False, policy=None, creds=None, extra=(), env=None,
@@ -571,7 +540,7 @@ class BoxServer(Server):
         changes = {"TARVEX_BOX_API_BASE": emulator.base, "TARVEX_BOX_UPLOAD_BASE": emulator.base,
                    "TARVEX_DSI_REST_CA_FILE": emulator.ca, "HOME": self.home,
                    "TARVEX_TEST_HOME": self.home, "LD_PRELOAD": preload(program or SERVER)}
-        if isinstance(creds, CredentialCommands):
+        if isinstance(creds, BoxCredentialTool):
             args += creds.args
         else:
             creds_file = os.path.join(self.work, "creds.json")
@@ -691,9 +660,6 @@ class BoxTest(ClientRuns, unittest.TestCase):
 
     def paths(self):
         return {e["path"] for e in self.emu.tree()}
-
-    def md5_property(self, path):
-        return {e["path"]: e["tarvex-md5"] for e in self.emu.tree()}[path]
 
     def store(self, f, path, data, allo=True):
         """STOR through ftplib, announced with ALLO; the reply text."""

@@ -3,8 +3,8 @@
 
   /echo                 200, JSON: method, raw query, headers,
                         body (latin-1 text), whether the body came chunked
-  /status?code=N&h.K=V&body=T
-                        status N with headers K: V and body T
+  /status?code=N&body=T
+                        status N with body T
   /bytes?n=N            N bytes where byte i is i % 251; honours "bytes=a-"
   /sink                 201, JSON: length and sha1 of the body
   /stall?ms=M&after=P   sends the head and P bytes of a longer body (P
@@ -15,10 +15,6 @@
                         bytes in all), "arrays" ([[],[],...], N bytes) or
                         "nest" (N arrays inside each other); chunked without
                         a Content-Length when asked
-Any route with close=1 in its query closes the connection after answering,
-without saying so ("Connection: close" is not sent), as a server does with
-an idle kept-alive connection.
-
 Options: --port-file PATH (written once listening), --tls-cert PEM
 --tls-key PEM (serve HTTPS), --log-file PATH (one JSON line per request,
 written once its body has been read and before it is answered: method,
@@ -92,10 +88,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
             parts.append(self.rfile.read(size))
             self.rfile.readline()
 
-    def answer(self, code, body=b"", headers=()):
+    def answer(self, code, body=b""):
         self.send_response(code)
-        for key, value in headers:
-            self.send_header(key, value)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
@@ -110,9 +104,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             getattr(self, "route_" + url.path.strip("/"))(url, query, body, chunked)
         except (BrokenPipeError, ConnectionResetError):
             self.close_connection = True  # the client gave up on a long answer
-        if "close" in query:
-            self.wfile.flush()
-            self.close_connection = True
 
     do_GET = do_PUT = do_POST = do_DELETE = route
 
@@ -123,8 +114,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             "body": body.decode("latin-1"), "chunked": chunked}).encode())
 
     def route_status(self, url, query, body, chunked):
-        headers = [(k[2:], v[0]) for k, v in query.items() if k.startswith("h.")]
-        self.answer(int(query["code"][0]), query.get("body", [""])[0].encode(), headers)
+        self.answer(int(query["code"][0]), query.get("body", [""])[0].encode())
 
     def route_bytes(self, url, query, body, chunked):
         size = int(query["n"][0])
