@@ -1,6 +1,6 @@
 """The Debian package: cpack -G DEB of the build into a scratch folder, read
-back with dpkg-deb.  Its control fields and conffiles, and its contents
-unpacked and run as the installed tree is (the same checks)."""
+back with dpkg-deb.  Its control fields and conffiles, lintian's errors, and its
+contents unpacked and run as the installed tree is (the same checks)."""
 import os
 import shutil
 import sys
@@ -73,3 +73,13 @@ class DebianPackage(TreeChecks, unittest.TestCase):
                         for d, _, names in os.walk(self.tree.system_path("/etc")) for n in names)
         self.assertEqual(conffiles, in_etc)
         self.assertEqual(sorted(CONFIG_FILES), in_etc)
+
+    def test_lintian_finds_no_error(self):
+        if shutil.which("lintian") is None:
+            print("SKIPPED LOUDLY: lintian is not installed; the package is unchecked",
+                  file=sys.stderr)
+            self.skipTest("lintian is not installed")
+        r = run(["lintian", "--tag-display-limit", "0", self.deb], check=False, timeout=600)
+        self.assertIn(r.returncode, (0, 1), r.stderr)  # 1: it found an error
+        print("lintian:\n" + r.stdout, file=sys.stderr)
+        self.assertEqual([line for line in r.stdout.splitlines() if line.startswith("E: ")], [])
