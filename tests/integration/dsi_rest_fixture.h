@@ -229,19 +229,17 @@ inline tarvex_result_t test_failure(const char *message)
 }
 
 /* A server operation backed by memory: writes land in `sink` at their
- * offsets, reads serve `source` in pieces of at most `chunk` bytes.  Each
+ * offsets, reads serve `source`.  Each
  * buffer is touched only on its completion's own thread, and completions
  * come in no particular order. */
 class FakeOp {
 public:
     std::string source;
-    size_t chunk = SIZE_MAX;
     int fail_write = -1; // the n-th write (from 0) fails
-    bool fail_reads = false;
     bool stall_reads = false;         // reads complete only when the FakeOp goes
     std::atomic<bool> stalled{false}; // a stalled read is waiting
 
-    std::atomic<uint64_t> written = 0, recvd = 0; // as reported by update_bytes_*
+    std::atomic<uint64_t> recvd = 0; // as reported by update_bytes_recvd
     std::mutex mutex;                              // guards what follows
     std::string sink;
     int writes = 0;
@@ -287,10 +285,8 @@ private:
         auto *f = static_cast<FakeOp *>(ctx);
         std::lock_guard<std::mutex> lock(f->mutex);
         size_t offset = f->position_;
-        size_t n = f->fail_reads ? 0
-                                 : std::min({size_t(length), f->chunk, f->source.size() - offset});
+        size_t n = std::min(size_t(length), f->source.size() - offset);
         f->position_ += n;
-        bool fail = f->fail_reads;
         f->threads_.emplace_back([=] {
             if (f->stall_reads) {
                 std::unique_lock<std::mutex> stall(f->mutex);
@@ -300,8 +296,7 @@ private:
             // Bytes of a file into a data buffer: no string to terminate.
             // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
             memcpy(buffer, f->source.data() + offset, n);
-            callback(op, fail ? test_failure("reset") : TARVEX_SUCCESS, buffer, n,
-                     tarvex_off_t(offset), !fail && n == 0, user_arg);
+            callback(op, TARVEX_SUCCESS, buffer, n, tarvex_off_t(offset), n == 0, user_arg);
         });
         return TARVEX_SUCCESS;
     }
@@ -314,9 +309,6 @@ private:
             tarvex_gfs_operation_provider_t built{};
             built.register_read = read;
             built.register_write = write;
-            built.update_bytes_written = [](void *ctx, tarvex_off_t, tarvex_off_t length) {
-                static_cast<FakeOp *>(ctx)->written += uint64_t(length);
-            };
             built.update_bytes_recvd = [](void *ctx, tarvex_off_t length) {
                 static_cast<FakeOp *>(ctx)->recvd += uint64_t(length);
             };
