@@ -96,7 +96,6 @@ TEST_F(command_test, Delete)
         {TARVEX_GFS_CMD_RMD, "/d/a.txt", "451 Path is a file.\r\n", ""},
         {TARVEX_GFS_CMD_DELE, "/d/missing", "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/d/missing\"\r\n", ""},
         {TARVEX_GFS_CMD_DELE, "/d/a.txt", "", "DELETE /2.0/files/" + ids_["/d/a.txt"]},
-        {TARVEX_GFS_CMD_RMD, "/d/sub", "", "DELETE /2.0/folders/" + ids_["/d/sub"]},
         {TARVEX_GFS_CMD_SITE_RDEL, "/d", "",
          "DELETE /2.0/folders/" + ids_["/d"] + "?recursive=true"},
         {TARVEX_GFS_CMD_SITE_RDEL, "/", "550-PERMISSION_DENIED\r\n550 GridFTP-Path: /\r\n", ""},

@@ -44,8 +44,7 @@ inline std::string make_temp_dir()
     return mkdtemp(pattern) != nullptr ? pattern : "";
 }
 
-/* One line of the scripted server's log: a request once its body was read,
- * or (method "") the end of a connection. */
+/* One request of the scripted server's log, once its body was read. */
 struct LogLine {
     std::string method, path, body_sha1;
     uint64_t body_length = 0;
@@ -74,7 +73,8 @@ public:
         std::filesystem::remove_all(dir_);
     }
     bool running() const { return port_ != 0; }
-    /* Every line logged so far, oldest first. */
+    /* Every request logged so far, oldest first (the log's lines for the
+     * end of a connection, with no method, left out). */
     std::vector<LogLine> log() const
     {
         std::vector<LogLine> lines;
@@ -87,19 +87,11 @@ public:
             };
             LogLine entry{str("method"), str("path"), str("body_sha1")};
             entry.body_length = uint64_t(json_integer_value(json_object_get(line, "body_length")));
-            lines.push_back(entry);
+            if (!entry.method.empty())
+                lines.push_back(entry);
             json_decref(line);
         }
         return lines;
-    }
-    /* The requests logged after the first `mark` lines. */
-    std::vector<LogLine> requests_since(size_t mark) const
-    {
-        std::vector<LogLine> lines = log(), requests;
-        for (size_t i = mark; i < lines.size(); i++)
-            if (!lines[i].method.empty())
-                requests.push_back(lines[i]);
-        return requests;
     }
     std::string url(const std::string &path) const
     {
