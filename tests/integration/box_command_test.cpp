@@ -38,10 +38,9 @@ protected:
 
 TEST_F(command_test, UnservedCommandsAreRefusedWithoutARequest)
 {
-    for (auto type : {TARVEX_GFS_CMD_SITE_CHMOD, TARVEX_GFS_CMD_SITE_UTIME,
-                      TARVEX_GFS_CMD_SITE_SYMLINK, TARVEX_GFS_CMD_RNFR,
-                      TARVEX_GFS_CMD_SITE_AUTHZ_ASSERT, TARVEX_GFS_MIN_CUSTOM_CMD,
-                      static_cast<tarvex_gfs_command_type_t>(0)}) {
+    /* All go to one refusal: a command known to the server, RNFR (the
+     * rename takes its source from RNTO), and one the plug-in never heard of. */
+    for (auto type : {TARVEX_GFS_CMD_SITE_CHMOD, TARVEX_GFS_CMD_RNFR, TARVEX_GFS_MIN_CUSTOM_CMD}) {
         EXPECT_EQ(command(type, "/d/a.txt"), "500 NOT_IMPLEMETED\r\n") << type;
         EXPECT_EQ(text_, std::nullopt);
     }
@@ -97,7 +96,6 @@ TEST_F(command_test, Delete)
         {TARVEX_GFS_CMD_RMD, "/d/a.txt", "451 Path is a file.\r\n", ""},
         {TARVEX_GFS_CMD_DELE, "/d/missing", "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/d/missing\"\r\n", ""},
         {TARVEX_GFS_CMD_DELE, "/d/a.txt", "", "DELETE /2.0/files/" + ids_["/d/a.txt"]},
-        {TARVEX_GFS_CMD_RMD, "/d/sub", "", "DELETE /2.0/folders/" + ids_["/d/sub"]},
         {TARVEX_GFS_CMD_SITE_RDEL, "/d", "",
          "DELETE /2.0/folders/" + ids_["/d"] + "?recursive=true"},
         {TARVEX_GFS_CMD_SITE_RDEL, "/", "550-PERMISSION_DENIED\r\n550 GridFTP-Path: /\r\n", ""},

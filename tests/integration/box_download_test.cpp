@@ -45,11 +45,6 @@ protected:
             driver_.add_read_range(offset, length);
         return take_reply(driver_.send(&box_table, session_, path));
     }
-    void fault_content(const std::string &fields)
-    {
-        emulator().fault(R"({"method":"GET","path_regex":"^/2.0/files/)" + id_ +
-                         R"(/content$",)" + fields + "}");
-    }
     static void fault_download(const std::string &fields)
     {
         emulator().fault(R"({"method":"GET","path_regex":"^/d/",)" + fields + "}");
@@ -167,7 +162,8 @@ TEST_F(download_test, AnswersOfTheContentRequestAndTheDownload)
         SCOPED_TRACE("content " + r.content_fault + ", download " + r.download_fault);
         driver_.clear_events();
         if (!r.content_fault.empty())
-            fault_content(r.content_fault);
+            emulator().fault(R"({"method":"GET","path_regex":"^/2.0/files/)" + id_ +
+                             R"(/content$",)" + r.content_fault + "}");
         if (!r.download_fault.empty())
             fault_download(r.download_fault);
         std::string reply = retrieve({{0, -1}});

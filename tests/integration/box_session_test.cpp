@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <filesystem>
 
+#include "box_scratch.h"
 #include "box_session_support.h"
 #include "config.h"
 #include "path_cache.h"
@@ -19,7 +20,7 @@ namespace fs = std::filesystem;
 TEST_F(session_test, LoginListsRootOnceAndCreatesPacingFiles)
 {
     seed(R"([{"path":"/f.txt","content":"x"}])");
-    const fs::path dot = home_dot(), box_r = dot / "box-r";
+    const fs::path dot = tarvex_test::box_home::dir() + "/.tarvex", box_r = dot / "box-r";
     std::error_code ignored;
     fs::remove_all(dot, ignored); /* made by the starts of earlier tests */
     const char *saved = tarvex_i_box_retry_path;
@@ -76,7 +77,8 @@ TEST_F(resolve_test, StaleEntriesAreDroppedAndTheirFolderListedAgain)
 
     /* Gone from Box meanwhile: dropped, and missing. */
     make_stale("/a/b");
-    script_page(ids_["/a"], R"({"entries":[]})");
+    fault("GET", "^/2.0/folders/" + ids_["/a"] + "/items$", 1,
+          R"("status":200,"body":{"entries":[]})");
     EXPECT_EQ(take_reply(resolve("/a/b")), "550-PATH_NOT_FOUND\r\n550 GridFTP-Path: \"/a/b\"\r\n");
     EXPECT_EQ(cached("/a/b"), nullptr);
     EXPECT_EQ(listings(), strings{ids_["/a"]});

@@ -44,8 +44,7 @@ inline std::string make_temp_dir()
     return mkdtemp(pattern) != nullptr ? pattern : "";
 }
 
-/* One line of the scripted server's log: a request once its body was read,
- * or (method "") the end of a connection. */
+/* One request of the scripted server's log, once its body was read. */
 struct LogLine {
     std::string method, path, body_sha1;
     uint64_t body_length = 0;
@@ -74,7 +73,8 @@ public:
         std::filesystem::remove_all(dir_);
     }
     bool running() const { return port_ != 0; }
-    /* Every line logged so far, oldest first. */
+    /* Every request logged so far, oldest first (the log's lines for the
+     * end of a connection, with no method, left out). */
     std::vector<LogLine> log() const
     {
         std::vector<LogLine> lines;
@@ -87,19 +87,11 @@ public:
             };
             LogLine entry{str("method"), str("path"), str("body_sha1")};
             entry.body_length = uint64_t(json_integer_value(json_object_get(line, "body_length")));
-            lines.push_back(entry);
+            if (!entry.method.empty())
+                lines.push_back(entry);
             json_decref(line);
         }
         return lines;
-    }
-    /* The requests logged after the first `mark` lines. */
-    std::vector<LogLine> requests_since(size_t mark) const
-    {
-        std::vector<LogLine> lines = log(), requests;
-        for (size_t i = mark; i < lines.size(); i++)
-            if (!lines[i].method.empty())
-                requests.push_back(lines[i]);
-        return requests;
     }
     std::string url(const std::string &path) const
     {
@@ -229,19 +221,17 @@ inline tarvex_result_t test_failure(const char *message)
 }
 
 /* A server operation backed by memory: writes land in `sink` at their
- * offsets, reads serve `source` in pieces of at most `chunk` bytes.  Each
+ * offsets, reads serve `source`.  Each
  * buffer is touched only on its completion's own thread, and completions
  * come in no particular order. */
 class FakeOp {
 public:
     std::string source;
-    size_t chunk = SIZE_MAX;
     int fail_write = -1; // the n-th write (from 0) fails
-    bool fail_reads = false;
     bool stall_reads = false;         // reads complete only when the FakeOp goes
     std::atomic<bool> stalled{false}; // a stalled read is waiting
 
-    std::atomic<uint64_t> written = 0, recvd = 0; // as reported by update_bytes_*
+    std::atomic<uint64_t> recvd = 0; // as reported by update_bytes_recvd
     std::mutex mutex;                              // guards what follows
     std::string sink;
     int writes = 0;
@@ -287,10 +277,8 @@ private:
         auto *f = static_cast<FakeOp *>(ctx);
         std::lock_guard<std::mutex> lock(f->mutex);
         size_t offset = f->position_;
-        size_t n = f->fail_reads ? 0
-                                 : std::min({size_t(length), f->chunk, f->source.size() - offset});
+        size_t n = std::min(size_t(length), f->source.size() - offset);
         f->position_ += n;
-        bool fail = f->fail_reads;
         f->threads_.emplace_back([=] {
             if (f->stall_reads) {
                 std::unique_lock<std::mutex> stall(f->mutex);
@@ -300,8 +288,7 @@ private:
             // Bytes of a file into a data buffer: no string to terminate.
             // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
             memcpy(buffer, f->source.data() + offset, n);
-            callback(op, fail ? test_failure("reset") : TARVEX_SUCCESS, buffer, n,
-                     tarvex_off_t(offset), !fail && n == 0, user_arg);
+            callback(op, TARVEX_SUCCESS, buffer, n, tarvex_off_t(offset), n == 0, user_arg);
         });
         return TARVEX_SUCCESS;
     }
@@ -314,9 +301,6 @@ private:
             tarvex_gfs_operation_provider_t built{};
             built.register_read = read;
             built.register_write = write;
-            built.update_bytes_written = [](void *ctx, tarvex_off_t, tarvex_off_t length) {
-                static_cast<FakeOp *>(ctx)->written += uint64_t(length);
-            };
             built.update_bytes_recvd = [](void *ctx, tarvex_off_t length) {
                 static_cast<FakeOp *>(ctx)->recvd += uint64_t(length);
             };

@@ -85,17 +85,6 @@ std::string BoxEmulator::LogEntry::header(const std::string &name) const
     return "";
 }
 
-std::string BoxEmulator::LogEntry::query_value(const std::string &key) const
-{
-    auto it = query.find(key);
-    return it == query.end() || it->second.empty() ? "" : it->second.front();
-}
-
-bool BoxEmulator::LogEntry::has_query(const std::string &key) const
-{
-    return query.count(key) != 0;
-}
-
 BoxEmulator::BoxEmulator()
 {
     static std::once_flag curl_once;
@@ -265,8 +254,6 @@ std::vector<BoxEmulator::LogEntry> BoxEmulator::log()
         }
         json_object_foreach(json_object_get(e, "headers"), key, value) entry.headers[key] =
             string_of(value);
-        entry.body_length = number_of(json_object_get(e, "body_length"));
-        entry.body_sha1 = string_of(json_object_get(e, "body_sha1"));
         entry.status = static_cast<int>(number_of(json_object_get(e, "status")));
         entry.started = real_of(json_object_get(e, "started"));
         entry.ended = real_of(json_object_get(e, "ended"));

@@ -37,8 +37,6 @@ public:
         std::string path;                                        /* without the query */
         std::map<std::string, std::vector<std::string>> query;   /* "marker=" gives {""} */
         std::map<std::string, std::string> headers;              /* names in lower case */
-        uint64_t body_length = 0;
-        std::string body_sha1;                                   /* lower-case hex */
         int status = 0;                                          /* 0: connection dropped */
         /* The emulator's monotonic clock, seconds: the head was read; just
          * before the answer's last byte went out (or the connection was
@@ -48,9 +46,6 @@ public:
 
         /* Header value by case-insensitive name; "" when absent. */
         std::string header(const std::string &name) const;
-        /* First value of a query key; "" when absent. */
-        std::string query_value(const std::string &key) const;
-        bool has_query(const std::string &key) const;
     };
 
     /* Requests of one kind, logged or being served: the most that were

@@ -46,6 +46,14 @@ class environment : public ::testing::Environment {
 /* Box's own threshold, which small_parts() lowers for one test. */
 const int default_chunked_minimum = tarvex_i_box_chunked_minimum;
 
+std::string hex(const unsigned char *digest, size_t length)
+{
+    std::string out;
+    for (size_t i = 0; i < length; i++)
+        out += "0123456789abcdef"[digest[i] >> 4], out += "0123456789abcdef"[digest[i] & 15];
+    return out;
+}
+
 } // namespace
 
 const tarvex_gfs_storage_iface_t box_table = [] {
@@ -63,11 +71,6 @@ tarvex_test::BoxEmulator &emulator()
 {
     static tarvex_test::BoxEmulator instance;
     return instance;
-}
-
-std::string home_dot()
-{
-    return tarvex_test::box_home::dir() + "/.tarvex";
 }
 
 std::vector<log_entry> take_requests()
@@ -129,14 +132,6 @@ void fault(const std::string &method, const std::string &path_regex, int count,
                      R"(","count":)" + std::to_string(count) + "," + how + "}");
 }
 
-std::string hex(const unsigned char *digest, size_t length)
-{
-    std::string out;
-    for (size_t i = 0; i < length; i++)
-        out += "0123456789abcdef"[digest[i] >> 4], out += "0123456789abcdef"[digest[i] & 15];
-    return out;
-}
-
 std::string md5_of(const std::string &data)
 {
     unsigned char digest[MD5_DIGEST_LENGTH];
@@ -176,25 +171,23 @@ tarvex_box_path_info_t *session_test::cached(const std::string &path)
 }
 
 std::string session_test::store(tarvex_test::driver &d, const std::string &path,
-                                tarvex_off_t alloc_size, bool truncate,
-                                const tarvex_gfs_storage_iface_t &table)
+                                tarvex_off_t alloc_size, bool truncate)
 {
     d.clear_events();
     d.set_answer_timeout(answer_timeout);
-    tarvex_error_discard(d.recv(&table, session_, path, alloc_size, truncate));
+    tarvex_error_discard(d.recv(&box_table, session_, path, alloc_size, truncate));
     auto finished = d.events(tarvex_test::event_kind::finished_transfer);
     EXPECT_EQ(finished.size(), 1u) << path;
     return finished.empty() ? "<no answer>" : finished[0].reply;
 }
 
 std::string session_test::store_pattern(tarvex_test::driver &d, const std::string &path,
-                                        uint64_t total, uint64_t offset,
-                                        const tarvex_gfs_storage_iface_t &table)
+                                        uint64_t total, uint64_t offset)
 {
     d.set_receive_pattern(total - offset);
     if (offset != 0)
         d.add_write_range(static_cast<tarvex_off_t>(offset), -1);
-    return store(d, path, static_cast<tarvex_off_t>(total), offset == 0, table);
+    return store(d, path, static_cast<tarvex_off_t>(total), offset == 0);
 }
 
 void session_test::expect_sent(uint64_t offset, const std::string &bytes)
@@ -255,11 +248,6 @@ tarvex_box_session_t *session_test::start(const std::string &user_id)
     if (session_ == nullptr)
         tarvex_error_discard(driver_.last_result()); /* its reply is in the event */
     return session_;
-}
-
-void session_test::script_page(const std::string &id, const std::string &page)
-{
-    fault("GET", "^/2.0/folders/" + id + "/items$", 1, R"("status":200,"body":)" + page);
 }
 
 } // namespace box_session_test

@@ -17,8 +17,7 @@ namespace tarvex_test {
 namespace {
 
 constexpr uint64_t pattern_period = 251;
-// The in-memory sink refuses to grow beyond this: huge transfers belong in
-// the counting sink.
+// The in-memory sink refuses to grow beyond this (the byte count goes on).
 constexpr uint64_t memory_sink_limit = uint64_t(1) << 30;
 
 void fill_pattern(void *out, uint64_t length, uint64_t start)
@@ -71,9 +70,6 @@ std::string pattern(uint64_t length, uint64_t start)
 
 struct driver::shared : script, recorded {
     mutable std::mutex m;
-    // the operation of the convenience call running now
-    tarvex_gfs_operation_t running = nullptr;
-
     // the client's data: the write range's offset (what has been handed
     // over is `received`)
     tarvex_off_t recv_base = 0;
@@ -108,7 +104,7 @@ struct driver::shared : script, recorded {
         // A write at a negative offset, or past the limit, is left out of
         // the bytes: the test comparing them sees it.
         uint64_t end = static_cast<uint64_t>(offset) + length;
-        if (digest_sink || offset < 0 || end > memory_sink_limit)
+        if (offset < 0 || end > memory_sink_limit)
             return;
         if (sent.size() < end)
             sent.resize(end, '\0');
@@ -486,15 +482,6 @@ driver::locked<const driver::recorded> driver::view() const
     return locked<const recorded>(s_->m, *s_);
 }
 
-bool driver::cancel()
-{
-    std::lock_guard lock(s_->m);
-    if (s_->running == nullptr)
-        return false;
-    tarvex_gfs_operation_cancel(s_->running);
-    return true;
-}
-
 // Creates an operation, lets `call` hand it to the plug-in and waits for
 // the final answer and every outstanding completion.  Without the plug-in
 // function (`present` false) the call fails at once.
@@ -514,7 +501,6 @@ tarvex_result_t driver::run(bool present, Call &&call, void **session_arg)
         return TARVEX_FAILURE;
     {
         std::lock_guard lock(s_->m);
-        s_->running = o->op;
         s_->moved = 0;
     }
     // Cancelled before it starts when the script says so at 0 bytes.
@@ -525,10 +511,6 @@ tarvex_result_t driver::run(bool present, Call &&call, void **session_arg)
     bool answered = o->wait_answer(timeout);
     if (answered)
         o->drain();
-    {
-        std::lock_guard lock(s_->m);
-        s_->running = nullptr;
-    }
     if (!answered) {
         // The plug-in may still answer later: the operation must outlive
         // it, so it is left allocated on purpose.

@@ -36,11 +36,10 @@
  * eof true, as on a real data channel).  A read of 0 bytes while data is
  * left fails: the client sent more than the plug-in takes.
  *
- * Sent data (what register_write hands the driver) goes to a sink: by
- * default in memory, assembled at the given offsets (holes read as zero
- * bytes) with a log of (offset, length) writes; or, for huge transfers, a
- * counting sink that keeps only the byte count.  Each send() starts with an
- * empty sink.
+ * Sent data (what register_write hands the driver) goes to a sink in
+ * memory, assembled at the given offsets (holes read as zero bytes) with a
+ * log of (offset, length) writes and a byte count.  Each send() starts with
+ * an empty sink.
  *
  * Unscripted calls get the defaults of driver::script, and read ranges
  * (0, 0) once the queue is empty (nothing more wanted), write ranges
@@ -48,11 +47,11 @@
  *
  * Cancelling.  A convenience call makes its operation the calling thread's
  * current one (tarvex_gfs_operation_set_current) while the plug-in runs, as
- * the server does.  cancel() cancels it from any thread, as the server does
- * on ABOR: tarvex_gridftp_server_operation_cancelled() turns true, new
- * registered reads and writes are refused, and those already registered
- * complete with an error (no data moves).  cancel_after_bytes() does the
- * same at a fixed point of a transfer.
+ * the server does.  cancel_after_bytes() cancels it at a fixed point of a
+ * transfer, as the server does on ABOR:
+ * tarvex_gridftp_server_operation_cancelled() turns true, new registered
+ * reads and writes are refused, and those already registered complete with
+ * an error (no data moves).
  */
 #ifndef TARVEX_TEST_DRIVER_H
 #define TARVEX_TEST_DRIVER_H
@@ -150,8 +149,6 @@ public:
     void set_recv_modification_time(time_t modtime) { edit()->modtime = modtime; }
     void set_update_interval(int seconds) { edit()->update_interval = seconds; }
     void set_block_size(tarvex_size_t block_size) { edit()->block_size = block_size; }
-    /* Use the counting sink from now on (call before sending). */
-    void use_digest_sink() { edit()->digest_sink = true; }
     /* Record bytes_received / bytes_written events (default true). */
     void set_record_progress(bool record) { edit()->record_progress = record; }
     /* How long a convenience call waits for the final answer (default 30 s);
@@ -162,12 +159,6 @@ public:
      * plug-in by register_read); 0: before the plug-in is called;
      * std::nullopt: never. */
     void cancel_after_bytes(std::optional<uint64_t> bytes) { edit()->cancel_after = bytes; }
-
-    /* ---- cancelling (any thread) ---- */
-
-    /* Cancels the operation of the convenience call running now; false
-     * when none is running. */
-    bool cancel();
 
     /* ---- convenience calls ---- */
 
@@ -208,8 +199,6 @@ public:
     }
     /* Bytes received by register_write calls. */
     uint64_t sent_bytes() const { return view()->sent_count; }
-    /* Bytes handed to the plug-in through register_read by the last recv. */
-    uint64_t received_bytes() const { return view()->received; }
 
     /* ---- for the provider (implementation) ---- */
     struct operation_state;
@@ -226,7 +215,6 @@ public:
         time_t modtime = -1;
         int update_interval = 0;
         tarvex_size_t block_size = 262144;
-        bool digest_sink = false; /* the counting sink */
         bool record_progress = true;
         std::chrono::milliseconds timeout{30000};
         std::optional<uint64_t> cancel_after;
