@@ -8,8 +8,8 @@ import os
 import tempfile
 import unittest
 
-from harness import (BOX_CREDENTIAL, CRASH_SIGNS, BoxCredentialTool, BoxTest, reply_of,
-                         wait_for)
+from harness import (BOX_CREDENTIAL, CHUNKED_MINIMUM, CRASH_SIGNS, BoxCredentialTool, BoxTest,
+                     pattern, sha256)
 
 # The plug-in asks for renew-creds when fewer than 100 s remain: a first
 # token of 120 s is renewed by an operation about 20 s into the session.
@@ -20,6 +20,7 @@ FIRST_LIFETIME = 120
                      "TARVEX_BOX_CREDENTIAL not built")
 class CredentialHelperSession(BoxTest):
     https = True
+    part_size = 4 << 20
 
     def setUp(self):
         super().setUp()
@@ -28,10 +29,12 @@ class CredentialHelperSession(BoxTest):
         self.tool = BoxCredentialTool(self.emu, self.folder)
         self.tool.enrol_new_user("anonymous", FIRST_LIFETIME)
 
-    def api_tokens(self):
-        """The bearer token of every API request, in order."""
+    def api_tokens(self, methods=("GET", "POST", "PUT", "DELETE", "OPTIONS")):
+        """The bearer token of every API and upload request (of `methods`),
+        in order."""
         return [e["headers"]["authorization"].split()[-1] for e in self.emu.log()
-                if e["path"].startswith("/2.0/") and e["path"] != "/2.0/users/me"]
+                if "/2.0/" in e["path"] and e["path"] != "/2.0/users/me"
+                and e["method"] in methods]
 
     def secrets(self):
         doc = self.tool.stored("anonymous")
@@ -83,11 +86,13 @@ class CredentialHelperSession(BoxTest):
         f = server.ftp()
         self.addCleanup(f.close)
         self.assertEqual(f.size("/keep/a.txt"), 5)
-
-        def renewed():
-            self.assertEqual(reply_of(f.sendcmd, "MDTM /keep/a.txt")[:4], "213 ")
-            return len(self.tool.call_log()) > 1
-        wait_for(renewed, "the session to ask for renew-creds", timeout=FIRST_LIFETIME, step=1.0)
+        # A store of 13 parts taking 2 s each outlasts the first token's
+        # 20 s: its parts go on with the second.
+        self.emu.fault({"method": "PUT", "path_regex": "/upload_sessions/", "delay_ms": 2000,
+                        "count": -1})
+        data = pattern(CHUNKED_MINIMUM + 1)
+        self.assertEqual(self.store(f, "/long.bin", data), "226 Transfer complete.")
+        self.assertEqual(sha256(self.emu.content("/long.bin")), sha256(data))
         self.assertEqual(f.mkd("/after"), "/after")
         self.assertEqual(self.tool.call_log(), ["creds", "renew-creds"])
 
@@ -101,6 +106,8 @@ class CredentialHelperSession(BoxTest):
         tokens = self.api_tokens()
         self.assertEqual(tokens, sorted(tokens, key=[first, second].index))
         self.assertEqual((tokens[0], tokens[-1]), (first, second))
+        parts = self.api_tokens(methods=("PUT",))
+        self.assertEqual((parts[0], parts[-1]), (first, second))
         self.assertEqual([e for e in self.emu.log() if e["status"] == 401], [])
         self.assertIn("/after", self.paths())
         self.assertNoSecrets(logs, dict(secrets, **{"second " + k: v
