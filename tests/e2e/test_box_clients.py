@@ -2,12 +2,13 @@
 drive it: classic ftp (tnftp) with wildcards and ASCII mode both ways,
 lftp's recursive listing, its upload to a temporary name and its reading
 of checksum progress, ftp-upload's temporary names (rename over the file,
-and STOU) over active data connections, curl's resumed download, and wget.  The server runs the shipped
-policy's "rename_replaces".  The plug-in's rules behind each command
-(paths, refusals, upload paths, retries, ranges) are pinned by the driver
-tests in tests/integration; here is what the clients make of them.
-Uploads in parts are test_box_many_sessions' (lftp) and test_box_faults';
-curl over TLS is test_box_operator's."""
+and STOU) over active data connections, curl's resumed download, and
+wget.  The server runs the shipped policy's "rename_replaces".  The
+plug-in's rules behind each command (paths, refusals, upload paths,
+retries, ranges) are pinned by the driver tests in tests/integration;
+here is what the clients make of them.  Uploads in parts are
+test_box_many_sessions' (lftp) and test_box_faults'; curl over TLS is
+test_box_operator's."""
 import hashlib
 import os
 import re
