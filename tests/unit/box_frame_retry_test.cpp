@@ -160,8 +160,8 @@ TEST(BoxFrameRetry, AFileOfAnotherSizeIsMadeAFreshRecord)
 }
 
 /* Without a pacing file to use (its folder cannot be made), pacing falls
- * back to a private record.  Which files are refused is the state files'
- * rule, pinned by BoxUploadLock.FallsBackToPrivateMemory. */
+ * back to a private record.  That a state file which is no regular file is
+ * refused is pinned by BoxUploadLock.FallsBackToPrivateMemory. */
 TEST(BoxFrameRetry, WithoutAFilePacingFallsBackToAPrivateRecord)
 {
     box_scratch scratch;
