@@ -73,8 +73,7 @@ public:
         std::filesystem::remove_all(dir_);
     }
     bool running() const { return port_ != 0; }
-    /* Every request logged so far, oldest first (the log's lines for the
-     * end of a connection, with no method, left out). */
+    /* Every request logged so far, oldest first. */
     std::vector<LogLine> log() const
     {
         std::vector<LogLine> lines;
@@ -87,8 +86,7 @@ public:
             };
             LogLine entry{str("method"), str("path"), str("body_sha1")};
             entry.body_length = uint64_t(json_integer_value(json_object_get(line, "body_length")));
-            if (!entry.method.empty())
-                lines.push_back(entry);
+            lines.push_back(entry);
             json_decref(line);
         }
         return lines;

@@ -18,8 +18,7 @@
 Options: --port-file PATH (written once listening), --tls-cert PEM
 --tls-key PEM (serve HTTPS), --log-file PATH (one JSON line per request,
 written once its body has been read and before it is answered: method,
-path, conn (the client's port), body_length, body_sha1; and {"closed": conn}
-when a connection ends).  Only 127.0.0.1 is served.  The server exits when
+path, body_length, body_sha1).  Only 127.0.0.1 is served.  The server exits when
 its standard input closes.
 """
 import argparse
@@ -98,8 +97,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
         url = urllib.parse.urlsplit(self.path)
         query = urllib.parse.parse_qs(url.query, keep_blank_values=True)
         body, chunked = self.read_body()
-        Log.write({"method": self.command, "path": url.path, "conn": self.client_address[1],
-                   "body_length": len(body), "body_sha1": hashlib.sha1(body).hexdigest()})
+        Log.write({"method": self.command, "path": url.path, "body_length": len(body),
+                   "body_sha1": hashlib.sha1(body).hexdigest()})
         try:
             getattr(self, "route_" + url.path.strip("/"))(url, query, body, chunked)
         except (BrokenPipeError, ConnectionResetError):
@@ -168,16 +167,6 @@ class Server(http.server.ThreadingHTTPServer):
         # write) resets its connection: nothing to report.
         if not isinstance(sys.exc_info()[1], (ConnectionResetError, BrokenPipeError)):
             super().handle_error(request, client_address)
-
-    def shutdown_request(self, request):
-        try:
-            conn = request.getpeername()[1]
-        except OSError:
-            conn = None  # reset by the client
-        super().shutdown_request(request)
-        # Logged once the connection is closed here: a client that reads
-        # this line next finds the connection's end waiting for it.
-        Log.write({"closed": conn})
 
 
 def main():
